@@ -1,0 +1,111 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "refbase.h"
+
+namespace KITE {
+
+// A flat buffer of typed fields, written at its end and read from its front. A parcel belongs to one thread.
+//
+// Encoding: integers in the machine's byte order; every field starts at a multiple of four bytes.
+//   bool, int32, uint32   4 bytes
+//   int64, uint64         8 bytes
+//   string                uint32 length in bytes, the bytes, zero padding
+//   u16string             uint32 length in code units, the units, zero padding
+//   vectors               uint32 count, the elements
+//   interface token       a u16string
+//
+// Every read checks what remains: a field that does not fit, or a length or count beyond the remaining bytes,
+// makes the read return false before anything is allocated; position and output stay as they were.
+// Every write returns false, and writes nothing, when the parcel would exceed kMaxSize.
+class KITE_API Parcel {
+  public:
+    static constexpr size_t kMaxSize = size_t{128} << 20;
+
+    Parcel() = default;
+    // Takes bytes that came from elsewhere; nothing is checked until it is read.
+    explicit Parcel(std::vector<std::byte> bytes) : bytes_(std::move(bytes)) {}
+
+    bool WriteBool(bool value) { return WriteInt32(value ? 1 : 0); }
+    bool WriteInt32(int32_t value);
+    bool WriteUint32(uint32_t value);
+    bool WriteInt64(int64_t value);
+    bool WriteUint64(uint64_t value);
+    bool WriteString(std::string_view value);
+    bool WriteString16(std::u16string_view value);
+    bool WriteInt32Vector(const std::vector<int32_t>& values);
+    bool WriteUInt32Vector(const std::vector<uint32_t>& values);
+    bool WriteUInt64Vector(const std::vector<uint64_t>& values);
+
+    bool ReadBool(bool& value);
+    bool ReadInt32(int32_t& value);
+    bool ReadUint32(uint32_t& value);
+    bool ReadInt64(int64_t& value);
+    bool ReadUint64(uint64_t& value);
+    bool ReadString(std::string& value);
+    bool ReadString16(std::u16string& value);
+    bool ReadInt32Vector(std::vector<int32_t>* values);
+    bool ReadUInt32Vector(std::vector<uint32_t>* values);
+    bool ReadUInt64Vector(std::vector<uint64_t>* values);
+
+    std::span<const std::byte> Bytes() const noexcept { return bytes_; }
+    size_t ReadableBytes() const noexcept { return bytes_.size() - position_; }
+    // Makes room for that many bytes in all, so that a large record list is written without regrowth.
+    void Reserve(size_t bytes) { bytes_.reserve(bytes); }
+
+  private:
+    bool Append(const void* data, size_t size);
+    bool AppendCounted(size_t count, const void* data, size_t size);
+    bool Take(void* data, size_t size);
+    bool TakeCount(size_t elementSize, uint32_t& count);
+    template <typename T>
+    bool ReadVector(std::vector<T>* values);
+
+    std::vector<std::byte> bytes_;
+    size_t position_ = 0;
+};
+
+// A parcel as a remote call carries it.
+class KITE_API MessageParcel : public Parcel {
+  public:
+    using Parcel::Parcel;
+
+    bool WriteInterfaceToken(std::u16string_view descriptor) { return WriteString16(descriptor); }
+    // The token at the read position, or an empty string if there is none.
+    std::u16string ReadInterfaceToken();
+};
+
+// How a remote call is made.
+class KITE_API MessageOption {
+  public:
+    enum class Mode { kSync, kAsync };
+
+    explicit MessageOption(Mode mode = Mode::kSync) : mode_(mode) {}
+    Mode GetMode() const noexcept { return mode_; }
+
+  private:
+    Mode mode_;
+};
+
+// A record that can travel in a parcel. Records are plain values: copied, moved and kept in vectors.
+class KITE_API Parcelable : public virtual RefBase {
+  public:
+    // Appends the record; false when the parcel is full.
+    virtual bool Marshalling(Parcel& parcel) const = 0;
+    // Replaces the record by what the parcel holds next; false, with the record unspecified, when it does not
+    // hold one.
+    virtual bool ReadFromParcel(Parcel& parcel) = 0;
+
+  protected:
+    Parcelable() noexcept = default;
+    Parcelable(const Parcelable&) noexcept = default;
+    Parcelable& operator=(const Parcelable&) noexcept = default;
+};
+
+}  // namespace KITE

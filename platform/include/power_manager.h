@@ -1,0 +1,15 @@
+#pragma once
+
+#include "visibility.h"
+
+namespace KITE {
+
+class KITE_API PowerMgrClient {
+  public:
+    static PowerMgrClient& GetInstance();
+
+    // Any thread but the one that serves requests.
+    bool IsScreenOn() const;
+};
+
+}  // namespace KITE

@@ -1,0 +1,146 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+
+#include "visibility.h"
+
+// The system log. KITE_LOG writes one line: the prefix "[unit(function):line] ", where the unit is the source
+// file's name without directory and extension, and then the formatted message.
+//
+//     KITE_LOG(KITE::Log::Level::kInfo, label, "pid is %{public}d", pid);
+//
+// Every conversion carries the mark {public}: what cannot be shown to everybody is not logged. The marks are
+// checked against a missing or misspelt one, and the conversions against the arguments' types, while
+// compiling; known are s (const char*), d (int), u (unsigned), ld and lu (64 bits). A line below the minimum
+// level costs one atomic load and evaluates no argument. Any thread; never waits; never fails.
+namespace KITE::Log {
+
+enum class Level : int { kDebug, kInfo, kWarning, kError };
+
+struct Label {
+    uint32_t domain;
+    const char* tag;
+};
+
+struct Site {
+    const char* unit;
+    const char* function;
+    int line;
+};
+
+// Lines below this level are not written. Set by whoever owns the process.
+KITE_API extern std::atomic<Level> minimumLevel;
+
+inline bool IsLoggable(Level level) {
+    return level >= minimumLevel.load(std::memory_order_relaxed);
+}
+
+// Writes one line; `format` is a printf format that includes the prefix. Use KITE_LOG.
+KITE_API void Write(Level level, const Label& label, const Site& site, const char* format, ...);
+
+template <size_t N>
+struct Text {
+    char text[N] = {};
+};
+
+// The name of a source file without directory and extension.
+template <size_t N>
+consteval Text<N> UnitName(const char (&path)[N]) {
+    std::string_view name(path, N - 1);
+    name = name.substr(name.find_last_of('/') + 1);
+    name = name.substr(0, name.find_last_of('.'));
+    Text<N> unit;
+    for (size_t i = 0; i < name.size(); ++i) {
+        unit.text[i] = name[i];
+    }
+    return unit;
+}
+
+// The printf format without the marks; a conversion without its mark does not compile.
+template <size_t N>
+consteval Text<N> StripMarks(const char (&marked)[N]) {
+    constexpr std::string_view kMark = "{public}";
+    const std::string_view from(marked, N - 1);
+    Text<N> stripped;
+    size_t length = 0;
+    for (size_t i = 0; i < from.size(); ++i) {
+        stripped.text[length++] = from[i];
+        if (from[i] != '%') {
+            continue;
+        }
+        if (from.substr(i + 1, kMark.size()) == kMark) {
+            i += kMark.size();
+        } else if (from.substr(i + 1, 1) == "%") {
+            stripped.text[length++] = from[++i];
+        } else {
+            throw "a conversion of a log format lacks its {public} mark";
+        }
+    }
+    return stripped;
+}
+
+template <typename T>
+consteval std::string_view ConversionOf() {
+    if constexpr (std::is_same_v<T, const char*> || std::is_same_v<T, char*>) {
+        return "s";
+    } else if constexpr (std::is_same_v<T, int>) {
+        return "d";
+    } else if constexpr (std::is_same_v<T, unsigned>) {
+        return "u";
+    } else if constexpr (std::is_same_v<T, long>) {
+        return "ld";
+    } else if constexpr (std::is_same_v<T, unsigned long>) {
+        return "lu";
+    } else {
+        return "";
+    }
+}
+
+// Takes the first conversion off a stripped format; empty when there is none.
+consteval std::string_view NextConversion(std::string_view& format) {
+    for (size_t at = format.find('%'); at != std::string_view::npos; at = format.find('%')) {
+        format.remove_prefix(at + 1);
+        const bool isPercent = format.starts_with('%');
+        const size_t length = isPercent || !format.starts_with('l') ? 1 : 2;
+        const std::string_view conversion = format.substr(0, length);
+        format.remove_prefix(conversion.size());
+        if (!isPercent) {
+            return conversion;
+        }
+    }
+    return {};
+}
+
+// A function type stands for the list of argument types, so that no argument is evaluated.
+template <typename... Args>
+using Arguments = void (*)(Args...);
+
+template <typename... Args>
+Arguments<std::decay_t<Args>...> ArgumentsOf(Args&&...);
+
+template <typename... Args>
+consteval bool FormatMatches(std::string_view format, Arguments<Args...>) {
+    return ((NextConversion(format) == ConversionOf<Args>() && !ConversionOf<Args>().empty()) && ...) &&
+           NextConversion(format).empty();
+}
+
+}  // namespace KITE::Log
+
+#define KITE_LOG(level, label, message, ...)                                                          \
+    do {                                                                                              \
+        if (::KITE::Log::IsLoggable(level)) {                                                         \
+            static constexpr auto kLogUnit = ::KITE::Log::UnitName(__FILE__);                         \
+            static constexpr auto kLogFormat =                                                        \
+                ::KITE::Log::StripMarks("[%{public}s(%{public}s):%{public}d] " message);              \
+            static_assert(                                                                            \
+                ::KITE::Log::FormatMatches(::KITE::Log::StripMarks(message).text,                     \
+                                           decltype(::KITE::Log::ArgumentsOf(__VA_ARGS__)){nullptr}), \
+                "the conversions do not match the arguments");                                        \
+            ::KITE::Log::Write(level, label, {kLogUnit.text, __func__, __LINE__}, kLogFormat.text,    \
+                               kLogUnit.text, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);         \
+        }                                                                                             \
+    } while (false)

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+
+#include "visibility.h"
+
+namespace KITE {
+
+class KITE_API TimeServiceClient {
+  public:
+    static TimeServiceClient& GetInstance();
+
+    // Wall-clock milliseconds since the epoch. Any thread.
+    int64_t GetWallTimeMs() const;
+};
+
+}  // namespace KITE
