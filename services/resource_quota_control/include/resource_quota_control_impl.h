@@ -1,0 +1,94 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <queue>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "cpu_limit_info.h"
+#include "dump_info.h"
+#include "kelvra_manager_client.h"
+#include "kelvra_task_observer.h"
+
+namespace KITE::ResourceQuotaCtl {
+
+// The anomaly core: takes batches of reports of processes that broke a quota, and decides and runs what
+// happens to each. Reached through its DelayedSingleton; must be owned by a shared pointer.
+//
+// Reports are handled on the task runtime's workers; two batches may be handled at the same time.
+class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuotaControlImpl> {
+  public:
+    ResourceQuotaControlImpl() = default;
+    ResourceQuotaControlImpl(const ResourceQuotaControlImpl&) = delete;
+    ResourceQuotaControlImpl& operator=(const ResourceQuotaControlImpl&) = delete;
+
+    // Subscribes to the Kelvra manager's reports, unless that was tried since the manager came. False when
+    // the manager refuses. Waits for the manager.
+    bool InitKelvraTaskObserver();
+    // Drops the subscription of a manager that has gone. Any thread.
+    void HandleKelvraDied();
+    // Hands a batch to a worker and returns. Any thread.
+    void SendHandlerEvent(std::vector<Kelvra::ProcessAnomalyInfo> infos);
+    // Handles a batch here and now, report by report; one that fails a check does not stop the others.
+    void HandleAbnormalInfos(std::vector<Kelvra::ProcessAnomalyInfo> infos);
+
+    // Append the history of received (true) or executed (false) reports, oldest first, a line each; empty on
+    // a build that is not debuggable. Any thread.
+    void DumpAbnormalInfo(std::string& result, bool isReported);
+    void DumpAbnormalEnhanceInfo(std::string& result);
+    // Logs the bytes that one process has written. The result stays as it is. Any thread.
+    void DumpWritebytesAbility(std::string& result, int32_t pid);
+
+  private:
+    using Info = Kelvra::ProcessAnomalyInfo;
+    using History = std::queue<DumpInfo>;
+    using Payload = std::unordered_map<std::string, std::string>;
+
+    void HandleAbnormalProcess(const Info& info, int32_t generalType);
+    bool IsExemptBgContinuousTask(const Info& info);
+    bool IsExemptEfficiencyResources(const Info& info);
+    int32_t GetCurrentCondition(const Info& info, int32_t generalType);
+    bool CheckVisibilityWindowInfo(int32_t uid);
+    int32_t ExecuteAbnormalProcess(const Info& info);
+
+    // The staged treatment: suppress, then freeze, then kill.
+    void HandleAbnormalProcessEnhance(const Info& info);
+    bool CheckWhetherSuppressRequired(const Info& info);
+    bool CheckProcessStatus(const Info& info);
+    void ReportSuppressProcessInfo(const Info& info);
+    void EndSuppression(const Payload& payload, const std::string& processName);
+    bool ReportFreezeProcessInfo(const Info& info);
+    std::optional<CpuLimitInfo> FindCpuLimitInfo(const std::string& processName);
+    // Notes that the process has reached a stage; an entry that is gone or another process's by now stays.
+    void MarkCpuLimitInfo(const std::string& processName, int32_t pid, bool CpuLimitInfo::*stage);
+
+    void Record(History& history, const Info& info);
+    // Called with mutex_ held.
+    void UpdateAbnormalInfoBuffer(History& history, Info info);
+    DumpInfo ConvertAbnormalInfoToDumpInfo(const Info& info);
+    std::string AbnormalInfoTostring(const Info& info);
+    void DumpHistory(std::string& result, History& history);
+
+    std::mutex
+        observerMutex_;  // the observer's pointer; not held while subscribing, for a report may come at once
+    std::shared_ptr<KelvraTaskObserver> kelvraTaskObserver_;
+
+    std::mutex mutex_;  // the three histories
+    History abnormalInfos_;
+    History executedInfos_;
+    History enhanceInfos_;
+
+    std::mutex cpuLimitMutex_;  // the map alone; never held across a call of the platform
+    std::map<std::string, CpuLimitInfo> cpuLimitInfos_;  // by process name
+
+    const uint64_t maxHistorySize_ = 100;
+    std::atomic<bool> historyEnabled_{false};
+};
+
+}  // namespace KITE::ResourceQuotaCtl

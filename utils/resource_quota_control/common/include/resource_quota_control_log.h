@@ -1,0 +1,15 @@
+#pragma once
+
+#include "system_log.h"
+
+namespace KITE::ResourceQuotaCtl {
+
+inline constexpr Log::Label kLogLabel{0xD001716, "RESOURCE_QUOTA_CONTROL"};
+
+}  // namespace KITE::ResourceQuotaCtl
+
+#define RQC_LOG(level, ...) \
+    KITE_LOG(::KITE::Log::Level::level, ::KITE::ResourceQuotaCtl::kLogLabel, __VA_ARGS__)
+#define RQC_LOGD(...) RQC_LOG(kDebug, __VA_ARGS__)
+#define RQC_LOGI(...) RQC_LOG(kInfo, __VA_ARGS__)
+#define RQC_LOGE(...) RQC_LOG(kError, __VA_ARGS__)

@@ -1,0 +1,174 @@
+#include "json_utils.h"
+
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+#include "resource_quota_control_log.h"
+
+namespace KITE::ResourceQuotaCtl {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr size_t kMaxPathLength = 4096;
+
+// Counts brackets outside strings; exact for valid JSON, and what is not valid does not parse anyway.
+bool IsDeeperThan(const std::string& text, size_t limit) {
+    size_t depth = 0;
+    bool isInString = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (isInString) {
+            i += c == '\\' ? 1 : 0;
+            isInString = c != '"';
+        } else if (c == '"') {
+            isInString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > limit) {
+                return true;
+            }
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return false;
+}
+
+json ParseText(const std::string& text) {
+    constexpr bool kAllowExceptions = false;
+    constexpr bool kIgnoreComments = false;
+    if (IsDeeperThan(text, JsonUtil::kMaxDepth)) {
+        return json(json::value_t::discarded);
+    }
+    return json::parse(text, nullptr, kAllowExceptions, kIgnoreComments);
+}
+
+// The member if it is of the type asked for, else null. Works for const and for given-up documents.
+template <typename Json, typename IsOfType>
+auto* FindMember(Json& object, const std::string& key, IsOfType isOfType) {
+    using Member = std::remove_reference_t<decltype(*object.find(key))>;
+    if (key.empty() || !object.is_object()) {
+        return static_cast<Member*>(nullptr);
+    }
+    const auto member = object.find(key);
+    return member != object.end() && isOfType(*member) ? &*member : nullptr;
+}
+
+constexpr auto kIsString = [](const json& value) { return value.is_string(); };
+constexpr auto kIsInteger = [](const json& value) { return value.is_number_integer(); };
+constexpr auto kIsObject = [](const json& value) { return value.is_object(); };
+constexpr auto kIsArray = [](const json& value) { return value.is_array(); };
+
+template <typename IsOfType>
+bool CopyMember(const json& object, const std::string& key, IsOfType isOfType, json& value) {
+    const json* member = FindMember(object, key, isOfType);
+    if (member == nullptr) {
+        return false;
+    }
+    value = *member;
+    return true;
+}
+
+template <typename IsOfType>
+bool MoveMember(json& object, const std::string& key, IsOfType isOfType, json& value) {
+    json* member = FindMember(object, key, isOfType);
+    if (member == nullptr) {
+        return false;
+    }
+    value = std::move(*member);
+    return true;
+}
+
+}  // namespace
+
+bool JsonUtil::GetRealPath(const std::string& path, std::string& realPath) {
+    if (path.size() > kMaxPathLength) {
+        return false;
+    }
+    std::array<char, PATH_MAX> resolved{};
+    if (realpath(path.c_str(), resolved.data()) == nullptr) {
+        return false;
+    }
+    realPath = resolved.data();
+    return true;
+}
+
+bool JsonUtil::ReadFileToString(const std::string& path, std::string& content) {
+    std::string realPath;
+    if (!GetRealPath(path, realPath)) {
+        return false;
+    }
+    RQC_LOGI("realPath is [%{public}s]", path.c_str());
+    const std::ifstream file(realPath);
+    if (!file.is_open()) {
+        return false;
+    }
+    std::ostringstream text;
+    text << file.rdbuf();
+    content = std::move(text).str();
+    return true;
+}
+
+bool JsonUtil::LoadJsonObjFromFile(json& json, const std::string& path) {
+    std::string text;
+    if (!ReadFileToString(path, text)) {
+        RQC_LOGE("Cannot read json file [%{public}s]", path.c_str());
+        return false;
+    }
+    json = ParseText(text);
+    if (json.is_discarded()) {
+        RQC_LOGE("%{public}s transit to json failed", text.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool JsonUtil::GetStringFromJsonObj(const json& json, const std::string& key, std::string& value) {
+    const auto* member = FindMember(json, key, kIsString);
+    if (member == nullptr) {
+        return false;
+    }
+    value = member->get_ref<const std::string&>();
+    return true;
+}
+
+bool JsonUtil::GetIntFromJsonObj(const json& json, const std::string& key, int32_t& value) {
+    int64_t wide = 0;
+    if (!GetInt64FromJsonObj(json, key, wide)) {
+        return false;
+    }
+    value = static_cast<int32_t>(wide);
+    return true;
+}
+
+bool JsonUtil::GetInt64FromJsonObj(const json& json, const std::string& key, int64_t& value) {
+    const auto* member = FindMember(json, key, kIsInteger);
+    if (member == nullptr) {
+        return false;
+    }
+    value = member->get<int64_t>();
+    return true;
+}
+
+bool JsonUtil::GetObjFromJsonObj(const json& json, const std::string& key, nlohmann::json& value) {
+    return CopyMember(json, key, kIsObject, value);
+}
+
+bool JsonUtil::GetArrayFromJsonObj(const json& json, const std::string& key, nlohmann::json& value) {
+    return CopyMember(json, key, kIsArray, value);
+}
+
+bool JsonUtil::GetObjFromJsonObj(json&& json, const std::string& key, nlohmann::json& value) {
+    return MoveMember(json, key, kIsObject, value);
+}
+
+bool JsonUtil::GetArrayFromJsonObj(json&& json, const std::string& key, nlohmann::json& value) {
+    return MoveMember(json, key, kIsArray, value);
+}
+
+}  // namespace KITE::ResourceQuotaCtl

@@ -1,0 +1,320 @@
+#include "res_policy_manager.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include "config_policy.h"
+#include "json_utils.h"
+#include "resource_quota_control_log.h"
+
+namespace KITE::ResourceQuotaCtl {
+
+namespace {
+
+using Kelvra::ResQuotaInfo;
+using nlohmann::json;
+
+constexpr const char* kBaseDirectory = "/system";
+constexpr const char* kConfigFile = "/etc/efficiency_manager/process_resource_limit.json";
+
+bool IsResourceType(std::string_view key) {
+    return std::ranges::find(kResourceTypes, key) != kResourceTypes.end();
+}
+
+uint32_t ConditionBit(std::string_view name) {
+    const auto entry = std::ranges::find(kConditionBits, name, [](const auto& bit) { return bit.first; });
+    return entry == kConditionBits.end() ? 0 : entry->second;
+}
+
+// What the child has keeps its place, key by key; only keys that it lacks come from the parent.
+void Inherit(ProcessQuotas& child, const ProcessQuotas& parent) {
+    if (child.runningTime == 0) {
+        child.runningTime = parent.runningTime;
+    }
+    auto own = std::exchange(child.quotas, parent.quotas);
+    for (auto& [key, rules] : own) {
+        child.quotas[key] = std::move(rules);
+    }
+}
+
+size_t CountRules(const ProcessQuotasMap& processQuotas) {
+    size_t count = 0;
+    for (const auto& [name, entry] : processQuotas) {
+        for (const auto& [key, rules] : entry->quotas) {
+            count += rules.size();
+        }
+    }
+    return count;
+}
+
+ResQuotaInfo MakeRecord(const std::string& processName, const std::string& resType,
+                        const QuotaForResource& rule) {
+    ResQuotaInfo info;
+    info.duration = rule.duration;
+    info.resource = rule.resourceQuota;
+    info.id = rule.id;
+    info.processType = 0;
+    info.action = rule.action;
+    info.processName = processName;
+    info.resType = resType;
+    info.conditions = rule.conditions;
+    return info;
+}
+
+}  // namespace
+
+bool ResPolicyManager::Init() {
+    const std::lock_guard lock(mutex_);
+    RQC_LOGI("%{public}s", "Init");
+    if (isConfigInit_) {
+        return true;
+    }
+    std::vector<std::string> files;
+    GetQuotaConfigFilesList(files);
+    if (files.empty()) {
+        RQC_LOGE("There are no valid config files");
+        return false;
+    }
+    MergeState state;
+    if (!LoadAndMergeFiles(files, state)) {
+        return false;
+    }
+    if (!HandleInheritInfo(state.mergedQuotas, state.mergedInherit)) {
+        RQC_LOGE("Merge quota config failed!");
+        return false;
+    }
+    isConfigInit_ = true;
+    return true;
+}
+
+void ResPolicyManager::GetQuotaConfigFilesList(std::vector<std::string>& files) const {
+    std::vector<std::string> directories;
+    const std::unique_ptr<CfgDir, decltype(&FreeCfgDirList)> list(GetCfgDirList(), &FreeCfgDirList);
+    if (list) {
+        for (const char* path : list->paths) {
+            if (path != nullptr) {
+                RQC_LOGD("cfgDir: %{public}s ", path);
+                directories.emplace_back(path);
+            }
+        }
+    }
+    if (std::ranges::find(directories, kBaseDirectory) == directories.end()) {
+        directories.emplace(directories.begin(), kBaseDirectory);
+    }
+    for (const std::string& directory : directories) {
+        std::string path;
+        if (JsonUtil::GetRealPath(directory + kConfigFile, path) && access(path.c_str(), F_OK) == 0) {
+            RQC_LOGD("Get valid base config file: %{public}s", path.c_str());
+            files.push_back(std::move(path));
+        }
+    }
+}
+
+bool ResPolicyManager::LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state) const {
+    for (const std::string& file : files) {
+        json root;
+        if (!JsonUtil::LoadJsonObjFromFile(root, file) ||
+            !ParseProcessQuotaConfig(std::move(root), state.fileQuotas, state.fileInherit)) {
+            return false;
+        }
+        MergeQuotaConfig(state.mergedQuotas, state.fileQuotas, state.mergedInherit, state.fileInherit);
+    }
+    return true;
+}
+
+bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& processQuotas,
+                                               InheritMap& inherit) const {
+    json entries;
+    if (!JsonUtil::GetArrayFromJsonObj(std::move(root), "quotas", entries)) {
+        RQC_LOGE("Get quotas arrays failed!");
+        return false;
+    }
+    for (json& entry : entries) {
+        if (!ParseProcessEntry(std::move(entry), processQuotas, inherit)) {
+            RQC_LOGE("ParseProcessQuotaConfig failed!");
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ResPolicyManager::ParseProcessEntry(json entry, ProcessQuotasMap& processQuotas,
+                                         InheritMap& inherit) const {
+    const auto record = std::make_shared<ProcessQuotas>();
+    std::string parent;
+    if (!JsonUtil::GetStringFromJsonObj(entry, "process_name", record->processName) ||
+        !JsonUtil::GetStringFromJsonObj(entry, "inherit", parent)) {
+        return false;
+    }
+    if (!parent.empty()) {
+        inherit.emplace(record->processName, std::move(parent));
+    }
+    json quotas;
+    if (!JsonUtil::GetObjFromJsonObj(std::move(entry), "process_quotas", quotas) ||
+        !ParseProcessQuotas(std::move(quotas), record)) {
+        return false;
+    }
+    processQuotas[record->processName] = record;
+    return true;
+}
+
+bool ResPolicyManager::ParseProcessQuotas(json quotas,
+                                          const std::shared_ptr<ProcessQuotas>& processQuotas) const {
+    JsonUtil::GetIntFromJsonObj(quotas, "running_time", processQuotas->runningTime);
+    for (auto& [key, value] : quotas.items()) {
+        std::vector<std::shared_ptr<QuotaForResource>> rules;
+        if (IsResourceType(key) && value.is_array()) {
+            rules.reserve(value.size());
+            for (json& element : value) {
+                const auto rule = std::make_shared<QuotaForResource>();
+                if (!ParseQuotaForResource(std::move(element), rule)) {
+                    RQC_LOGE("ParseProcessQuotas failed!");
+                    return false;
+                }
+                rules.push_back(rule);
+            }
+        }
+        processQuotas->quotas[key] = std::move(rules);
+    }
+    return true;
+}
+
+bool ResPolicyManager::ParseQuotaForResource(json rule,
+                                             const std::shared_ptr<QuotaForResource>& quota) const {
+    json conditions;
+    if (!JsonUtil::GetArrayFromJsonObj(rule, "condition", conditions)) {
+        RQC_LOGE("ParseQuotaForResource failed!");
+        return false;
+    }
+    for (json& condition : conditions) {
+        if (!condition.is_string()) {
+            RQC_LOGE("ParseQuotaForResource failed!");
+            return false;
+        }
+        quota->conditions.push_back(ParseConditions(std::move(condition.get_ref<std::string&>())));
+    }
+    if (!JsonUtil::GetIntFromJsonObj(rule, "id", quota->id) ||
+        !JsonUtil::GetInt64FromJsonObj(rule, "resource_quota", quota->resourceQuota) ||
+        !JsonUtil::GetInt64FromJsonObj(rule, "duration", quota->duration) ||
+        !JsonUtil::GetStringFromJsonObj(rule, "action", quota->action)) {
+        RQC_LOGE("ParseQuotaForResource failed!");
+        return false;
+    }
+    return true;
+}
+
+uint32_t ResPolicyManager::ParseConditions(std::string conditions) const {
+    uint32_t mask = 0;
+    for (std::string_view rest = conditions; !rest.empty();) {
+        const size_t end = rest.find('&');
+        mask |= ConditionBit(rest.substr(0, end));
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    }
+    return mask;
+}
+
+void ResPolicyManager::MergeQuotaConfig(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas,
+                                        InheritMap& mergedInherit, InheritMap& fileInherit) const {
+    for (auto& [name, record] : mergedQuotas) {
+        const auto later = fileQuotas.find(name);
+        if (later == fileQuotas.end()) {
+            continue;
+        }
+        record = std::move(later->second);
+        fileQuotas.erase(later);
+        mergedInherit.erase(name);
+        const auto parent = fileInherit.find(name);
+        if (parent != fileInherit.end()) {
+            mergedInherit[name] = std::move(parent->second);
+            fileInherit.erase(parent);
+        }
+    }
+    mergedQuotas.insert(fileQuotas.begin(), fileQuotas.end());
+    mergedInherit.insert(fileInherit.begin(), fileInherit.end());
+}
+
+bool ResPolicyManager::HandleInheritInfo(const ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit) {
+    if (!IsInheritInfoValid(mergedInherit)) {
+        return false;
+    }
+    for (std::string name = GetTopInheritInfo(mergedInherit); !name.empty();
+         name = GetTopInheritInfo(mergedInherit)) {
+        const auto link = mergedInherit.find(name);
+        const auto child = mergedQuotas.find(name);
+        const auto parent = mergedQuotas.find(link->second);
+        if (parent == mergedQuotas.end()) {
+            RQC_LOGE("MergeConfig not find template name: %{public}s", link->second.c_str());
+            return false;
+        }
+        Inherit(*child->second, *parent->second);
+        mergedInherit.erase(link);
+    }
+    processQuotasMap_.insert(mergedQuotas.begin(), mergedQuotas.end());
+    return true;
+}
+
+bool ResPolicyManager::IsInheritInfoValid(const InheritMap& inherit) const {
+    for (const auto& [child, firstParent] : inherit) {
+        std::set<std::string_view> visited;
+        const std::string* name = &child;
+        for (auto link = inherit.find(*name); link != inherit.end(); link = inherit.find(*name)) {
+            const std::string& parent = link->second;
+            if (visited.contains(parent)) {
+                RQC_LOGE("Find circular inheritance: %{public}s, %{public}s", name->c_str(), parent.c_str());
+                return false;
+            }
+            visited.insert(*name);
+            name = &parent;
+        }
+    }
+    return true;
+}
+
+std::string ResPolicyManager::GetTopInheritInfo(const InheritMap& inherit) const {
+    if (inherit.empty()) {
+        return "";
+    }
+    auto link = inherit.begin();
+    for (auto parent = inherit.find(link->second); parent != inherit.end();
+         parent = inherit.find(link->second)) {
+        link = parent;
+    }
+    return link->first;
+}
+
+void ResPolicyManager::GetAllResQuotaInfos(std::vector<ResQuotaInfo>& infos) {
+    const std::lock_guard lock(mutex_);
+    infos.reserve(infos.size() + CountRules(processQuotasMap_));
+    for (const auto& [name, processQuotas] : processQuotasMap_) {
+        GetResQuotaInfosOfOneProcess(processQuotas, infos);
+    }
+}
+
+void ResPolicyManager::GetResQuotaInfosOfOneProcess(const std::shared_ptr<ProcessQuotas>& processQuotas,
+                                                    std::vector<ResQuotaInfo>& infos) const {
+    if (!processQuotas) {
+        return;
+    }
+    for (const auto& [resType, rules] : processQuotas->quotas) {
+        for (const auto& rule : rules) {
+            infos.push_back(MakeRecord(processQuotas->processName, resType, *rule));
+        }
+    }
+}
+
+std::map<std::string, int32_t> ResPolicyManager::GetExtensionRunningTime() {
+    const std::lock_guard lock(mutex_);
+    std::map<std::string, int32_t> runningTimes;
+    for (const auto& [name, processQuotas] : processQuotasMap_) {
+        if (processQuotas && processQuotas->runningTime >= 1) {
+            runningTimes.emplace(processQuotas->processName, processQuotas->runningTime);
+        }
+    }
+    return runningTimes;
+}
+
+}  // namespace KITE::ResourceQuotaCtl
