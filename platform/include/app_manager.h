@@ -25,6 +25,8 @@ struct AppStateData {
 // or returns an error and leaves the list as it got. Any thread but the one that serves requests.
 class KITE_API IAppMgr : public IRemoteBroker {
   public:
+    static constexpr const char16_t* GetDescriptor() { return u"KITE.ApplicationManager"; }
+
     virtual int32_t GetAllRunningProcesses(std::vector<RunningProcessInfo>& infos) = 0;
     virtual int32_t GetAllRenderProcesses(std::vector<RenderProcessInfo>& infos) = 0;
     virtual int32_t GetForegroundApplications(std::vector<AppStateData>& infos) = 0;

@@ -93,8 +93,7 @@ bool ResPolicyManager::Init() {
 
 void ResPolicyManager::GetQuotaConfigFilesList(std::vector<std::string>& files) const {
     std::vector<std::string> directories;
-    const std::unique_ptr<CfgDir, decltype(&FreeCfgDirList)> list(GetCfgDirList(), &FreeCfgDirList);
-    if (list) {
+    if (const std::unique_ptr<CfgDir, decltype(&FreeCfgDirList)> list{GetCfgDirList(), &FreeCfgDirList}) {
         for (const char* path : list->paths) {
             if (path != nullptr) {
                 RQC_LOGD("cfgDir: %{public}s ", path);

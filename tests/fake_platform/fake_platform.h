@@ -1,0 +1,142 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app_manager.h"
+#include "background_task_manager.h"
+#include "kelvra_manager_client.h"
+#include "system_ability.h"
+#include "system_log.h"
+
+// The platform as a script. It defines every operation of platform/include, so that whatever calls them can
+// be linked against it and tested without a bus, a clock or another process.
+//
+// - Every call is recorded, in order, as text with its arguments; log lines stand between them in the same
+//   trace. Maps are written in order of their keys.
+// - Every answer is a public field: set it before the code under test asks.
+// - Submitted tasks wait until the test runs them; time moves only when the test moves it.
+//
+// There is one platform in a process, since the code under test reaches it through global functions; it
+// exists from the first call on, also when that comes from a load-time initialiser. Values that are read
+// while loading come from the environment: KITE_FAKE_PARAMETERS="key=value;key=value". A test that needs a
+// clean platform calls Reset, or runs in a process of its own.
+//
+// Calls may come from any thread; set fields before such threads start, and read the trace through its
+// accessors.
+namespace KITE::Fake {
+
+struct LogLine {
+    Log::Level level;
+    std::string unit;
+    std::string function;
+    std::string text;  // without the prefix, which is checked when the line is written
+
+    bool operator==(const LogLine&) const = default;
+};
+
+struct Task {
+    std::string name;
+    std::chrono::microseconds due;  // on the platform's clock
+    std::function<void()> run;
+};
+
+class Platform {
+  public:
+    static Platform& Get();
+
+    // Forgets calls, lines, tasks and answers, but not what was registered.
+    void Reset();
+
+    // The recorded calls, the log lines, and both as one sequence. A line of the trace reads
+    // "I unit: text", with the level's first letter.
+    std::vector<std::string> Calls() const;
+    std::vector<std::string> Log() const;
+    std::vector<std::string> Trace() const;
+    std::vector<LogLine> Lines() const;
+    // Forgets the trace only.
+    void ClearTrace();
+
+    // Runs what is due, in order of time and then of submission, until nothing due is left; gives the number.
+    size_t RunTasks();
+    // Moves the clock step by step, running what becomes due.
+    void Advance(std::chrono::microseconds time);
+    std::vector<std::pair<std::string, std::chrono::microseconds>> PendingTasks() const;
+
+    // Reports to the subscriber, if it still exists; tells whether it did.
+    bool ReportAnomalies(const std::vector<Kelvra::ProcessAnomalyInfo>& infos);
+
+    // --- answers ---
+    std::map<std::string, std::string> parameters;  // beside those of the environment, which win
+    std::optional<std::vector<std::optional<std::string>>> configDirectories;  // nullopt: no list
+    std::map<std::string, std::string> files;  // what LoadStringFromFile finds
+    bool canSave = true;                       // SaveStringToFd succeeds
+    int64_t wallTimeMs = 0;
+
+    std::map<uint32_t, std::string> nativeProcesses;         // process name by token
+    std::set<std::pair<uint32_t, std::string>> permissions;  // granted ones
+    uint32_t callingToken = 0;
+    uint32_t firstToken = 0;
+
+    bool hasRegistry = true;
+    sptr<IRemoteObject> appManager;  // the object of service 501; by default one that answers as follows
+    std::vector<RunningProcessInfo> runningProcesses;
+    std::vector<RenderProcessInfo> renderProcesses;
+    std::vector<AppStateData> foregroundApplications;
+    std::vector<int32_t> windowOwners;  // a negative uid stands for a null record
+    bool isScreenOn = true;
+    int32_t continuousTaskResult = 0;
+    std::vector<std::shared_ptr<ContinuousTaskCallbackInfo>> continuousTasks;
+    std::vector<std::shared_ptr<ResourceCallbackInfo>> appResources;
+    std::vector<std::shared_ptr<ResourceCallbackInfo>> processResources;
+
+    bool listenResult = true;
+    bool publishResult = true;
+    int32_t setQuotaResult = 0;
+    int32_t subscribeResult = 0;
+    std::function<void()> duringSubscribe;  // called within SubscribeKelvraTask
+    int32_t killResult = 0;
+    int32_t freezeResult = 0;
+    int32_t eventResult = 0;
+
+    // --- what the code under test handed over ---
+    SystemAbility* registeredAbility = nullptr;
+    sptr<IRemoteObject> publishedObject;
+    std::vector<Kelvra::ResQuotaInfo> quotas;
+    std::string saved;  // by SaveStringToFd
+
+    // --- for the operations of platform/include ---
+    void RecordCall(const std::string& call);
+    void RecordLine(LogLine line);
+    void AddTask(Task task);
+    void KeepSubscriber(std::weak_ptr<const Kelvra::KelvraManagerTaskSubscriber> subscriber);
+
+  private:
+    struct Entry {
+        bool isLine;
+        std::string text;
+    };
+
+    Platform();
+    void SetDefaults();
+    std::vector<std::string> Entries(std::optional<bool> isLine) const;
+    std::optional<Task> TakeDueTask(std::chrono::microseconds now);
+
+    mutable std::mutex mutex_;  // everything below
+    std::vector<Entry> trace_;
+    std::vector<LogLine> lines_;
+    std::vector<Task> tasks_;
+    std::chrono::microseconds now_{0};
+    std::weak_ptr<const Kelvra::KelvraManagerTaskSubscriber> subscriber_;
+};
+
+}  // namespace KITE::Fake

@@ -1,0 +1,122 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "kelvra_manager_client.h"
+#include "parcel.h"
+#include "singleton.h"
+#include "string_utils.h"
+
+namespace KITE {
+
+namespace {
+
+TEST(ParcelTest, GivesBackWhatWasWrittenAndNothingMore) {
+    MessageParcel parcel;
+    parcel.WriteInterfaceToken(u"odd");
+    parcel.WriteString("abcde");
+    parcel.WriteBool(true);
+    parcel.WriteInt64(-5);
+    parcel.WriteUInt64Vector({1, ~uint64_t{0}});
+    parcel.WriteUInt32Vector({});
+    EXPECT_EQ(parcel.Bytes().size() % 4, 0U);
+    MessageParcel copy(std::vector<std::byte>(parcel.Bytes().begin(), parcel.Bytes().end()));
+    EXPECT_EQ(copy.ReadInterfaceToken(), u"odd");
+    std::string text;
+    bool flag = false;
+    int64_t number = 0;
+    std::vector<uint64_t> numbers;
+    std::vector<uint32_t> none{1};
+    EXPECT_TRUE(copy.ReadString(text) && copy.ReadBool(flag) && copy.ReadInt64(number) &&
+                copy.ReadUInt64Vector(&numbers) && copy.ReadUInt32Vector(&none));
+    EXPECT_EQ(text, "abcde");
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(number, -5);
+    EXPECT_THAT(numbers, testing::ElementsAre(1, ~uint64_t{0}));
+    EXPECT_TRUE(none.empty());
+    EXPECT_FALSE(copy.ReadBool(flag));
+    EXPECT_EQ(copy.ReadInterfaceToken(), u"");
+}
+
+TEST(ParcelTest, ACutOrLyingFieldLeavesEverythingAsItWas) {
+    Kelvra::ProcessAnomalyInfo whole;
+    whole.processName = "name";
+    whole.conditions = {1, 2};
+    whole.startTime = 3;
+    Parcel parcel;
+    ASSERT_TRUE(whole.Marshalling(parcel));
+    for (size_t size = 0; size < parcel.Bytes().size(); ++size) {
+        Parcel cut(
+            std::vector<std::byte>(parcel.Bytes().begin(), parcel.Bytes().begin() + static_cast<long>(size)));
+        EXPECT_FALSE(Kelvra::ProcessAnomalyInfo().ReadFromParcel(cut)) << size;
+    }
+    Kelvra::ProcessAnomalyInfo read;
+    ASSERT_TRUE(read.ReadFromParcel(parcel));
+    EXPECT_EQ(read.startTime, 3);
+    for (const uint32_t count : {2U, 0x3FFFFFFFU, 0x40000000U, 0xFFFFFFFFU}) {
+        Parcel lying;
+        lying.WriteUint32(count);
+        lying.WriteInt32(7);
+        std::vector<int32_t> values{9};
+        std::string text = "kept";
+        std::u16string wide;
+        EXPECT_FALSE(lying.ReadInt32Vector(&values));
+        EXPECT_EQ(lying.ReadString(text), count == 2) << "two bytes and their padding are there";
+        EXPECT_THAT(values, testing::ElementsAre(9));
+        EXPECT_FALSE(count != 2 && lying.ReadString16(wide));
+        EXPECT_EQ(lying.ReadableBytes(), count == 2 ? 0U : 8U);
+    }
+}
+
+TEST(ParcelTest, ARecordOfQuotasTravelsWhole) {
+    Kelvra::ResQuotaInfo info;
+    info.duration = 1;
+    info.resource = -2;
+    info.id = 3;
+    info.processType = 4;
+    info.action = "kill";
+    info.processName = "p";
+    info.resType = "cpu";
+    info.conditions = {5};
+    Parcel parcel;
+    ASSERT_TRUE(info.Marshalling(parcel));
+    Kelvra::ResQuotaInfo read;
+    ASSERT_TRUE(read.ReadFromParcel(parcel));
+    EXPECT_EQ(std::tie(read.duration, read.resource, read.id, read.processType, read.action, read.processName,
+                       read.resType, read.conditions),
+              std::tie(info.duration, info.resource, info.id, info.processType, info.action, info.processName,
+                       info.resType, info.conditions));
+}
+
+struct Counted : RefBase {
+    explicit Counted(int& destroyed) : destroyed_(destroyed) {}
+    ~Counted() override { ++destroyed_; }
+    int& destroyed_;
+};
+
+TEST(ReferenceTest, TheLastReferenceDeletesAndCopiesOfTheObjectHaveNone) {
+    int destroyed = 0;
+    {
+        auto first = MakeSptr<Counted>(destroyed);
+        sptr<RefBase> second = first;
+        Counted copy(*first);
+        EXPECT_EQ(copy.StrongRefCount(), 0);
+        EXPECT_EQ(first->StrongRefCount(), 2);
+        first = nullptr;
+        second = std::move(second);
+        EXPECT_EQ(destroyed, 0);
+    }
+    EXPECT_EQ(destroyed, 2);
+}
+
+TEST(StringTest, ConvertsBothWaysAndReplacesWhatIsBroken) {
+    const std::u16string wide = u"aé€😀";
+    EXPECT_EQ(Str16ToStr8(wide), "aé€😀");
+    EXPECT_EQ(Str8ToStr16("aé€😀"), wide);
+    EXPECT_EQ(Str16ToStr8(std::u16string{u'a', char16_t{0xD800}, u'b', char16_t{0xDC00}}), "a\uFFFDb\uFFFD");
+    EXPECT_EQ(Str8ToStr16("\xC0\x80|\xED\xA0\x80|\xF5|\xE2\x82"),
+              u"\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD|\uFFFD\uFFFD");
+}
+
+}  // namespace
+
+}  // namespace KITE

@@ -1,0 +1,568 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "kelvra_manager/proc_parse.h"
+#include "kelvra_manager/process_table.h"
+#include "kelvra_manager/protocol.h"
+#include "kelvra_manager/record_list.h"
+#include "kelvra_manager/reporter.h"
+#include "kelvra_manager/sampler.h"
+#include "kelvra_manager/subscriber_stub.h"
+
+namespace KITE::Linux::Sampling {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Optional;
+using ::testing::SizeIs;
+
+constexpr int64_t kSecond = 1'000'000'000;
+
+TimePoint Second(double seconds) {
+    return TimePoint(nanoseconds(static_cast<int64_t>(seconds * kSecond)));
+}
+
+Kelvra::ResQuotaInfo Quota(std::string name, std::string resType, int64_t limit, int64_t duration,
+                           int32_t id = 0) {
+    Kelvra::ResQuotaInfo quota;
+    quota.processName = std::move(name);
+    quota.resType = std::move(resType);
+    quota.resource = limit;
+    quota.duration = duration;
+    quota.id = id;
+    quota.action = "kill";
+    quota.conditions = {8, 1};
+    return quota;
+}
+
+CounterReading At(double seconds, int64_t value) {
+    return {Second(seconds), Second(seconds), value};
+}
+
+TEST(LevelWindow, BreaksWhenEveryReadingOfTheDurationWasAboveTheQuota) {
+    LevelWindow window(100, 2s);
+    EXPECT_EQ(window.Add(Second(0), 101), std::nullopt);
+    EXPECT_EQ(window.Add(Second(1), 500), std::nullopt);
+    EXPECT_THAT(window.Add(Second(2), 101), Optional(101));
+}
+
+TEST(LevelWindow, AReadingAtTheQuotaOrAMissingOneStartsItAnew) {
+    LevelWindow window(100, 1s);
+    window.Add(Second(0), 101);
+    EXPECT_EQ(window.Add(Second(1), 100), std::nullopt);
+    EXPECT_EQ(window.Add(Second(2), 101), std::nullopt);
+    window.Miss();
+    EXPECT_EQ(window.Add(Second(3), 101), std::nullopt);
+    EXPECT_THAT(window.Add(Second(4), 101), Optional(101));
+}
+
+TEST(LevelWindow, WithoutADurationEachReadingIsJudged) {
+    LevelWindow window(100, 0s);
+    EXPECT_THAT(window.Add(Second(0), 101), Optional(101));
+}
+
+TEST(CounterWindow, PercentIsAboveTheQuotaByTheSmallestAmountOnly) {
+    CounterWindow window(50, 1s, Measure::kPercent);
+    EXPECT_EQ(window.Add(At(0, 0)), std::nullopt);
+    EXPECT_EQ(window.Add(At(1, kSecond / 2)), std::nullopt);
+    EXPECT_THAT(window.Add(At(2, kSecond + 1)), Optional(51));
+}
+
+TEST(CounterWindow, PercentIsOfTheTimeThatReallyPassed) {
+    CounterWindow window(150, 1s, Measure::kPercent);
+    window.Add({Second(0), Second(0), 0});
+    EXPECT_EQ(window.Add({Second(1), Second(1.5), 2 * kSecond}), std::nullopt);
+    EXPECT_THAT(window.Add({Second(2), Second(2.5), 4 * kSecond}), Optional(200));
+}
+
+TEST(CounterWindow, JudgesOnlyWhenAFullDurationHasBeenSeenAndThenTheLastOne) {
+    CounterWindow window(1000, 3s, Measure::kAmount);
+    EXPECT_EQ(window.Add(At(0, 0)), std::nullopt);
+    EXPECT_EQ(window.Add(At(1, 5000)), std::nullopt);
+    EXPECT_EQ(window.Add(At(2, 5000)), std::nullopt);
+    EXPECT_THAT(window.Add(At(3, 5000)), Optional(5000));
+    EXPECT_EQ(window.Add(At(4, 6000)), std::nullopt);
+    EXPECT_THAT(window.Add(At(5, 6001)), Optional(1001));
+}
+
+TEST(CounterWindow, AnAmountOfALongerTimeCountsForTheShareOfTheDuration) {
+    CounterWindow window(1000, 1s, Measure::kAmount);
+    window.Add(At(0, 0));
+    EXPECT_EQ(window.Add(At(4, 4000)), std::nullopt);
+    EXPECT_THAT(window.Add(At(8, 8400)), Optional(1100));
+}
+
+TEST(CounterWindow, ACounterThatWentBackStartsItAnew) {
+    CounterWindow window(1000, 1s, Measure::kAmount);
+    window.Add(At(0, 900'000));
+    EXPECT_EQ(window.Add(At(1, 0)), std::nullopt);
+    EXPECT_THAT(window.Add(At(2, 2000)), Optional(2000));
+}
+
+TEST(CounterWindow, ALongWindowIsStillJudgedOverItsLastDuration) {
+    CounterWindow window(3599, 3600s, Measure::kAmount);
+    for (int second = 0; second < 3600; ++second) {
+        ASSERT_EQ(window.Add(At(second, second)), std::nullopt);
+    }
+    EXPECT_THAT(window.Add(At(3600, 3600)), Optional(3600));
+    // Readings are kept every 30 s: the base may be that much older, and the growth is scaled for it.
+    EXPECT_THAT(window.Add(At(7215, 7215)), Optional(3600));
+}
+
+class Windows : public ::testing::Test {
+  protected:
+    ProcessWindows& Of(std::vector<Kelvra::ResQuotaInfo> quotas) {
+        book_.emplace(std::move(quotas));
+        return windows_.emplace(book_->RulesFor("foo"));
+    }
+
+    std::vector<int32_t> Taken(Resource heldBack) {
+        std::vector<int32_t> ids;
+        for (const Breach& breach : windows_->TakeBreaches([&](Resource r) { return r == heldBack; })) {
+            ids.push_back(breach.rule->quota.id);
+        }
+        return ids;
+    }
+
+    static Measurements Busy(int second) {
+        Measurements sample;
+        sample.at = sample.cpuReadAt = Second(second);
+        sample.memoryKiB = 1000;
+        sample.cpuTime = second * kSecond;
+        sample.writtenBytes = second * 1000;
+        return sample;
+    }
+
+    std::optional<RuleBook> book_;
+    std::optional<ProcessWindows> windows_;
+};
+
+TEST_F(Windows, EachResourceTypeIsJudgedByItsOwnMeasure) {
+    auto& windows =
+        Of({Quota("foo", "mem", 999, 1, 1), Quota("foo", "cpu", 99, 1, 2), Quota("foo", "cpu_ext", 99, 1, 3),
+            Quota("foo", "io", 999, 1, 4), Quota("foo", "mem", 1000, 1, 5), Quota("foo", "io", 1000, 1, 6)});
+    windows.Add(Busy(0));
+    windows.Add(Busy(1));
+    std::vector<std::pair<int32_t, int64_t>> measured;
+    for (const Breach& breach : windows.TakeBreaches([](Resource) { return false; })) {
+        measured.emplace_back(breach.rule->quota.id, breach.measured);
+    }
+    using Pair = std::pair<int32_t, int64_t>;
+    EXPECT_THAT(measured, ElementsAre(Pair(1, 1000), Pair(2, 100), Pair(3, 100), Pair(4, 1000)));
+}
+
+TEST_F(Windows, AReportStartsTheWindowAnewAndAHeldBackOneDoesNot) {
+    auto& windows = Of({Quota("foo", "mem", 0, 2, 1), Quota("foo", "io", 0, 2, 2)});
+    std::vector<std::vector<int32_t>> taken;
+    for (int second = 0; second < 6; ++second) {
+        windows.Add(Busy(second));
+        taken.push_back(Taken(second == 2 ? Resource::kIo : Resource::kCpu));
+    }
+    using Ids = std::vector<int32_t>;
+    EXPECT_THAT(taken, ElementsAre(Ids{}, Ids{}, Ids{1}, Ids{2}, Ids{1}, Ids{2}));
+}
+
+TEST_F(Windows, SeveralRulesOfAResourceAreReportedInTurn) {
+    auto& windows = Of({Quota("foo", "mem", 0, 0, 1), Quota("foo", "mem", 10, 0, 2)});
+    std::vector<int32_t> taken;
+    for (int second = 0; second < 4; ++second) {
+        windows.Add(Busy(second));
+        const std::vector<int32_t> now = Taken(Resource::kCpu);
+        taken.insert(taken.end(), now.begin(), now.end());
+    }
+    EXPECT_THAT(taken, ElementsAre(1, 2, 1, 2));
+}
+
+TEST(RuleBook, LeavesOutOnlyWhatCanNeverApply) {
+    const RuleBook book({Quota("foo", "memory", 1, 1), Quota("/bin/foo", "mem", 1, 1),
+                         Quota("foo", "cpu", 1, -5),
+                         Quota("foo", "io", 1, std::numeric_limits<int64_t>::max())});
+    ASSERT_THAT(book.RulesFor("foo"), SizeIs(2));
+    EXPECT_EQ(book.RulesFor("foo")[0].duration, 0s);
+    EXPECT_THAT(book.RulesFor("/bin/foo"), IsEmpty());
+    EXPECT_THAT(book.RulesFor("fo"), IsEmpty());
+}
+
+TEST(ProcParse, TheNameIsTheLastComponentOfTheFirstArgument) {
+    using namespace std::string_view_literals;
+    EXPECT_EQ(ProcessNameOf("/usr/bin/a_name_beyond_15_bytes\0-c\0/etc/x\0"sv), "a_name_beyond_15_bytes");
+    EXPECT_EQ(ProcessNameOf("plain"sv), "plain");
+    EXPECT_EQ(ProcessNameOf("/ends/with/\0x\0"sv), "");
+    EXPECT_EQ(ProcessNameOf(""sv), "");
+}
+
+TEST(ProcParse, TheServiceSeesWhatFollowsTheLastSlashOfAllArguments) {
+    const auto seen = [](std::string_view cmdline, size_t pieceSize) {
+        SeenName name;
+        for (; !cmdline.empty(); cmdline.remove_prefix(std::min(pieceSize, cmdline.size()))) {
+            name.Add(cmdline.substr(0, pieceSize));
+        }
+        return name.Text();
+    };
+    using namespace std::string_view_literals;
+    for (const size_t pieceSize : {1U, 7U, 4096U}) {
+        EXPECT_EQ(seen("/system/bin/foo_daemon\0--flag\0"sv, pieceSize), "foo_daemon");
+        EXPECT_EQ(seen("/bin/foo\0-c\0/etc/conf\0"sv, pieceSize), "conf");
+        EXPECT_EQ(seen("/bin/foo\0/tmp/\0"sv, pieceSize), "");
+        EXPECT_EQ(seen("/bin/sixteen_bytes_xy\0"sv, pieceSize), "sixteen_bytes_x");
+        EXPECT_EQ(seen("no_slash\0-a\0"sv, pieceSize), "no_slash");
+    }
+    EXPECT_TRUE(IsAcceptedAs("sixteen_bytes_x", "sixteen_bytes_xy"));
+    EXPECT_FALSE(IsAcceptedAs("conf", "foo"));
+    EXPECT_FALSE(IsAcceptedAs("", "foo"));
+}
+
+TEST(ProcParse, TheStartTimeIsFoundBehindAnyCommandName) {
+    const std::string fields = "S 1 1 1 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 4711 46223360 3693\n";
+    EXPECT_THAT(StartTimeOf("12 (foo) " + fields), Optional(4711));
+    EXPECT_THAT(StartTimeOf("12 (a) (b) S 1 2) " + fields), Optional(4711));
+    EXPECT_EQ(StartTimeOf("12 (foo) S 1 1 1 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 4711"), std::nullopt);
+    EXPECT_EQ(StartTimeOf("12 (foo"), std::nullopt);
+    EXPECT_EQ(StartTimeOf(""), std::nullopt);
+}
+
+TEST(ProcParse, NumbersThatAreNotWholeAreAbsent) {
+    EXPECT_THAT(ResidentPagesOf("100 42 3 1 0 7 0\n"), Optional(42));
+    EXPECT_EQ(ResidentPagesOf("100 42"), std::nullopt);
+    EXPECT_EQ(ResidentPagesOf("100"), std::nullopt);
+    const std::string io = "cancelled_write_bytes: 7\nwrite_bytes: 4096\n";
+    EXPECT_THAT(NumberOfLine(io, "write_bytes:"), Optional(4096));
+    EXPECT_EQ(NumberOfLine("write_bytes: 40", "write_bytes:"), std::nullopt);
+    EXPECT_EQ(NumberOfLine("write_bytes: x\n", "write_bytes:"), std::nullopt);
+    EXPECT_EQ(NumberOfLine("write_bytes: 99999999999999999999\n", "write_bytes:"), std::nullopt);
+    EXPECT_EQ(NumberOfLine("Pss:", "Pss:"), std::nullopt);
+    EXPECT_THAT(NumberOfLine("Name:\tx\nUid:\t1001\t0\t0\t0\n", "Uid:"), Optional(1001));
+}
+
+TEST(ProcessTable, LooksAtANameOftenAtFirstAndThenEverySixteenthTime) {
+    std::vector<uint32_t> due;
+    for (uint32_t age = 0; age <= 50; ++age) {
+        if (IsLookDue(age, 3)) {
+            due.push_back(age);
+        }
+    }
+    EXPECT_THAT(due, ElementsAre(0, 1, 2, 4, 8, 16, 29, 45));
+}
+
+// A child that runs a shell under one name and, once told, executes a program of another.
+class Child {
+  public:
+    Child(const std::string& firstName, const std::string& nextProgram) {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            std::abort();
+        }
+        tell_ = UniqueFd(ends[1]);
+        const UniqueFd listen(ends[0]);
+        const std::string script = "read line; exec " + nextProgram + " 60";
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(listen.Get(), STDIN_FILENO);
+            execl("/bin/sh", firstName.c_str(), "-c", script.c_str(), nullptr);
+            _exit(127);
+        }
+        WaitForName(firstName);
+    }
+    ~Child() { End(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    pid_t Pid() const { return pid_; }
+    void ExecuteNext(const std::string& name) {
+        EXPECT_EQ(write(tell_.Get(), "\n", 1), 1);
+        WaitForName(name);
+    }
+    void End() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(std::exchange(pid_, 0), nullptr, 0);
+        }
+    }
+
+  private:
+    void WaitForName(const std::string& name) const {
+        const auto deadline = Clock::now() + 10s;
+        char buffer[kProcBufferSize];
+        while (ProcessNameOf(ReadProcFileOnce(pid_, "cmdline", buffer).text) != name) {
+            ASSERT_LT(Clock::now(), deadline);
+            std::this_thread::yield();
+        }
+    }
+
+    pid_t pid_ = 0;
+    UniqueFd tell_;
+};
+
+class RealProcesses : public ::testing::Test {
+  protected:
+    RealProcesses() {
+        std::filesystem::create_directory(directory_);
+        std::filesystem::create_symlink("/bin/sleep", directory_ / second_);
+    }
+    ~RealProcesses() override { std::filesystem::remove_all(directory_); }
+
+    void UseRules(std::vector<Kelvra::ResQuotaInfo> quotas) {
+        table_.UseRules(std::make_shared<RuleBook>(std::move(quotas)));
+    }
+    std::vector<Report> Sample() {
+        at_ += 1s;
+        return table_.Sample(at_, [this](const ReportKey& key) { return onTheWay_.contains(key); });
+    }
+
+    const std::string first_ = "kelvra_first_" + std::to_string(getpid());
+    const std::string second_ = "kelvra_second_" + std::to_string(getpid());
+    const std::filesystem::path directory_ = std::filesystem::temp_directory_path() / ("dir_" + first_);
+    TimePoint at_;
+    std::set<ReportKey> onTheWay_;
+    ProcessTable table_;
+};
+
+TEST_F(RealProcesses, AReportSaysWhatTheQuotaSaysAndWhatWasMeasured) {
+    const Child child(first_, directory_ / second_);
+    UseRules({Quota(first_, "mem", 1, 1, 77)});
+    EXPECT_THAT(Sample(), IsEmpty());
+    const std::vector<Report> reports = Sample();
+    ASSERT_THAT(reports, SizeIs(1));
+    const Kelvra::ProcessAnomalyInfo& info = reports[0].info;
+    EXPECT_EQ(info.pid, child.Pid());
+    EXPECT_EQ(info.uid, static_cast<int32_t>(getuid()));
+    EXPECT_EQ(info.id, 77);
+    EXPECT_EQ(info.duration, 1);
+    EXPECT_GT(info.resource, 1);
+    EXPECT_LT(info.resource, 100'000);
+    EXPECT_EQ(info.action, "kill");
+    EXPECT_EQ(info.resType, "mem");
+    EXPECT_EQ(info.processName, first_);
+    EXPECT_THAT(info.conditions, ElementsAre(8, 1));
+    char stat[kProcBufferSize];
+    EXPECT_THAT(StartTimeOf(ReadProcFileOnce(child.Pid(), "stat", stat).text), Optional(info.startTime));
+    EXPECT_GT(info.sampleTime, 0);
+}
+
+TEST_F(RealProcesses, AnExecutedProgramIsMatchedAnewAndInheritsNoWindow) {
+    Child child(first_, directory_ / second_);
+    UseRules({Quota(first_, "mem", 1, 2, 1), Quota(second_, "mem", 1, 2, 2)});
+    Sample();
+    Sample();
+    child.ExecuteNext(second_);
+    EXPECT_THAT(Sample(), IsEmpty());
+    EXPECT_EQ(table_.WatchedCount(), 1U);
+    EXPECT_THAT(Sample(), IsEmpty());
+    EXPECT_THAT(Sample(), IsEmpty());
+    const std::vector<Report> reports = Sample();
+    ASSERT_THAT(reports, SizeIs(1));
+    EXPECT_EQ(reports[0].info.id, 2);
+}
+
+TEST_F(RealProcesses, AProgramExecutedByAnUnwatchedProcessIsFoundSoon) {
+    Child child(first_, directory_ / second_);
+    UseRules({Quota(second_, "mem", 1, 0)});
+    EXPECT_THAT(Sample(), IsEmpty());
+    child.ExecuteNext(second_);
+    EXPECT_THAT(Sample(), SizeIs(1));
+}
+
+TEST_F(RealProcesses, OneThatEndsIsForgotten) {
+    Child child(first_, directory_ / second_);
+    UseRules({Quota(first_, "mem", 1, 0), Quota(first_, "cpu", 1, 0), Quota(first_, "io", 1, 0)});
+    EXPECT_THAT(Sample(), SizeIs(1));
+    kill(child.Pid(), SIGKILL);
+    siginfo_t info;
+    waitid(P_PID, static_cast<id_t>(child.Pid()), &info, WEXITED | WNOWAIT);
+    EXPECT_THAT(Sample(), IsEmpty());
+    EXPECT_EQ(table_.WatchedCount(), 0U);
+}
+
+TEST_F(RealProcesses, AReportOnItsWayHoldsBackTheNextOfItsKind) {
+    const Child child(first_, directory_ / second_);
+    UseRules({Quota(first_, "mem", 1, 0)});
+    const std::vector<Report> reports = Sample();
+    ASSERT_THAT(reports, SizeIs(1));
+    onTheWay_.insert(reports[0].key);
+    EXPECT_THAT(Sample(), IsEmpty());
+    onTheWay_.clear();
+    EXPECT_THAT(Sample(), SizeIs(1));
+}
+
+TEST_F(RealProcesses, BusyThreadsAreMeasuredInPercentOfOneCore) {
+    char self[kProcBufferSize];
+    const std::string name(ProcessNameOf(ReadProcFileOnce(getpid(), "cmdline", self).text));
+    UseRules({Quota(name, "cpu", 5, 0)});
+    Sample();
+    const auto ofThis = [](const std::vector<Report>& reports) {
+        return std::ranges::find(reports, getpid(), [](const Report& report) { return report.info.pid; });
+    };
+    const auto start = Clock::now();
+    timespec begin{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &begin);
+    timespec now = begin;
+    while ((now.tv_sec - begin.tv_sec) * kSecond + now.tv_nsec - begin.tv_nsec < kSecond / 5) {
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    }
+    const std::vector<Report> reports = Sample();
+    const double wholeSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const auto own = ofThis(reports);
+    ASSERT_NE(own, reports.end());
+    EXPECT_LE(own->info.resource, 101);
+    EXPECT_GE(static_cast<double>(own->info.resource), 20.0 / wholeSeconds * 0.8);
+}
+
+TEST(Reporter, SendsBatchesOfBoundedSizeAndKnowsWhatIsOnItsWay) {
+    const auto reporter = std::make_shared<Reporter>();
+    std::vector<std::function<void(int32_t)>> answers;
+    std::vector<size_t> sizes;
+    reporter->SetSubscriber([&](const MessageParcel& batch, std::function<void(int32_t)> answered) {
+        MessageParcel copy(batch);
+        std::vector<Kelvra::ProcessAnomalyInfo> infos;
+        EXPECT_EQ(ReadRecordList(copy, infos), "");
+        sizes.push_back(infos.size());
+        answers.push_back(std::move(answered));
+    });
+    std::vector<Report> reports(1001);
+    for (size_t i = 0; i < reports.size(); ++i) {
+        reports[i].key.pid = static_cast<pid_t>(i);
+    }
+    reporter->Send(reports);
+    EXPECT_THAT(sizes, ElementsAre(1000, 1));
+    answers[0](ERR_TIMED_OUT);
+    EXPECT_FALSE(reporter->IsOnTheWay(reports[999].key));
+    EXPECT_TRUE(reporter->IsOnTheWay(reports[1000].key));
+    EXPECT_TRUE(reporter->HasSubscriber());
+}
+
+TEST(Reporter, DropsADeadSubscriberButNotTheOneThatReplacedIt) {
+    const auto reporter = std::make_shared<Reporter>();
+    std::function<void(int32_t)> answer;
+    const Reporter::Deliver deliver = [&](const MessageParcel&, std::function<void(int32_t)> answered) {
+        answer = std::move(answered);
+    };
+    reporter->SetSubscriber(deliver);
+    reporter->Send(std::vector<Report>(1));
+    reporter->SetSubscriber(deliver);
+    answer(ERR_DEAD_OBJECT);
+    EXPECT_TRUE(reporter->HasSubscriber());
+    reporter->Send(std::vector<Report>(1));
+    answer(ERR_DEAD_OBJECT);
+    EXPECT_FALSE(reporter->HasSubscriber());
+}
+
+TEST(Sampler, TakesThePlaceOnTheGridThatALateSampleCameTo) {
+    EXPECT_EQ(NextSampleTime(Second(10), Second(11.01), 1s), Second(11));
+    EXPECT_EQ(NextSampleTime(Second(10), Second(10.99), 1s), Second(11));
+    EXPECT_EQ(NextSampleTime(Second(10), Second(13.5), 1s), Second(13));
+}
+
+TEST(Sampler, ReportsOnceThereAreQuotasAndASubscriberAndStopsAtOnce) {
+    const auto reporter = std::make_shared<Reporter>();
+    std::mutex mutex;
+    std::condition_variable changed;
+    int batches = 0;
+    Sampler sampler(100ms, 10, reporter);
+    sampler.Start();
+    char self[kProcBufferSize];
+    const std::string name(ProcessNameOf(ReadProcFileOnce(getpid(), "cmdline", self).text));
+    sampler.SetQuotas({Quota(name, "mem", 1, 0)});
+    reporter->SetSubscriber([&](const MessageParcel&, std::function<void(int32_t)> answered) {
+        answered(ERR_NONE);
+        const std::lock_guard lock(mutex);
+        ++batches;
+        changed.notify_all();
+    });
+    sampler.SubscriberHasChanged();
+    {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return batches >= 2; }));
+    }
+    sampler.Stop();
+    const int afterStop = batches;
+    sampler.SubscriberHasChanged();
+    EXPECT_EQ(batches, afterStop);
+}
+
+class CountingSubscriber : public Kelvra::KelvraManagerTaskSubscriber {
+  public:
+    void OnReportAbnormalProcess(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) override {
+        records += infos.size();
+    }
+    size_t records = 0;
+};
+
+class Subscriber : public ::testing::Test {
+  protected:
+    Subscriber() { stub_->SetSubscriber(subscriber_); }
+
+    static MessageParcel Batch(size_t count) {
+        MessageParcel batch;
+        Kelvra::ProcessAnomalyInfo info;
+        info.processName = "some_daemon";
+        info.conditions = {1, 2};
+        EXPECT_TRUE(WriteRecordList(std::vector(count, info), batch));
+        return batch;
+    }
+
+    std::shared_ptr<CountingSubscriber> subscriber_ = std::make_shared<CountingSubscriber>();
+    sptr<SubscriberStub> stub_ = MakeSptr<SubscriberStub>();
+};
+
+TEST_F(Subscriber, TakesAWholeBatch) {
+    MessageParcel batch = Batch(3);
+    EXPECT_EQ(stub_->TakeBatch(batch), ERR_NONE);
+    EXPECT_EQ(subscriber_->records, 3U);
+}
+
+TEST_F(Subscriber, IsNotCalledForABatchOfAnUnprovenSender) {
+    MessageParcel batch = Batch(1);
+    MessageParcel reply;
+    MessageOption option;
+    EXPECT_EQ(stub_->OnRemoteRequest(KelvraProtocol::kReport, batch, reply, option), ERR_REFUSED);
+    EXPECT_EQ(subscriber_->records, 0U);
+}
+
+TEST_F(Subscriber, IsNotCalledForABatchThatIsCutPaddedOrEmpty) {
+    const MessageParcel whole = Batch(2);
+    const std::span<const std::byte> bytes = whole.Bytes();
+    for (size_t length = 0; length < bytes.size(); ++length) {
+        MessageParcel cut(std::vector<std::byte>(bytes.begin(), bytes.begin() + static_cast<long>(length)));
+        EXPECT_EQ(stub_->TakeBatch(cut), KelvraProtocol::kBadReport) << length;
+    }
+    MessageParcel padded(whole);
+    padded.WriteInt32(0);
+    EXPECT_EQ(stub_->TakeBatch(padded), KelvraProtocol::kBadReport);
+    MessageParcel empty = Batch(0);
+    EXPECT_EQ(stub_->TakeBatch(empty), KelvraProtocol::kBadReport);
+    MessageParcel huge;
+    huge.WriteUint32(std::numeric_limits<uint32_t>::max());
+    EXPECT_EQ(stub_->TakeBatch(huge), KelvraProtocol::kBadReport);
+    EXPECT_EQ(subscriber_->records, 0U);
+}
+
+TEST_F(Subscriber, IsNotCalledOnceItIsDestroyed) {
+    subscriber_.reset();
+    MessageParcel batch = Batch(1);
+    EXPECT_EQ(stub_->TakeBatch(batch), ERR_DEAD_OBJECT);
+}
+
+}  // namespace
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,332 @@
+#include <sched.h>
+#include <sys/mount.h>
+
+#include "json_utils.h"
+#include "res_policy_manager.h"
+#include "service_fixture.h"
+
+namespace KITE::ResourceQuotaCtl {
+
+namespace {
+
+using Kelvra::ResQuotaInfo;
+
+class PolicyTest : public ServiceTest {
+  protected:
+    // Every exported record as "name resource id".
+    std::vector<std::string> Exported() {
+        std::vector<ResQuotaInfo> infos;
+        policy_.GetAllResQuotaInfos(infos);
+        std::vector<std::string> texts;
+        for (const auto& info : infos) {
+            texts.push_back(info.processName + ' ' + info.resType + ' ' + std::to_string(info.id));
+        }
+        return texts;
+    }
+    // Loads the files as layers, one after the other.
+    bool Load(const std::vector<std::string>& files) {
+        for (const auto& file : files) {
+            AddLayer(Quotas(file));
+        }
+        return policy_.Init();
+    }
+
+    ResPolicyManager policy_;
+};
+
+// Where a later file leaves an entry's parent and rules.
+class MergeTest : public PolicyTest {
+  protected:
+    const std::string templates_ = Entry("T", "", Rule("mem", 1)) + ',' + Entry("U", "", Rule("mem", 2));
+    const std::string other_ = Entry("other", "", "");
+
+    // The rules of X after loading.
+    std::vector<std::string> RulesOfX(const std::vector<std::string>& files) {
+        EXPECT_TRUE(Load(files));
+        auto rules = Exported();
+        std::erase_if(rules, [](const std::string& rule) { return !rule.starts_with("X "); });
+        return rules;
+    }
+    std::string X(const std::string& parent, int id) const { return Entry("X", parent, Rule("cpu", id)); }
+};
+
+TEST_F(PolicyTest, ExportsRecordsByNameThenResourceWithEveryField) {
+    ASSERT_TRUE(Load(
+        {Entry("B", "",
+               "'running_time':30,'io':[{'condition':[],'id':3,'resource_quota':1,'duration':2,"
+               "'action':'warning'},{'condition':[],'id':4,'resource_quota':1,'duration':2,'action':''}]") +
+         ',' +
+         Entry("A", "",
+               "'mem':[{'condition':[],'id':1,'resource_quota':9,'duration':2,'action':'kill'}],"
+               "'cpu':[{'condition':['foreground&audio','screen_off','background&','&&','Audio',"
+               "'background&&audio',' audio',''],'id':4294967297,'resource_quota':5000000000,"
+               "'duration':18446744073709551615,'action':'freeze','else':1}]")}));
+    EXPECT_TRUE(policy_.IsConfigInit());
+    EXPECT_THAT(Exported(), ElementsAre("A cpu 1", "A mem 1", "B io 3", "B io 4"));
+    std::vector<ResQuotaInfo> infos(1);
+    policy_.GetAllResQuotaInfos(infos);
+    ASSERT_EQ(infos.size(), 5U) << "records are appended";
+    EXPECT_EQ(infos[1].resource, 5000000000);
+    EXPECT_EQ(infos[1].duration, -1);
+    EXPECT_EQ(infos[1].processType, 0);
+    EXPECT_EQ(infos[1].action, "freeze");
+    EXPECT_THAT(infos[1].conditions, ElementsAre(5, 8, 2, 0, 0, 6, 0, 0));
+}
+
+TEST_F(PolicyTest, ExportsOnlyRunningTimesFromOneUpwards) {
+    ASSERT_TRUE(Load(
+        {Entry("ext_b", "", "'running_time':1") + ',' + Entry("ext_a", "", "'running_time':30") + ',' +
+         Entry("zero", "", "'running_time':0") + ',' + Entry("minus", "", "'running_time':-1") + ',' +
+         Entry("float", "", "'running_time':3.0") + ',' + Entry("cut", "", "'running_time':4294967301")}));
+    EXPECT_THAT(policy_.GetExtensionRunningTime(),
+                ElementsAre(std::pair("cut", 5), std::pair("ext_a", 30), std::pair("ext_b", 1)));
+    EXPECT_THAT(Exported(), IsEmpty());
+}
+
+TEST_F(PolicyTest, InitLogsItsStepsAndLoadsOnlyOnce) {
+    const std::string file = AddLayer(Quotas(Entry("A", "", Rule("mem", 1))));
+    platform.configDirectories->insert(platform.configDirectories->begin(), std::nullopt);
+    platform.configDirectories->push_back("/nowhere");
+    const std::string layer = *(*platform.configDirectories)[1];
+    ASSERT_TRUE(policy_.Init());
+    EXPECT_THAT(platform.Trace(), ElementsAre("I res_policy_manager: Init", "GetCfgDirList()",
+                                              "D res_policy_manager: cfgDir: " + layer + " ",
+                                              "D res_policy_manager: cfgDir: /nowhere ", "FreeCfgDirList()",
+                                              "D res_policy_manager: Get valid base config file: " + file,
+                                              "I json_utils: realPath is [" + file + "]"));
+    platform.ClearTrace();
+    AddLayer("broken");
+    EXPECT_TRUE(policy_.Init());
+    EXPECT_THAT(platform.Trace(), ElementsAre("I res_policy_manager: Init"));
+}
+
+TEST_F(PolicyTest, WithoutFilesThereIsNoPolicyUntilOneComes) {
+    EXPECT_FALSE(policy_.Init());
+    EXPECT_THAT(platform.Log(), ElementsAre("I res_policy_manager: Init",
+                                            "E res_policy_manager: There are no valid config files"));
+    EXPECT_FALSE(policy_.IsConfigInit());
+    EXPECT_TRUE(Load({Entry("A", "", Rule("mem", 1))}));
+    EXPECT_THAT(Exported(), ElementsAre("A mem 1"));
+}
+
+TEST_F(PolicyTest, EveryRefusalStopsAtItsFileAndIsLogged) {
+    const std::string rule = "'condition':[],'id':1,'resource_quota':1,'duration':1,'action':'kill'";
+    const auto entryWith = [&](const std::string& ruleText) {
+        return Entry("A", "", "'cpu':[{" + ruleText + "}]");
+    };
+    const std::vector<std::string> rulesFailed{"E res_policy_manager: ParseQuotaForResource failed!",
+                                               "E res_policy_manager: ParseProcessQuotas failed!",
+                                               "E res_policy_manager: ParseProcessQuotaConfig failed!"};
+    const std::vector<std::string> entryFailed{"E res_policy_manager: ParseProcessQuotaConfig failed!"};
+    const std::vector<std::string> arrayFailed{"E res_policy_manager: Get quotas arrays failed!"};
+    const std::vector<std::string> mergeFailed{"E res_policy_manager: Merge quota config failed!"};
+    const auto broken = [](const std::string& text) {
+        return std::vector<std::string>{"E json_utils: " + text + " transit to json failed"};
+    };
+    const auto afterMerge = [&](const std::string& text) {
+        return std::vector<std::string>{"E res_policy_manager: " + text, mergeFailed[0]};
+    };
+    const std::string deep = std::string(513, '[') + std::string(513, ']');
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        {"", broken("")},
+        {"{", broken("{")},
+        {"{}//", broken("{}//")},
+        {deep, broken(deep)},
+        {deep.substr(1, 1024), arrayFailed},
+        {"[]", arrayFailed},
+        {Json("{'quotas':{}}"), arrayFailed},
+        {Quotas("1"), entryFailed},
+        {Quotas("{'inherit':'','process_quotas':{}}"), entryFailed},
+        {Quotas("{'process_name':1,'inherit':'','process_quotas':{}}"), entryFailed},
+        {Quotas("{'process_name':'A','process_quotas':{}}"), entryFailed},
+        {Quotas("{'process_name':'A','inherit':null,'process_quotas':{}}"), entryFailed},
+        {Quotas("{'process_name':'A','inherit':''}"), entryFailed},
+        {Quotas("{'process_name':'A','inherit':'','process_quotas':[]}"), entryFailed},
+        {Quotas(Entry("A", "", "'cpu':[1]")), rulesFailed},
+        {Quotas(entryWith("'id':1,'resource_quota':1,'duration':1,'action':''")), rulesFailed},
+        {Quotas(entryWith("'condition':[1],'id':1,'resource_quota':1,'duration':1,'action':''")),
+         rulesFailed},
+        {Quotas(entryWith("'condition':'audio','id':1,'resource_quota':1,'duration':1,'action':''")),
+         rulesFailed},
+        {Quotas(entryWith("'condition':[],'id':1.0,'resource_quota':1,'duration':1,'action':''")),
+         rulesFailed},
+        {Quotas(entryWith("'condition':[],'id':1,'resource_quota':true,'duration':1,'action':''")),
+         rulesFailed},
+        {Quotas(entryWith("'condition':[],'id':1,'resource_quota':1,'duration':'1','action':''")),
+         rulesFailed},
+        {Quotas(entryWith("'condition':[],'id':1,'resource_quota':1,'duration':1,'action':1")), rulesFailed},
+        {Quotas(entryWith("'condition':[],'id':1,'resource_quota':1,'duration':1")), rulesFailed},
+        {Quotas(Entry("A", "A", "")), afterMerge("Find circular inheritance: A, A")},
+        {Quotas(Entry("A", "B", "") + ',' + Entry("B", "C", "") + ',' + Entry("C", "B", "")),
+         afterMerge("Find circular inheritance: C, B")},
+        {Quotas(Entry("A", "missing", "")), afterMerge("MergeConfig not find template name: missing")},
+    };
+    for (const auto& [text, expected] : cases) {
+        SCOPED_TRACE(text.substr(0, 200));
+        platform.configDirectories.reset();
+        AddLayer(text);
+        platform.ClearTrace();
+        EXPECT_FALSE(policy_.Init());
+        auto errors = platform.Log();
+        std::erase_if(errors, [](const std::string& line) { return line[0] != 'E'; });
+        EXPECT_EQ(errors, expected);
+        EXPECT_FALSE(policy_.IsConfigInit());
+        EXPECT_THAT(Exported(), IsEmpty());
+    }
+    platform.configDirectories.reset();
+    AddLayer("broken");
+    AddLayer(Quotas(""));
+    platform.ClearTrace();
+    EXPECT_FALSE(policy_.Init());
+    EXPECT_THAT(platform.Log(),
+                Not(Contains("I json_utils: realPath is [" + *platform.configDirectories->at(1) +
+                             "/etc/efficiency_manager/process_resource_limit.json]")));
+}
+
+TEST_F(PolicyTest, ToleratesWhatIsNotRequired) {
+    EXPECT_TRUE(
+        Load({Entry("A", "", "'cpu':{},'mem':[],'memory':[1],'CPU':1") + ",{'process_name':'','inherit':'',"
+                                                                         "'process_quotas':{},'more':[]}"}));
+    EXPECT_THAT(Exported(), IsEmpty());
+}
+
+TEST_F(PolicyTest, ALaterElementOfAFileReplacesTheRecordButNotTheParent) {
+    ASSERT_TRUE(Load({Entry("T", "", Rule("mem", 1)) + ',' + Entry("U", "", Rule("mem", 2)) + ',' +
+                      Entry("X", "T", Rule("cpu", 3)) + ',' + Entry("X", "U", Rule("cpu", 4))}));
+    EXPECT_THAT(Exported(), ElementsAre("T mem 1", "U mem 2", "X cpu 4", "X mem 1"));
+}
+
+TEST_F(PolicyTest, InheritsWholeListsByKeyThroughAChain) {
+    ASSERT_TRUE(Load(
+        {Entry("A", "B", "'running_time':-5,'io':7") + ',' + Entry("B", "Z", "'cpu':[]") + ',' +
+         Entry("Z", "", "'running_time':9," + Rule("cpu", 1) + ',' + Rule("io", 2) + ',' + Rule("mem", 3)) +
+         ',' + Entry("C", "Z", Rule("cpu", 4))}));
+    EXPECT_THAT(Exported(), ElementsAre("A mem 3", "B io 2", "B mem 3", "C cpu 4", "C io 2", "C mem 3",
+                                        "Z cpu 1", "Z io 2", "Z mem 3"));
+    EXPECT_THAT(policy_.GetExtensionRunningTime(),
+                ElementsAre(std::pair("B", 9), std::pair("C", 9), std::pair("Z", 9)));
+}
+
+TEST_F(MergeTest, ANameThatOneFileDefinesKeepsItsParent) {
+    EXPECT_THAT(RulesOfX({templates_ + ',' + X("T", 7), other_, other_}), ElementsAre("X cpu 7", "X mem 1"));
+}
+
+TEST_F(MergeTest, AParentOfTheFileBeforeStaysWhateverTheLaterFileSays) {
+    EXPECT_THAT(RulesOfX({templates_ + ',' + X("T", 7), X("U", 8)}), ElementsAre("X cpu 8", "X mem 1"));
+}
+
+TEST_F(MergeTest, AParentOfTheFileBeforeStaysAlsoAgainstNone) {
+    EXPECT_THAT(RulesOfX({templates_ + ',' + X("T", 7), X("", 8)}), ElementsAre("X cpu 8", "X mem 1"));
+}
+
+TEST_F(MergeTest, ANameWithoutAParentTakesTheLaterFiles) {
+    EXPECT_THAT(RulesOfX({templates_ + ',' + X("", 7), X("U", 8)}), ElementsAre("X cpu 8", "X mem 2"));
+}
+
+TEST_F(MergeTest, ARedefinitionTwoFilesLaterDecidesTheParent) {
+    EXPECT_THAT(RulesOfX({templates_ + ',' + X("T", 7), other_, X("", 8)}), ElementsAre("X cpu 8"));
+    platform.configDirectories.reset();
+}
+
+TEST_F(MergeTest, AThirdDefinitionTakesItsOwnParent) {
+    EXPECT_THAT(RulesOfX({templates_ + ',' + X("T", 7), X("", 8), X("U", 9)}),
+                ElementsAre("X cpu 9", "X mem 2"));
+}
+
+// The base directory of the system, with one layer in it, seen by this process alone.
+class SystemLayerTest : public PolicyTest {
+  protected:
+    void SetUp() override {
+        std::filesystem::create_directory("/system");
+        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", "/system", "tmpfs", 0, nullptr) != 0) {
+            GTEST_SKIP() << "needs the right to mount";
+        }
+        std::filesystem::create_directories("/system/etc/efficiency_manager");
+        std::ofstream("/system/etc/efficiency_manager/process_resource_limit.json")
+            << Quotas(Entry("A", "", Rule("cpu", 1)));
+    }
+    void TearDown() override {
+        umount("/system");
+        std::error_code ignored;
+        std::filesystem::remove("/system", ignored);
+    }
+    std::vector<std::string> LoadInOrder(std::vector<std::optional<std::string>> directories) {
+        platform.configDirectories = std::move(directories);
+        EXPECT_TRUE(policy_.Init());
+        return Exported();
+    }
+};
+
+TEST_F(SystemLayerTest, IsAlwaysReadAndFirstUnlessListedElsewhere) {
+    AddLayer(Quotas(Entry("A", "", Rule("cpu", 2))));
+    const auto layer = platform.configDirectories->front();
+    EXPECT_THAT(LoadInOrder({layer}), ElementsAre("A cpu 2"));
+    ResPolicyManager listed;
+    platform.configDirectories = {{layer, std::nullopt, "/system"}};
+    platform.ClearTrace();
+    ASSERT_TRUE(listed.Init());
+    std::vector<ResQuotaInfo> infos;
+    listed.GetAllResQuotaInfos(infos);
+    EXPECT_EQ(infos.at(0).id, 1) << "the later layer wins";
+    EXPECT_EQ(std::ranges::count_if(platform.Log(),
+                                    [](const auto& line) { return line.find("realPath") != line.npos; }),
+              2);
+    ResPolicyManager withSlash;
+    platform.configDirectories = {{layer, "/system/"}};
+    platform.ClearTrace();
+    ASSERT_TRUE(withSlash.Init());
+    EXPECT_EQ(std::ranges::count_if(platform.Log(),
+                                    [](const auto& line) { return line.find("realPath") != line.npos; }),
+              3);
+}
+
+TEST(JsonUtilTest, GettersTakeOnlyTheirTypeAndLeaveTheOutputOtherwise) {
+    const auto json = nlohmann::json::parse(
+        R"({"id":4294967297,"minus":-1,"float":3.0,"text":"3","big":18446744073709551615,"list":[1],"object":{"a":1},"":1})");
+    int32_t number = 42;
+    for (const char* key : {"float", "text", "list", "absent", ""}) {
+        EXPECT_FALSE(JsonUtil::GetIntFromJsonObj(json, key, number)) << key;
+    }
+    EXPECT_FALSE(JsonUtil::GetIntFromJsonObj(json["list"], "id", number));
+    EXPECT_FALSE(JsonUtil::GetIntFromJsonObj(nlohmann::json(), "id", number));
+    EXPECT_EQ(number, 42);
+    EXPECT_TRUE(JsonUtil::GetIntFromJsonObj(json, "id", number) && number == 1);
+    int64_t wide = 0;
+    EXPECT_TRUE(JsonUtil::GetInt64FromJsonObj(json, "id", wide) && wide == 4294967297);
+    EXPECT_TRUE(JsonUtil::GetInt64FromJsonObj(json, "big", wide) && wide == -1);
+    std::string text;
+    EXPECT_FALSE(JsonUtil::GetStringFromJsonObj(json, "id", text));
+    EXPECT_TRUE(JsonUtil::GetStringFromJsonObj(json, "text", text) && text == "3");
+    nlohmann::json member;
+    EXPECT_FALSE(JsonUtil::GetObjFromJsonObj(json, "list", member));
+    EXPECT_FALSE(JsonUtil::GetArrayFromJsonObj(json, "object", member));
+    EXPECT_TRUE(member.is_null());
+    EXPECT_TRUE(JsonUtil::GetObjFromJsonObj(json, "object", member) && member.contains("a"));
+    nlohmann::json givenUp = json;
+    EXPECT_TRUE(JsonUtil::GetArrayFromJsonObj(std::move(givenUp), "list", member) && member.size() == 1);
+}
+
+TEST_F(PolicyTest, ResolvesLinksAndRefusesLongAndMissingPaths) {
+    const std::string file = AddLayer("{}");
+    const std::string link = file + ".link";
+    std::filesystem::create_symlink(file, link);
+    std::string real;
+    EXPECT_TRUE(JsonUtil::GetRealPath(link, real));
+    EXPECT_EQ(real, file);
+    // Leading slashes make a path longer and name the same file.
+    const std::string longest = std::string(4096 - file.size(), '/') + file;
+    EXPECT_TRUE(JsonUtil::GetRealPath(longest, real));
+    EXPECT_FALSE(JsonUtil::GetRealPath('/' + longest, real));
+    nlohmann::json json;
+    platform.ClearTrace();
+    EXPECT_FALSE(JsonUtil::LoadJsonObjFromFile(json, file + "missing"));
+    EXPECT_THAT(platform.Log(), ElementsAre("E json_utils: Cannot read json file [" + file + "missing]"));
+    platform.ClearTrace();
+    EXPECT_TRUE(JsonUtil::LoadJsonObjFromFile(json, link));
+    EXPECT_THAT(platform.Log(), ElementsAre("I json_utils: realPath is [" + link + "]"));
+}
+
+}  // namespace
+
+}  // namespace KITE::ResourceQuotaCtl

@@ -1,0 +1,169 @@
+#include "iresource_quota_control.h"
+#include "res_policy_manager.h"
+#include "service_fixture.h"
+#include "singleton.h"
+
+namespace KITE::ResourceQuotaCtl {
+
+namespace {
+
+constexpr uint32_t kTrusted = 7;
+const std::string kService = "resource_quota_control_service: ";
+const std::string kStub = "resource_quota_control_stub: ";
+
+class RemoteTest : public ServiceTest {
+  protected:
+    RemoteTest() {
+        platform.nativeProcesses = {{kTrusted, "svcdb"},
+                                    {8, "faultd"},
+                                    {9, "resource_schedule_service"},
+                                    {10, "svcd"},
+                                    {11, "Svcdb"}};
+        platform.callingToken = kTrusted;
+    }
+
+    static MessageParcel Request(std::u16string_view token = IResourceQuotaControl::GetDescriptor()) {
+        MessageParcel request;
+        request.WriteInterfaceToken(token);
+        return request;
+    }
+    static MessageParcel PidRequest(size_t count) {
+        auto request = Request();
+        request.WriteInt32Vector(std::vector<int32_t>(count, getpid()));
+        return request;
+    }
+    int32_t Send(uint32_t code, MessageParcel request) {
+        reply = {};
+        MessageOption option;
+        platform.ClearTrace();
+        return object_->SendRequest(code, request, reply, option);
+    }
+    void LoadRunningTimes(int count) {
+        std::string entries;
+        for (int i = 0; i < count; ++i) {
+            entries += (i == 0 ? "" : ",") +
+                       Entry("ext_" + std::to_string(i), "", "'running_time':" + std::to_string(i + 1));
+        }
+        AddLayer(Quotas(entries));
+        ASSERT_TRUE(DelayedSingleton<ResPolicyManager>::GetInstance()->Init());
+    }
+
+    MessageParcel reply;
+
+  private:
+    // As the transport does: through the remote object alone.
+    sptr<IRemoteObject> object_{dynamic_cast<IRemoteObject*>(platform.registeredAbility)};
+};
+
+TEST_F(RemoteTest, AnotherInterfacesTokenIsRefusedInSilence) {
+    std::u16string token = IResourceQuotaControl::GetDescriptor();
+    for (const auto& wrong :
+         {token.substr(0, 60), token + u"l", u"k" + token.substr(1),
+          std::u16string(u"KITE.ResourceSchedule.EfficiencyManager.ResourceQuotaControl")}) {
+        EXPECT_EQ(Send(1, Request(wrong)), -1);
+        EXPECT_EQ(reply.ReadableBytes(), 0U);
+    }
+    EXPECT_EQ(Send(2, MessageParcel()), -1);
+    EXPECT_THAT(platform.Trace(), IsEmpty());
+    EXPECT_EQ(Send(3, Request()), ERR_UNKNOWN_CODE);
+    EXPECT_EQ(Send(0, Request()), ERR_UNKNOWN_CODE);
+    EXPECT_EQ(reply.ReadableBytes(), 0U);
+}
+
+TEST_F(RemoteTest, CountsTheBytesOfAsManyPidsAsTheLimitAllows) {
+    EXPECT_EQ(Send(1, PidRequest(2048)), 0);
+    EXPECT_THAT(platform.Trace(),
+                ElementsAre("GetNativeTokenInfo(7)", "I " + kService + "Process svcdb called GetIoWriteBytes",
+                            "I " + kService + "processPids.size() 2048",
+                            "I resource_quota_control_io_helper: writeBytes.size() 2048"));
+    EXPECT_EQ(platform.Lines().at(0).function, "GetIoWriteBytes");
+    std::vector<uint64_t> bytes;
+    ASSERT_TRUE(reply.ReadUInt64Vector(&bytes));
+    EXPECT_EQ(bytes.size(), 2048U);
+    EXPECT_EQ(reply.ReadableBytes(), 0U);
+    for (const size_t count : {size_t{0}, size_t{2049}}) {
+        EXPECT_EQ(Send(1, PidRequest(count)), 0);
+        EXPECT_EQ(reply.ReadableBytes(), 0U);
+        EXPECT_THAT(platform.Trace(), ElementsAre("E " + kStub + "pid vector size is invalid."));
+    }
+}
+
+TEST_F(RemoteTest, UnreadablePidListsAreRefused) {
+    auto lyingCount = Request();
+    lyingCount.WriteUint32(0x40000001);
+    lyingCount.WriteInt32(1);
+    for (const auto& request : {Request(), lyingCount}) {
+        EXPECT_EQ(Send(1, request), 0);
+        EXPECT_EQ(reply.ReadableBytes(), 0U);
+        EXPECT_THAT(platform.Trace(), ElementsAre("E " + kStub + "Failed to read processPids"));
+    }
+}
+
+TEST_F(RemoteTest, CallersWithinTheProcessAreBoundedAsWell) {
+    auto* service = dynamic_cast<IResourceQuotaControl*>(platform.registeredAbility);
+    std::vector<uint64_t> bytes;
+    EXPECT_EQ(service->GetIoWriteBytes(std::vector<int32_t>(2049, 1), bytes), 0x2610008);
+    EXPECT_EQ(service->GetIoWriteBytes({}, bytes), ERR_RQC_INVALID_PARAM);
+    EXPECT_THAT(platform.Log(), Contains("E " + kService + "pid vector size is invalid.").Times(2));
+    EXPECT_THAT(bytes, IsEmpty());
+    platform.callingToken = 0;
+    std::map<std::string, int32_t> times{{"kept", 1}};
+    EXPECT_EQ(service->GetExtensionRunningTime(times), 0x261000D);
+    EXPECT_EQ(times.size(), 1U);
+}
+
+TEST_F(RemoteTest, OnlyTheThreeTrustedProcessesAreAnswered) {
+    LoadRunningTimes(1);
+    for (const uint32_t token : {7U, 8U, 9U, 10U, 11U, 0U}) {
+        const bool isTrusted = token >= 7 && token <= 9;
+        SCOPED_TRACE(token);
+        platform.callingToken = token;
+        EXPECT_EQ(Send(1, PidRequest(1)), 0);
+        std::vector<uint64_t> bytes;
+        ASSERT_TRUE(reply.ReadUInt64Vector(&bytes));
+        EXPECT_EQ(bytes.size(), isTrusted ? 1U : 0U);
+        EXPECT_EQ(Send(2, Request()), 0);
+        int32_t result = -1;
+        uint32_t count = 9;
+        ASSERT_TRUE(reply.ReadInt32(result) && reply.ReadUint32(count));
+        EXPECT_EQ(result, isTrusted ? 0 : 0x261000D);
+        EXPECT_EQ(count, isTrusted ? 1U : 0U);
+    }
+    EXPECT_THAT(platform.Trace(), ElementsAre("GetNativeTokenInfo(0)",
+                                              "I " + kService + "Process  called GetExtensionRunningTime",
+                                              "E " + kService + "illegal access to this interface."));
+    Send(1, PidRequest(1));
+    EXPECT_THAT(platform.Log(), ElementsAre("I " + kService + "Process  called GetIoWriteBytes",
+                                            "E " + kService + "illegal access to this interface."));
+}
+
+TEST_F(RemoteTest, AReplyHoldsUpTo500RunningTimesInOrderOfNames) {
+    LoadRunningTimes(500);
+    EXPECT_EQ(Send(2, Request()), 0);
+    int32_t result = -1;
+    uint32_t count = 0;
+    ASSERT_TRUE(reply.ReadInt32(result) && reply.ReadUint32(count));
+    EXPECT_EQ(result, 0);
+    ASSERT_EQ(count, 500U);
+    std::vector<std::string> names(count);
+    for (std::string& name : names) {
+        int32_t runningTime = 0;
+        ASSERT_TRUE(reply.ReadString(name) && reply.ReadInt32(runningTime));
+        EXPECT_EQ(name, "ext_" + std::to_string(runningTime - 1));
+    }
+    EXPECT_TRUE(std::ranges::is_sorted(names));
+    EXPECT_EQ(reply.ReadableBytes(), 0U);
+}
+
+TEST_F(RemoteTest, MoreThan500RunningTimesAreRefused) {
+    LoadRunningTimes(501);
+    EXPECT_EQ(Send(2, Request()), 0);
+    int32_t result = 0;
+    ASSERT_TRUE(reply.ReadInt32(result));
+    EXPECT_EQ(result, 0x2610011);
+    EXPECT_EQ(reply.ReadableBytes(), 0U);
+}
+
+}  // namespace
+
+}  // namespace KITE::ResourceQuotaCtl
