@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "remote_object.h"
+#include "visibility.h"
+
+namespace KITE::Linux {
+
+// What the platform's integrator tells about the device, in <state>/device_state.json:
+//
+//     {"screen_on": true,
+//      "applications": [{"uid": 20001, "processes": [1234], "render_processes": [1235],
+//                        "foreground": true, "visible_window": false}],
+//      "extensions": [{"uid": 20002, "pid": 1300}],
+//      "continuous_tasks": [{"uid": 20001, "pid": 1234, "types": [1]}],
+//      "efficiency_resources": {"applications": [{"uid": 20001, "pid": 1234, "resources": 1}],
+//                               "processes": [{"uid": 20001, "pid": 1234, "resources": 1}]}}
+//
+// Every key may be left out, but "uid" and "pid" of an entry; a key that is not known here is refused. The
+// file is to be replaced atomically.
+struct DeviceState {
+    struct Application {
+        int32_t uid = 0;
+        std::vector<int32_t> processes;
+        std::vector<int32_t> renderProcesses;
+        bool foreground = false;
+        bool visibleWindow = false;
+    };
+    struct Extension {
+        int32_t uid = 0;
+        int32_t pid = 0;
+    };
+    struct ContinuousTask {
+        int32_t uid = 0;
+        int32_t pid = 0;
+        std::vector<uint32_t> types;
+    };
+    struct EfficiencyResource {
+        int32_t uid = 0;
+        int32_t pid = 0;
+        uint32_t resources = 0;  // a bit set
+    };
+
+    bool screenOn = true;
+    std::vector<Application> applications;
+    std::vector<Extension> extensions;
+    std::vector<ContinuousTask> continuousTasks;
+    std::vector<EfficiencyResource> applicationResources;
+    std::vector<EfficiencyResource> processResources;
+};
+
+// The state as the file has it now; never null. Without a file the screen is on and there is nothing else.
+// While the file cannot be used the last good state stays, and each new content is complained about once. Any
+// thread.
+KITE_API std::shared_ptr<const DeviceState> CurrentDeviceState();
+
+// 1 for a process that the state lists under an application of that uid, 2 for one that it lists as an
+// extension, else 0. Any thread.
+KITE_API int32_t GeneralTypeOf(int32_t uid, int32_t pid);
+
+// The application manager: an IAppMgr within this process, always the same one. Its running processes are
+// those of the applications and the extensions. Any thread.
+KITE_API sptr<IRemoteObject> AppManagerObject();
+
+}  // namespace KITE::Linux

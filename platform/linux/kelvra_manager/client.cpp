@@ -1,0 +1,100 @@
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "ipc/bus.h"
+#include "kelvra_manager/protocol.h"
+#include "kelvra_manager/record_list.h"
+#include "kelvra_manager/subscriber_stub.h"
+#include "kelvra_manager_client.h"
+#include "runtime/platform_log.h"
+#include "system_ability.h"
+
+namespace KITE::Kelvra {
+
+namespace {
+
+namespace Protocol = Linux::KelvraProtocol;
+
+int32_t CallManager(uint32_t code, MessageParcel& data) {
+    const sptr<ISystemAbilityManager> registry =
+        SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    const sptr<IRemoteObject> manager =
+        registry ? registry->GetSystemAbility(KELVRA_MANAGER_SERVICE_ID) : nullptr;
+    if (!manager) {
+        PLATFORM_LOGE("the Kelvra manager is not there");
+        return ERR_DEAD_OBJECT;
+    }
+    MessageParcel reply;
+    MessageOption option(MessageOption::Mode::kSync);
+    const int32_t status = manager->SendRequest(code, data, reply, option);
+    if (status != ERR_NONE) {
+        PLATFORM_LOGE("request %{public}u to the Kelvra manager failed: status %{public}d", code, status);
+    }
+    return status;
+}
+
+// The one object for all subscriptions of the process, and the lock under which they come one by one.
+struct Subscription {
+    std::mutex mutex;  // held until the manager has answered
+    sptr<Linux::SubscriberStub> stub = MakeSptr<Linux::SubscriberStub>();
+    bool isExported = false;
+
+    bool Export() {
+        isExported = isExported || Linux::Bus::Instance().Export(Protocol::kSubscriberPath, stub);
+        return isExported;
+    }
+};
+
+Subscription& TheSubscription() {
+    static Subscription subscription;
+    return subscription;
+}
+
+// The interface takes a subscriber that it may not change, and the report call is not const: whoever hands
+// its subscriber over means it to be called, and a subscriber that is owned by a shared pointer is no
+// constant.
+std::weak_ptr<KelvraManagerTaskSubscriber> WeakPointerTo(const KelvraManagerTaskSubscriber& subscriber) {
+    return std::const_pointer_cast<KelvraManagerTaskSubscriber>(subscriber.weak_from_this().lock());
+}
+
+}  // namespace
+
+KelvraManagerClient& KelvraManagerClient::GetInstance() {
+    static KelvraManagerClient instance;
+    return instance;
+}
+
+int32_t KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas) {
+    constexpr size_t kHeaderBytes = 256;
+    MessageParcel data;
+    data.Reserve(kHeaderBytes + Linux::RecordListBytes(quotas));
+    if (!data.WriteInterfaceToken(Protocol::kManagerDescriptor) || !data.WriteInt32(reserved) ||
+        !Linux::WriteRecordList(quotas, data)) {
+        PLATFORM_LOGE("%{public}lu quotas are too many for one message", quotas.size());
+        return ERR_TOO_LARGE;
+    }
+    return CallManager(Protocol::kSetProcessQuota, data);
+}
+
+int32_t KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscriber& subscriber) {
+    const std::weak_ptr<KelvraManagerTaskSubscriber> weak = WeakPointerTo(subscriber);
+    Subscription& subscription = TheSubscription();
+    const std::lock_guard lock(subscription.mutex);
+    if (weak.expired() || !subscription.Export()) {
+        PLATFORM_LOGE("a subscriber of anomaly reports cannot be made reachable");
+        return Protocol::kNotReachable;
+    }
+    subscription.stub->SetSubscriber(weak);
+    MessageParcel data;
+    data.WriteInterfaceToken(Protocol::kManagerDescriptor);
+    data.WriteString(Protocol::kSubscriberPath);
+    const int32_t status = CallManager(Protocol::kSubscribe, data);
+    if (status != ERR_NONE) {
+        // Who was told that the subscription failed gets no report, even if the manager came to know of it.
+        subscription.stub->SetSubscriber({});
+    }
+    return status;
+}
+
+}  // namespace KITE::Kelvra

@@ -1,0 +1,66 @@
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "kelvra_manager/manager_stub.h"
+#include "parameters.h"
+#include "runtime/platform_log.h"
+#include "singleton.h"
+#include "system_ability.h"
+
+// The Kelvra manager as an ability of its host: loading the library registers it.
+namespace KITE::Linux::Sampling {
+
+namespace {
+
+class ManagerAbility : public SystemAbility {
+  public:
+    ManagerAbility() : SystemAbility(KELVRA_MANAGER_SERVICE_ID, true) {}
+
+    void OnStart() override;
+    void OnStop() override;
+    std::string GetClassName() override { return "KelvraManager"; }
+
+  private:
+    std::shared_ptr<Sampler> sampler_;
+};
+
+// Three descriptors stay open for each watched process, and the usual soft limit of 1024 is meant for
+// programs that use select(), which nothing here does.
+size_t RaiseDescriptorLimit() {
+    constexpr rlim_t kForEverythingElse = 128;
+    constexpr rlim_t kPerProcess = WatchedProcess::kDescriptors;
+    constexpr rlim_t kWanted = kForEverythingElse + kPerProcess * ProcessTable::kMostWatched;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::max(limit.rlim_cur, std::min(limit.rlim_max, kWanted));
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t left = std::max(limit.rlim_cur, kForEverythingElse) - kForEverythingElse;
+    return std::clamp<size_t>(left / kPerProcess, 1, ProcessTable::kMostWatched);
+}
+
+void ManagerAbility::OnStart() {
+    const std::chrono::milliseconds period(GetIntParameter("kelvra.sample_period_ms", 1000, 100, 60'000));
+    const auto reporter = std::make_shared<Reporter>();
+    sampler_ = std::make_shared<Sampler>(period, RaiseDescriptorLimit(), reporter);
+    sampler_->Start();
+    if (!Publish(MakeSptr<ManagerStub>(sampler_, reporter))) {
+        PLATFORM_LOGE("the Kelvra manager cannot be published");
+    }
+}
+
+void ManagerAbility::OnStop() {
+    if (sampler_) {
+        sampler_->Stop();
+    }
+}
+
+[[maybe_unused]] const bool g_isRegistered =
+    SystemAbility::MakeAndRegisterAbility(DelayedSingleton<ManagerAbility>::GetInstance().get());
+
+}  // namespace
+
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+
+#include "kelvra_manager/repeat_limit.h"
+#include "kelvra_manager/reporter.h"
+#include "kelvra_manager/sampler.h"
+#include "remote_object.h"
+
+namespace KITE::Linux::Sampling {
+
+// The manager's remote object. Its requests come one at a time, on the thread that serves.
+class ManagerStub : public IPCObjectStub {
+  public:
+    ManagerStub(std::shared_ptr<Sampler> sampler, std::shared_ptr<Reporter> reporter);
+
+    // Refuses every caller but the quota service.
+    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
+                            MessageOption& option) override;
+
+  private:
+    void WarnOfRefusal(uint32_t code);
+    int32_t SetProcessQuota(MessageParcel& data);
+    int32_t Subscribe(MessageParcel& data);
+
+    const std::shared_ptr<Sampler> sampler_;
+    const std::shared_ptr<Reporter> reporter_;
+    RepeatLimit refusals_{std::chrono::seconds(1)};  // of the serving thread
+};
+
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <compare>
+#include <cstdint>
+
+#include "kelvra_manager/rule_book.h"
+
+namespace KITE::Linux::Sampling {
+
+// What a report is about. At most one of each is on its way at a time.
+struct ReportKey {
+    pid_t pid = 0;
+    int64_t startTime = 0;  // clock ticks since boot
+    Resource resource = Resource::kMemory;
+
+    auto operator<=>(const ReportKey&) const = default;
+};
+
+struct Report {
+    ReportKey key;
+    Kelvra::ProcessAnomalyInfo info;
+};
+
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,73 @@
+#include "kelvra_manager/reporter.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "kelvra_manager/record_list.h"
+#include "remote_object.h"
+#include "runtime/platform_log.h"
+
+namespace KITE::Linux::Sampling {
+
+void Reporter::SetSubscriber(Deliver deliver) {
+    const std::lock_guard lock(mutex_);
+    subscriber_ = std::make_shared<const Deliver>(std::move(deliver));
+    hasSubscriber_ = true;
+}
+
+void Reporter::Send(std::vector<Report> reports) {
+    Subscriber subscriber;
+    {
+        const std::lock_guard lock(mutex_);
+        subscriber = subscriber_;
+    }
+    for (size_t first = 0; subscriber && first < reports.size(); first += kMostRecordsOfBatch) {
+        SendBatch(subscriber, &reports[first], std::min(kMostRecordsOfBatch, reports.size() - first));
+    }
+}
+
+void Reporter::SendBatch(const Subscriber& subscriber, const Report* first, size_t count) {
+    std::vector<ReportKey> keys;
+    std::vector<Kelvra::ProcessAnomalyInfo> infos;
+    for (size_t i = 0; i < count; ++i) {
+        keys.push_back(first[i].key);
+        infos.push_back(first[i].info);
+    }
+    MessageParcel batch;
+    batch.Reserve(RecordListBytes(infos));
+    if (!WriteRecordList(infos, batch)) {
+        PLATFORM_LOGE("a batch of %{public}lu reports is too large for a message", count);
+        return;
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        onTheWay_.insert(keys.begin(), keys.end());
+    }
+    (*subscriber)(batch, [weak = weak_from_this(), subscriber, keys = std::move(keys)](int32_t status) {
+        if (const auto self = weak.lock()) {
+            self->HandleAnswer(subscriber, keys, status);
+        }
+    });
+}
+
+void Reporter::HandleAnswer(const Subscriber& subscriber, const std::vector<ReportKey>& keys,
+                            int32_t status) {
+    if (status != ERR_NONE) {
+        PLATFORM_LOGW("a batch of %{public}lu reports was not taken: status %{public}d", keys.size(), status);
+    }
+    const std::lock_guard lock(mutex_);
+    for (const ReportKey& key : keys) {
+        onTheWay_.erase(key);
+    }
+    if (status == ERR_DEAD_OBJECT && subscriber == subscriber_) {
+        subscriber_ = nullptr;
+        hasSubscriber_ = false;
+    }
+}
+
+bool Reporter::IsOnTheWay(const ReportKey& key) const {
+    const std::lock_guard lock(mutex_);
+    return onTheWay_.contains(key);
+}
+
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,76 @@
+#include "kelvra_manager/sampler.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace KITE::Linux::Sampling {
+
+TimePoint NextSampleTime(TimePoint last, TimePoint now, std::chrono::milliseconds period) {
+    return last + period * std::max<int64_t>(1, (now - last) / period);
+}
+
+Sampler::Sampler(std::chrono::milliseconds period, size_t mostWatched, std::shared_ptr<Reporter> reporter)
+    : period_(period),
+      mostWatched_(mostWatched),
+      reporter_(std::move(reporter)),
+      book_(std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>())) {}
+
+void Sampler::Start() {
+    const std::lock_guard lock(mutex_);
+    if (!thread_.joinable() && !stopping_) {
+        thread_ = std::thread(&Sampler::Run, this);
+    }
+}
+
+void Sampler::Stop() {
+    std::thread ended;
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+        ended.swap(thread_);
+    }
+    changed_.notify_all();
+    if (ended.joinable()) {
+        ended.join();
+    }
+}
+
+void Sampler::SetQuotas(std::vector<Kelvra::ResQuotaInfo> quotas) {
+    auto book = std::make_shared<const RuleBook>(std::move(quotas));
+    {
+        const std::lock_guard lock(mutex_);
+        book_.swap(book);
+    }
+    changed_.notify_all();
+}
+
+void Sampler::SubscriberHasChanged() {
+    // The sampler may have looked for a subscriber and not be waiting yet: it holds the mutex in between.
+    { const std::lock_guard lock(mutex_); }
+    changed_.notify_all();
+}
+
+void Sampler::Run() {
+    std::unique_lock lock(mutex_);
+    while (!stopping_) {
+        changed_.wait(lock, [this] { return stopping_ || HasWork(); });
+        SampleWhileThereIsWork(lock);
+    }
+}
+
+void Sampler::SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock) {
+    ProcessTable table(mostWatched_);
+    TimePoint at = Clock::now();
+    while (HasWork()) {
+        const std::shared_ptr<const RuleBook> book = book_;
+        lock.unlock();
+        table.UseRules(book);
+        reporter_->Send(
+            table.Sample(at, [this](const ReportKey& key) { return reporter_->IsOnTheWay(key); }));
+        lock.lock();
+        changed_.wait_until(lock, at + period_, [this] { return !HasWork(); });
+        at = NextSampleTime(at, Clock::now(), period_);
+    }
+}
+
+}  // namespace KITE::Linux::Sampling

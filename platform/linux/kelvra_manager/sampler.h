@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "kelvra_manager/process_table.h"
+#include "kelvra_manager/reporter.h"
+
+namespace KITE::Linux::Sampling {
+
+// The place on the grid of sample times, one period apart, that the moment `now` belongs to: the last one not
+// after it, and at least one after `last`. A sample that comes late takes the place that it came to, so that
+// places differ by whole periods and durations are met exactly.
+TimePoint NextSampleTime(TimePoint last, TimePoint now, std::chrono::milliseconds period);
+
+// Samples on a thread of its own while there are quotas and a subscriber, waking once per period; sleeps
+// otherwise. What was seen before such a sleep does not count after it. Any thread.
+class Sampler {
+  public:
+    Sampler(std::chrono::milliseconds period, size_t mostWatched, std::shared_ptr<Reporter> reporter);
+    Sampler(const Sampler&) = delete;
+    Sampler& operator=(const Sampler&) = delete;
+    ~Sampler() { Stop(); }
+
+    // Starts the thread and joins it; each takes effect once.
+    void Start();
+    void Stop();
+
+    // Replaces all quotas.
+    void SetQuotas(std::vector<Kelvra::ResQuotaInfo> quotas);
+    // Takes notice of a new subscriber.
+    void SubscriberHasChanged();
+
+  private:
+    void Run();
+    void SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock);
+    bool HasWork() const { return !stopping_ && !book_->IsEmpty() && reporter_->HasSubscriber(); }
+
+    const std::chrono::milliseconds period_;
+    const size_t mostWatched_;
+    const std::shared_ptr<Reporter> reporter_;
+    std::mutex mutex_;  // of the members below; never held while sampling or sending
+    std::condition_variable changed_;
+    std::shared_ptr<const RuleBook> book_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,80 @@
+#include "kelvra_manager/subscriber_stub.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "actions/process_handles.h"
+#include "ipc/calling_context.h"
+#include "kelvra_manager/protocol.h"
+#include "kelvra_manager/record_list.h"
+#include "runtime/platform_log.h"
+#include "system_ability.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+std::string ReadBatch(MessageParcel& data, std::vector<Kelvra::ProcessAnomalyInfo>& infos) {
+    std::string fault = ReadRecordList(data, infos);
+    if (fault.empty() && infos.empty()) {
+        fault = "no record in it";
+    }
+    return fault;
+}
+
+}  // namespace
+
+SubscriberStub::SubscriberStub() : IPCObjectStub(KelvraProtocol::kSubscriberDescriptor, true) {}
+
+void SubscriberStub::SetSubscriber(std::weak_ptr<Kelvra::KelvraManagerTaskSubscriber> subscriber) {
+    const std::lock_guard lock(mutex_);
+    subscriber_ = std::move(subscriber);
+}
+
+int32_t SubscriberStub::OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
+                                        MessageOption& option) {
+    if (!CallerOwnsAbility(KELVRA_MANAGER_SERVICE_ID)) {
+        WarnOfForgery();
+        return ERR_REFUSED;
+    }
+    if (code != KelvraProtocol::kReport) {
+        return IPCObjectStub::OnRemoteRequest(code, data, reply, option);
+    }
+    return TakeBatch(data);
+}
+
+int32_t SubscriberStub::TakeBatch(MessageParcel& data) {
+    std::vector<Kelvra::ProcessAnomalyInfo> infos;
+    const std::string fault = ReadBatch(data, infos);
+    if (!fault.empty()) {
+        PLATFORM_LOGE("a batch of anomaly reports is refused: %{public}s", fault.c_str());
+        return KelvraProtocol::kBadReport;
+    }
+    std::shared_ptr<Kelvra::KelvraManagerTaskSubscriber> subscriber;
+    {
+        const std::lock_guard lock(mutex_);
+        subscriber = subscriber_.lock();
+    }
+    if (!subscriber) {
+        return ERR_DEAD_OBJECT;
+    }
+    for (const Kelvra::ProcessAnomalyInfo& info : infos) {
+        // A process that has gone is still reported: the service records it and finds that out itself.
+        RememberReportedProcess(info.pid, info.startTime, info.processName);
+    }
+    subscriber->OnReportAbnormalProcess(infos);
+    return ERR_NONE;
+}
+
+void SubscriberStub::WarnOfForgery() {
+    if (const std::optional<unsigned> unwritten = forgeries_.MayWrite()) {
+        PLATFORM_LOGW(
+            "a report of %{public}s, which is not the Kelvra manager, is refused; %{public}u more were since "
+            "the last such line",
+            CallerName().c_str(), *unwritten);
+    }
+}
+
+}  // namespace KITE::Linux

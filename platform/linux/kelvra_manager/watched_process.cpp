@@ -1,0 +1,223 @@
+#include "kelvra_manager/watched_process.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+
+#include "device/device_state.h"
+#include "kelvra_manager/proc_parse.h"
+#include "runtime/platform_log.h"
+
+namespace KITE::Linux::Sampling {
+
+namespace {
+
+using Buffer = std::array<char, kProcBufferSize>;
+
+const int64_t kPageKiB = sysconf(_SC_PAGESIZE) / 1024;
+
+int64_t ToNanoseconds(const timespec& time) {
+    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+}  // namespace
+
+std::unique_ptr<WatchedProcess> WatchedProcess::Open(pid_t pid, UniqueFd cmdline, std::string_view name,
+                                                     std::span<const Rule> rules) {
+    Buffer buffer;
+    const std::optional<int64_t> startTime = StartTimeOf(ReadProcFileOnce(pid, "stat", buffer).text);
+    if (!startTime) {
+        return nullptr;
+    }
+    auto process = std::make_unique<WatchedProcess>(pid, *startTime, std::move(cmdline), name, rules);
+    process->OpenWhatRulesNeed(rules);
+    process->WarnIfServiceSeesAnother();
+    return process;
+}
+
+WatchedProcess::WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, std::string_view name,
+                               std::span<const Rule> rules)
+    : pid_(pid),
+      startTime_(startTime),
+      name_(name),
+      cmdline_(std::move(cmdline)),
+      smallestMemoryQuota_(std::numeric_limits<int64_t>::max()),
+      windows_(rules) {}
+
+void WatchedProcess::OpenWhatRulesNeed(std::span<const Rule> rules) {
+    bool needsMemory = false;
+    bool needsIo = false;
+    for (const Rule& rule : rules) {
+        needsMemory |= rule.resource == Resource::kMemory;
+        needsIo |= rule.resource == Resource::kIo;
+        needsCpu_ |= rule.resource == Resource::kCpu || rule.resource == Resource::kCpuExt;
+        if (rule.resource == Resource::kMemory) {
+            smallestMemoryQuota_ = std::min(smallestMemoryQuota_, rule.quota.resource);
+        }
+    }
+    needsCpu_ = needsCpu_ && clock_getcpuclockid(pid_, &cpuClock_) == 0;
+    if (needsMemory) {
+        statm_ = OpenOrWarn("statm");
+    }
+    if (needsIo) {
+        io_ = OpenOrWarn("io");
+    }
+}
+
+UniqueFd WatchedProcess::OpenOrWarn(const char* name) {
+    UniqueFd file = OpenProcFile(pid_, name);
+    if (!file) {
+        WarnUnreadable(name, errno);
+    }
+    return file;
+}
+
+void WatchedProcess::WarnIfServiceSeesAnother() const {
+    Buffer buffer;
+    SeenName seen;
+    off_t offset = 0;
+    ReadText read;
+    do {
+        read = ReadProcFile(cmdline_, buffer, offset);
+        seen.Add(read.text);
+        offset += static_cast<off_t>(read.text.size());
+    } while (!read.text.empty());
+    const bool isRead = read.IsRead() && CurrentStanding() == Standing::kSame;
+    if (isRead && !IsAcceptedAs(seen.Text(), name_)) {
+        PLATFORM_LOGW(
+            "reports of process %{public}d, %{public}s, will not be believed: a slash in its "
+            "arguments makes its name read \"%{public}s\"",
+            pid_, name_.c_str(), Printable(seen.Text()).c_str());
+    }
+}
+
+WatchedProcess::Standing WatchedProcess::Sample(TimePoint at) {
+    const Measurements sample = Measure(at);
+    const Standing standing = CurrentStanding();
+    if (standing == Standing::kSame) {
+        windows_.Add(sample);
+    }
+    return standing;
+}
+
+Measurements WatchedProcess::Measure(TimePoint at) {
+    Measurements sample;
+    sample.at = at;
+    if (needsCpu_) {
+        sample.cpuReadAt = Clock::now();
+        sample.cpuTime = ReadCpuTime();
+    }
+    if (statm_) {
+        sample.memoryKiB = ReadMemoryKiB();
+    }
+    if (io_) {
+        sample.writtenBytes = ReadWrittenBytes();
+    }
+    return sample;
+}
+
+// Reading PSS walks the process's page tables under its lock, some milliseconds for a gigabyte; RSS is a
+// number that the kernel has, and never smaller.
+std::optional<int64_t> WatchedProcess::ReadMemoryKiB() {
+    Buffer buffer;
+    const ReadText statm = ReadProcFile(statm_, buffer);
+    const std::optional<int64_t> pages = ResidentPagesOf(statm.text);
+    if (!IsReadable(statm, "statm") || !pages) {
+        return std::nullopt;
+    }
+    const int64_t residentKiB = *pages * kPageKiB;
+    if (residentKiB <= smallestMemoryQuota_) {
+        return residentKiB;
+    }
+    const ReadText rollup = ReadProcFileOnce(pid_, "smaps_rollup", buffer);
+    return IsReadable(rollup, "smaps_rollup") ? NumberOfLine(rollup.text, "Pss:") : std::nullopt;
+}
+
+// The process's CPU clock: all threads, ended ones included, in nanoseconds, where "stat" has ticks of 10 ms.
+std::optional<int64_t> WatchedProcess::ReadCpuTime() const {
+    timespec time{};
+    return clock_gettime(cpuClock_, &time) == 0 ? std::optional(ToNanoseconds(time)) : std::nullopt;
+}
+
+std::optional<int64_t> WatchedProcess::ReadWrittenBytes() {
+    Buffer buffer;
+    const ReadText io = ReadProcFile(io_, buffer);
+    return IsReadable(io, "io") ? NumberOfLine(io.text, "write_bytes:") : std::nullopt;
+}
+
+WatchedProcess::Standing WatchedProcess::CurrentStanding() const {
+    Buffer buffer;
+    const ReadText cmdline = ReadProcFile(cmdline_, buffer);
+    if (!cmdline.IsRead()) {
+        return Standing::kGone;
+    }
+    return ProcessNameOf(cmdline.text) == name_ ? Standing::kSame : Standing::kRenamed;
+}
+
+bool WatchedProcess::IsReadable(const ReadText& read, const char* name) {
+    if (!read.IsRead()) {
+        WarnUnreadable(name, read.error);
+    }
+    return read.IsRead();
+}
+
+// Once for each process: without a word its quotas would never apply, with one per sample the log would fill.
+void WatchedProcess::WarnUnreadable(const char* name, int error) {
+    if (MeansGone(error) || warnedUnreadable_) {
+        return;
+    }
+    warnedUnreadable_ = true;
+    PLATFORM_LOGW(
+        "process %{public}d, %{public}s, cannot be measured: /proc/%{public}d/%{public}s: errno %{public}d",
+        pid_, name_.c_str(), pid_, name, error);
+}
+
+std::vector<Report> WatchedProcess::TakeReports(const std::function<bool(const ReportKey&)>& isOnTheWay) {
+    const std::vector<Breach> breaches = windows_.TakeBreaches([&](Resource resource) {
+        return isOnTheWay({pid_, startTime_, resource});
+    });
+    if (breaches.empty()) {
+        return {};
+    }
+    Buffer buffer;
+    const std::optional<int64_t> uid = NumberOfLine(ReadProcFileOnce(pid_, "status", buffer).text, "Uid:");
+    if (!uid) {
+        return {};
+    }
+    const auto uidNumber = static_cast<int32_t>(*uid);
+    const int32_t generalType = GeneralTypeOf(uidNumber, pid_);
+    std::vector<Report> reports;
+    reports.reserve(breaches.size());
+    for (const Breach& breach : breaches) {
+        reports.push_back(ReportOf(breach, uidNumber, generalType));
+    }
+    return reports;
+}
+
+Report WatchedProcess::ReportOf(const Breach& breach, int32_t uid, int32_t generalType) const {
+    constexpr int32_t kGeneralTypeFactor = 1000;
+    const Kelvra::ResQuotaInfo& quota = breach.rule->quota;
+    PLATFORM_LOGI(
+        "%{public}s, pid %{public}d, breaks its %{public}s quota: %{public}ld measured, quota %{public}ld",
+        name_.c_str(), pid_, quota.resType.c_str(), breach.measured, quota.resource);
+    Report report;
+    report.key = {pid_, startTime_, breach.rule->resource};
+    report.info.duration = quota.duration;
+    report.info.resource = breach.measured;
+    report.info.uid = uid;
+    report.info.pid = pid_;
+    report.info.id = quota.id;
+    report.info.processType = kGeneralTypeFactor * generalType;
+    report.info.action = quota.action;
+    report.info.resType = quota.resType;
+    report.info.processName = quota.processName;
+    report.info.conditions = quota.conditions;
+    report.info.startTime = startTime_;
+    report.info.sampleTime = Clock::now().time_since_epoch().count();  // the monotonic clock
+    return report;
+}
+
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <sys/types.h>
+#include <time.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kelvra_manager/proc_files.h"
+#include "kelvra_manager/process_windows.h"
+#include "kelvra_manager/report.h"
+
+namespace KITE::Linux::Sampling {
+
+// A process whose name has rules: its descriptors, its identity and its windows. One thread.
+//
+// The descriptor of its command line is the anchor of its identity: it answers only for this process, however
+// often the pid is used again. So every sample measures first, by pid where need be, and reads the anchor
+// last: if that still gives the name, everything before it was of this process and of this program.
+class WatchedProcess {
+  public:
+    static constexpr int kDescriptors = 3;
+
+    enum class Standing : uint8_t { kSame, kRenamed, kGone };
+
+    // Use Open.
+    WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, std::string_view name,
+                   std::span<const Rule> rules);
+
+    // Takes the opened "cmdline" from which the name was read. Null when the process has gone. Warns when the
+    // quota service would not believe a report of this process. The rules must outlive it.
+    static std::unique_ptr<WatchedProcess> Open(pid_t pid, UniqueFd cmdline, std::string_view name,
+                                                std::span<const Rule> rules);
+
+    // Measures what the rules need. The sample counts only when the process is still the same.
+    Standing Sample(TimePoint at);
+
+    // The reports that the last sample calls for; the window of each starts anew. Each gets its log line.
+    std::vector<Report> TakeReports(const std::function<bool(const ReportKey&)>& isOnTheWay);
+
+  private:
+    void OpenWhatRulesNeed(std::span<const Rule> rules);
+    void WarnIfServiceSeesAnother() const;
+    Measurements Measure(TimePoint at);
+    std::optional<int64_t> ReadMemoryKiB();
+    std::optional<int64_t> ReadCpuTime() const;
+    std::optional<int64_t> ReadWrittenBytes();
+    Standing CurrentStanding() const;
+    UniqueFd OpenOrWarn(const char* name);
+    bool IsReadable(const ReadText& read, const char* name);
+    void WarnUnreadable(const char* name, int error);
+    Report ReportOf(const Breach& breach, int32_t uid, int32_t generalType) const;
+
+    const pid_t pid_;
+    const int64_t startTime_;
+    const std::string name_;
+    const UniqueFd cmdline_;
+    UniqueFd statm_;  // open when there is a memory rule and it may be read
+    UniqueFd io_;     // likewise with an io rule
+    bool needsCpu_ = false;
+    int64_t smallestMemoryQuota_;
+    clockid_t cpuClock_{};
+    bool warnedUnreadable_ = false;
+    ProcessWindows windows_;
+};
+
+}  // namespace KITE::Linux::Sampling

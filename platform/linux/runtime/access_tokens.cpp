@@ -1,0 +1,189 @@
+#include "runtime/access_tokens.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "access_token.h"
+#include "runtime/file_reader.h"
+#include "runtime/json_node.h"
+#include "runtime/settings.h"
+#include "runtime/unique_fd.h"
+
+namespace KITE {
+
+namespace {
+
+using Linux::JsonNode;
+
+struct Token {
+    uid_t uid = 0;
+    std::string processName;
+    std::vector<std::string> permissions;
+};
+
+// A token's id is its place in the table plus one.
+using TokenTable = std::vector<Token>;
+
+class TokenStore {
+  public:
+    static TokenStore& Instance() {
+        static TokenStore store;
+        return store;
+    }
+
+    std::shared_ptr<const TokenTable> Table() const {
+        const std::lock_guard lock(mutex_);
+        return table_;
+    }
+    void Replace(TokenTable table) {
+        auto replacement = std::make_shared<const TokenTable>(std::move(table));
+        const std::lock_guard lock(mutex_);
+        table_ = std::move(replacement);
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::shared_ptr<const TokenTable> table_ = std::make_shared<const TokenTable>();
+};
+
+uid_t UidOfUser(const JsonNode& node) {
+    const std::string name = node.Text();
+    std::vector<char> texts(1024);
+    passwd entry{};
+    passwd* found = nullptr;
+    int failure = 0;
+    while ((failure = getpwnam_r(name.c_str(), &entry, texts.data(), texts.size(), &found)) == ERANGE) {
+        texts.resize(texts.size() * 2);
+    }
+    if (found == nullptr) {
+        node.Fail("there is no user \"" + name + "\"");
+    }
+    return entry.pw_uid;
+}
+
+uid_t ReadUid(const JsonNode& entry) {
+    const JsonNode uid = entry.Optional("uid");
+    const JsonNode user = entry.Optional("user");
+    if (uid.IsPresent() == user.IsPresent()) {
+        entry.Fail("must have either \"uid\" or \"user\"");
+        return 0;
+    }
+    // The largest uid means "no uid" to the kernel.
+    return uid.IsPresent() ? uid.Number<uid_t>(0, static_cast<uid_t>(-2)) : UidOfUser(user);
+}
+
+Token ReadToken(const JsonNode& entry) {
+    entry.AllowKeys({"uid", "user", "process_name", "permissions"});
+    Token token{ReadUid(entry), entry.Required("process_name").Text(), {}};
+    if (token.processName.empty()) {
+        entry.Optional("process_name").Fail("must not be empty");
+    }
+    for (const JsonNode& permission : entry.Optional("permissions").Elements()) {
+        token.permissions.push_back(permission.Text());
+    }
+    return token;
+}
+
+TokenTable ReadTable(const nlohmann::json& document, std::string& error) {
+    const JsonNode root(document, error);
+    root.AllowKeys({"tokens"});
+    TokenTable table;
+    for (const JsonNode& entry : root.Required("tokens").Elements()) {
+        Token token = ReadToken(entry);
+        if (std::ranges::find(table, token.uid, &Token::uid) != table.end()) {
+            entry.Fail("uid " + std::to_string(token.uid) + " has an entry already");
+        }
+        table.push_back(std::move(token));
+    }
+    return table;
+}
+
+// Whether only root can have written what the descriptor reads.
+const char* FaultOf(int fd) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) {
+        return strerrordesc_np(errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return "is not a regular file";
+    }
+    if (status.st_uid != 0) {
+        return "does not belong to root";
+    }
+    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "others than root may write it" : nullptr;
+}
+
+bool LoadTable(const std::string& path, TokenTable& table, std::string& error) {
+    const Linux::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!file) {
+        error = errno == ENOENT ? "" : strerrordesc_np(errno);
+        return errno == ENOENT;
+    }
+    if (const char* fault = FaultOf(file.Get())) {
+        error = fault;
+        return false;
+    }
+    std::string text;
+    if (const int32_t failure = Linux::ReadToEnd(file.Get(), Linux::EndOfFile::kEmptyRead, text)) {
+        error = strerrordesc_np(failure);
+        return false;
+    }
+    error.clear();
+    if (const nlohmann::json document = Linux::ParseJson(text, error); !document.is_discarded()) {
+        table = ReadTable(document, error);
+    }
+    return error.empty();
+}
+
+// Null for an id that names nobody.
+const Token* FindToken(const TokenTable& table, uint32_t tokenId) {
+    return tokenId != 0 && tokenId <= table.size() ? &table[tokenId - 1] : nullptr;
+}
+
+}  // namespace
+
+bool Linux::LoadAccessTokens(std::string& error) {
+    const std::string path = GetSettings().etcDirectory + "/tokens.json";
+    TokenTable table;
+    if (!LoadTable(path, table, error)) {
+        error = path + ": " + error;
+        return false;
+    }
+    TokenStore::Instance().Replace(std::move(table));
+    return true;
+}
+
+uint32_t Linux::TokenOfUid(uid_t uid) {
+    const auto table = TokenStore::Instance().Table();
+    const auto found = std::ranges::find(*table, uid, &Token::uid);
+    return found == table->end() ? 0 : static_cast<uint32_t>(found - table->begin()) + 1;
+}
+
+int32_t AccessTokenKit::GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& info) {
+    const auto table = TokenStore::Instance().Table();
+    const Token* token = FindToken(*table, tokenId);
+    if (token == nullptr) {
+        return -1;
+    }
+    info.processName = token->processName;
+    return 0;
+}
+
+int32_t AccessTokenKit::VerifyAccessToken(uint32_t tokenId, const std::string& permission) {
+    const auto table = TokenStore::Instance().Table();
+    const Token* token = FindToken(*table, tokenId);
+    const bool isGranted =
+        token != nullptr && std::ranges::find(token->permissions, permission) != token->permissions.end();
+    return isGranted ? PERMISSION_GRANTED : PERMISSION_DENIED;
+}
+
+}  // namespace KITE

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include "visibility.h"
+
+namespace KITE::Linux {
+
+// Reads the token table, <etc>/tokens.json:
+//
+//     {"tokens": [{"uid": 0, "process_name": "svcdb", "permissions": ["kite.permission.DUMP"]},
+//                 {"user": "faultd", "process_name": "faultd"}]}
+//
+// Each entry gives one uid one native process name and its permissions. False, with the reason in `error` and
+// the table as it was before, when the file cannot be read, does not belong to root, may be written by
+// others, is malformed, or names a uid twice or a user that does not exist. A missing file is an empty table.
+// Before a first success nobody has a token. Any thread.
+KITE_API bool LoadAccessTokens(std::string& error);
+
+// The token id of whatever runs under the uid; 0 when the table has none. Any thread.
+KITE_API uint32_t TokenOfUid(uid_t uid);
+
+}  // namespace KITE::Linux

@@ -1,0 +1,33 @@
+#include "file_utils.h"
+
+#include <chrono>
+#include <cstring>
+
+#include "runtime/file_reader.h"
+#include "runtime/nonblocking_writer.h"
+#include "runtime/platform_log.h"
+
+namespace KITE {
+
+namespace {
+
+constexpr std::chrono::seconds kReaderPatience{2};
+
+}  // namespace
+
+bool LoadStringFromFile(const std::string& path, std::string& content) {
+    return Linux::ReadWholeFile(path, content) == 0;
+}
+
+bool SaveStringToFd(int fd, const std::string& content) {
+    using Linux::NonblockingWriter;
+    NonblockingWriter writer(fd, NonblockingWriter::ForeignTerminal::kRefuse);
+    const int error =
+        Linux::WriteWhole(fd, writer, content, std::chrono::steady_clock::now() + kReaderPatience);
+    if (error != 0) {
+        PLATFORM_LOGE("cannot write to descriptor %{public}d: %{public}s", fd, strerrordesc_np(error));
+    }
+    return error == 0;
+}
+
+}  // namespace KITE

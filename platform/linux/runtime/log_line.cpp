@@ -1,0 +1,48 @@
+#include "runtime/log_line.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "runtime/platform_log.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+constexpr Log::Site kDropSite{"log_line", "DropNotice", __LINE__};
+
+bool IsInsideCharacter(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+std::string_view Cut(std::span<char> buffer, size_t wholeLength) {
+    char mark[64];
+    const auto markLength =
+        static_cast<size_t>(std::snprintf(mark, sizeof(mark), " [cut: %zu bytes in all]", wholeLength));
+    size_t kept = buffer.size() - markLength;
+    for (int i = 0; i < 3 && IsInsideCharacter(buffer[kept]); ++i) {
+        --kept;
+    }
+    std::copy_n(mark, markLength, buffer.begin() + static_cast<ptrdiff_t>(kept));
+    return {buffer.data(), kept + markLength};
+}
+
+}  // namespace
+
+std::string_view FormatLogText(std::span<char> buffer, const char* format, va_list arguments) {
+    const int length = std::vsnprintf(buffer.data(), buffer.size(), format, arguments);
+    if (length < 0) {
+        return "[a log line that cannot be formatted]";
+    }
+    const auto wholeLength = static_cast<size_t>(length);
+    return wholeLength < buffer.size() ? std::string_view(buffer.data(), wholeLength)
+                                       : Cut(buffer, wholeLength);
+}
+
+LogLine DropNotice(std::span<char> buffer, uint64_t count) {
+    const int length = std::snprintf(buffer.data(), buffer.size(), "[%s(%s):%d] %lu log lines were dropped",
+                                     kDropSite.unit, kDropSite.function, kDropSite.line, count);
+    return {Log::Level::kWarning, kPlatformLabel, kDropSite, {buffer.data(), static_cast<size_t>(length)}};
+}
+
+}  // namespace KITE::Linux

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string_view>
+
+#include "runtime/unique_fd.h"
+
+namespace KITE::Linux {
+
+// Writes to a descriptor that others use too, without ever waiting for a reader. Whether writes to an open
+// file wait is a flag of the file, which all its users share and which is therefore left alone. Instead:
+//
+//   sockets       are sent to with MSG_DONTWAIT;
+//   pipes         get their bytes moved over from a pipe of our own, for splice takes a flag for the one
+//   call.
+//                 (Opening the pipe again is forbidden to a process of another uid, and a pipe takes
+//                 RWF_NOWAIT only since Linux 6.5.)
+//   terminals     are opened again with a flag of our own;
+//   files         and /dev/null and its like are written plainly, since they have no reader;
+//   all else      is refused: EINVAL.
+//
+// Belongs to one thread at a time. The descriptor stays the caller's.
+class NonblockingWriter {
+  public:
+    // What to do with a terminal that may not be opened again, since it belongs to another user: refuse it,
+    // or write to it in small pieces when it is ready, which waits if somebody stops it in the same moment.
+    enum class ForeignTerminal { kRefuse, kWriteWhenReady };
+
+    NonblockingWriter(int fd, ForeignTerminal foreignTerminal);
+
+    // Writes a beginning of the text. Returns how many bytes of it, or the negative error number: -EAGAIN
+    // when nothing can be written now, -EPIPE when nobody will read. What was not written must be the
+    // beginning of the next call's text.
+    ssize_t Write(std::string_view text);
+
+  private:
+    using Method = ssize_t (NonblockingWriter::*)(std::string_view);
+
+    Method Choose(ForeignTerminal foreignTerminal);
+    Method ChooseForDevice(dev_t device, ForeignTerminal foreignTerminal);
+    Method Refuse(int error);
+    ssize_t Refused(std::string_view text);
+    ssize_t Send(std::string_view text);
+    ssize_t Splice(std::string_view text);
+    ssize_t WriteReopened(std::string_view text);
+    ssize_t WritePlainly(std::string_view text);
+    ssize_t WriteWhenReady(std::string_view text);
+
+    const int fd_;
+    int error_ = 0;  // why the descriptor is refused
+    UniqueFd reopened_;
+    UniqueFd stagingIn_;
+    UniqueFd stagingOut_;
+    size_t staged_ = 0;  // bytes at the beginning of the text that wait in the staging pipe
+    const Method method_;
+};
+
+// Writes the whole text, waiting for a slow reader until the deadline. 0 or the error number; ETIMEDOUT when
+// the deadline passed.
+int WriteWhole(int fd, NonblockingWriter& writer, std::string_view text,
+               std::chrono::steady_clock::time_point deadline);
+
+}  // namespace KITE::Linux

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "visibility.h"
+
+namespace KITE::Linux {
+
+// Where this process finds its files and its bus.
+struct Settings {
+    std::string etcDirectory = "/etc/kite";
+    std::string stateDirectory = "/var/lib/kite";
+    std::string busAddress;  // empty: the system bus
+};
+
+// Replaces the defaults. Called once at most, before there is another thread and before anything else of the
+// platform is used: the settings are read without a lock.
+KITE_API void SetSettings(Settings settings);
+
+// Any thread; also before main and while the process exits.
+KITE_API const Settings& GetSettings();
+
+}  // namespace KITE::Linux

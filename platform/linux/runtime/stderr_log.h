@@ -1,0 +1,68 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "runtime/log_line.h"
+#include "runtime/nonblocking_writer.h"
+#include "runtime/unique_fd.h"
+
+namespace KITE::Linux {
+
+// Writes lines to standard error, or another descriptor, as
+//
+//     2024-05-01T12:00:00.123Z I TAG: text
+//
+// with control characters escaped, so that no text passes for a line of its own. A line is queued, and a
+// thread that starts with the first one writes it; a caller waits for nobody who reads. When the queue is
+// full, lines are dropped, and their count is written in their place.
+class StderrLog {
+  public:
+    static constexpr size_t kMaxLines = 4096;
+    static constexpr size_t kMaxBytes = size_t{4} << 20;
+
+    // The descriptor stays the caller's.
+    explicit StderrLog(int fd);
+    StderrLog(const StderrLog&) = delete;
+    StderrLog& operator=(const StderrLog&) = delete;
+    ~StderrLog() { Stop(); }
+
+    // Any thread. Throws only for want of memory.
+    void Write(const LogLine& line);
+
+    // Ends the thread once the queue is empty, or when a reader has not taken all of it in a second. Later
+    // lines are written by their callers, as far as that needs no waiting; the rest stays queued.
+    void Stop();
+
+  private:
+    enum class Mode { kIdle, kThreaded, kStopping, kDirect };
+
+    bool Enqueue(const LogLine& line);
+    bool TakeDropNotice();
+    void StartThread();
+    void WriteDirectly();
+    void Run();
+    bool TakeBatch(std::string& batch);
+    bool WriteBatch(std::string_view& batch);
+    bool WaitUntilWritable();
+    std::chrono::steady_clock::time_point Deadline();
+
+    const int fd_;
+    const UniqueFd stopEvent_;
+    NonblockingWriter writer_;  // the thread's while there is one, then guarded by mutex_
+
+    std::mutex mutex_;  // guards what follows; held across no write that could wait
+    std::condition_variable wake_;
+    Mode mode_ = Mode::kIdle;
+    std::string pending_;
+    size_t pendingLines_ = 0;
+    uint64_t dropped_ = 0;
+    std::chrono::steady_clock::time_point deadline_;  // of stopping
+    std::thread thread_;
+};
+
+}  // namespace KITE::Linux

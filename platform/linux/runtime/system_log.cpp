@@ -1,0 +1,63 @@
+#include "system_log.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+
+#include "runtime/immortal.h"
+#include "runtime/journal_log.h"
+#include "runtime/log_line.h"
+#include "runtime/platform_log.h"
+#include "runtime/stderr_log.h"
+
+namespace KITE {
+
+namespace {
+
+struct SystemLog {
+    Linux::JournalLog journal{"/run/systemd/journal/socket"};
+    Linux::StderrLog standardError{STDERR_FILENO};
+};
+
+SystemLog& Instance() {
+    static Linux::Immortal<SystemLog> log;
+    return log.value;
+}
+
+// A program that just returns from main gets its last lines written too.
+class StopAtExit {
+  public:
+    StopAtExit() = default;
+    StopAtExit(const StopAtExit&) = delete;
+    StopAtExit& operator=(const StopAtExit&) = delete;
+    ~StopAtExit() { Linux::StopLog(); }
+};
+
+const StopAtExit stopAtExit;
+
+}  // namespace
+
+void Log::Write(Level level, const Label& label, const Site& site, const char* format, ...) {
+    const int errorBefore = errno;
+    char buffer[Linux::kMaxLogText];
+    va_list arguments;
+    va_start(arguments, format);
+    const Linux::LogLine line{level, label, site, Linux::FormatLogText(buffer, format, arguments)};
+    va_end(arguments);
+    SystemLog& log = Instance();
+    if (!log.journal.Send(line)) {
+        try {
+            log.standardError.Write(line);
+        } catch (const std::exception&) {
+            // Without memory there is no line, and no place to say so.
+        }
+    }
+    errno = errorBefore;
+}
+
+void Linux::StopLog() {
+    Instance().standardError.Stop();
+}
+
+}  // namespace KITE

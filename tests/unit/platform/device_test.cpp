@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "app_manager.h"
+#include "background_task_manager.h"
+#include "device/device_state.h"
+#include "device/device_state_reader.h"
+#include "power_manager.h"
+#include "runtime/platform_log.h"
+#include "runtime/settings.h"
+#include "window_manager.h"
+
+namespace KITE::Linux {
+namespace {
+
+class DeviceTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string name = testing::TempDir() + "kite_device_XXXXXX";
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        directory_ = name;
+        SetSettings({name, name, ""});
+    }
+    void TearDown() override { std::filesystem::remove_all(directory_); }
+
+    std::string File() const { return directory_ / "device_state.json"; }
+    void Put(const std::string& text) const { std::ofstream(File(), std::ios::trunc) << text; }
+
+    std::filesystem::path directory_;
+};
+
+constexpr char kState[] = R"({
+    "screen_on": false,
+    "applications": [
+        {"uid": 1, "processes": [10, 11], "render_processes": [12], "foreground": true},
+        {"uid": 2, "processes": [20], "visible_window": true}],
+    "extensions": [{"uid": 3, "pid": 30}],
+    "continuous_tasks": [{"uid": 1, "pid": 10, "types": [1, 4294967295]}],
+    "efficiency_resources": {"applications": [{"uid": 1, "pid": 10, "resources": 64}],
+                             "processes": [{"uid": 2, "pid": 20, "resources": 1}]}})";
+
+TEST_F(DeviceTest, WithoutAFileTheScreenIsOnAndNothingElse) {
+    EXPECT_TRUE(PowerMgrClient::GetInstance().IsScreenOn());
+    EXPECT_TRUE(CurrentDeviceState()->applications.empty());
+    EXPECT_EQ(GeneralTypeOf(1, 10), 0);
+}
+
+TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
+    Put(kState);
+    EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn());
+    const sptr<IAppMgr> manager = iface_cast<IAppMgr>(AppManagerObject());
+    ASSERT_TRUE(manager);
+    EXPECT_TRUE(manager->AsObject() == AppManagerObject());
+    std::vector<RunningProcessInfo> running;
+    ASSERT_EQ(manager->GetAllRunningProcesses(running), 0);
+    std::vector<std::pair<int, int>> pairs;
+    for (const RunningProcessInfo& info : running) {
+        pairs.emplace_back(info.uid, info.pid);
+    }
+    EXPECT_EQ(pairs, (std::vector<std::pair<int, int>>{{1, 10}, {1, 11}, {2, 20}, {3, 30}}));
+    std::vector<RenderProcessInfo> rendering;
+    ASSERT_EQ(manager->GetAllRenderProcesses(rendering), 0);
+    ASSERT_EQ(rendering.size(), 1U);
+    EXPECT_EQ(rendering[0].renderPid, 12);
+    EXPECT_EQ(rendering[0].uid, 1);
+    std::vector<AppStateData> foreground;
+    ASSERT_EQ(manager->GetForegroundApplications(foreground), 0);
+    ASSERT_EQ(foreground.size(), 1U);
+    EXPECT_EQ(foreground[0].uid, 1);
+    std::vector<sptr<WindowVisibilityInfo>> windows;
+    ASSERT_EQ(WindowManager::GetInstance().GetVisibilityWindowInfo(windows), 0);
+    ASSERT_EQ(windows.size(), 1U);
+    EXPECT_EQ(windows[0]->uid, 2);
+}
+
+TEST_F(DeviceTest, TheBackgroundTaskManagerAnswersFromTheFile) {
+    Put(kState);
+    std::vector<std::shared_ptr<ContinuousTaskCallbackInfo>> tasks;
+    ASSERT_EQ(BackgroundTaskMgrHelper::GetContinuousTaskApps(tasks), 0);
+    ASSERT_EQ(tasks.size(), 1U);
+    EXPECT_EQ(tasks[0]->GetCreatorUid(), 1);
+    EXPECT_EQ(tasks[0]->GetCreatorPid(), 10);
+    EXPECT_EQ(tasks[0]->GetTypeIds(), (std::vector<uint32_t>{1, 4294967295}));
+    std::vector<std::shared_ptr<ResourceCallbackInfo>> applications;
+    std::vector<std::shared_ptr<ResourceCallbackInfo>> processes;
+    ASSERT_EQ(BackgroundTaskMgrHelper::GetEfficiencyResourcesInfos(applications, processes), 0);
+    ASSERT_EQ(applications.size(), 1U);
+    EXPECT_EQ(applications[0]->GetResourceNumber(), 64U);
+    ASSERT_EQ(processes.size(), 1U);
+    EXPECT_EQ(processes[0]->GetUid(), 2);
+    EXPECT_EQ(processes[0]->GetPid(), 20);
+    EXPECT_EQ(processes[0]->GetResourceNumber(), 1U);
+}
+
+TEST_F(DeviceTest, TheGeneralTypeNeedsBothUidAndPid) {
+    Put(kState);
+    EXPECT_EQ(GeneralTypeOf(1, 11), 1);
+    EXPECT_EQ(GeneralTypeOf(1, 12), 1);
+    EXPECT_EQ(GeneralTypeOf(2, 11), 0);
+    EXPECT_EQ(GeneralTypeOf(3, 30), 2);
+    EXPECT_EQ(GeneralTypeOf(1, 30), 0);
+}
+
+TEST_F(DeviceTest, EveryChangeIsSeenAtOnceAlsoOneOfTheSameSizeAndTime) {
+    for (int uid = 1; uid < 10; ++uid) {
+        Put(R"({"extensions": [{"uid": )" + std::to_string(uid) + R"(, "pid": 5}]})");
+        EXPECT_EQ(GeneralTypeOf(uid, 5), 2);
+    }
+    std::filesystem::remove(File());
+    EXPECT_EQ(GeneralTypeOf(9, 5), 0);
+}
+
+TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
+    Put(kState);
+    EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn());
+    for (const char* bad : {"", "{", R"({"screen_on": 1})"}) {
+        Put(bad);
+        EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn()) << bad;
+        EXPECT_EQ(GeneralTypeOf(1, 10), 1) << bad;
+    }
+    std::filesystem::remove(File());
+    ASSERT_EQ(mkfifo(File().c_str(), 0600), 0);
+    EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn());
+    std::filesystem::remove(File());
+    EXPECT_TRUE(PowerMgrClient::GetInstance().IsScreenOn());
+}
+
+// In a process of its own, whose standard error is a pipe from its first log line on: exits with the number
+// of complaints.
+[[noreturn]] void ComplainAndCount(const std::string& file) {
+    int ends[2] = {-1, -1};
+    if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
+        _exit(99);
+    }
+    for (const char* content : {"{", "{", R"({"screen_on": 1})", "{}", "{"}) {
+        std::ofstream(file, std::ios::trunc) << content;
+        for (int i = 0; i < 3; ++i) {
+            CurrentDeviceState();
+        }
+    }
+    std::filesystem::remove_all(std::filesystem::path(file).parent_path());
+    StopLog();
+    char text[4096];
+    const ssize_t length = read(ends[0], text, sizeof(text));
+    const std::string_view log(text, length < 0 ? 0 : static_cast<size_t>(length));
+    int count = 0;
+    for (size_t at = 0; (at = log.find(" E KITE_PLATFORM: [device_state_file(Complain):", at)) != log.npos;
+         ++at) {
+        ++count;
+    }
+    _exit(count);
+}
+
+TEST_F(DeviceTest, EachBadContentIsToldOnce) {
+    if (std::filesystem::exists("/run/systemd/journal/socket")) {
+        GTEST_SKIP() << "the log goes to the journal";
+    }
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(ComplainAndCount(File()), testing::ExitedWithCode(3), "");
+}
+
+TEST(DeviceStateReaderTest, AFaultIsNamedWithItsPlace) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"[]", "the document: must be an object"},
+        {R"({"screen": true})", "screen: unknown key"},
+        {R"({"screen_on": "yes"})", "screen_on: must be true or false"},
+        {R"({"applications": {}})", "applications: must be an array"},
+        {R"({"applications": [{"uid": 1}, 2]})", "applications[1]: must be an object"},
+        {R"({"applications": [{}]})", "applications[0].uid: missing"},
+        {R"({"applications": [{"uid": -1}]})", "applications[0].uid: must lie between 0 and 2147483647"},
+        {R"({"applications": [{"uid": 1, "processes": [1, 0]}]})",
+         "applications[0].processes[1]: must lie between 1 and 2147483647"},
+        {R"({"applications": [{"uid": 1, "processes": [2147483648]}]})",
+         "applications[0].processes[0]: must lie between 1 and 2147483647"},
+        {R"({"applications": [{"uid": 1, "foreground": null}]})",
+         "applications[0].foreground: must be true or false"},
+        {R"({"extensions": [{"uid": 1}]})", "extensions[0].pid: missing"},
+        {R"({"continuous_tasks": [{"uid": 1, "pid": 2, "types": [4294967296]}]})",
+         "continuous_tasks[0].types[0]: must lie between 0 and 4294967295"},
+        {R"({"efficiency_resources": {"processes": [{"uid": 1, "pid": 1.5}]}})",
+         "efficiency_resources.processes[0].pid: must be an integer"},
+        {R"({"efficiency_resources": {"other": []}})", "efficiency_resources.other: unknown key"},
+    };
+    for (const auto& [text, fault] : cases) {
+        DeviceState state;
+        std::string error;
+        EXPECT_FALSE(ReadDeviceState(text, state, error)) << text;
+        EXPECT_EQ(error, fault) << text;
+    }
+    DeviceState state;
+    std::string error;
+    EXPECT_FALSE(ReadDeviceState("{\"screen_on\":\n tru}", state, error));
+    EXPECT_NE(error.find("line 2, column"), std::string::npos) << error;
+    EXPECT_FALSE(ReadDeviceState(std::string(1000000, '['), state, error));
+}
+
+}  // namespace
+}  // namespace KITE::Linux

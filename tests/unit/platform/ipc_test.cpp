@@ -1,0 +1,470 @@
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ipc/ability_names.h"
+#include "ipc/ability_registry.h"
+#include "ipc/bus.h"
+#include "ipc/calling_context.h"
+#include "ipc/object_server.h"
+#include "ipc/outcome.h"
+#include "ipc/remote_proxy.h"
+#include "ipc/wire.h"
+#include "runtime/settings.h"
+#include "system_ability.h"
+
+extern char** environ;  // NOLINT
+
+namespace KITE::Linux {
+namespace {
+
+constexpr std::chrono::seconds kPatience{20};
+constexpr char kPath[] = "/kite/test";
+
+// A bus daemon in a directory of its own, at the same address for the process's life.
+class Daemon {
+  public:
+    static const std::filesystem::path& Directory() {
+        static const std::filesystem::path directory = [] {
+            std::string name = "/tmp/kite-ipc-test-XXXXXX";
+            return std::filesystem::path(mkdtemp(name.data()));
+        }();
+        return directory;
+    }
+    static std::string Address() { return "unix:path=" + (Directory() / "bus").string(); }
+
+    Daemon() {
+        std::ofstream(Directory() / "bus.conf")
+            << "<busconfig><listen>" << Address() << "</listen><auth>EXTERNAL</auth>"
+            << "<policy context='default'><allow user='*'/><allow own='*'/>"
+            << "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/></policy>"
+            << "<limit name='max_replies_per_connection'>4096</limit>"
+            << "</busconfig>";
+        Spawn();
+    }
+    ~Daemon() {
+        Kill();
+        std::filesystem::remove(Directory() / "bus.conf");
+    }
+
+    void Kill() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(std::exchange(pid_, -1), nullptr, 0);
+            std::filesystem::remove(Directory() / "bus");
+        }
+    }
+
+    // Frozen, it delivers and answers nothing.
+    void Freeze() const {
+        kill(pid_, SIGSTOP);
+        waitpid(pid_, nullptr, WUNTRACED);
+    }
+
+  private:
+    void Spawn() {
+        std::array<int, 2> ends{};
+        ASSERT_EQ(pipe(ends.data()), 0);
+        const UniqueFd reading(ends[0]);
+        UniqueFd writing(ends[1]);
+        const std::string config = "--config-file=" + (Directory() / "bus.conf").string();
+        const std::string ready = "--print-address=" + std::to_string(writing.Get());
+        std::array<const char*, 5> arguments{"dbus-daemon", "--nofork", config.c_str(), ready.c_str(),
+                                             nullptr};
+        ASSERT_EQ(posix_spawnp(&pid_, arguments[0], nullptr, nullptr, const_cast<char**>(arguments.data()),
+                               environ),
+                  0);
+        writing = UniqueFd();
+        char ignored = 0;
+        ASSERT_EQ(read(reading.Get(), &ignored, 1), 1) << "the daemon did not start";
+    }
+
+    pid_t pid_ = -1;
+};
+
+// Another process as the bus sees it: a connection of its own, used on the test's thread.
+class Peer {
+  public:
+    Peer() {
+        sd_bus* connection = nullptr;
+        sd_bus_new(&connection);
+        connection_.reset(connection);
+        sd_bus_set_address(connection, Daemon::Address().c_str());
+        sd_bus_set_bus_client(connection, 1);
+        sd_bus_start(connection);
+        const char* name = nullptr;
+        EXPECT_GE(sd_bus_get_unique_name(connection, &name), 0);
+        name_ = name == nullptr ? "" : name;
+    }
+
+    const std::string& Name() const { return name_; }
+    void Claim(int32_t id, uint64_t flags = 0) {
+        EXPECT_GE(sd_bus_request_name(connection_.get(), AbilityBusName(id).c_str(), flags), 0);
+    }
+    void Release(int32_t id) { sd_bus_release_name(connection_.get(), AbilityBusName(id).c_str()); }
+
+    // Sends a request without waiting for its reply.
+    void Send(const std::string& to, uint32_t code, std::string_view bytes,
+              std::function<void(sd_bus_message*)> done) {
+        sd_bus_message* raw = nullptr;
+        ASSERT_GE(sd_bus_message_new_method_call(connection_.get(), &raw, to.c_str(), kPath,
+                                                 kAbilityInterface, "Transact"),
+                  0);
+        const MessageHandle call(raw);
+        sd_bus_message_append(raw, "u", code);
+        sd_bus_message_append_array(raw, 'y', bytes.data(), bytes.size());
+        SendCall(raw, std::move(done));
+    }
+    void SendDump(const std::string& to, int fd, std::function<void(sd_bus_message*)> done) {
+        sd_bus_message* raw = nullptr;
+        ASSERT_GE(sd_bus_message_new_method_call(connection_.get(), &raw, to.c_str(), kPath,
+                                                 kAbilityInterface, "Dump"),
+                  0);
+        const MessageHandle call(raw);
+        sd_bus_message_append(raw, "ash", 1, "word", fd);
+        SendCall(raw, std::move(done));
+    }
+    // Processes replies until the condition holds.
+    bool WaitUntil(const std::function<bool()>& condition) {
+        const auto end = std::chrono::steady_clock::now() + kPatience;
+        bool holds = condition();
+        while (!holds && std::chrono::steady_clock::now() < end) {
+            if (sd_bus_process(connection_.get(), nullptr) == 0) {
+                sd_bus_wait(connection_.get(), 10'000);
+            }
+            holds = condition();
+        }
+        return holds;
+    }
+
+  private:
+    void SendCall(sd_bus_message* call, std::function<void(sd_bus_message*)> done) {
+        receivers_.push_back(std::make_unique<std::function<void(sd_bus_message*)>>(std::move(done)));
+        const auto onReply = [](sd_bus_message* reply, void* receiver, sd_bus_error*) {
+            (*static_cast<std::function<void(sd_bus_message*)>*>(receiver))(reply);
+            return 1;
+        };
+        EXPECT_GE(sd_bus_call_async(connection_.get(), nullptr, call, onReply, receivers_.back().get(), 0),
+                  0);
+    }
+
+    std::vector<std::unique_ptr<std::function<void(sd_bus_message*)>>> receivers_;
+    BusHandle connection_;
+    std::string name_;
+};
+
+// Records what reaches it; a dump lasts until it is let go.
+class Recorder : public IPCObjectStub {
+  public:
+    Recorder() : IPCObjectStub(u"recorder", true) {}
+
+    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
+                            MessageOption& /*option*/) override {
+        EXPECT_FALSE(busy_.exchange(true)) << "two requests at a time";
+        order.push_back(static_cast<int>(code));
+        caller = CallerName();
+        uid = CallerUid();
+        ownsManager = CallerOwnsAbility(KELVRA_MANAGER_SERVICE_ID);
+        int32_t status = static_cast<int32_t>(code);
+        if (onRequest) {
+            status = onRequest(reply);
+        } else {
+            int32_t number = 0;
+            data.ReadInt32(number);
+            reply.WriteInt32(number + 1);
+        }
+        busy_ = false;
+        return status;
+    }
+    int32_t Dump(int fd, const std::vector<std::u16string>& args) override {
+        EXPECT_FALSE(busy_.exchange(true)) << "two requests at a time";
+        dumping.Set(CallerUid() == getuid());
+        letGo.WaitFor(kPatience);
+        busy_ = false;
+        return args.size() == 1 && write(fd, "dump", 4) == 4 ? 11 : -1;
+    }
+
+    std::vector<int> order;
+    std::string caller;
+    std::optional<uid_t> uid;
+    bool ownsManager = false;
+    std::function<int32_t(MessageParcel&)> onRequest;
+    Outcome<bool> dumping;
+    Outcome<bool> letGo;
+
+  private:
+    std::atomic<bool> busy_{false};
+};
+
+class Ipc : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        Settings settings;
+        settings.busAddress = Daemon::Address();
+        SetSettings(settings);
+    }
+    static void TearDownTestSuite() { std::filesystem::remove(Daemon::Directory()); }
+
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(bus.Start(error)) << error;
+        std::string name;
+        bus.Run([&] {
+            const char* unique = nullptr;
+            sd_bus_get_unique_name(bus.Connection(), &unique);
+            name = unique;
+        });
+        self = name;
+        ASSERT_TRUE(bus.Export(kPath, recorder));
+    }
+    void TearDown() override {
+        bus.Stop();
+        ForgetPublishedObjects();
+    }
+
+    int32_t SendNumber(RemoteProxy proxy, uint32_t code, int32_t& number) {
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option;
+        data.WriteInt32(number);
+        const int32_t status = proxy.SendRequest(code, data, reply, option);
+        reply.ReadInt32(number);
+        return status;
+    }
+
+    Daemon daemon;
+    Bus& bus = Bus::Instance();
+    std::string self;
+    sptr<Recorder> recorder = MakeSptr<Recorder>();
+};
+
+TEST_F(Ipc, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
+    Peer peer;
+    peer.Claim(KELVRA_MANAGER_SERVICE_ID);
+    int32_t status = 0;
+    int32_t number = 0;
+    const int32_t sent = 41;
+    bool isDone = false;
+    peer.Send(self, 7, {reinterpret_cast<const char*>(&sent), sizeof(sent)}, [&](sd_bus_message* reply) {
+        const void* bytes = nullptr;
+        size_t size = 0;
+        sd_bus_message_read(reply, "i", &status);
+        sd_bus_message_read_array(reply, 'y', &bytes, &size);
+        MessageParcel parcel(std::vector<std::byte>(static_cast<const std::byte*>(bytes),
+                                                    static_cast<const std::byte*>(bytes) + size));
+        parcel.ReadInt32(number);
+        isDone = true;
+    });
+    ASSERT_TRUE(peer.WaitUntil([&] { return isDone; }));
+    EXPECT_EQ(status, 7);
+    EXPECT_EQ(number, 42);
+    bus.Run([&] {
+        EXPECT_EQ(recorder->caller, peer.Name());
+        EXPECT_EQ(recorder->uid, getuid());
+        EXPECT_TRUE(recorder->ownsManager);
+    });
+    EXPECT_EQ(CallerName(), "");
+    EXPECT_EQ(CallerUid(), std::nullopt);
+    EXPECT_EQ(IPCSkeleton::GetCallingTokenID(), 0U);
+}
+
+TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot) {
+    Peer peer;
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    const UniqueFd reading(ends[0]);
+    const UniqueFd writing(ends[1]);
+    int32_t dumpStatus = 0;
+    peer.SendDump(self, writing.Get(),
+                  [&](sd_bus_message* reply) { sd_bus_message_read(reply, "i", &dumpStatus); });
+    std::optional<bool> sawCaller;
+    ASSERT_TRUE(peer.WaitUntil(
+        [&] { return (sawCaller = recorder->dumping.WaitFor(std::chrono::milliseconds(10))).has_value(); }));
+    EXPECT_TRUE(*sawCaller);
+
+    // The dump is one of those that the limit counts.
+    const int total = static_cast<int>(ObjectServer::kMaxRequests) + 9;
+    int answered = 0;
+    int refused = 0;
+    for (int i = 0; i < total; ++i) {
+        peer.Send(self, static_cast<uint32_t>(i), {}, [&](sd_bus_message* reply) {
+            const sd_bus_error* error = sd_bus_message_get_error(reply);
+            ++(error == nullptr ? answered : refused);
+            EXPECT_TRUE(error == nullptr || std::string_view(error->name) == SD_BUS_ERROR_LIMITS_EXCEEDED);
+        });
+    }
+    ASSERT_TRUE(peer.WaitUntil([&] { return refused == 10; }));
+    EXPECT_EQ(answered, 0);
+    EXPECT_TRUE(bus.Run([] {}));
+
+    recorder->letGo.Set(true);
+    ASSERT_TRUE(peer.WaitUntil([&] { return answered + refused == total; }));
+    EXPECT_EQ(refused, 10);
+    EXPECT_EQ(dumpStatus, 11);
+    std::array<char, 8> text{};
+    EXPECT_EQ(read(reading.Get(), text.data(), text.size()), 4);
+    bus.Run([&] { EXPECT_TRUE(std::ranges::is_sorted(recorder->order)); });
+}
+
+TEST_F(Ipc, ACallFailsByWhatStandsInItsWay) {
+    int32_t number = 1;
+    EXPECT_EQ(SendNumber({self, kPath}, 5, number), 5);
+    EXPECT_EQ(number, 2);
+    EXPECT_EQ(SendNumber({"kite.ability.SA4711", kPath}, 5, number), ERR_DEAD_OBJECT);
+    EXPECT_EQ(SendNumber({self, "/kite/nowhere"}, 5, number), ERR_DEAD_OBJECT);
+    EXPECT_EQ(SendNumber({self, "no path"}, 5, number), ERR_REFUSED);
+
+    recorder->onRequest = [&](MessageParcel&) { return SendNumber({self, kPath}, 5, number); };
+    EXPECT_EQ(SendNumber({self, kPath}, 5, number), ERR_REFUSED)
+        << "the serving thread would wait for itself";
+    recorder->onRequest = [](MessageParcel&) -> int32_t { throw std::runtime_error("broken"); };
+    EXPECT_EQ(SendNumber({self, kPath}, 5, number), ERR_REFUSED);
+}
+
+TEST_F(Ipc, WhatTheBusDoesNotCarryIsRefusedBeforeItIsSent) {
+    const std::string large(kMaxParcelSize, 'x');
+    MessageParcel data;
+    MessageParcel reply;
+    MessageOption option;
+    data.WriteString(large);
+    EXPECT_EQ(RemoteProxy(self, kPath).SendRequest(1, data, reply, option), ERR_TOO_LARGE);
+    recorder->onRequest = [&](MessageParcel& answer) { return answer.WriteString(large) ? 0 : 1; };
+    MessageParcel small;
+    EXPECT_EQ(RemoteProxy(self, kPath).SendRequest(1, small, reply, option), ERR_TOO_LARGE);
+    EXPECT_TRUE(reply.Bytes().empty());
+
+    recorder->onRequest = nullptr;
+    int32_t number = 1;
+    EXPECT_EQ(SendNumber({self, kPath}, 5, number), 5) << "the connection did not survive";
+}
+
+TEST_F(Ipc, AListenerHearsEachChangeOnceAndANewOwnerAsRemovalAndAddition) {
+    constexpr int32_t kId = 77;
+    Peer first;
+    first.Claim(kId, SD_BUS_NAME_ALLOW_REPLACEMENT);
+    std::mutex mutex;
+    std::string heard;
+    ASSERT_TRUE(bus.Names().Listen(kId, [&](bool available) {
+        const std::lock_guard lock(mutex);
+        heard += available ? '+' : '-';
+    }));
+    const auto hasHeard = [&](std::string_view expected) {
+        return first.WaitUntil([&] {
+            const std::lock_guard lock(mutex);
+            return heard == expected;
+        });
+    };
+    EXPECT_TRUE(hasHeard("+")) << heard;
+    Peer second;
+    second.Claim(kId, SD_BUS_NAME_REPLACE_EXISTING);
+    EXPECT_TRUE(hasHeard("+-+")) << heard;
+    EXPECT_EQ(bus.Names().OwnerOf(kId), second.Name());
+    second.Release(kId);
+    EXPECT_TRUE(hasHeard("+-+-")) << heard;
+    EXPECT_EQ(bus.Names().OwnerOf(kId), "");
+    bus.Names().StopCallbacks();
+}
+
+TEST_F(Ipc, AnAbilityIsPublishedAgainButNotUnderANameOfAnother) {
+    struct Publisher : SystemAbility {
+        using SystemAbility::Publish;
+        using SystemAbility::SystemAbility;
+    };
+    Publisher mine(78, false);
+    Publisher taken(79, false);
+    Peer peer;
+    peer.Claim(79);
+    EXPECT_TRUE(mine.Publish(recorder.GetRefPtr()));
+    EXPECT_TRUE(mine.Publish(recorder.GetRefPtr()));
+    EXPECT_FALSE(mine.Publish(nullptr));
+    EXPECT_FALSE(taken.Publish(recorder.GetRefPtr()));
+    const auto registry = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    EXPECT_EQ(registry->GetSystemAbility(78), sptr<IRemoteObject>(recorder.GetRefPtr()));
+    EXPECT_NE(registry->GetSystemAbility(79), nullptr);
+    EXPECT_EQ(registry->GetSystemAbility(80), nullptr);
+}
+
+TEST_F(Ipc, TheBusAndTheServicesProcessesAreProtected) {
+    Peer peer;
+    peer.Claim(kQuotaServiceId);
+    EXPECT_TRUE(peer.WaitUntil([] { return BusProtectedPids().size() == 2; }));
+    EXPECT_EQ(BusProtectedPids().back(), getpid());
+    peer.Release(kQuotaServiceId);
+    EXPECT_TRUE(peer.WaitUntil([] { return BusProtectedPids().size() == 1; }));
+}
+
+TEST_F(Ipc, StoppingEndsCallsWithoutAnAnswerAndRefusesWork) {
+    Peer silent;
+    Outcome<int32_t> outcome;
+    RemoteProxy(silent.Name(), kPath).SendRequestAsync(1, {}, [&](int32_t status, MessageParcel&) {
+        outcome.Set(status);
+    });
+    bus.Stop();
+    EXPECT_EQ(outcome.WaitFor({}), ERR_DEAD_OBJECT);
+    EXPECT_FALSE(bus.Post([] {}));
+    EXPECT_FALSE(bus.Export(kPath, recorder));
+    int32_t number = 1;
+    EXPECT_EQ(SendNumber({self, kPath}, 5, number), ERR_DEAD_OBJECT);
+}
+
+TEST_F(Ipc, ALostBusIsToldOnceAndEndsThePendingCalls) {
+    bus.Stop();
+    std::atomic<int> lost{0};
+    Outcome<bool> told;
+    bus.SetLostHandler([&] {
+        ++lost;
+        told.Set(true);
+    });
+    std::string error;
+    ASSERT_TRUE(bus.Start(error)) << error;
+    Peer silent;
+    Outcome<int32_t> outcome;
+    RemoteProxy(silent.Name(), kPath).SendRequestAsync(1, {}, [&](int32_t status, MessageParcel&) {
+        outcome.Set(status);
+    });
+    daemon.Kill();
+    EXPECT_TRUE(told.WaitFor(kPatience).has_value());
+    EXPECT_EQ(outcome.WaitFor(kPatience), ERR_DEAD_OBJECT);
+    EXPECT_FALSE(bus.IsConnected());
+    int32_t number = 1;
+    EXPECT_EQ(SendNumber({self, kPath}, 5, number), ERR_DEAD_OBJECT);
+    bus.Stop();
+    bus.SetLostHandler(nullptr);
+    EXPECT_EQ(lost, 1);
+}
+
+TEST_F(Ipc, ACallWithoutAnAnswerTimesOut) {
+    Peer silent;
+    Outcome<int32_t> outcome;
+    RemoteProxy(silent.Name(), kPath).SendRequestAsync(1, {}, [&](int32_t status, MessageParcel&) {
+        outcome.Set(status);
+    });
+    bus.Run([] {});
+    daemon.Freeze();
+    const auto begin = std::chrono::steady_clock::now();
+    int32_t number = 1;
+    EXPECT_EQ(SendNumber({self, kPath}, 5, number), ERR_TIMED_OUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, kCallTimeout + std::chrono::seconds(2));
+    EXPECT_EQ(outcome.WaitFor(kPatience), ERR_TIMED_OUT);
+    daemon.Kill();
+}
+
+}  // namespace
+}  // namespace KITE::Linux
