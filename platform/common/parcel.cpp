@@ -14,9 +14,13 @@ constexpr size_t PaddingOf(size_t size) {
 
 }  // namespace
 
+bool Parcel::HasRoomFor(size_t size) const {
+    return bytes_.size() <= kMaxSize && size <= kMaxSize - bytes_.size();
+}
+
 bool Parcel::Append(const void* data, size_t size) {
     const size_t padded = size + PaddingOf(size);
-    if (padded > kMaxSize - bytes_.size()) {
+    if (!HasRoomFor(padded)) {
         return false;
     }
     const size_t at = bytes_.size();
@@ -28,8 +32,7 @@ bool Parcel::Append(const void* data, size_t size) {
 }
 
 bool Parcel::AppendCounted(size_t count, const void* data, size_t size) {
-    const size_t whole = sizeof(uint32_t) + size + PaddingOf(size);
-    if (size > kMaxSize || whole > kMaxSize - bytes_.size()) {
+    if (size > kMaxSize || !HasRoomFor(sizeof(uint32_t) + size + PaddingOf(size))) {
         return false;
     }
     return WriteUint32(static_cast<uint32_t>(count)) && Append(data, size);

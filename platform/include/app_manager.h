@@ -7,6 +7,7 @@
 
 namespace KITE {
 
+// A process of an application, a process that renders for one, and an application with a state.
 struct RunningProcessInfo {
     int32_t pid = 0;
     int32_t uid = 0;

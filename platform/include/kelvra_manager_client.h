@@ -64,8 +64,8 @@ class KITE_API KelvraManagerClient {
   public:
     static KelvraManagerClient& GetInstance();
 
-    // Replaces all quotas by the list. 0 on success; not 0 when the manager is not there, refuses the caller
-    // or the list, or the list is too large for one message.
+    // Replaces all quotas by the list; the first argument is always 0. 0 on success; not 0 when the manager
+    // is not there, refuses the caller or the list, or the list is too large for one message.
     int32_t SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas);
     // Asks for reports to the subscriber until it is destroyed or the manager goes away; a later subscription
     // replaces an earlier one. The manager may report before the call returns. 0 on success.

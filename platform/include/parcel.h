@@ -60,6 +60,7 @@ class KITE_API Parcel {
     void Reserve(size_t bytes) { bytes_.reserve(bytes); }
 
   private:
+    bool HasRoomFor(size_t size) const;
     bool Append(const void* data, size_t size);
     bool AppendCounted(size_t count, const void* data, size_t size);
     bool Take(void* data, size_t size);

@@ -4,6 +4,7 @@
 
 namespace KITE {
 
+// The power manager.
 class KITE_API PowerMgrClient {
   public:
     static PowerMgrClient& GetInstance();

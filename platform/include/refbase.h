@@ -44,6 +44,8 @@ class sptr {
     sptr(const sptr<U>& other) noexcept : object_(other.GetRefPtr()) {
         Inc();
     }
+    template <std::derived_from<T> U>
+    sptr(sptr<U>&& other) noexcept : object_(other.ReleaseRef()) {}
     ~sptr() {
         if (object_ != nullptr) {
             object_->DecStrongRef();
@@ -55,6 +57,8 @@ class sptr {
     }
 
     T* GetRefPtr() const noexcept { return object_; }
+    // Gives the reference away: the caller owes one DecStrongRef.
+    T* ReleaseRef() noexcept { return std::exchange(object_, nullptr); }
     T* operator->() const noexcept { return object_; }
     T& operator*() const noexcept { return *object_; }
     explicit operator bool() const noexcept { return object_ != nullptr; }

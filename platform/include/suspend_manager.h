@@ -17,6 +17,7 @@ struct NativeProcessInfo {
     bool isFreeze = false;  // true freezes, false thaws
 };
 
+// The suspend manager, which freezes and thaws processes that belong to no application.
 class KITE_API SuspendManagerClient {
   public:
     static SuspendManagerClient& GetInstance();

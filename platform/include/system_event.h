@@ -10,6 +10,7 @@
 
 namespace KITE {
 
+// One item of an event; texts are UTF-8.
 struct EventField {
     std::string_view key;
     std::variant<int32_t, std::string> value;
@@ -22,7 +23,7 @@ class KITE_API QuillRec {
 
     QuillRec() = delete;
 
-    // Records one event; 0 on success. Never waits. Any thread.
+    // Records one event; 0 on success, else an error number: the event is lost. Never waits. Any thread.
     static int32_t Write(std::string_view domain, std::string_view name, EventType type,
                          const std::vector<EventField>& fields);
 };

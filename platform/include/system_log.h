@@ -19,13 +19,17 @@
 // level costs one atomic load and evaluates no argument. Any thread; never waits; never fails.
 namespace KITE::Log {
 
+static_assert(sizeof(long) == sizeof(int64_t), "the formats take 64-bit numbers for long");
+
 enum class Level : int { kDebug, kInfo, kWarning, kError };
 
+// Whose line it is: the number of a part of the system, and a name for people.
 struct Label {
     uint32_t domain;
     const char* tag;
 };
 
+// Where it was written.
 struct Site {
     const char* unit;
     const char* function;

@@ -6,6 +6,7 @@
 
 namespace KITE {
 
+// The time service.
 class KITE_API TimeServiceClient {
   public:
     static TimeServiceClient& GetInstance();

@@ -7,12 +7,14 @@
 
 namespace KITE {
 
+// A window that is visible now.
 struct KITE_API WindowVisibilityInfo : virtual RefBase {
     explicit WindowVisibilityInfo(int32_t ownerUid) : uid(ownerUid) {}
 
     const int32_t uid;  // of the window's owner
 };
 
+// The window manager.
 class KITE_API WindowManager {
   public:
     static WindowManager& GetInstance();

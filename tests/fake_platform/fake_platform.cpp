@@ -26,7 +26,7 @@ class AppManager : public IRemoteStub<IAppMgr> {
     static int32_t Answer(const char* call, const std::vector<T>& answer, std::vector<T>& infos) {
         Platform::Get().RecordCall(call);
         infos.insert(infos.end(), answer.begin(), answer.end());
-        return 0;
+        return -1;  // callers use the lists as they are
     }
 };
 

@@ -200,7 +200,7 @@ int32_t WindowManager::GetVisibilityWindowInfo(std::vector<sptr<WindowVisibility
     for (const int32_t uid : Platform::Get().windowOwners) {
         infos.push_back(uid < 0 ? nullptr : MakeSptr<WindowVisibilityInfo>(uid));
     }
-    return 0;
+    return -1;  // callers use the list as it is
 }
 
 int32_t BackgroundTaskMgrHelper::GetContinuousTaskApps(

@@ -102,6 +102,26 @@ TEST_F(AnomalyTest, AReportIsLoggedAndItsProcessVerified) {
     EXPECT_THAT(platform.Trace(), IsEmpty());
 }
 
+TEST_F(AnomalyTest, ARefusedReportDoesNotStopItsBatch) {
+    auto stranger = Report("cpu", "kill");
+    stranger.pid = 13;
+    impl_->HandleAbnormalInfos({stranger, Report("cpu", "kill", {}, 3000), Report("cpu", "kill")});
+    EXPECT_THAT(platform.Calls(), Contains(kKillForCpu[1]).Times(1));
+}
+
+TEST_F(AnomalyTest, AnAcceptedBatchIsHandledAlsoWhenNobodyElseHoldsTheCore) {
+    auto core = std::make_shared<ResourceQuotaControlImpl>();
+    const std::weak_ptr<ResourceQuotaControlImpl> watched = core;
+    core->InitKelvraTaskObserver();
+    core->SendHandlerEvent({Report("cpu_ext", "")});
+    core.reset();
+    EXPECT_EQ(platform.RunTasks(), 1U);
+    EXPECT_THAT(platform.Calls(), Contains(testing::StartsWith("ReportData(72, 5")));
+    platform.Advance(6s);
+    EXPECT_THAT(platform.Calls(), Contains(testing::StartsWith("ReportData(72, 6")));
+    EXPECT_TRUE(watched.expired()) << "the observer does not hold it";
+}
+
 TEST_F(AnomalyTest, OnlyGeneralTypesFrom0To2AreHandled) {
     for (const int type : {-999, 0, 999, 1000, 2999}) {
         EXPECT_EQ(Executions(Report("cpu", "kill", {}, type)), 1) << type;
@@ -194,6 +214,8 @@ TEST_F(ExemptionTest, ADataTransferOfTheProcessExemptsFromIoQuotasOnly) {
         ElementsAre("GetContinuousTaskApps()", "I " + kImpl + "pid 12 has data transfer continuous task",
                     "I " + kImpl + "pid:12 has special continuous task, it can be exempted"));
     EXPECT_EQ(Handle(Report("cpu", "kill")), kKillForCpu);
+    EXPECT_THAT(Handle(Report("io2", "")), IsEmpty());
+    EXPECT_THAT(Handle(Report("cpu_ext2", "")), IsEmpty());
     platform.continuousTaskResult = 1;
     EXPECT_THAT(Handle(Report("io", "")),
                 ElementsAre("GetContinuousTaskApps()", "E " + kImpl + "get continuous task failed!",
@@ -284,6 +306,31 @@ TEST_F(StagesTest, SuppressesThenFreezesThenKills) {
     afterKill[1] = Value("process exit suppress, processName: foo, uid: 0,pid: 0");
     EXPECT_EQ(Advance(1us), afterKill);
     EXPECT_EQ(Treat(CpuExt()), suppress_);
+}
+
+TEST_F(StagesTest, NeitherConditionsNorTypesMatter) {
+    for (const int type : {0, 1000, 2000}) {
+        platform.Advance(6s);
+        auto report = CpuExt();
+        report.processType = type;
+        report.conditions = {8};
+        EXPECT_EQ(Treat(report), suppress_);
+        report.conditions.clear();
+        platform.windowOwners = {34};
+        EXPECT_THAT(Treat(report),
+                    Contains(Value("cancel suppress, 34 is in foreground or has window visible")));
+        platform.windowOwners.clear();
+        EXPECT_EQ(Treat(report), freeze_);
+    }
+}
+
+TEST_F(StagesTest, TheFirstReportsUidIsThePayloads) {
+    platform.windowOwners = {34};
+    Treat(CpuExt(12, 34));
+    platform.windowOwners.clear();
+    auto trace = Treat(CpuExt(12, 35));
+    std::erase(trace, "E " + kImpl + "35 does not match 12");
+    EXPECT_EQ(trace, suppress_);
 }
 
 TEST_F(StagesTest, TheKillsResultChangesNothing) {

@@ -67,6 +67,16 @@ TEST(ParcelTest, ACutOrLyingFieldLeavesEverythingAsItWas) {
     }
 }
 
+TEST(ParcelTest, GrowsToItsLimitAndNoFurther) {
+    Parcel parcel;
+    EXPECT_FALSE(parcel.WriteString(std::string(Parcel::kMaxSize - 3, 'x')));
+    EXPECT_EQ(parcel.Bytes().size(), 0U);
+    EXPECT_TRUE(parcel.WriteString(std::string(Parcel::kMaxSize - 4, 'x')));
+    EXPECT_FALSE(parcel.WriteInt32(1));
+    Parcel foreign(std::vector<std::byte>(Parcel::kMaxSize + 4));
+    EXPECT_FALSE(foreign.WriteInt32(1));
+}
+
 TEST(ParcelTest, ARecordOfQuotasTravelsWhole) {
     Kelvra::ResQuotaInfo info;
     info.duration = 1;

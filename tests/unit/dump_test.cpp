@@ -1,4 +1,5 @@
 #include "res_policy_manager.h"
+#include "resource_quota_control_dumper.h"
 #include "resource_quota_control_impl.h"
 #include "service_fixture.h"
 #include "singleton.h"
@@ -124,12 +125,31 @@ TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
     EXPECT_EQ(DumpText({u"DumpHandledAbnormalEnhanceInfo"}),
               text + "cpu_ext duration_0 condition_ id_0 resource_0 timestamp_0\n");
     EXPECT_EQ(std::ranges::count(DumpText({u"DumpReportedAbnormalInfo"}), '\n'), 2);
+    info.action = "no action";
+    info.conditions = {0, 8, 0};
+    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos({info});
+    EXPECT_EQ(std::ranges::count(DumpText({u"DumpHandledAbnormalInfo"}), '\n'), 3)
+        << "once for each condition";
+    platform.registeredAbility->OnRemoveSystemAbility(1213, "");
+    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos({info});
+    EXPECT_EQ(std::ranges::count(DumpText({u"DumpReportedAbnormalInfo"}), '\n'), 4) << "recording goes on";
+    std::string result = "replaced";
+    ResourceQuotaControlDumper::Dump({"DumpConfig"}, result);
+    EXPECT_EQ(result, "");
+}
+
+TEST_F(DumpTest, NothingIsRecordedBeforeTheManagerHasAcceptedASubscription) {
+    platform.subscribeResult = 1;
+    platform.registeredAbility->OnAddSystemAbility(1213, "");
+    Handle(1, "kill", "cpu");
+    EXPECT_EQ(DumpText({u"DumpReportedAbnormalInfo"}), "");
 }
 
 TEST_F(DumpTest, LogsTheBytesThatOneProcessHasWritten) {
     const std::string invalid =
         "E resource_quota_control_impl: input pid is invalid, please remember to enter the pid parameter.";
-    for (const std::u16string word : {u"", u"0", u"abc", u"99999999999999999999", u"+-5", u"- 5"}) {
+    for (const std::u16string word :
+         {u"", u"0", u"abc", u"99999999999999999999", u"+-5", u"- 5", u"4294967301"}) {
         EXPECT_EQ(DumpText({u"DumpGetIoWritebytesAbility", word}), "");
         EXPECT_THAT(platform.Log(), ElementsAre(invalid));
     }
@@ -141,7 +161,7 @@ TEST_F(DumpTest, LogsTheBytesThatOneProcessHasWritten) {
         ElementsAre("E resource_quota_control_io_helper: file /proc/-3/io not found, can not get io data.",
                     "I resource_quota_control_io_helper: writeBytes.size() 1",
                     "I resource_quota_control_impl: receive data, pid:-3 writeBytes:18446744073709551615"));
-    DumpText({u"DumpGetIoWritebytesAbility", u"+99999999abc"});
+    DumpText({u"DumpGetIoWritebytesAbility", u"\v\r\f+99999999abc", u"5"});
     EXPECT_THAT(platform.Log(), Contains("I resource_quota_control_impl: receive data, pid:99999999 "
                                          "writeBytes:18446744073709551615"));
 }
@@ -156,7 +176,9 @@ TEST_F(ReleaseDumpTest, IsRefusedInSilenceWhateverThePermission) {
 
 TEST_F(ReleaseDumpTest, NothingIsRecorded) {
     platform.registeredAbility->OnAddSystemAbility(1213, "");
-    Handle(1, "kill", "cpu");
+    platform.files["/proc/1/cmdline"] = "foo";
+    Handle(1, "warning", "mem");
+    Handle(1, "warning", "cpu_ext");
     std::string result;
     const auto impl = DelayedSingleton<ResourceQuotaControlImpl>::GetInstance();
     impl->DumpAbnormalInfo(result, true);

@@ -109,6 +109,12 @@ TEST_F(LifecycleTest, WithoutAPolicyNothingIsPublished) {
                                        "E " + kService + "SetConfigToKelvraManager failed"));
 }
 
+TEST_F(LifecycleTest, AnEmptyListOfQuotasIsPushedToo) {
+    AddLayer(Quotas(""));
+    Start();
+    EXPECT_THAT(Add(1213), Contains("SetProcessQuota(0, 0)"));
+}
+
 TEST_F(LifecycleTest, OtherAbilitiesAreOnlyLogged) {
     EXPECT_THAT(Add(1212), ElementsAre("I " + kService + "Add system ability systemAbilityId:1212",
                                        "I " + kService + "Unhandled sysabilityId:1212"));

@@ -1,6 +1,8 @@
 #include <sched.h>
 #include <sys/mount.h>
 
+#include <thread>
+
 #include "json_utils.h"
 #include "res_policy_manager.h"
 #include "service_fixture.h"
@@ -56,21 +58,23 @@ TEST_F(PolicyTest, ExportsRecordsByNameThenResourceWithEveryField) {
                "'running_time':30,'io':[{'condition':[],'id':3,'resource_quota':1,'duration':2,"
                "'action':'warning'},{'condition':[],'id':4,'resource_quota':1,'duration':2,'action':''}]") +
          ',' +
-         Entry("A", "",
-               "'mem':[{'condition':[],'id':1,'resource_quota':9,'duration':2,'action':'kill'}],"
-               "'cpu':[{'condition':['foreground&audio','screen_off','background&','&&','Audio',"
-               "'background&&audio',' audio',''],'id':4294967297,'resource_quota':5000000000,"
-               "'duration':18446744073709551615,'action':'freeze','else':1}]")}));
+         Entry(
+             "A", "",
+             Rule("cpu_ext", 2) +
+                 ",'cpuX':[],'mem':[{'condition':[],'id':1,'resource_quota':9,'duration':2,'action':'kill'}],"
+                 "'cpu':[{'condition':['foreground&audio','screen_off','background&','&&','Audio',"
+                 "'background&&audio',' audio','','audio&audio'],'id':4294967297,'resource_quota':5000000000,"
+                 "'duration':18446744073709551615,'action':'freeze','else':1}]")}));
     EXPECT_TRUE(policy_.IsConfigInit());
-    EXPECT_THAT(Exported(), ElementsAre("A cpu 1", "A mem 1", "B io 3", "B io 4"));
+    EXPECT_THAT(Exported(), ElementsAre("A cpu 1", "A cpu_ext 2", "A mem 1", "B io 3", "B io 4"));
     std::vector<ResQuotaInfo> infos(1);
     policy_.GetAllResQuotaInfos(infos);
-    ASSERT_EQ(infos.size(), 5U) << "records are appended";
+    ASSERT_EQ(infos.size(), 6U) << "records are appended";
     EXPECT_EQ(infos[1].resource, 5000000000);
     EXPECT_EQ(infos[1].duration, -1);
     EXPECT_EQ(infos[1].processType, 0);
     EXPECT_EQ(infos[1].action, "freeze");
-    EXPECT_THAT(infos[1].conditions, ElementsAre(5, 8, 2, 0, 0, 6, 0, 0));
+    EXPECT_THAT(infos[1].conditions, ElementsAre(5, 8, 2, 0, 0, 6, 0, 0, 4));
 }
 
 TEST_F(PolicyTest, ExportsOnlyRunningTimesFromOneUpwards) {
@@ -109,78 +113,139 @@ TEST_F(PolicyTest, WithoutFilesThereIsNoPolicyUntilOneComes) {
     EXPECT_THAT(Exported(), ElementsAre("A mem 1"));
 }
 
-TEST_F(PolicyTest, EveryRefusalStopsAtItsFileAndIsLogged) {
-    const std::string rule = "'condition':[],'id':1,'resource_quota':1,'duration':1,'action':'kill'";
-    const auto entryWith = [&](const std::string& ruleText) {
-        return Entry("A", "", "'cpu':[{" + ruleText + "}]");
-    };
-    const std::vector<std::string> rulesFailed{"E res_policy_manager: ParseQuotaForResource failed!",
-                                               "E res_policy_manager: ParseProcessQuotas failed!",
-                                               "E res_policy_manager: ParseProcessQuotaConfig failed!"};
-    const std::vector<std::string> entryFailed{"E res_policy_manager: ParseProcessQuotaConfig failed!"};
-    const std::vector<std::string> arrayFailed{"E res_policy_manager: Get quotas arrays failed!"};
-    const std::vector<std::string> mergeFailed{"E res_policy_manager: Merge quota config failed!"};
-    const auto broken = [](const std::string& text) {
-        return std::vector<std::string>{"E json_utils: " + text + " transit to json failed"};
-    };
-    const auto afterMerge = [&](const std::string& text) {
-        return std::vector<std::string>{"E res_policy_manager: " + text, mergeFailed[0]};
-    };
-    const std::string deep = std::string(513, '[') + std::string(513, ']');
-    const std::pair<std::string, std::vector<std::string>> cases[] = {
-        {"", broken("")},
-        {"{", broken("{")},
-        {"{}//", broken("{}//")},
-        {deep, broken(deep)},
-        {deep.substr(1, 1024), arrayFailed},
-        {"[]", arrayFailed},
-        {Json("{'quotas':{}}"), arrayFailed},
-        {Quotas("1"), entryFailed},
-        {Quotas("{'inherit':'','process_quotas':{}}"), entryFailed},
-        {Quotas("{'process_name':1,'inherit':'','process_quotas':{}}"), entryFailed},
-        {Quotas("{'process_name':'A','process_quotas':{}}"), entryFailed},
-        {Quotas("{'process_name':'A','inherit':null,'process_quotas':{}}"), entryFailed},
-        {Quotas("{'process_name':'A','inherit':''}"), entryFailed},
-        {Quotas("{'process_name':'A','inherit':'','process_quotas':[]}"), entryFailed},
-        {Quotas(Entry("A", "", "'cpu':[1]")), rulesFailed},
-        {Quotas(entryWith("'id':1,'resource_quota':1,'duration':1,'action':''")), rulesFailed},
-        {Quotas(entryWith("'condition':[1],'id':1,'resource_quota':1,'duration':1,'action':''")),
-         rulesFailed},
-        {Quotas(entryWith("'condition':'audio','id':1,'resource_quota':1,'duration':1,'action':''")),
-         rulesFailed},
-        {Quotas(entryWith("'condition':[],'id':1.0,'resource_quota':1,'duration':1,'action':''")),
-         rulesFailed},
-        {Quotas(entryWith("'condition':[],'id':1,'resource_quota':true,'duration':1,'action':''")),
-         rulesFailed},
-        {Quotas(entryWith("'condition':[],'id':1,'resource_quota':1,'duration':'1','action':''")),
-         rulesFailed},
-        {Quotas(entryWith("'condition':[],'id':1,'resource_quota':1,'duration':1,'action':1")), rulesFailed},
-        {Quotas(entryWith("'condition':[],'id':1,'resource_quota':1,'duration':1")), rulesFailed},
-        {Quotas(Entry("A", "A", "")), afterMerge("Find circular inheritance: A, A")},
-        {Quotas(Entry("A", "B", "") + ',' + Entry("B", "C", "") + ',' + Entry("C", "B", "")),
-         afterMerge("Find circular inheritance: C, B")},
-        {Quotas(Entry("A", "missing", "")), afterMerge("MergeConfig not find template name: missing")},
-    };
-    for (const auto& [text, expected] : cases) {
-        SCOPED_TRACE(text.substr(0, 200));
-        platform.configDirectories.reset();
-        AddLayer(text);
-        platform.ClearTrace();
-        EXPECT_FALSE(policy_.Init());
-        auto errors = platform.Log();
-        std::erase_if(errors, [](const std::string& line) { return line[0] != 'E'; });
-        EXPECT_EQ(errors, expected);
-        EXPECT_FALSE(policy_.IsConfigInit());
-        EXPECT_THAT(Exported(), IsEmpty());
+// What is refused, and the error lines without their unit.
+using Refusals = std::vector<std::pair<std::string, std::vector<std::string>>>;
+
+class RefusalTest : public PolicyTest {
+  protected:
+    // A file whose only fault is this rule.
+    static std::string WithRule(const std::string& rule) {
+        return Quotas(Entry("B", "", "") + ',' +
+                      Entry("A", "",
+                            Rule("cpu", 1) +
+                                ",'cpu_ext':[{'condition':[],'id':1,'resource_quota':1,'duration':1,"
+                                "'action':''}," +
+                                rule + ']'));
     }
-    platform.configDirectories.reset();
-    AddLayer("broken");
-    AddLayer(Quotas(""));
-    platform.ClearTrace();
-    EXPECT_FALSE(policy_.Init());
-    EXPECT_THAT(platform.Log(),
-                Not(Contains("I json_utils: realPath is [" + *platform.configDirectories->at(1) +
-                             "/etc/efficiency_manager/process_resource_limit.json]")));
+    static std::vector<std::string> RuleLines(const std::string& key) {
+        return {"ParseQuotaForResource failed!",   key + " of a rule is missing or wrong",
+                "ParseProcessQuotas failed!",      "/process_quotas/cpu_ext/1 is wrong",
+                "ParseProcessQuotaConfig failed!", "/quotas/1: process_quotas is missing or wrong"};
+    }
+    static std::vector<std::string> EntryLines(const std::string& key) {
+        return {"ParseProcessQuotaConfig failed!", "/quotas/0: " + key + " is missing or wrong"};
+    }
+
+    // Each text, as the second of three layers, stops everything.
+    void ExpectRefused(const Refusals& refusals, bool isFileRefused) {
+        for (const auto& [text, expected] : refusals) {
+            SCOPED_TRACE(text.substr(0, 200));
+            platform.configDirectories.reset();
+            AddLayer(Quotas(Entry("good", "", "'running_time':1," + Rule("cpu", 1))));
+            const std::string file = AddLayer(text);
+            const std::string last = AddLayer(Quotas(""));
+            platform.ClearTrace();
+            EXPECT_FALSE(policy_.Init());
+            std::vector<std::string> errors;
+            for (const auto& line : platform.Lines()) {
+                if (line.level == Log::Level::kError) {
+                    errors.push_back(line.text);
+                }
+            }
+            auto whole = expected;
+            if (isFileRefused) {
+                whole.push_back("config file " + file + " is refused");
+                EXPECT_THAT(platform.Log(), Not(Contains("I json_utils: realPath is [" + last + ']')));
+            }
+            EXPECT_EQ(errors, whole);
+            EXPECT_FALSE(policy_.IsConfigInit());
+            EXPECT_THAT(Exported(), IsEmpty());
+            EXPECT_THAT(policy_.GetExtensionRunningTime(), IsEmpty());
+        }
+    }
+};
+
+TEST_F(RefusalTest, OfWhatIsNoJsonOrTooDeep) {
+    const std::string deep = std::string(513, '[') + std::string(513, ']');
+    const auto broken = [](const std::string& text) {
+        return std::vector<std::string>{text + " transit to json failed"};
+    };
+    const std::vector<std::string> noArray{"Get quotas arrays failed!"};
+    ExpectRefused({{"", broken("")},
+                   {"{", broken("{")},
+                   {"{}//", broken("{}//")},
+                   {deep, broken(deep)},
+                   {deep.substr(1, 1024), noArray},
+                   {"[]", noArray},
+                   {Json("{'quotas':{}}"), noArray}},
+                  true);
+}
+
+TEST_F(RefusalTest, OfAWrongEntry) {
+    ExpectRefused(
+        {{Quotas("1"), EntryLines("process_name")},
+         {Quotas("{'inherit':'','process_quotas':{}}"), EntryLines("process_name")},
+         {Quotas("{'process_name':1,'inherit':'','process_quotas':{}}"), EntryLines("process_name")},
+         {Quotas("{'process_name':'A','process_quotas':{}}"), EntryLines("inherit")},
+         {Quotas("{'process_name':'A','inherit':null,'process_quotas':{}}"), EntryLines("inherit")},
+         {Quotas("{'process_name':'A','inherit':''}"), EntryLines("process_quotas")},
+         {Quotas("{'process_name':'A','inherit':'','process_quotas':[]}"), EntryLines("process_quotas")}},
+        true);
+}
+
+TEST_F(RefusalTest, OfAWrongRule) {
+    ExpectRefused(
+        {{WithRule("1"), RuleLines("condition")},
+         {WithRule("{'id':1,'resource_quota':1,'duration':1,'action':''}"), RuleLines("condition")},
+         {WithRule("{'condition':[1],'id':1,'resource_quota':1,'duration':1,'action':''}"),
+          RuleLines("condition")},
+         {WithRule("{'condition':'audio','id':1,'resource_quota':1,'duration':1,'action':''}"),
+          RuleLines("condition")},
+         {WithRule("{'condition':[],'id':1.0,'resource_quota':1,'duration':1,'action':''}"), RuleLines("id")},
+         {WithRule("{'condition':[],'id':1,'resource_quota':true,'duration':1,'action':''}"),
+          RuleLines("resource_quota")},
+         {WithRule("{'condition':[],'id':1,'resource_quota':1,'duration':'1','action':''}"),
+          RuleLines("duration")},
+         {WithRule("{'condition':[],'id':1,'resource_quota':1,'duration':1,'action':1}"),
+          RuleLines("action")},
+         {WithRule("{'condition':[],'id':1,'resource_quota':1,'duration':1}"), RuleLines("action")}},
+        true);
+}
+
+TEST_F(RefusalTest, OfCyclesAndMissingTemplates) {
+    const auto with = [](const std::string& line) {
+        return std::vector<std::string>{line, "Merge quota config failed!"};
+    };
+    const std::string rule = "'running_time':1," + Rule("cpu", 1);
+    ExpectRefused(
+        {{Quotas(Entry("A", "A", rule)), with("Find circular inheritance: A, A")},
+         {Quotas(Entry("A", "B", rule) + ',' + Entry("B", "C", rule) + ',' + Entry("C", "B", rule)),
+          with("Find circular inheritance: C, B")},
+         {Quotas(Entry("A", "missing", rule)), with("MergeConfig not find template name: missing")}},
+        false);
+}
+
+TEST_F(PolicyTest, ReadsLargeFilesAndLetsBracketsStandInNames) {
+    const std::string name = R"(\\\" )" + std::string(100'000, '[');
+    AddLayer("{\"other\":[{}]," + Quotas(Entry(name, "", Rule("cpu", 1))).substr(1));
+    for (int i = 0; i < 30; ++i) {
+        platform.configDirectories->push_back(std::nullopt);
+    }
+    AddLayer(Quotas(Entry("in_the_last_slot", "", Rule("cpu", 2))));
+    ASSERT_TRUE(policy_.Init());
+    EXPECT_EQ(Exported().size(), 2U);
+}
+
+TEST_F(PolicyTest, ReadersWaitForTheWholePolicyOrSeeNone) {
+    AddLayer(Quotas(Entry("A", "", "'running_time':1," + Rule("cpu", 1)) + ',' + Entry("B", "A", "")));
+    const std::jthread initialiser([this] { policy_.Init(); });
+    const std::jthread reader([this] {
+        for (bool isInit = false; !isInit;) {
+            isInit = policy_.IsConfigInit();
+            EXPECT_TRUE(policy_.GetExtensionRunningTime().size() == 2 || !isInit);
+            EXPECT_TRUE(Exported().size() == 2 || !isInit);
+        }
+    });
 }
 
 TEST_F(PolicyTest, ToleratesWhatIsNotRequired) {
@@ -200,11 +265,11 @@ TEST_F(PolicyTest, InheritsWholeListsByKeyThroughAChain) {
     ASSERT_TRUE(Load(
         {Entry("A", "B", "'running_time':-5,'io':7") + ',' + Entry("B", "Z", "'cpu':[]") + ',' +
          Entry("Z", "", "'running_time':9," + Rule("cpu", 1) + ',' + Rule("io", 2) + ',' + Rule("mem", 3)) +
-         ',' + Entry("C", "Z", Rule("cpu", 4))}));
+         ',' + Entry("C", "Z", "'running_time':5," + Rule("cpu", 4))}));
     EXPECT_THAT(Exported(), ElementsAre("A mem 3", "B io 2", "B mem 3", "C cpu 4", "C io 2", "C mem 3",
                                         "Z cpu 1", "Z io 2", "Z mem 3"));
     EXPECT_THAT(policy_.GetExtensionRunningTime(),
-                ElementsAre(std::pair("B", 9), std::pair("C", 9), std::pair("Z", 9)));
+                ElementsAre(std::pair("B", 9), std::pair("C", 5), std::pair("Z", 9)));
 }
 
 TEST_F(MergeTest, ANameThatOneFileDefinesKeepsItsParent) {
@@ -221,6 +286,12 @@ TEST_F(MergeTest, AParentOfTheFileBeforeStaysAlsoAgainstNone) {
 
 TEST_F(MergeTest, ANameWithoutAParentTakesTheLaterFiles) {
     EXPECT_THAT(RulesOfX({templates_ + ',' + X("", 7), X("U", 8)}), ElementsAre("X cpu 8", "X mem 2"));
+}
+
+TEST_F(MergeTest, ALaterFilesRecordReplacesTheWholeEarlierOne) {
+    EXPECT_THAT(RulesOfX({Entry("X", "", "'running_time':5," + Rule("io", 7)), X("", 8)}),
+                ElementsAre("X cpu 8"));
+    EXPECT_THAT(policy_.GetExtensionRunningTime(), IsEmpty());
 }
 
 TEST_F(MergeTest, ARedefinitionTwoFilesLaterDecidesTheParent) {
@@ -322,6 +393,8 @@ TEST_F(PolicyTest, ResolvesLinksAndRefusesLongAndMissingPaths) {
     platform.ClearTrace();
     EXPECT_FALSE(JsonUtil::LoadJsonObjFromFile(json, file + "missing"));
     EXPECT_THAT(platform.Log(), ElementsAre("E json_utils: Cannot read json file [" + file + "missing]"));
+    EXPECT_FALSE(JsonUtil::LoadJsonObjFromFile(json, AddLayer("[")));
+    EXPECT_TRUE(json.is_discarded());
     platform.ClearTrace();
     EXPECT_TRUE(JsonUtil::LoadJsonObjFromFile(json, link));
     EXPECT_THAT(platform.Log(), ElementsAre("I json_utils: realPath is [" + link + "]"));

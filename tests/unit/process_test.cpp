@@ -180,6 +180,9 @@ TEST_F(IoTest, OnlyTheFirstLineThatBeginsWithTheKeyCounts) {
     std::ofstream(name) << "wchar: 1\ncancelled_write_bytes: 2\nwrite_bytes: 3\nwrite_bytes: 4\n";
     EXPECT_THAT(ReadOwn(true), IsEmpty());
     EXPECT_EQ(read_, 3U);
+    std::ofstream(name) << std::string(1020, 'x') << "\nwrite_bytes: 5" << std::string(2000, ' ') << "\n";
+    ReadOwn(true);
+    EXPECT_EQ(read_, 5U);
     std::ofstream(name) << "write_bytes:";
     ReadOwn(true);
     EXPECT_EQ(read_, 0U);

@@ -110,6 +110,11 @@ TEST_F(RemoteTest, CallersWithinTheProcessAreBoundedAsWell) {
     std::map<std::string, int32_t> times{{"kept", 1}};
     EXPECT_EQ(service->GetExtensionRunningTime(times), 0x261000D);
     EXPECT_EQ(times.size(), 1U);
+    EXPECT_EQ(service->GetIoWriteBytes({}, bytes), 0x261000D) << "the caller is checked first";
+    EXPECT_EQ(platform.Lines().back().function, "GetIoWriteBytes");
+    platform.callingToken = kTrusted;
+    EXPECT_EQ(service->GetExtensionRunningTime(times), 0);
+    EXPECT_EQ(times.size(), 0U) << "replaced";
 }
 
 TEST_F(RemoteTest, OnlyTheThreeTrustedProcessesAreAnswered) {
@@ -132,6 +137,8 @@ TEST_F(RemoteTest, OnlyTheThreeTrustedProcessesAreAnswered) {
     EXPECT_THAT(platform.Trace(), ElementsAre("GetNativeTokenInfo(0)",
                                               "I " + kService + "Process  called GetExtensionRunningTime",
                                               "E " + kService + "illegal access to this interface."));
+    EXPECT_EQ(platform.Lines().at(0).function, "GetExtensionRunningTime");
+    EXPECT_EQ(platform.Lines().at(1).function, "GetExtensionRunningTime");
     Send(1, PidRequest(1));
     EXPECT_THAT(platform.Log(), ElementsAre("I " + kService + "Process  called GetIoWriteBytes",
                                             "E " + kService + "illegal access to this interface."));

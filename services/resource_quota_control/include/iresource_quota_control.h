@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -43,7 +44,7 @@ class IResourceQuotaControl : public IRemoteBroker {
 };
 
 inline constexpr int32_t RESOURCE_QUOTA_CONTROL_SERVICE_ID = 1913;
-inline constexpr size_t MAX_IO_PIDS = 2048;
-inline constexpr size_t MAX_RUNNING_TIMES = 500;
+inline constexpr size_t MAX_IO_PIDS = 2048;       // in one request
+inline constexpr size_t MAX_RUNNING_TIMES = 500;  // in one reply
 
 }  // namespace KITE::ResourceQuotaCtl

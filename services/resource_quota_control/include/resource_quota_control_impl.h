@@ -38,9 +38,10 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
     // Handles a batch here and now, report by report; one that fails a check does not stop the others.
     void HandleAbnormalInfos(std::vector<Kelvra::ProcessAnomalyInfo> infos);
 
-    // Append the history of received (true) or executed (false) reports, oldest first, a line each; empty on
+    // Appends the history of received (true) or executed (false) reports, oldest first, a line each; empty on
     // a build that is not debuggable. Any thread.
     void DumpAbnormalInfo(std::string& result, bool isReported);
+    // The same for the reports that took the staged treatment.
     void DumpAbnormalEnhanceInfo(std::string& result);
     // Logs the bytes that one process has written. The result stays as it is. Any thread.
     void DumpWritebytesAbility(std::string& result, int32_t pid);
@@ -63,10 +64,14 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
     bool CheckProcessStatus(const Info& info);
     void ReportSuppressProcessInfo(const Info& info);
     void EndSuppression(const Payload& payload, const std::string& processName);
+    // False when the process was frozen already and the next stage is due; also true for a process that
+    // another batch has just killed.
     bool ReportFreezeProcessInfo(const Info& info);
     std::optional<CpuLimitInfo> FindCpuLimitInfo(const std::string& processName);
-    // Notes that the process has reached a stage; an entry that is gone or another process's by now stays.
+    // Note that the process has reached a stage, or that it was killed; an entry that is gone or another
+    // process's by now stays as it is.
     void MarkCpuLimitInfo(const std::string& processName, int32_t pid, bool CpuLimitInfo::*stage);
+    void ForgetCpuLimitInfo(const std::string& processName, int32_t pid);
 
     void Record(History& history, const Info& info);
     // Called with mutex_ held.

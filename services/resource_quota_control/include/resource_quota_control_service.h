@@ -1,12 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
-
-#include <atomic>
 
 #include "resource_quota_control_stub.h"
 #include "system_ability.h"

@@ -99,7 +99,8 @@ void ResourceQuotaControlImpl::HandleKelvraDied() {
 }
 
 void ResourceQuotaControlImpl::SendHandlerEvent(std::vector<ProcessAnomalyInfo> infos) {
-    SubmitTask([self = shared_from_this(), infos = std::move(infos)] { self->HandleAbnormalInfos(infos); },
+    SubmitTask([self = shared_from_this(),
+                infos = std::move(infos)]() mutable { self->HandleAbnormalInfos(std::move(infos)); },
                {.name = "SendHandlerEvent"});
 }
 
@@ -269,8 +270,7 @@ void ResourceQuotaControlImpl::HandleAbnormalProcessEnhance(const Info& info) {
     ResourceQuotaControlExecuteHelper::KillProcessByPid(info.pid, info.resType, info.processName);
     RQC_LOGI("kill process for quota exceed, processName: %{public}s, uid: %{public}d,pid: %{public}d",
              info.processName.c_str(), info.uid, info.pid);
-    const std::lock_guard lock(cpuLimitMutex_);
-    cpuLimitInfos_.erase(info.processName);
+    ForgetCpuLimitInfo(info.processName, info.pid);
 }
 
 bool ResourceQuotaControlImpl::CheckWhetherSuppressRequired(const Info& info) {
@@ -325,7 +325,11 @@ void ResourceQuotaControlImpl::EndSuppression(const Payload& payload, const std:
 
 bool ResourceQuotaControlImpl::ReportFreezeProcessInfo(const Info& info) {
     const auto entry = FindCpuLimitInfo(info.processName);
-    if (!entry || entry->isFrozen) {
+    if (!entry) {
+        RQC_LOGD("process not exit, processName: %{public}s", info.processName.c_str());
+        return true;
+    }
+    if (entry->isFrozen) {
         return false;
     }
     Payload payload = CpuLimitPayload(info.processName, *entry);
@@ -349,6 +353,14 @@ void ResourceQuotaControlImpl::MarkCpuLimitInfo(const std::string& processName, 
     const auto entry = cpuLimitInfos_.find(processName);
     if (entry != cpuLimitInfos_.end() && entry->second.pid == pid) {
         entry->second.*stage = true;
+    }
+}
+
+void ResourceQuotaControlImpl::ForgetCpuLimitInfo(const std::string& processName, int32_t pid) {
+    const std::lock_guard lock(cpuLimitMutex_);
+    const auto entry = cpuLimitInfos_.find(processName);
+    if (entry != cpuLimitInfos_.end() && entry->second.pid == pid) {
+        cpuLimitInfos_.erase(entry);
     }
 }
 

@@ -252,6 +252,19 @@ TEST_F(Actions, ASuppressedProcessYieldsToACompetitorInAnotherSession) {
     EXPECT_FALSE(HasRecords());
 }
 
+TEST_P(EveryForm, ASuppressedProcessIsFrozenAndKilledInTimeThoughTheProcessorIsBusy) {
+    const Program culprit("spin");
+    const Program competitors[] = {Program("spin", "competitor"), Program("spin", "competitor"),
+                                   Program("spin", "competitor")};
+    TreatmentTable& table = StartTableFor(culprit);
+    const UniqueFd pidfd = OpenProcess(culprit.Pid(), culprit.StartTime());
+    ASSERT_EQ(table.Suppress(culprit.Pid(), kName), 0);
+    ASSERT_EQ(table.Freeze(culprit.Pid(), kName, std::nullopt), 0);
+    ASSERT_EQ(table.Thaw(culprit.Pid(), kName), 0);
+    ASSERT_EQ(table.Kill(culprit.Pid(), kName, ""), 0);
+    EXPECT_TRUE(Eventually([&] { return HasExited(pidfd.Get()); }));
+}
+
 TEST_F(Actions, EveryThreadGetsItsPolicyBackAndANewOneTheMainThreads) {
     const Program culprit("threads");
     const pid_t pid = culprit.Pid();

@@ -4,6 +4,7 @@
 
 namespace KITE::ResourceQuotaCtl {
 
+// The service's lines: RQC_LOGI("pid is %{public}d", pid) and its like for debug and error. See KITE_LOG.
 inline constexpr Log::Label kLogLabel{0xD001716, "RESOURCE_QUOTA_CONTROL"};
 
 }  // namespace KITE::ResourceQuotaCtl

@@ -56,23 +56,21 @@ std::optional<std::string_view> FindLine(std::string_view text, std::string_view
     return std::nullopt;
 }
 
-// Reads no further than the line: the kernel gives the whole file at the first read. A stack buffer instead
-// of a stream saves a seventh of the time for each process.
+// Reads no further than the line; the kernel gives the whole file at the first read. Plain reads instead of a
+// stream save a seventh of the time for each process.
 std::optional<std::string> ReadLine(const ReadOnlyFile& file, std::string_view key) {
-    std::array<char, 1024> buffer;
-    size_t length = 0;
-    while (length < buffer.size()) {
-        const size_t count = file.Read(buffer.data() + length, buffer.size() - length);
-        length += count;
-        const auto line = FindLine({buffer.data(), length}, key, count == 0);
-        if (line) {
+    std::string text;
+    for (;;) {
+        std::array<char, 1024> buffer;
+        const size_t count = file.Read(buffer.data(), buffer.size());
+        text.append(buffer.data(), count);
+        if (const auto line = FindLine(text, key, count == 0)) {
             return std::string(*line);
         }
         if (count == 0) {
-            break;
+            return std::nullopt;
         }
     }
-    return std::nullopt;
 }
 
 }  // namespace

@@ -58,7 +58,10 @@ class ResPolicyManager {
     // Each parse adds to its outputs; on a failure what was added stays, and the caller gives all of it up.
     bool ParseProcessQuotaConfig(nlohmann::json root, ProcessQuotasMap& processQuotas,
                                  InheritMap& inherit) const;
-    bool ParseProcessEntry(nlohmann::json entry, ProcessQuotasMap& processQuotas, InheritMap& inherit) const;
+    // These two give the key that is missing or wrong, null when all is well.
+    const char* ParseProcessEntry(nlohmann::json entry, ProcessQuotasMap& processQuotas,
+                                  InheritMap& inherit) const;
+    const char* ReadRule(const nlohmann::json& rule, QuotaForResource& quota) const;
     bool ParseProcessQuotas(nlohmann::json quotas, const std::shared_ptr<ProcessQuotas>& processQuotas) const;
     bool ParseQuotaForResource(nlohmann::json rule, const std::shared_ptr<QuotaForResource>& quota) const;
     uint32_t ParseConditions(std::string conditions) const;

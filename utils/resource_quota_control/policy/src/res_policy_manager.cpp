@@ -44,8 +44,10 @@ void Inherit(ProcessQuotas& child, const ProcessQuotas& parent) {
 size_t CountRules(const ProcessQuotasMap& processQuotas) {
     size_t count = 0;
     for (const auto& [name, entry] : processQuotas) {
-        for (const auto& [key, rules] : entry->quotas) {
-            count += rules.size();
+        if (entry) {
+            for (const auto& [key, rules] : entry->quotas) {
+                count += rules.size();
+            }
         }
     }
     return count;
@@ -118,6 +120,7 @@ bool ResPolicyManager::LoadAndMergeFiles(const std::vector<std::string>& files, 
         json root;
         if (!JsonUtil::LoadJsonObjFromFile(root, file) ||
             !ParseProcessQuotaConfig(std::move(root), state.fileQuotas, state.fileInherit)) {
+            RQC_LOGE("config file %{public}s is refused", file.c_str());
             return false;
         }
         MergeQuotaConfig(state.mergedQuotas, state.fileQuotas, state.mergedInherit, state.fileInherit);
@@ -133,21 +136,25 @@ bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& proc
         return false;
     }
     for (json& entry : entries) {
-        if (!ParseProcessEntry(std::move(entry), processQuotas, inherit)) {
+        if (const char* wrongKey = ParseProcessEntry(std::move(entry), processQuotas, inherit)) {
             RQC_LOGE("ParseProcessQuotaConfig failed!");
+            RQC_LOGE("/quotas/%{public}ld: %{public}s is missing or wrong", &entry - &entries.front(),
+                     wrongKey);
             return false;
         }
     }
     return true;
 }
 
-bool ResPolicyManager::ParseProcessEntry(json entry, ProcessQuotasMap& processQuotas,
-                                         InheritMap& inherit) const {
+const char* ResPolicyManager::ParseProcessEntry(json entry, ProcessQuotasMap& processQuotas,
+                                                InheritMap& inherit) const {
     const auto record = std::make_shared<ProcessQuotas>();
+    if (!JsonUtil::GetStringFromJsonObj(entry, "process_name", record->processName)) {
+        return "process_name";
+    }
     std::string parent;
-    if (!JsonUtil::GetStringFromJsonObj(entry, "process_name", record->processName) ||
-        !JsonUtil::GetStringFromJsonObj(entry, "inherit", parent)) {
-        return false;
+    if (!JsonUtil::GetStringFromJsonObj(entry, "inherit", parent)) {
+        return "inherit";
     }
     if (!parent.empty()) {
         inherit.emplace(record->processName, std::move(parent));
@@ -155,10 +162,10 @@ bool ResPolicyManager::ParseProcessEntry(json entry, ProcessQuotasMap& processQu
     json quotas;
     if (!JsonUtil::GetObjFromJsonObj(std::move(entry), "process_quotas", quotas) ||
         !ParseProcessQuotas(std::move(quotas), record)) {
-        return false;
+        return "process_quotas";
     }
     processQuotas[record->processName] = record;
-    return true;
+    return nullptr;
 }
 
 bool ResPolicyManager::ParseProcessQuotas(json quotas,
@@ -172,6 +179,7 @@ bool ResPolicyManager::ParseProcessQuotas(json quotas,
                 const auto rule = std::make_shared<QuotaForResource>();
                 if (!ParseQuotaForResource(std::move(element), rule)) {
                     RQC_LOGE("ParseProcessQuotas failed!");
+                    RQC_LOGE("/process_quotas/%{public}s/%{public}lu is wrong", key.c_str(), rules.size());
                     return false;
                 }
                 rules.push_back(rule);
@@ -184,26 +192,35 @@ bool ResPolicyManager::ParseProcessQuotas(json quotas,
 
 bool ResPolicyManager::ParseQuotaForResource(json rule,
                                              const std::shared_ptr<QuotaForResource>& quota) const {
-    json conditions;
-    if (!JsonUtil::GetArrayFromJsonObj(rule, "condition", conditions)) {
+    if (const char* wrongKey = ReadRule(rule, *quota)) {
         RQC_LOGE("ParseQuotaForResource failed!");
-        return false;
-    }
-    for (json& condition : conditions) {
-        if (!condition.is_string()) {
-            RQC_LOGE("ParseQuotaForResource failed!");
-            return false;
-        }
-        quota->conditions.push_back(ParseConditions(std::move(condition.get_ref<std::string&>())));
-    }
-    if (!JsonUtil::GetIntFromJsonObj(rule, "id", quota->id) ||
-        !JsonUtil::GetInt64FromJsonObj(rule, "resource_quota", quota->resourceQuota) ||
-        !JsonUtil::GetInt64FromJsonObj(rule, "duration", quota->duration) ||
-        !JsonUtil::GetStringFromJsonObj(rule, "action", quota->action)) {
-        RQC_LOGE("ParseQuotaForResource failed!");
+        RQC_LOGE("%{public}s of a rule is missing or wrong", wrongKey);
         return false;
     }
     return true;
+}
+
+const char* ResPolicyManager::ReadRule(const json& rule, QuotaForResource& quota) const {
+    json conditions;
+    if (!JsonUtil::GetArrayFromJsonObj(rule, "condition", conditions)) {
+        return "condition";
+    }
+    for (json& condition : conditions) {
+        if (!condition.is_string()) {
+            return "condition";
+        }
+        quota.conditions.push_back(ParseConditions(std::move(condition.get_ref<std::string&>())));
+    }
+    if (!JsonUtil::GetIntFromJsonObj(rule, "id", quota.id)) {
+        return "id";
+    }
+    if (!JsonUtil::GetInt64FromJsonObj(rule, "resource_quota", quota.resourceQuota)) {
+        return "resource_quota";
+    }
+    if (!JsonUtil::GetInt64FromJsonObj(rule, "duration", quota.duration)) {
+        return "duration";
+    }
+    return JsonUtil::GetStringFromJsonObj(rule, "action", quota.action) ? nullptr : "action";
 }
 
 uint32_t ResPolicyManager::ParseConditions(std::string conditions) const {

@@ -1,0 +1,322 @@
+#include "actions/cgroup.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include "actions/proc_stat.h"
+#include "runtime/unique_fd.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+constexpr size_t kProcFileLimit = 4 << 20;
+constexpr const char* kProcsFile = "cgroup.procs";
+
+std::vector<std::string_view> Split(std::string_view text, char separator) {
+    std::vector<std::string_view> parts;
+    for (size_t end = text.find(separator); end != std::string_view::npos; end = text.find(separator)) {
+        parts.push_back(text.substr(0, end));
+        text.remove_prefix(end + 1);
+    }
+    if (!text.empty()) {
+        parts.push_back(text);
+    }
+    return parts;
+}
+
+bool HasPart(std::string_view text, char separator, std::string_view part) {
+    const std::vector<std::string_view> parts = Split(text, separator);
+    return std::ranges::find(parts, part) != parts.end();
+}
+
+// mountinfo writes blanks and backslashes as three octal digits.
+std::string Unescape(std::string_view text) {
+    const auto isOctal = [](char digit) { return digit >= '0' && digit <= '7'; };
+    std::string plain;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 3 < text.size() && std::all_of(&text[i + 1], &text[i + 4], isOctal)) {
+            plain +=
+                static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + text[i + 3] - '0');
+            i += 3;
+        } else {
+            plain += text[i];
+        }
+    }
+    return plain;
+}
+
+std::optional<Hierarchy> HierarchyOfMount(std::string_view type, std::string_view options) {
+    if (type == "cgroup2") {
+        return Hierarchy::kUnified;
+    }
+    return type == "cgroup" && HasPart(options, ',', "cpu") ? std::optional(Hierarchy::kCpuV1) : std::nullopt;
+}
+
+bool IsOfHierarchy(Hierarchy hierarchy, std::string_view id, std::string_view controllers) {
+    return hierarchy == Hierarchy::kUnified ? id == "0" && controllers.empty()
+                                            : HasPart(controllers, ',', "cpu");
+}
+
+bool IsWellFormed(std::string_view path) {
+    const bool isPrintable = std::ranges::all_of(path, [](char byte) { return byte >= ' ' && byte <= '~'; });
+    return path.starts_with('/') && isPrintable && !HasPart(path, '/', "..") && !HasPart(path, '/', ".");
+}
+
+std::string FilePath(const Group& group, std::string_view file) {
+    return group.path + "/" + std::string(file);
+}
+
+int WriteOnce(const std::string& path, std::string_view value) {
+    const UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file) {
+        return errno;
+    }
+    const ssize_t count = write(file.Get(), value.data(), value.size());
+    return count == static_cast<ssize_t>(value.size()) ? 0 : (count < 0 ? errno : EIO);
+}
+
+// A v1 hierarchy lets a process be moved only by its own user or by one whose effective user is root when the
+// file is opened; no capability replaces that. A thread that ends afterwards takes the effective user, since
+// giving it up again would cost the other capabilities. Needs CAP_SETUID.
+int WriteAsRoot(const std::string& path, std::string_view value) {
+    int error = 0;
+    try {
+        std::thread([&] {
+            const bool isRoot = syscall(SYS_setresuid, -1, 0, -1) == 0;
+            error = isRoot ? WriteOnce(path, value) : EACCES;
+        }).join();
+    } catch (const std::system_error& failure) {
+        error = failure.code().value();
+    }
+    return error;
+}
+
+std::vector<pid_t> ProcessesIn(const Group& group) {
+    std::vector<pid_t> processes;
+    std::string text;
+    if (ReadTextFile(FilePath(group, kProcsFile), kProcFileLimit, text) == 0) {
+        for (const std::string_view line : Split(text, '\n')) {
+            // A process of a foreign pid namespace reads as 0.
+            const std::optional<int64_t> pid = ParseDecimal(line);
+            if (pid && *pid > 0) {
+                processes.push_back(static_cast<pid_t>(*pid));
+            }
+        }
+    }
+    return processes;
+}
+
+bool HasChildGroups(const Group& group) {
+    std::error_code error;
+    std::filesystem::directory_iterator entry(group.path, error);
+    while (!error && entry != std::filesystem::directory_iterator()) {
+        if (entry->is_directory(error)) {
+            return true;
+        }
+        entry.increment(error);
+    }
+    return static_cast<bool>(error);
+}
+
+bool IsMarkedDelegated(const std::string& path) {
+    char mark = 0;
+    return (getxattr(path.c_str(), "user.delegate", &mark, 1) == 1 && mark == '1') ||
+           (getxattr(path.c_str(), "trusted.delegate", &mark, 1) == 1 && mark == '1');
+}
+
+}  // namespace
+
+Cgroups Cgroups::OfThisMachine() {
+    std::string mountinfo;
+    // Without the file there are no groups to use, and the forms without groups remain.
+    static_cast<void>(ReadTextFile("/proc/self/mountinfo", kProcFileLimit, mountinfo));
+    return {mountinfo, access("/run/systemd/system", F_OK) == 0};
+}
+
+Cgroups::Cgroups(std::string_view mountinfo, bool managerRuns) : managerRuns_(managerRuns) {
+    for (const std::string_view line : Split(mountinfo, '\n')) {
+        const size_t middle = line.find(" - ");
+        if (middle == std::string_view::npos) {
+            continue;
+        }
+        const std::vector<std::string_view> place = Split(line.substr(0, middle), ' ');
+        const std::vector<std::string_view> what = Split(line.substr(middle + 3), ' ');
+        if (place.size() < 5 || what.size() < 3) {
+            continue;
+        }
+        if (const std::optional<Hierarchy> hierarchy = HierarchyOfMount(what[0], what[2])) {
+            mounts_.push_back({*hierarchy, Unescape(place[3]), Unescape(place[4])});
+        }
+    }
+}
+
+const Cgroups::Mount* Cgroups::Find(Hierarchy hierarchy) const {
+    const auto found = std::ranges::find(mounts_, hierarchy, &Mount::hierarchy);
+    return found == mounts_.end() ? nullptr : &*found;
+}
+
+std::optional<Group> Cgroups::GroupAt(Hierarchy hierarchy, std::string_view pathInHierarchy) const {
+    const Mount* mount = Find(hierarchy);
+    if (mount == nullptr || !IsWellFormed(pathInHierarchy)) {
+        return std::nullopt;
+    }
+    if (mount->root != "/") {
+        if (!pathInHierarchy.starts_with(mount->root)) {
+            return std::nullopt;
+        }
+        pathInHierarchy.remove_prefix(mount->root.size());
+    }
+    if (!pathInHierarchy.empty() && !pathInHierarchy.starts_with('/')) {
+        return std::nullopt;
+    }
+    const bool isRoot = pathInHierarchy.empty() || pathInHierarchy == "/";
+    return Group{hierarchy, mount->point + (isRoot ? std::string() : std::string(pathInHierarchy))};
+}
+
+std::optional<Group> Cgroups::GroupOf(pid_t pid, Hierarchy hierarchy) const {
+    std::string text;
+    if (ReadTextFile("/proc/" + std::to_string(pid) + "/cgroup", kProcFileLimit, text) != 0) {
+        return std::nullopt;
+    }
+    for (const std::string_view line : Split(text, '\n')) {
+        const size_t first = line.find(':');
+        const size_t second = first == std::string_view::npos ? first : line.find(':', first + 1);
+        if (second != std::string_view::npos &&
+            IsOfHierarchy(hierarchy, line.substr(0, first), line.substr(first + 1, second - first - 1))) {
+            return GroupAt(hierarchy, line.substr(second + 1));
+        }
+    }
+    return std::nullopt;
+}
+
+bool Cgroups::IsBelowRoot(const Group& group) const {
+    const Mount* mount = Find(group.hierarchy);
+    return mount != nullptr && IsWellFormed(group.path) && group.path.starts_with(mount->point + "/") &&
+           group.path.size() > mount->point.size() + 1;
+}
+
+bool Cgroups::IsRoot(const Group& group) const {
+    const Mount* mount = Find(group.hierarchy);
+    return mount != nullptr && group.path == mount->point;
+}
+
+bool Cgroups::IsOwnedByManager(const Group& group) const {
+    if (!managerRuns_) {
+        return false;
+    }
+    for (Group above = group; IsBelowRoot(above); above = ParentOf(above)) {
+        if (IsMarkedDelegated(above.path)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+Group ParentOf(const Group& group) {
+    return {group.hierarchy, group.path.substr(0, group.path.rfind('/'))};
+}
+
+bool IsAloneIn(const Group& group, pid_t pid) {
+    return ProcessesIn(group) == std::vector<pid_t>{pid} && !HasChildGroups(group);
+}
+
+std::optional<std::string> ReadGroupFile(const Group& group, std::string_view file) {
+    std::string text;
+    if (ReadTextFile(FilePath(group, file), kProcFileLimit, text) != 0) {
+        return std::nullopt;
+    }
+    while (text.ends_with('\n')) {
+        text.pop_back();
+    }
+    return text;
+}
+
+int WriteGroupFile(const Group& group, std::string_view file, std::string_view value) {
+    return WriteOnce(FilePath(group, file), value);
+}
+
+int CreateGroup(const Group& group) {
+    return mkdir(group.path.c_str(), 0755) == 0 || errno == EEXIST ? 0 : errno;
+}
+
+int RemoveGroup(const Group& group) {
+    // A group stays busy until its last task is off the processor, which v1 tells nobody.
+    constexpr int kAttempts = 20;
+    constexpr int kPauseMs = 1;
+    int error = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        error = rmdir(group.path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
+        if (error != EBUSY || HasChildGroups(group)) {
+            return error;
+        }
+        poll(nullptr, 0, kPauseMs);
+    }
+    return error;
+}
+
+int MoveProcess(pid_t pid, const Group& group) {
+    const std::string number = std::to_string(pid);
+    const int error = WriteGroupFile(group, kProcsFile, number);
+    const bool needsRoot = error == EACCES && group.hierarchy == Hierarchy::kCpuV1;
+    return needsRoot ? WriteAsRoot(FilePath(group, kProcsFile), number) : error;
+}
+
+int MoveAll(const Group& from, const Group& to) {
+    constexpr int kRounds = 100;
+    int error = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        const std::vector<pid_t> processes = ProcessesIn(from);
+        if (processes.empty()) {
+            return 0;
+        }
+        error = EBUSY;
+        for (const pid_t pid : processes) {
+            const int result = MoveProcess(pid, to);
+            if (result != 0 && result != ESRCH) {
+                return result;
+            }
+        }
+    }
+    return error;
+}
+
+int AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit) {
+    const UniqueFd events(open(FilePath(group, "cgroup.events").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!events) {
+        return errno;
+    }
+    const auto end = std::chrono::steady_clock::now() + limit;
+    std::array<char, 256> buffer;
+    while (true) {
+        const ssize_t length = pread(events.Get(), buffer.data(), buffer.size(), 0);
+        if (length < 0) {
+            return errno;
+        }
+        if (HasPart({buffer.data(), static_cast<size_t>(length)}, '\n', "frozen 1")) {
+            return 0;
+        }
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return ETIMEDOUT;
+        }
+        std::array<pollfd, 2> waits{{{events.Get(), POLLPRI, 0}, {pidfd, POLLIN, 0}}};
+        if (poll(waits.data(), waits.size(), static_cast<int>(left.count())) > 0 && waits[1].revents != 0) {
+            return ESRCH;
+        }
+    }
+}
+
+}  // namespace KITE::Linux

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Control groups: where they are mounted, who is in which, and the few operations on them. Operations return
+// 0 or an error number. Any thread.
+namespace KITE::Linux {
+
+// The hierarchies that treatments use. A v1 freezer is not among them: a process in one does not die of
+// SIGKILL until it is thawed.
+enum class Hierarchy { kUnified, kCpuV1 };
+
+struct Group {
+    Hierarchy hierarchy = Hierarchy::kUnified;
+    std::string path;  // of its directory
+
+    bool operator==(const Group&) const = default;
+};
+
+// The mounted hierarchies. Not changed once made.
+class Cgroups {
+  public:
+    static Cgroups OfThisMachine();
+
+    // From the text of /proc/self/mountinfo. `managerRuns` says whether systemd owns the groups that are not
+    // delegated.
+    Cgroups(std::string_view mountinfo, bool managerRuns);
+
+    // The group that a process is in; absent when the hierarchy is not mounted, the process has gone, its
+    // group lies outside of what is mounted, or the group's name has bytes that a record could not keep.
+    std::optional<Group> GroupOf(pid_t pid, Hierarchy hierarchy) const;
+    // Whether the path is well formed and lies below the hierarchy's root; whether it is the root.
+    bool IsBelowRoot(const Group& group) const;
+    bool IsRoot(const Group& group) const;
+    // Whether a manager would be surprised by groups of ours in this one: systemd runs, and neither the group
+    // nor one above it is marked as delegated.
+    bool IsOwnedByManager(const Group& group) const;
+
+  private:
+    struct Mount {
+        Hierarchy hierarchy;
+        std::string root;   // what of the hierarchy is mounted
+        std::string point;  // where
+    };
+
+    const Mount* Find(Hierarchy hierarchy) const;
+    std::optional<Group> GroupAt(Hierarchy hierarchy, std::string_view pathInHierarchy) const;
+
+    std::vector<Mount> mounts_;
+    bool managerRuns_;
+};
+
+Group ParentOf(const Group& group);
+
+// Whether the process is the only one in the group, and nothing is below it.
+bool IsAloneIn(const Group& group, pid_t pid);
+
+// The value of one of the group's files, without the newline; absent when it cannot be read.
+std::optional<std::string> ReadGroupFile(const Group& group, std::string_view file);
+int WriteGroupFile(const Group& group, std::string_view file, std::string_view value);
+
+int CreateGroup(const Group& group);
+// Removes a group without processes and groups; one that does not exist is a success.
+int RemoveGroup(const Group& group);
+// Moves a process with all its threads.
+int MoveProcess(pid_t pid, const Group& group);
+// Moves every process of a group until none is left, since they may have children meanwhile.
+int MoveAll(const Group& from, const Group& to);
+
+// Waits until the kernel says that everything in a unified group is frozen: 0, ESRCH when the process that
+// the pidfd names ends before, or ETIMEDOUT.
+int AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit);
+
+}  // namespace KITE::Linux

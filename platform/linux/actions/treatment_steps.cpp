@@ -1,0 +1,351 @@
+#include "actions/treatment_steps.h"
+
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "actions/proc_stat.h"
+#include "actions/process_handles.h"
+#include "runtime/platform_log.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+constexpr const char* kIdleFile = "cpu.idle";
+constexpr const char* kFreezeFile = "cgroup.freeze";
+
+int FirstError(int first, int second) {
+    return first != 0 ? first : second;
+}
+
+int SendSignal(int pidfd, int signal) {
+    return syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) == 0 ? 0 : errno;
+}
+
+const char* WeightFile(Hierarchy hierarchy) {
+    return hierarchy == Hierarchy::kUnified ? "cpu.weight" : "cpu.shares";
+}
+
+std::string FormOf(const char* file, const Group& group) {
+    const char* version = group.hierarchy == Hierarchy::kUnified ? "v2" : "v1";
+    return std::string(file) + " of cgroup " + version + " " + group.path;
+}
+
+bool IsIn(const std::optional<ChangedGroup>& changed, const Group& group) {
+    return changed && changed->group == group;
+}
+
+bool IsUsed(const TreatmentRecord& record, const Group& group) {
+    return (record.suppression && IsIn(record.suppression->idleGroup, group)) ||
+           (record.freeze && IsIn(record.freeze->frozenGroup, group));
+}
+
+// A group that has gone needs nothing restored.
+int RestoreValue(const Group& group, const char* file, const std::string& value) {
+    const int error = WriteGroupFile(group, file, value);
+    return error == ENOENT || error == ENODEV ? 0 : error;
+}
+
+int RestoreIdle(const ChangedGroup& changed) {
+    const int error = RestoreValue(changed.group, kIdleFile, changed.previous);
+    if (error != 0 || changed.previousWeight.empty() || changed.previous != "0") {
+        return error;
+    }
+    return RestoreValue(changed.group, WeightFile(changed.group.hierarchy), changed.previousWeight);
+}
+
+bool IsKnown(const std::vector<ThreadPolicy>& known, const ThreadPolicy& thread) {
+    return std::ranges::any_of(known, [&](const ThreadPolicy& other) { return other.IsSameThread(thread); });
+}
+
+// Lifts a suppression while this object lives. A process must run for a moment to be frozen, and a suppressed
+// one on a busy machine would not get that moment within the limit.
+class SuppressionPause {
+  public:
+    explicit SuppressionPause(const TreatmentRecord& record) : record_(record) { Apply(false); }
+    ~SuppressionPause() { Apply(true); }
+    SuppressionPause(const SuppressionPause&) = delete;
+    SuppressionPause& operator=(const SuppressionPause&) = delete;
+
+  private:
+    void Apply(bool isIdle) const {
+        const std::optional<Suppression>& suppression = record_.suppression;
+        if (suppression && suppression->idleGroup) {
+            const ChangedGroup& changed = *suppression->idleGroup;
+            static_cast<void>(WriteGroupFile(changed.group, kIdleFile, isIdle ? "1" : changed.previous));
+        } else if (suppression && isIdle) {
+            for (const ThreadPolicy& thread : ReadThreadPolicies(record_.pid)) {
+                static_cast<void>(SetIdlePolicy(record_.pid, thread));
+            }
+        } else if (suppression) {
+            static_cast<void>(RestorePolicies(record_.pid, suppression->threads));
+        }
+    }
+
+    const TreatmentRecord& record_;
+};
+
+}  // namespace
+
+TreatmentSteps::TreatmentSteps(Cgroups cgroups, std::string stateDirectory)
+    : cgroups_(std::move(cgroups)), records_(std::move(stateDirectory)), bootId_(CurrentBootId()) {}
+
+TreatmentRecord TreatmentSteps::NewRecord(pid_t pid, int64_t startTime, const std::string& name) const {
+    TreatmentRecord record;
+    record.bootId = bootId_;
+    record.pid = pid;
+    record.startTime = startTime;
+    record.processName = name;
+    return record;
+}
+
+TreatmentSteps::Spot TreatmentSteps::FindSpot(const TreatmentRecord& record, Hierarchy hierarchy) const {
+    const std::optional<Group> present = cgroups_.GroupOf(record.pid, hierarchy);
+    if (!present) {
+        return {{}, false, ENOENT};
+    }
+    const bool isMadeForIt = std::ranges::any_of(
+        record.placements, [&](const Placement& placement) { return placement.group == *present; });
+    if (isMadeForIt || (cgroups_.IsBelowRoot(*present) && IsAloneIn(*present, record.pid))) {
+        return {*present, false, 0};
+    }
+    if (cgroups_.IsOwnedByManager(*present)) {
+        return {{}, false, EBUSY};
+    }
+    return {record.GroupBelow(*present), true, 0};
+}
+
+int TreatmentSteps::EnableCpuFor(const Group& group) const {
+    const Group parent = ParentOf(group);
+    if (group.hierarchy != Hierarchy::kUnified || ReadGroupFile(group, kIdleFile)) {
+        return 0;
+    }
+    if (cgroups_.IsOwnedByManager(parent)) {
+        return EBUSY;
+    }
+    // Stays enabled: whether somebody has come to rely on it cannot be known later.
+    const int error = WriteGroupFile(parent, "cgroup.subtree_control", "+cpu");
+    if (error == 0) {
+        PLATFORM_LOGI("cpu controller enabled below %{public}s; it stays so", parent.path.c_str());
+    }
+    return error;
+}
+
+int TreatmentSteps::Enter(const Spot& spot, const TreatmentRecord& record, std::string_view file) const {
+    int error = spot.isNew ? CreateGroup(spot.group) : 0;
+    if (error == 0 && file == kIdleFile) {
+        error = EnableCpuFor(spot.group);
+    }
+    if (error == 0) {
+        error = WriteGroupFile(spot.group, file, "1");
+    }
+    return error == 0 && spot.isNew ? MoveProcess(record.pid, spot.group) : error;
+}
+
+int TreatmentSteps::Save(const TreatmentRecord& record) const {
+    const int error = records_.Write(record);
+    if (error != 0) {
+        PLATFORM_LOGE("no record of pid %{public}d can be written, nothing is done to it: %{public}s",
+                      record.pid, ErrorText(error).c_str());
+    }
+    return error;
+}
+
+Step TreatmentSteps::SuppressInGroup(TreatmentRecord& record, Hierarchy hierarchy) const {
+    const Spot spot = FindSpot(record, hierarchy);
+    if (spot.error != 0) {
+        return {spot.error, {}};
+    }
+    ChangedGroup changed{spot.group, "0", {}};
+    if (spot.isNew) {
+        record.placements.push_back({ParentOf(spot.group), spot.group});
+    } else {
+        changed.previous = ReadGroupFile(spot.group, kIdleFile).value_or("0");
+        changed.previousWeight = ReadGroupFile(spot.group, WeightFile(hierarchy)).value_or("");
+    }
+    record.suppression = Suppression{changed, {}};
+    int error = records_.Write(record);
+    error = error != 0 ? error : Enter(spot, record, kIdleFile);
+    if (error != 0) {
+        static_cast<void>(EndSuppression(record, -1));
+    }
+    return {error, FormOf(kIdleFile, spot.group)};
+}
+
+Step TreatmentSteps::SuppressThreads(TreatmentRecord& record) const {
+    constexpr int kMostRounds = 50;
+    constexpr const char* kForm = "SCHED_IDLE on every thread (weaker: does not reach across login sessions)";
+    Suppression& suppression = record.suppression.emplace();
+    int error = 0;
+    for (int round = 0; round < kMostRounds && error == 0; ++round) {
+        // Threads that idle ones give birth to are idle; those of the first look were so before.
+        std::vector<ThreadPolicy> found = ReadThreadPolicies(record.pid);
+        std::erase_if(found, [&](const ThreadPolicy& thread) {
+            return IsKnown(suppression.threads, thread) || (round > 0 && thread.IsIdle());
+        });
+        if (found.empty()) {
+            return round > 0 ? Step{0, kForm} : Step{ESRCH, kForm};
+        }
+        suppression.threads.insert(suppression.threads.end(), found.begin(), found.end());
+        error = records_.Write(record);
+        for (const ThreadPolicy& thread : found) {
+            const int result = error == 0 ? SetIdlePolicy(record.pid, thread) : error;
+            error = result == ESRCH ? error : result;
+        }
+    }
+    return {error, kForm};
+}
+
+Step TreatmentSteps::Suppress(TreatmentRecord& record, int pidfd) const {
+    if (const int error = Save(record); error != 0) {
+        return {error, {}};
+    }
+    std::string refusals;
+    for (const Hierarchy hierarchy : {Hierarchy::kUnified, Hierarchy::kCpuV1}) {
+        Step step = SuppressInGroup(record, hierarchy);
+        if (step.error == 0 || record.suppression || HasExited(pidfd)) {
+            return step;
+        }
+        refusals += (hierarchy == Hierarchy::kUnified ? "v2: " : ", v1: ") + ErrorText(step.error);
+    }
+    PLATFORM_LOGI("no cpu.idle group for pid %{public}d (%{public}s)", record.pid, refusals.c_str());
+    Step step = SuppressThreads(record);
+    if (step.error != 0) {
+        static_cast<void>(EndSuppression(record, pidfd));
+    }
+    return step;
+}
+
+Step TreatmentSteps::EndSuppression(TreatmentRecord& record, int pidfd) const {
+    if (!record.suppression) {
+        return {};
+    }
+    const Suppression& suppression = *record.suppression;
+    Step step;
+    if (suppression.idleGroup) {
+        step = {RestoreIdle(*suppression.idleGroup), FormOf(kIdleFile, suppression.idleGroup->group)};
+    } else {
+        const bool isThere = pidfd >= 0 && !HasExited(pidfd);
+        step = {isThere ? RestorePolicies(record.pid, suppression.threads) : 0,
+                "saved policy of every thread"};
+    }
+    if (step.error == 0) {
+        record.suppression.reset();
+    }
+    step.error = FirstError(step.error, Tidy(record));
+    return step;
+}
+
+Step TreatmentSteps::FreezeInGroup(TreatmentRecord& record, int pidfd) const {
+    const Spot spot = FindSpot(record, Hierarchy::kUnified);
+    if (spot.error != 0) {
+        return {spot.error, {}};
+    }
+    ChangedGroup changed{spot.group, "0", {}};
+    if (spot.isNew) {
+        record.placements.push_back({ParentOf(spot.group), spot.group});
+    } else {
+        changed.previous = ReadGroupFile(spot.group, kFreezeFile).value_or("0");
+    }
+    record.freeze = KITE::Linux::Freeze{changed, false};
+    int error = records_.Write(record);
+    if (error == 0) {
+        const SuppressionPause pause(record);
+        error = Enter(spot, record, kFreezeFile);
+        error = error != 0 ? error : AwaitFrozen(spot.group, pidfd, kFreezerLimit);
+    }
+    if (error != 0) {
+        static_cast<void>(Thaw(record, -1));
+    }
+    return {error, FormOf(kFreezeFile, spot.group)};
+}
+
+Step TreatmentSteps::StopBySignal(TreatmentRecord& record, int pidfd) const {
+    const std::optional<ProcStat> stat = ReadProcStat(record.pid);
+    if (!stat || HasExited(pidfd)) {
+        return {ESRCH, "SIGSTOP"};
+    }
+    record.freeze = KITE::Linux::Freeze{std::nullopt, stat->IsStopped()};
+    int error = records_.Write(record);
+    if (error == 0 && !stat->IsStopped()) {
+        error = SendSignal(pidfd, SIGSTOP);
+    }
+    if (error != 0) {
+        record.freeze.reset();
+        static_cast<void>(Tidy(record));
+    }
+    return {error, stat->IsStopped() ? "nothing: it was stopped already" : "SIGSTOP"};
+}
+
+Step TreatmentSteps::Freeze(TreatmentRecord& record, int pidfd) const {
+    if (const int error = Save(record); error != 0) {
+        return {error, {}};
+    }
+    Step step = FreezeInGroup(record, pidfd);
+    const bool isFinal = step.error == 0 || step.error == ESRCH || step.error == ETIMEDOUT;
+    if (isFinal || record.freeze || HasExited(pidfd)) {
+        return step;
+    }
+    PLATFORM_LOGI("no freezer for pid %{public}d: %{public}s", record.pid, ErrorText(step.error).c_str());
+    return StopBySignal(record, pidfd);
+}
+
+Step TreatmentSteps::Thaw(TreatmentRecord& record, int pidfd) const {
+    if (!record.freeze) {
+        return {};
+    }
+    const KITE::Linux::Freeze& freeze = *record.freeze;
+    Step step;
+    if (freeze.frozenGroup) {
+        const ChangedGroup& changed = *freeze.frozenGroup;
+        step = {RestoreValue(changed.group, kFreezeFile, changed.previous),
+                FormOf(kFreezeFile, changed.group)};
+    } else if (freeze.wasStopped) {
+        step = {0, "nothing: it was stopped before"};
+    } else {
+        const int error = pidfd < 0 ? ESRCH : SendSignal(pidfd, SIGCONT);
+        step = {error == ESRCH ? 0 : error, "SIGCONT"};
+    }
+    if (step.error == 0) {
+        record.freeze.reset();
+    }
+    step.error = FirstError(step.error, Tidy(record));
+    return step;
+}
+
+int TreatmentSteps::UndoAll(TreatmentRecord& record, int pidfd) const {
+    // Thawed first: leaving a frozen group would thaw it too, but piece by piece.
+    const int thawError = Thaw(record, pidfd).error;
+    const int endError = EndSuppression(record, pidfd).error;
+    return FirstError(thawError, FirstError(endError, Tidy(record)));
+}
+
+int TreatmentSteps::RemoveUnusedGroups(TreatmentRecord& record) const {
+    int firstError = 0;
+    // The youngest first: a group may lie below an older one.
+    for (size_t i = record.placements.size(); i-- > 0;) {
+        const Placement& placement = record.placements[i];
+        if (IsUsed(record, placement.group)) {
+            continue;
+        }
+        const int moveError = MoveAll(placement.group, placement.home);
+        const int error = moveError != 0 ? moveError : RemoveGroup(placement.group);
+        if (error == 0) {
+            record.placements.erase(record.placements.begin() + static_cast<ptrdiff_t>(i));
+        }
+        firstError = FirstError(firstError, error);
+    }
+    return firstError;
+}
+
+int TreatmentSteps::Tidy(TreatmentRecord& record) const {
+    const int groupError = RemoveUnusedGroups(record);
+    const int fileError = record.IsEmpty() ? records_.Remove(record) : records_.Write(record);
+    return FirstError(groupError, fileError);
+}
+
+}  // namespace KITE::Linux

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+#include "actions/cgroup.h"
+#include "actions/treatment_records.h"
+
+namespace KITE::Linux {
+
+// How long a freeze waits for the kernel to say that all is frozen; one thread that cannot be interrupted
+// delays that.
+inline constexpr std::chrono::milliseconds kFreezerLimit{500};
+
+// What a step came to.
+struct Step {
+    int error = 0;     // 0 or an error number
+    std::string form;  // the means used
+};
+
+// Does and undoes treatments, and keeps the record in step: it is on disk before anything is done, and goes
+// when nothing is left to undo. A record shows what is in force; a step that fails leaves in it what still
+// has to be undone. `pidfd` names the record's process; -1 when it has ended, where that makes sense.
+//
+// Callers serialize the calls. A step waits for the file system, and a freeze up to kFreezerLimit.
+class TreatmentSteps {
+  public:
+    TreatmentSteps(Cgroups cgroups, std::string stateDirectory);
+
+    TreatmentRecord NewRecord(pid_t pid, int64_t startTime, const std::string& name) const;
+
+    // The process runs only when nothing else wants the processor: by cpu.idle of its group, or else by
+    // SCHED_IDLE on every thread, which is weaker: it does not reach across login sessions where the kernel
+    // groups tasks by session.
+    Step Suppress(TreatmentRecord& record, int pidfd) const;
+    Step EndSuppression(TreatmentRecord& record, int pidfd) const;
+
+    // The process does not run at all: by the freezer of its group, or else by SIGSTOP. Children that were
+    // born while it was treated share its group and are frozen with it.
+    Step Freeze(TreatmentRecord& record, int pidfd) const;
+    Step Thaw(TreatmentRecord& record, int pidfd) const;
+
+    // Undoes all; 0, or an error number when something is left in the record.
+    int UndoAll(TreatmentRecord& record, int pidfd) const;
+    // Removes groups that nothing uses any more and brings the file up to date; 0 or the first error.
+    int Tidy(TreatmentRecord& record) const;
+
+    const Cgroups& Groups() const { return cgroups_; }
+    const TreatmentRecords& Records() const { return records_; }
+
+  private:
+    // Where a value is to be changed for a process.
+    struct Spot {
+        Group group;
+        bool isNew = false;  // to be made below the process's present group
+        int error = 0;       // why there is none
+    };
+
+    Spot FindSpot(const TreatmentRecord& record, Hierarchy hierarchy) const;
+    int Save(const TreatmentRecord& record) const;
+    // Switches the file's value on and has the process there.
+    int Enter(const Spot& spot, const TreatmentRecord& record, std::string_view file) const;
+    int EnableCpuFor(const Group& group) const;
+    Step SuppressInGroup(TreatmentRecord& record, Hierarchy hierarchy) const;
+    Step SuppressThreads(TreatmentRecord& record) const;
+    Step FreezeInGroup(TreatmentRecord& record, int pidfd) const;
+    Step StopBySignal(TreatmentRecord& record, int pidfd) const;
+    int RemoveUnusedGroups(TreatmentRecord& record) const;
+
+    const Cgroups cgroups_;
+    const TreatmentRecords records_;
+    const std::string bootId_;
+};
+
+}  // namespace KITE::Linux

@@ -1,0 +1,434 @@
+#include "actions/treatment_table.h"
+
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "actions/never_treated.h"
+#include "actions/proc_stat.h"
+#include "runtime/event_file.h"
+#include "runtime/platform_log.h"
+#include "runtime/settings.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+constexpr const char* kEventDomain = "KITE";
+constexpr const char* kSuppress = "SUPPRESS";
+constexpr const char* kSuppressEnd = "SUPPRESS_END";
+constexpr const char* kFreeze = "FREEZE";
+constexpr const char* kThaw = "THAW";
+constexpr const char* kKill = "KILL";
+
+constexpr std::chrono::milliseconds kLongestRetryPause{5000};
+
+int64_t MillisecondsSince(TreatmentTable::Clock::time_point moment) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(TreatmentTable::Clock::now() - moment)
+        .count();
+}
+
+int PidfdIfThere(const ProcessHandle& handle) {
+    return HasExited(handle.Pidfd()) ? -1 : handle.Pidfd();
+}
+
+}  // namespace
+
+TreatmentTable& TreatmentTable::Instance() {
+    static TreatmentTable table({Cgroups::OfThisMachine(), GetSettings().stateDirectory});
+    return table;
+}
+
+TreatmentTable::TreatmentTable(Options options)
+    : steps_(std::move(options.cgroups), std::move(options.stateDirectory)),
+      killPatience_(options.killPatience),
+      handles_(ProcessHandles::UsualCapacity()),
+      watcher_([this](pid_t pid) { OnExited(pid); }, [this] { OnTimeUp(); }) {}
+
+TreatmentTable::~TreatmentTable() {
+    watcher_.Stop();
+}
+
+int32_t TreatmentTable::Announce(const Result& result) {
+    const std::string name = Printable(result.name);
+    if (result.step.error == 0) {
+        PLATFORM_LOGI("%{public}s of pid %{public}d (%{public}s) done, by %{public}s%{public}s%{public}s",
+                      result.event, result.pid, name.c_str(), result.step.form.c_str(),
+                      result.reason.empty() ? "" : ": ", result.reason.c_str());
+    } else {
+        PLATFORM_LOGE(
+            "%{public}s of pid %{public}d (%{public}s) failed: "
+            "%{public}s%{public}s%{public}s%{public}s%{public}s",
+            result.event, result.pid, name.c_str(), ErrorText(result.step.error).c_str(),
+            result.reason.empty() ? "" : ", ", result.reason.c_str(), result.step.form.empty() ? "" : ", by ",
+            result.step.form.c_str());
+    }
+    RecordEvent(kEventDomain, result.event, kBehaviourEvent,
+                {{"PID", result.pid},
+                 {"PROCESS_NAME", result.name},
+                 {"FORM", result.step.form},
+                 {"RESULT", result.step.error}});
+    return result.step.error;
+}
+
+bool TreatmentTable::Remember(pid_t pid, int64_t startTime, const std::string& name) {
+    const ProcessHandlePtr handle = handles_.Remember(pid, startTime, name);
+    const int error = handle ? watcher_.Watch(handle->Pidfd(), pid) : 0;
+    if (error != 0) {
+        PLATFORM_LOGE("pid %{public}d cannot be watched: %{public}s", pid, ErrorText(error).c_str());
+    }
+    return handle && error == 0;
+}
+
+TreatmentTable::Admission TreatmentTable::Admit(pid_t pid, const std::string& name) const {
+    if (pid < 1) {
+        return {nullptr, EINVAL, "that is no process id"};
+    }
+    if (std::string reason = WhyNeverTreated(pid); !reason.empty()) {
+        return {nullptr, EPERM, std::move(reason)};
+    }
+    ProcessHandlePtr handle = handles_.Find(pid);
+    std::string difference = handle ? handle->Difference(name) : "no report of it has arrived";
+    if (!difference.empty()) {
+        return {nullptr, ESRCH, std::move(difference)};
+    }
+    return {std::move(handle), 0, {}};
+}
+
+TreatmentTable::Treated& TreatmentTable::EntryOf(const ProcessHandlePtr& handle) {
+    const auto [entry, isNew] = treated_.try_emplace({handle->Pid(), handle->StartTime()});
+    Treated& treated = entry->second;
+    if (isNew) {
+        treated.handle = handle;
+        treated.record = steps_.NewRecord(handle->Pid(), handle->StartTime(), handle->Name());
+    }
+    return treated;
+}
+
+TreatmentTable::TreatedMap::iterator TreatmentTable::FindTreated(pid_t pid, const std::string& name) {
+    return std::ranges::find_if(treated_, [&](const TreatedMap::value_type& entry) {
+        return entry.first.first == pid && entry.second.record.processName == name;
+    });
+}
+
+int TreatmentTable::Undo(Treated& treated, bool all) const {
+    const int pidfd = PidfdIfThere(*treated.handle);
+    if (all || pidfd < 0) {
+        return steps_.UndoAll(treated.record, pidfd);
+    }
+    int error = treated.isFrozen ? 0 : steps_.Thaw(treated.record, pidfd).error;
+    if (error == 0 && treated.suppressions == 0) {
+        error = steps_.EndSuppression(treated.record, pidfd).error;
+    }
+    return error != 0 ? error : steps_.Tidy(treated.record);
+}
+
+void TreatmentTable::Conclude(TreatedMap::iterator entry, int error) {
+    Treated& treated = entry->second;
+    if (error == 0 && treated.record.IsEmpty()) {
+        treated_.erase(entry);
+    } else if (error != 0) {
+        treated.retryAt = Clock::now() + treated.retryPause;
+        treated.retryPause = std::min(treated.retryPause * 2, kLongestRetryPause);
+    } else {
+        treated.retryAt.reset();
+    }
+    RearmTimer();
+}
+
+void TreatmentTable::RearmTimer() {
+    std::optional<Clock::time_point> next;
+    const auto consider = [&](std::optional<Clock::time_point> moment) {
+        next = moment && (!next || *moment < *next) ? moment : next;
+    };
+    for (const auto& [key, treated] : treated_) {
+        consider(treated.thawAt);
+        consider(treated.retryAt);
+    }
+    for (const auto& [key, kill] : kills_) {
+        consider(kill.isOverdue ? std::nullopt : std::optional(kill.since + killPatience_));
+    }
+    watcher_.WakeAt(next);
+}
+
+TreatmentTable::Result TreatmentTable::BeginSuppression(pid_t pid, const std::string& name) {
+    const Admission admission = Admit(pid, name);
+    if (admission.error != 0) {
+        return {kSuppress, pid, name, {admission.error, {}}, admission.reason};
+    }
+    if (const int error = watcher_.Watch(admission.handle->Pidfd(), pid); error != 0) {
+        return {kSuppress, pid, name, {error, {}}, "its end cannot be watched"};
+    }
+    Treated& treated = EntryOf(admission.handle);
+    Step step{0, "the suppression in force"};
+    if (!treated.record.suppression) {
+        step = steps_.Suppress(treated.record, admission.handle->Pidfd());
+    }
+    treated.suppressions += step.error == 0 ? 1 : 0;
+    Conclude(treated_.find({pid, admission.handle->StartTime()}), treated.record.IsEmpty() ? 0 : step.error);
+    return {kSuppress, pid, name, step, {}};
+}
+
+int32_t TreatmentTable::Suppress(pid_t pid, const std::string& name) {
+    std::unique_lock lock(mutex_);
+    const Result result = BeginSuppression(pid, name);
+    lock.unlock();
+    return Announce(result);
+}
+
+int32_t TreatmentTable::EndSuppression(pid_t pid, const std::string& name) {
+    std::unique_lock lock(mutex_);
+    // Found by the treatment, not by what the process is now: it may have executed another program since.
+    const auto entry = FindTreated(pid, name);
+    if (entry == treated_.end() || entry->second.suppressions == 0) {
+        lock.unlock();
+        PLATFORM_LOGI("pid %{public}d (%{public}s) is not suppressed (any more)", pid,
+                      Printable(name).c_str());
+        return ESRCH;
+    }
+    Treated& treated = entry->second;
+    Step step{0, "nothing: other suppressions go on"};
+    if (--treated.suppressions == 0) {
+        step = steps_.EndSuppression(treated.record, PidfdIfThere(*treated.handle));
+    }
+    Conclude(entry, step.error);
+    lock.unlock();
+    return Announce({kSuppressEnd, pid, name, step, {}});
+}
+
+TreatmentTable::Result TreatmentTable::BeginFreeze(pid_t pid, const std::string& name,
+                                                   std::optional<std::chrono::milliseconds> time) {
+    const Admission admission = Admit(pid, name);
+    if (admission.error != 0) {
+        return {kFreeze, pid, name, {admission.error, {}}, admission.reason};
+    }
+    if (const int error = watcher_.Watch(admission.handle->Pidfd(), pid); error != 0) {
+        return {kFreeze, pid, name, {error, {}}, "its end cannot be watched"};
+    }
+    Treated& treated = EntryOf(admission.handle);
+    Step step{0, "the freeze in force"};
+    if (!treated.record.freeze) {
+        step = steps_.Freeze(treated.record, admission.handle->Pidfd());
+    }
+    if (step.error == 0) {
+        const std::optional<Clock::time_point> end =
+            time ? std::optional(Clock::now() + *time) : std::nullopt;
+        const bool isEndless = !end || (treated.isFrozen && !treated.thawAt);
+        treated.thawAt =
+            isEndless ? std::nullopt : std::optional(std::max(*end, treated.thawAt.value_or(*end)));
+        treated.isFrozen = true;
+    }
+    Conclude(treated_.find({pid, admission.handle->StartTime()}), treated.record.IsEmpty() ? 0 : step.error);
+    return {kFreeze, pid, name, step, {}};
+}
+
+int32_t TreatmentTable::Freeze(pid_t pid, const std::string& name,
+                               std::optional<std::chrono::milliseconds> time) {
+    std::unique_lock lock(mutex_);
+    const Result result = BeginFreeze(pid, name, time);
+    lock.unlock();
+    return Announce(result);
+}
+
+int32_t TreatmentTable::Thaw(pid_t pid, const std::string& name) {
+    std::unique_lock lock(mutex_);
+    const auto entry = FindTreated(pid, name);
+    if (entry == treated_.end() || !entry->second.isFrozen) {
+        lock.unlock();
+        PLATFORM_LOGI("pid %{public}d (%{public}s) is not frozen (any more)", pid, Printable(name).c_str());
+        return ESRCH;
+    }
+    Treated& treated = entry->second;
+    treated.isFrozen = false;
+    treated.thawAt.reset();
+    const Step step = steps_.Thaw(treated.record, PidfdIfThere(*treated.handle));
+    Conclude(entry, step.error);
+    lock.unlock();
+    return Announce({kThaw, pid, name, step, {}});
+}
+
+int32_t TreatmentTable::Kill(pid_t pid, const std::string& name, const std::string& reason) {
+    const Admission admission = Admit(pid, name);
+    if (admission.error != 0) {
+        return Announce({kKill, pid, name, {admission.error, {}}, admission.reason});
+    }
+    const int pidfd = admission.handle->Pidfd();
+    const bool isAccepted = syscall(SYS_pidfd_send_signal, pidfd, SIGKILL, nullptr, 0) == 0;
+    const int32_t error =
+        Announce({kKill, pid, name, {isAccepted ? 0 : errno, "SIGKILL"}, Printable(reason)});
+    if (isAccepted) {
+        const std::lock_guard lock(mutex_);
+        LiftForKill(*admission.handle);
+        kills_.try_emplace({pid, admission.handle->StartTime()}, PendingKill{admission.handle, Clock::now()});
+        // It may have ended before it was in the list.
+        CheckKills(Clock::now());
+        RearmTimer();
+    }
+    return error;
+}
+
+void TreatmentTable::LiftForKill(const ProcessHandle& handle) {
+    // A process must run to end, which a suppressed one does late on a busy machine. A frozen one ends as it
+    // is.
+    const auto entry = treated_.find({handle.Pid(), handle.StartTime()});
+    if (entry != treated_.end()) {
+        entry->second.suppressions = 0;
+        Conclude(entry, steps_.EndSuppression(entry->second.record, PidfdIfThere(handle)).error);
+    }
+}
+
+void TreatmentTable::CheckKills(Clock::time_point now) {
+    for (auto entry = kills_.begin(); entry != kills_.end();) {
+        PendingKill& kill = entry->second;
+        const ProcessHandle& handle = *kill.handle;
+        if (HasExited(handle.Pidfd())) {
+            PLATFORM_LOGI("killed pid %{public}d (%{public}s) is gone after %{public}ld ms", handle.Pid(),
+                          Printable(handle.Name()).c_str(), MillisecondsSince(kill.since));
+            entry = kills_.erase(entry);
+            continue;
+        }
+        if (!kill.isOverdue && now >= kill.since + killPatience_) {
+            kill.isOverdue = true;
+            PLATFORM_LOGW("killed pid %{public}d (%{public}s) is still pending after %{public}ld ms",
+                          handle.Pid(), Printable(handle.Name()).c_str(), MillisecondsSince(kill.since));
+        }
+        ++entry;
+    }
+}
+
+void TreatmentTable::UndoEnded(pid_t pid) {
+    auto entry = treated_.lower_bound({pid, 0});
+    while (entry != treated_.end() && entry->first.first == pid) {
+        const auto next = std::next(entry);
+        if (HasExited(entry->second.handle->Pidfd())) {
+            const int error = Undo(entry->second, true);
+            PLATFORM_LOGI("treated pid %{public}d (%{public}s) has ended: %{public}s", pid,
+                          Printable(entry->second.record.processName).c_str(),
+                          error == 0 ? "nothing is left of its treatment" : ErrorText(error).c_str());
+            entry->second.thawAt.reset();
+            Conclude(entry, error);
+        }
+        entry = next;
+    }
+}
+
+void TreatmentTable::OnExited(pid_t pid) {
+    handles_.DropExited(pid);
+    const std::lock_guard lock(mutex_);
+    CheckKills(Clock::now());
+    UndoEnded(pid);
+}
+
+void TreatmentTable::ThawDue(Clock::time_point now, std::vector<Result>& results) {
+    for (auto entry = treated_.begin(); entry != treated_.end();) {
+        const auto next = std::next(entry);
+        Treated& treated = entry->second;
+        if (treated.thawAt && *treated.thawAt <= now) {
+            treated.isFrozen = false;
+            treated.thawAt.reset();
+            const Step step = steps_.Thaw(treated.record, PidfdIfThere(*treated.handle));
+            results.push_back(
+                {kThaw, entry->first.first, treated.record.processName, step, "its time is over"});
+            Conclude(entry, step.error);
+        }
+        entry = next;
+    }
+}
+
+void TreatmentTable::RetryDue(Clock::time_point now) {
+    for (auto entry = treated_.begin(); entry != treated_.end();) {
+        const auto next = std::next(entry);
+        Treated& treated = entry->second;
+        if (treated.retryAt && *treated.retryAt <= now) {
+            const int error = Undo(treated, false);
+            if (error == 0) {
+                PLATFORM_LOGI("pid %{public}d (%{public}s): what could not be undone before is undone",
+                              entry->first.first, Printable(treated.record.processName).c_str());
+            }
+            Conclude(entry, error);
+        }
+        entry = next;
+    }
+}
+
+void TreatmentTable::OnTimeUp() {
+    std::vector<Result> results;
+    {
+        const std::lock_guard lock(mutex_);
+        const Clock::time_point now = Clock::now();
+        ThawDue(now, results);
+        RetryDue(now);
+        CheckKills(now);
+        RearmTimer();
+    }
+    for (const Result& result : results) {
+        Announce(result);
+    }
+}
+
+void TreatmentTable::ReleaseAll() {
+    watcher_.Stop();
+    const std::lock_guard lock(mutex_);
+    // A group that lies below another's is removed first, whichever comes first here.
+    for (size_t before = treated_.size() + 1; !treated_.empty() && treated_.size() < before;) {
+        before = treated_.size();
+        for (auto entry = treated_.begin(); entry != treated_.end();) {
+            entry = Undo(entry->second, true) == 0 ? treated_.erase(entry) : std::next(entry);
+        }
+    }
+    for (auto& [key, treated] : treated_) {
+        PLATFORM_LOGE("pid %{public}d (%{public}s) could not be released; its record stays", key.first,
+                      Printable(treated.record.processName).c_str());
+    }
+    CheckKills(Clock::time_point::max());
+    kills_.clear();
+}
+
+int TreatmentTable::ReleaseOne(TreatmentRecord& record) {
+    const bool isOfThisBoot = record.bootId == CurrentBootId();
+    if (!isOfThisBoot) {
+        return steps_.Records().Remove(record);
+    }
+    const UniqueFd pidfd = OpenProcess(record.pid, record.startTime);
+    if (!pidfd && errno != ESRCH && errno != EINVAL) {
+        return errno;
+    }
+    const int error = steps_.UndoAll(record, pidfd.Get());
+    if (error == 0) {
+        PLATFORM_LOGI("pid %{public}d (%{public}s) was left treated and is released%{public}s", record.pid,
+                      Printable(record.processName).c_str(), pidfd ? "" : "; it has ended");
+    }
+    return error;
+}
+
+bool TreatmentTable::ReleaseLeft() {
+    const std::lock_guard lock(mutex_);
+    TreatmentRecords::Left left = steps_.Records().ReadAll(steps_.Groups());
+    if (left.error != 0) {
+        PLATFORM_LOGE("records of treatments cannot be read: %{public}s", ErrorText(left.error).c_str());
+    }
+    for (const std::string& name : left.unreadable) {
+        PLATFORM_LOGE("%{public}s is no record of a treatment, it is removed", Printable(name).c_str());
+        static_cast<void>(steps_.Records().RemoveFile(name));
+    }
+    std::vector<TreatmentRecord>& records = left.records;
+    std::erase_if(records, [this](const TreatmentRecord& record) {
+        return treated_.contains({record.pid, record.startTime});
+    });
+    for (size_t before = records.size() + 1; !records.empty() && records.size() < before;) {
+        before = records.size();
+        for (auto record = records.begin(); record != records.end();) {
+            record = ReleaseOne(*record) == 0 ? records.erase(record) : std::next(record);
+        }
+    }
+    for (const TreatmentRecord& record : records) {
+        PLATFORM_LOGE("pid %{public}d (%{public}s) was left treated and could not be released", record.pid,
+                      Printable(record.processName).c_str());
+    }
+    return left.error == 0 && left.unreadable.empty() && records.empty();
+}
+
+}  // namespace KITE::Linux

@@ -1,0 +1,126 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "actions/process_handles.h"
+#include "actions/treatment_steps.h"
+#include "actions/watcher.h"
+
+namespace KITE::Linux {
+
+// The reported processes and what is being done to them.
+//
+// Requests name a process by pid and name. They reach the process that was reported, or fail: EPERM for a
+// process that is never treated, ESRCH when no report of it has arrived or it is another by now. Each request
+// writes one log line and one event. Any thread, several at once; a request may wait for another's freeze.
+class TreatmentTable {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    struct Options {
+        Cgroups cgroups;
+        std::string stateDirectory;
+        std::chrono::milliseconds killPatience{2000};  // after it, a killed process is said to be pending
+    };
+
+    // The process's own; others exist in tests only.
+    static TreatmentTable& Instance();
+
+    explicit TreatmentTable(Options options);
+    // Leaves what is treated as it is, and on record.
+    ~TreatmentTable();
+    TreatmentTable(const TreatmentTable&) = delete;
+    TreatmentTable& operator=(const TreatmentTable&) = delete;
+
+    // See RememberReportedProcess, ReleaseAllTreatments, ReleaseLeftTreatments.
+    bool Remember(pid_t pid, int64_t startTime, const std::string& name);
+    void ReleaseAll();
+    bool ReleaseLeft();
+
+    // 0 or an error number from here on.
+
+    // Suppressions of one process are counted; the last end ends them.
+    int32_t Suppress(pid_t pid, const std::string& name);
+    int32_t EndSuppression(pid_t pid, const std::string& name);
+    // Without a time until it is thawed. Of several freezes of one process the one that ends last counts.
+    int32_t Freeze(pid_t pid, const std::string& name, std::optional<std::chrono::milliseconds> time);
+    int32_t Thaw(pid_t pid, const std::string& name);
+    // 0 once the signal is accepted. A later line says that the process is gone, or pending still.
+    int32_t Kill(pid_t pid, const std::string& name, const std::string& reason);
+
+  private:
+    struct Treated {
+        ProcessHandlePtr handle;
+        TreatmentRecord record;
+        int suppressions = 0;
+        bool isFrozen = false;
+        std::optional<Clock::time_point> thawAt;   // of a freeze that ends by itself
+        std::optional<Clock::time_point> retryAt;  // something could not be undone
+        std::chrono::milliseconds retryPause{100};
+    };
+    // Of the process's pid and start time.
+    using Key = std::pair<pid_t, int64_t>;
+    using TreatedMap = std::map<Key, Treated>;
+
+    struct PendingKill {
+        ProcessHandlePtr handle;
+        Clock::time_point since;
+        bool isOverdue = false;
+    };
+
+    // What became of a request, for the log and the events.
+    struct Result {
+        const char* event;
+        pid_t pid;
+        std::string name;
+        Step step;
+        std::string reason;
+    };
+
+    struct Admission {
+        ProcessHandlePtr handle;
+        int error = 0;
+        std::string reason;
+    };
+    Admission Admit(pid_t pid, const std::string& name) const;
+
+    // With the mutex held.
+    Result BeginSuppression(pid_t pid, const std::string& name);
+    Result BeginFreeze(pid_t pid, const std::string& name, std::optional<std::chrono::milliseconds> time);
+    Treated& EntryOf(const ProcessHandlePtr& handle);
+    TreatedMap::iterator FindTreated(pid_t pid, const std::string& name);
+    int Undo(Treated& treated, bool all) const;
+    void Conclude(TreatedMap::iterator entry, int error);
+    void RearmTimer();
+    void ThawDue(Clock::time_point now, std::vector<Result>& results);
+    void RetryDue(Clock::time_point now);
+    void LiftForKill(const ProcessHandle& handle);
+    void CheckKills(Clock::time_point now);
+    void UndoEnded(pid_t pid);
+    int ReleaseOne(TreatmentRecord& record);
+
+    void OnExited(pid_t pid);
+    void OnTimeUp();
+    static int32_t Announce(const Result& result);
+
+    const TreatmentSteps steps_;
+    const std::chrono::milliseconds killPatience_;
+    ProcessHandles handles_;
+
+    std::mutex mutex_;  // guards what follows
+    TreatedMap treated_;
+    std::map<Key, PendingKill> kills_;
+
+    Watcher watcher_;  // its thread uses all of the above
+};
+
+}  // namespace KITE::Linux
