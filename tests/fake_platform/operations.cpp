@@ -41,13 +41,13 @@ void Record(const char* name, const Args&... args) {
 std::string Text(const std::unordered_map<std::string, std::string>& payload) {
     std::string text;
     for (const auto& [key, value] : std::map<std::string, std::string>(payload.begin(), payload.end())) {
-        text += (text.empty() ? "" : ", ") + key + '=' + value;
+        text.append(text.empty() ? "" : ", ").append(key).append("=").append(value);
     }
     return '{' + text + '}';
 }
 
 std::optional<std::string> EnvironmentParameter(const std::string& key) {
-    const char* all = std::getenv("KITE_FAKE_PARAMETERS");
+    const char* all = std::getenv("KITE_FAKE_PARAMETERS");  // NOLINT(concurrency-mt-unsafe): nobody sets it
     std::istringstream entries(all == nullptr ? "" : all);
     for (std::string entry; std::getline(entries, entry, ';');) {
         if (entry.starts_with(key + '=')) {

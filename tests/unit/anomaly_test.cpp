@@ -400,6 +400,7 @@ TEST_F(StagesTest, ParallelBatchesLoseNothing) {
     impl_->InitKelvraTaskObserver();
     {
         std::vector<std::jthread> threads;
+        threads.reserve(kThreads);
         for (int i = 0; i < kThreads; ++i) {
             threads.emplace_back([this] {
                 std::string text;

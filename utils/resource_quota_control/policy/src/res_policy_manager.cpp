@@ -135,11 +135,10 @@ bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& proc
         RQC_LOGE("Get quotas arrays failed!");
         return false;
     }
-    for (json& entry : entries) {
-        if (const char* wrongKey = ParseProcessEntry(std::move(entry), processQuotas, inherit)) {
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (const char* wrongKey = ParseProcessEntry(std::move(entries[i]), processQuotas, inherit)) {
             RQC_LOGE("ParseProcessQuotaConfig failed!");
-            RQC_LOGE("/quotas/%{public}ld: %{public}s is missing or wrong", &entry - &entries.front(),
-                     wrongKey);
+            RQC_LOGE("/quotas/%{public}lu: %{public}s is missing or wrong", i, wrongKey);
             return false;
         }
     }
