@@ -182,7 +182,8 @@ bool ParseWhole(const json& document, TreatmentRecord& record) {
     return Take(document, "boot_id", record.bootId) &&
            Take(document, "pid", record.pid, 2, std::numeric_limits<pid_t>::max()) &&
            Take(document, "start_time", record.startTime) &&
-           Take(document, "process_name", record.processName) &&
+           Take(document, "process_name", record.processName) && Take(document, "host_pid", record.hostPid) &&
+           Take(document, "host_start_time", record.hostStartTime) &&
            ParsePlacements(document, record.placements) &&
            TakeIfThere(document, "suppression", record.suppression, ParseSuppression) &&
            TakeIfThere(document, "freeze", record.freeze, ParseFreeze);
@@ -199,7 +200,8 @@ bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups) {
            (!record.freeze || isBelow(record.freeze->frozenGroup));
 }
 
-// The directory, made when it is not there. Not open, with errno set, when it is not what it must be.
+// The directory, made when it is not there. Not open, with errno set, when it is not what it must be: EACCES
+// for another user's.
 UniqueFd OpenDirectory(const std::string& stateDirectory) {
     const UniqueFd state(open(stateDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!state || (mkdirat(state.Get(), kDirectoryName, 0700) != 0 && errno != EEXIST)) {
@@ -216,6 +218,12 @@ UniqueFd OpenDirectory(const std::string& stateDirectory) {
         return {};
     }
     return directory;
+}
+
+// The hosts of a system share the state directory, and only one of them treats processes.
+bool IsOfAnotherUser(const std::string& path) {
+    struct stat status {};
+    return geteuid() != 0 && lstat(path.c_str(), &status) == 0 && status.st_uid != geteuid();
 }
 
 int WriteWhole(int directory, const char* name, const std::string& text) {
@@ -278,15 +286,19 @@ std::string CurrentBootId() {
     return text.substr(0, text.find('\n'));
 }
 
+bool TreatmentRecord::IsInOtherHands() const {
+    const auto host = ReadProcStat(hostPid);
+    return hostPid != getpid() && bootId == CurrentBootId() && host && host->startTime == hostStartTime;
+}
+
 std::string WriteRecord(const TreatmentRecord& record) {
     json placements = json::array();
     for (const Placement& placement : record.placements) {
         placements.push_back({{"home", ToJson(placement.home)}, {"group", ToJson(placement.group)}});
     }
-    json document{{"boot_id", record.bootId},
-                  {"pid", record.pid},
-                  {"start_time", record.startTime},
-                  {"process_name", record.processName},
+    json document{{"boot_id", record.bootId},           {"pid", record.pid},
+                  {"start_time", record.startTime},     {"process_name", record.processName},
+                  {"host_pid", record.hostPid},         {"host_start_time", record.hostStartTime},
                   {"placements", std::move(placements)}};
     if (record.suppression) {
         document["suppression"] = ToJson(*record.suppression);
@@ -333,7 +345,7 @@ TreatmentRecords::Left TreatmentRecords::ReadAll(const Cgroups& cgroups) const {
     }
     const UniqueFd directory = OpenDirectory(stateDirectory_);
     if (!directory) {
-        left.error = errno;
+        left.error = IsOfAnotherUser(path) ? 0 : errno;
         return left;
     }
     for (const std::string& name : NamesIn(directory.Get())) {

@@ -41,11 +41,15 @@ struct TreatmentRecord {
     pid_t pid = 0;
     int64_t startTime = 0;
     std::string processName;
+    pid_t hostPid = 0;  // of the host that treats it
+    int64_t hostStartTime = 0;
     std::vector<Placement> placements;
     std::optional<Suppression> suppression;
     std::optional<Freeze> freeze;
 
     bool IsEmpty() const { return placements.empty() && !suppression && !freeze; }
+    // True while another host, which lives, treats the process: nothing is left then.
+    bool IsInOtherHands() const;
     // Of its record's file and of the groups made for it.
     std::string Key() const { return std::to_string(pid) + "-" + std::to_string(startTime); }
     Group GroupBelow(const Group& home) const { return {home.hierarchy, home.path + "/kite-" + Key()}; }
@@ -70,7 +74,7 @@ class TreatmentRecords {
     struct Left {
         std::vector<TreatmentRecord> records;
         std::vector<std::string> unreadable;  // names of files that hold no record
-        int error = 0;                        // the directory's; 0 when there is none
+        int error = 0;  // the directory's; 0 when there is none, or when it is another user's
     };
     Left ReadAll(const Cgroups& cgroups) const;
     int RemoveFile(const std::string& name) const;

@@ -92,11 +92,16 @@ class SuppressionPause {
 }  // namespace
 
 TreatmentSteps::TreatmentSteps(Cgroups cgroups, std::string stateDirectory)
-    : cgroups_(std::move(cgroups)), records_(std::move(stateDirectory)), bootId_(CurrentBootId()) {}
+    : cgroups_(std::move(cgroups)),
+      records_(std::move(stateDirectory)),
+      bootId_(CurrentBootId()),
+      hostStartTime_(ReadProcStat(getpid()).value_or(ProcStat{}).startTime) {}
 
 TreatmentRecord TreatmentSteps::NewRecord(pid_t pid, int64_t startTime, const std::string& name) const {
     TreatmentRecord record;
     record.bootId = bootId_;
+    record.hostPid = getpid();
+    record.hostStartTime = hostStartTime_;
     record.pid = pid;
     record.startTime = startTime;
     record.processName = name;

@@ -71,6 +71,7 @@ class TreatmentSteps {
     const Cgroups cgroups_;
     const TreatmentRecords records_;
     const std::string bootId_;
+    const int64_t hostStartTime_;
 };
 
 }  // namespace KITE::Linux

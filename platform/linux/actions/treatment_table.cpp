@@ -416,7 +416,7 @@ bool TreatmentTable::ReleaseLeft() {
     }
     std::vector<TreatmentRecord>& records = left.records;
     std::erase_if(records, [this](const TreatmentRecord& record) {
-        return treated_.contains({record.pid, record.startTime});
+        return treated_.contains({record.pid, record.startTime}) || record.IsInOtherHands();
     });
     for (size_t before = records.size() + 1; !records.empty() && records.size() < before;) {
         before = records.size();

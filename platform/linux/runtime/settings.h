@@ -10,7 +10,8 @@ namespace KITE::Linux {
 struct Settings {
     std::string etcDirectory = "/etc/kite";
     std::string stateDirectory = "/var/lib/kite";
-    std::string busAddress;  // empty: the system bus
+    std::string busAddress;            // empty: the system bus
+    bool logsToStandardError = false;  // also where there is a journal
 };
 
 // Replaces the defaults. Called once at most, before there is another thread and before anything else of the

@@ -9,6 +9,7 @@
 #include "runtime/journal_log.h"
 #include "runtime/log_line.h"
 #include "runtime/platform_log.h"
+#include "runtime/settings.h"
 #include "runtime/stderr_log.h"
 
 namespace KITE {
@@ -46,7 +47,7 @@ void Log::Write(Level level, const Label& label, const Site& site, const char* f
     const Linux::LogLine line{level, label, site, Linux::FormatLogText(buffer, format, arguments)};
     va_end(arguments);
     SystemLog& log = Instance();
-    if (!log.journal.Send(line)) {
+    if (Linux::GetSettings().logsToStandardError || !log.journal.Send(line)) {
         try {
             log.standardError.Write(line);
         } catch (const std::exception&) {

@@ -538,6 +538,26 @@ TEST_F(Actions, ARecordThatFitsNothingIsRefusedOrForgotten) {
     EXPECT_TRUE(table.ReleaseLeft());
 }
 
+TEST_F(Actions, WhatALivingHostTreatsIsNotLeft) {
+    TreatmentTable& table = StartTable();
+    std::filesystem::create_directory(state_ / "treated");
+    std::filesystem::permissions(state_ / "treated", std::filesystem::perms::owner_all);
+    const Program host("spin");
+    TreatmentRecord record;
+    record.bootId = CurrentBootId();
+    record.pid = 4711;
+    record.processName = kName;
+    record.hostPid = host.Pid();
+    record.hostStartTime = host.StartTime();
+    ASSERT_EQ(TreatmentRecords(state_).Write(record), 0);
+    EXPECT_TRUE(table.ReleaseLeft());
+    EXPECT_TRUE(HasRecords());
+    record.hostStartTime += 1;  // the pid is another process's by now
+    ASSERT_EQ(TreatmentRecords(state_).Write(record), 0);
+    EXPECT_TRUE(table.ReleaseLeft());
+    EXPECT_FALSE(HasRecords());
+}
+
 TEST_F(Actions, ARecordNamesOnlyGroupsThatATreatmentCouldHaveChanged) {
     const Cgroups groups("30 20 0:27 / /groups rw - cgroup2 none rw\n", false);
     const auto isTaken = [&](const std::string& home, const std::string& group, const std::string& frozen) {

@@ -141,6 +141,16 @@ class Peer {
         sd_bus_message_append(raw, "ash", 1, "word", fd);
         SendCall(raw, std::move(done));
     }
+    bool Sees(const std::string& name) {
+        sd_bus_message* raw = nullptr;
+        int has = 0;
+        EXPECT_GE(sd_bus_call_method(connection_.get(), kDaemonName, kDaemonPath, kDaemonName, "NameHasOwner",
+                                     nullptr, &raw, "s", name.c_str()),
+                  0);
+        const MessageHandle reply(raw);
+        sd_bus_message_read(raw, "b", &has);
+        return has != 0;
+    }
     // Processes replies until the condition holds.
     bool WaitUntil(const std::function<bool()>& condition) {
         const auto end = std::chrono::steady_clock::now() + kPatience;
@@ -195,12 +205,14 @@ class Recorder : public IPCObjectStub {
     }
     int32_t Dump(int fd, const std::vector<std::u16string>& args) override {
         EXPECT_FALSE(busy_.exchange(true)) << "two requests at a time";
+        ++dumps;
         dumping.Set(CallerUid() == getuid());
         letGo.WaitFor(kPatience);
         busy_ = false;
         return args.size() == 1 && write(fd, "dump", 4) == 4 ? 11 : -1;
     }
 
+    std::atomic<int> dumps{0};
     std::vector<int> order;
     std::string caller;
     std::optional<uid_t> uid;
@@ -287,6 +299,10 @@ TEST_F(Ipc, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
 
 TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot) {
     Peer peer;
+    auto leaving = std::make_unique<Peer>();
+    bool isKnown = false;
+    leaving->Send(self, 0, {}, [&](sd_bus_message*) { isKnown = true; });
+    ASSERT_TRUE(leaving->WaitUntil([&] { return isKnown; }));
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);
     const UniqueFd reading(ends[0]);
@@ -298,6 +314,11 @@ TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot
     ASSERT_TRUE(peer.WaitUntil(
         [&] { return (sawCaller = recorder->dumping.WaitFor(std::chrono::milliseconds(10))).has_value(); }));
     EXPECT_TRUE(*sawCaller);
+
+    const std::string leavingName = leaving->Name();
+    leaving->SendDump(self, writing.Get(), [](sd_bus_message*) {});
+    leaving.reset();
+    ASSERT_TRUE(peer.WaitUntil([&] { return !peer.Sees(leavingName); }));
 
     // The dump is one of those that the limit counts.
     const int total = static_cast<int>(ObjectServer::kMaxRequests) + 9;
@@ -318,6 +339,7 @@ TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot
     ASSERT_TRUE(peer.WaitUntil([&] { return answered + refused == total; }));
     EXPECT_EQ(refused, 10);
     EXPECT_EQ(dumpStatus, 11);
+    EXPECT_EQ(recorder->dumps, 1) << "a dump was made for a client that had left";
     std::array<char, 8> text{};
     EXPECT_EQ(read(reading.Get(), text.data(), text.size()), 4);
     bus.Run([&] { EXPECT_TRUE(std::ranges::is_sorted(recorder->order)); });

@@ -1,0 +1,176 @@
+#include "host/host.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <utility>
+
+#include "actions/treatments.h"
+#include "ipc/ability_names.h"
+#include "ipc/ability_registry.h"
+#include "ipc/bus.h"
+#include "ipc/guard.h"
+#include "runtime/access_tokens.h"
+#include "runtime/platform_log.h"
+#include "runtime/task_runtime.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+sigset_t StopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
+// Threads inherit the mask, so that a stop signal reaches nobody but the descriptor that the host reads.
+void PrepareSignals() {
+    const sigset_t signals = StopSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+UniqueFd OpenStopSignal() {
+    const sigset_t signals = StopSignals();
+    return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+// A pidfd is kept for each reported process, which the usual soft limit of 1024 is too small for.
+void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+class Host {
+  public:
+    explicit Host(const HostOptions& options) : options_(options) {}
+
+    int Run() {
+        if (!Start()) {
+            Stop();
+            return kExitFailed;
+        }
+        sd_notify(0, "READY=1");
+        const int exitStatus = Wait();
+        sd_notify(0, "STOPPING=1");
+        Stop();
+        return exitStatus;
+    }
+
+  private:
+    bool Start();
+    bool StartBus();
+    bool LoadLibraries();
+    void StartAbilities();
+    int Wait();
+    void Stop();
+
+    const HostOptions& options_;
+    const UniqueFd stopSignal_ = OpenStopSignal();
+    const UniqueFd busLost_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    std::vector<SystemAbility*> started_;
+};
+
+bool Host::Start() {
+    std::string error;
+    if (!LoadAccessTokens(error)) {
+        PLATFORM_LOGE("the host does not start: %{public}s", error.c_str());
+        return false;
+    }
+    if (!ReleaseLeftTreatments()) {
+        PLATFORM_LOGE("not everything that an earlier host left treated could be released");
+    }
+    if (!StartBus() || !LoadLibraries()) {
+        return false;
+    }
+    StartAbilities();
+    return true;
+}
+
+bool Host::StartBus() {
+    Bus::Instance().SetLostHandler([this] { eventfd_write(busLost_.Get(), 1); });
+    std::string error;
+    if (!Bus::Instance().Start(error)) {
+        PLATFORM_LOGE("the host does not start: %{public}s", error.c_str());
+        return false;
+    }
+    return true;
+}
+
+// The handles are never closed: code of the libraries may run until the process ends.
+bool Host::LoadLibraries() {
+    for (const std::string& library : options_.libraries) {
+        if (dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr) {
+            const char* reason = dlerror();  // NOLINT(concurrency-mt-unsafe): glibc keeps it per thread
+            PLATFORM_LOGE("the host does not start: %{public}s does not load: %{public}s", library.c_str(),
+                          reason == nullptr ? "no reason given" : reason);
+            return false;
+        }
+    }
+    return true;
+}
+
+void Host::StartAbilities() {
+    for (SystemAbility* ability : RegisteredAbilities()) {
+        if (ability->IsRunOnCreate()) {
+            started_.push_back(ability);
+            RunGuarded("an ability's start", [ability] { ability->OnStart(); });
+        }
+    }
+}
+
+int Host::Wait() {
+    std::array<pollfd, 2> waited{{{stopSignal_.Get(), POLLIN, 0}, {busLost_.Get(), POLLIN, 0}}};
+    while (poll(waited.data(), waited.size(), -1) < 0 && errno == EINTR) {
+    }
+    return waited[1].revents == 0 ? kExitStopped : kExitBusLost;
+}
+
+// Nothing new comes in before anything is taken down, and the treatments end when nobody can begin one any
+// more. The bus goes last but for the log, since abilities may still call others while they stop.
+void Host::Stop() {
+    Bus::Instance().StopServing();
+    Bus::Instance().Names().StopCallbacks();
+    for (; !started_.empty(); started_.pop_back()) {
+        RunGuarded("an ability's stop", [this] { started_.back()->OnStop(); });
+    }
+    TaskRuntime::Instance().Stop();
+    ReleaseAllTreatments();
+    ForgetPublishedObjects();
+    Bus::Instance().Stop();
+    Bus::Instance().SetLostHandler(nullptr);
+}
+
+}  // namespace
+
+int RunHost(const HostOptions& options) {
+    PrepareSignals();
+    RaiseDescriptorLimit();
+    SetSettings(options.settings);
+    Log::minimumLevel = options.logLevel;
+    int exitStatus = kExitFailed;
+    if (options.release) {
+        exitStatus = ReleaseLeftTreatments() ? kExitStopped : kExitFailed;
+    } else {
+        exitStatus = Host(options).Run();
+    }
+    StopLog();
+    return exitStatus;
+}
+
+}  // namespace KITE::Linux

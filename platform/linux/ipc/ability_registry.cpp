@@ -1,0 +1,154 @@
+#include "ipc/ability_registry.h"
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "device/device_state.h"
+#include "ipc/ability_names.h"
+#include "ipc/bus.h"
+#include "ipc/outcome.h"
+#include "ipc/remote_proxy.h"
+#include "ipc/wire.h"
+#include "runtime/platform_log.h"
+
+namespace KITE {
+
+namespace Linux {
+
+namespace {
+
+struct Registry {
+    std::mutex mutex;  // guards what follows
+    std::vector<SystemAbility*> abilities;
+    std::map<int32_t, sptr<IRemoteObject>> published;
+};
+
+// Load-time initialisers come here, so it must be there at the first use.
+Registry& TheRegistry() {
+    static Registry registry;
+    return registry;
+}
+
+sptr<IRemoteObject> PublishedObject(int32_t abilityId) {
+    Registry& registry = TheRegistry();
+    const std::lock_guard lock(registry.mutex);
+    const auto found = registry.published.find(abilityId);
+    return found == registry.published.end() ? nullptr : found->second;
+}
+
+// Asks the daemon, which is exact also for a name that was claimed a moment ago.
+std::string CurrentOwner(int32_t abilityId) {
+    Bus& bus = Bus::Instance();
+    if (bus.OnServingThread()) {
+        PLATFORM_LOGE("a look-up of ability %{public}d would wait on the serving thread", abilityId);
+        return {};
+    }
+    const auto owner = std::make_shared<Outcome<std::string>>();
+    const bool isPosted = bus.Post([&bus, abilityId, owner] {
+        bus.Call(bus.NewDaemonCall("GetNameOwner", AbilityBusName(abilityId)),
+                 [owner](int32_t status, sd_bus_message* reply) {
+                     const char* name = "";
+                     if (status == ERR_NONE) {
+                         sd_bus_message_read(reply, "s", &name);
+                     }
+                     owner->Set(name);
+                 });
+    });
+    return isPosted ? owner->WaitFor(kCallTimeout).value_or(std::string()) : std::string();
+}
+
+class AbilityManager : public ISystemAbilityManager {
+  public:
+    sptr<IRemoteObject> GetSystemAbility(int32_t systemAbilityId) override {
+        if (systemAbilityId == APP_MGR_SERVICE_ID) {
+            return AppManagerObject();
+        }
+        if (sptr<IRemoteObject> local = PublishedObject(systemAbilityId)) {
+            return local;
+        }
+        const std::string owner = CurrentOwner(systemAbilityId);
+        return owner.empty() ? nullptr : MakeSptr<RemoteProxy>(owner, AbilityPath(systemAbilityId));
+    }
+};
+
+}  // namespace
+
+std::vector<SystemAbility*> RegisteredAbilities() {
+    Registry& registry = TheRegistry();
+    const std::lock_guard lock(registry.mutex);
+    return registry.abilities;
+}
+
+void ForgetPublishedObjects() {
+    std::map<int32_t, sptr<IRemoteObject>> dropped;
+    Registry& registry = TheRegistry();
+    const std::lock_guard lock(registry.mutex);
+    dropped.swap(registry.published);
+}
+
+}  // namespace Linux
+
+bool SystemAbility::MakeAndRegisterAbility(SystemAbility* ability) {
+    if (ability == nullptr) {
+        return false;
+    }
+    Linux::Registry& registry = Linux::TheRegistry();
+    const std::lock_guard lock(registry.mutex);
+    const bool isKnown = std::ranges::any_of(registry.abilities, [ability](const SystemAbility* known) {
+        return known->GetSystemAbilityId() == ability->GetSystemAbilityId();
+    });
+    if (isKnown) {
+        PLATFORM_LOGE("ability %{public}d is registered already", ability->GetSystemAbilityId());
+        return false;
+    }
+    registry.abilities.push_back(ability);
+    return true;
+}
+
+bool SystemAbility::AddSystemAbilityListener(int32_t systemAbilityId) {
+    return Linux::Bus::Instance().Names().Listen(systemAbilityId, [this, systemAbilityId](bool available) {
+        if (available) {
+            OnAddSystemAbility(systemAbilityId, "");
+        } else {
+            OnRemoveSystemAbility(systemAbilityId, "");
+        }
+    });
+}
+
+bool SystemAbility::Publish(sptr<IRemoteObject> object) {
+    const int32_t id = GetSystemAbilityId();
+    auto* stub = dynamic_cast<IPCObjectStub*>(object.GetRefPtr());
+    if (stub == nullptr) {
+        PLATFORM_LOGE("ability %{public}d has no object of this process to publish", id);
+        return false;
+    }
+    // The object comes before the name, so that whoever sees the name finds the object.
+    Linux::Bus& bus = Linux::Bus::Instance();
+    std::string error = "the object cannot be served";
+    if (!bus.Export(Linux::AbilityPath(id), stub) || !bus.ClaimName(Linux::AbilityBusName(id), error)) {
+        PLATFORM_LOGE("ability %{public}d is not published: %{public}s", id, error.c_str());
+        if (!Linux::PublishedObject(id)) {
+            bus.Unexport(Linux::AbilityPath(id));
+        }
+        return false;
+    }
+    Linux::Registry& registry = Linux::TheRegistry();
+    const std::lock_guard lock(registry.mutex);
+    registry.published[id] = std::move(object);
+    return true;
+}
+
+SystemAbilityManagerClient& SystemAbilityManagerClient::GetInstance() {
+    static SystemAbilityManagerClient client;
+    return client;
+}
+
+sptr<ISystemAbilityManager> SystemAbilityManagerClient::GetSystemAbilityManager() {
+    static const sptr<ISystemAbilityManager> manager = MakeSptr<Linux::AbilityManager>();
+    return manager;
+}
+
+}  // namespace KITE

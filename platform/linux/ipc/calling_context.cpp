@@ -1,0 +1,55 @@
+#include "ipc/calling_context.h"
+
+#include "ipc/ability_names.h"
+#include "ipc/bus.h"
+#include "runtime/access_tokens.h"
+
+namespace KITE {
+
+namespace Linux {
+
+namespace {
+
+thread_local const Caller* currentCaller = nullptr;
+
+}  // namespace
+
+CallingScope::CallingScope(const Caller& caller) noexcept : outer_(currentCaller) {
+    currentCaller = &caller;
+}
+
+CallingScope::~CallingScope() {
+    currentCaller = outer_;
+}
+
+std::string CallerName() {
+    return currentCaller == nullptr ? std::string() : currentCaller->name;
+}
+
+std::optional<uid_t> CallerUid() {
+    return currentCaller == nullptr ? std::nullopt : currentCaller->uid;
+}
+
+bool CallerOwnsAbility(int32_t abilityId) {
+    const std::string caller = CallerName();
+    return !caller.empty() && Bus::Instance().Names().OwnerOf(abilityId) == caller;
+}
+
+sptr<RemoteProxy> CallerObject(const std::string& path) {
+    const std::string caller = CallerName();
+    return caller.empty() ? nullptr : MakeSptr<RemoteProxy>(caller, path);
+}
+
+}  // namespace Linux
+
+uint32_t IPCSkeleton::GetCallingTokenID() {
+    const std::optional<uid_t> uid = Linux::CallerUid();
+    return uid ? Linux::TokenOfUid(*uid) : 0;
+}
+
+// The bus vouches for the sender alone: a call chain has one link here.
+uint32_t IPCSkeleton::GetFirstTokenID() {
+    return GetCallingTokenID();
+}
+
+}  // namespace KITE

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "ipc/remote_proxy.h"
+
+namespace KITE::Linux {
+
+// Who sent the request that this thread is handling; elsewhere nobody.
+
+// The sender's unique bus name, or empty.
+KITE_API std::string CallerName();
+// The sender's effective uid as the bus vouches for it; nothing when the sender has gone or the bus did not
+// tell. Absent means deny.
+KITE_API std::optional<uid_t> CallerUid();
+// True when the sender owns the name of that ability now. Exact for an ability that this process listens to
+// (SystemAbility::AddSystemAbilityListener), for the quota service and for the Kelvra manager; for another id
+// the first question starts the tracking, and the answer is false until the bus has told.
+KITE_API bool CallerOwnsAbility(int32_t abilityId);
+// An object of the sender, addressed by its unique name; null where nobody is calling.
+KITE_API sptr<RemoteProxy> CallerObject(const std::string& path);
+
+struct Caller {
+    std::string name;
+    std::optional<uid_t> uid;
+};
+
+// Makes the caller known on this thread for the scope's duration; the record must live as long.
+class CallingScope {
+  public:
+    explicit CallingScope(const Caller& caller) noexcept;
+    ~CallingScope();
+    CallingScope(const CallingScope&) = delete;
+    CallingScope& operator=(const CallingScope&) = delete;
+
+  private:
+    const Caller* const outer_;
+};
+
+}  // namespace KITE::Linux

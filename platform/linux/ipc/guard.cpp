@@ -1,0 +1,11 @@
+#include "ipc/guard.h"
+
+#include "runtime/platform_log.h"
+
+namespace KITE::Linux {
+
+void ReportThrown(const char* what, const char* message) {
+    PLATFORM_LOGE("%{public}s threw: %{public}s", what, message == nullptr ? "something unknown" : message);
+}
+
+}  // namespace KITE::Linux
