@@ -1,0 +1,207 @@
+#include "bus_client.h"
+
+#include <sys/syscall.h>
+
+#include "kelvra_manager/protocol.h"
+#include "kelvra_manager/record_list.h"
+
+namespace KITE::Integration {
+
+namespace {
+
+namespace Protocol = Linux::KelvraProtocol;
+
+constexpr const char* kInterface = "kite.Ability";
+constexpr uint64_t kCallLimitUs = 8'000'000;
+
+// This thread's effective user, as the raw system call sets it, which leaves the other threads alone.
+class AsUser {
+  public:
+    explicit AsUser(uid_t uid) { syscall(SYS_setresuid, -1, uid, -1); }
+    AsUser(const AsUser&) = delete;
+    AsUser& operator=(const AsUser&) = delete;
+    ~AsUser() { syscall(SYS_setresuid, -1, 0, -1); }
+};
+
+MessageParcel ParcelFrom(sd_bus_message* message) {
+    const void* bytes = nullptr;
+    size_t size = 0;
+    sd_bus_message_read_array(message, 'y', &bytes, &size);
+    const auto* first = static_cast<const std::byte*>(bytes);
+    return MessageParcel(std::vector<std::byte>(first, first + size));
+}
+
+}  // namespace
+
+BusClient::BusClient(const std::string& address, uid_t uid) {
+    sd_bus* bus = nullptr;
+    sd_bus_new(&bus);
+    bus_.reset(bus);
+    sd_bus_set_address(bus, address.c_str());
+    sd_bus_set_bus_client(bus, 1);
+    const AsUser user(uid);
+    int result = sd_bus_start(bus);
+    while (result >= 0 && sd_bus_is_ready(bus) == 0) {
+        result = sd_bus_process(bus, nullptr);
+        if (result == 0) {
+            result = sd_bus_wait(bus, kCallLimitUs);
+        }
+    }
+}
+
+Linux::MessageHandle BusClient::NewCall(const std::string& name, const std::string& path,
+                                        const char* member) {
+    sd_bus_message* call = nullptr;
+    sd_bus_message_new_method_call(bus_.get(), &call, name.c_str(), path.c_str(), kInterface, member);
+    return Linux::MessageHandle(call);
+}
+
+Linux::MessageHandle BusClient::NewTransaction(const std::string& name, const std::string& path,
+                                               uint32_t code, const MessageParcel& request) {
+    Linux::MessageHandle call = NewCall(name, path, "Transact");
+    sd_bus_message_append(call.get(), "u", code);
+    sd_bus_message_append_array(call.get(), 'y', request.Bytes().data(), request.Bytes().size());
+    return call;
+}
+
+Linux::MessageHandle BusClient::Call(sd_bus_message* call, Answer& answer) {
+    sd_bus_error error{};
+    sd_bus_message* reply = nullptr;
+    const int result = sd_bus_call(bus_.get(), call, kCallLimitUs, &error, &reply);
+    if (result < 0) {
+        answer.error = error.name == nullptr ? std::to_string(result) : error.name;
+    }
+    sd_bus_error_free(&error);
+    return Linux::MessageHandle(reply);
+}
+
+Answer BusClient::Transact(const std::string& name, const std::string& path, uint32_t code,
+                           const MessageParcel& request) {
+    Answer answer;
+    const Linux::MessageHandle reply = Call(NewTransaction(name, path, code, request).get(), answer);
+    if (reply) {
+        sd_bus_message_read(reply.get(), "i", &answer.status);
+        answer.reply = ParcelFrom(reply.get());
+    }
+    return answer;
+}
+
+Answer BusClient::Dump(const std::vector<std::string>& arguments, int fd) {
+    const Linux::MessageHandle call = NewCall(kQuotaName, kQuotaPath, "Dump");
+    sd_bus_message_open_container(call.get(), 'a', "s");
+    for (const std::string& argument : arguments) {
+        sd_bus_message_append(call.get(), "s", argument.c_str());
+    }
+    sd_bus_message_close_container(call.get());
+    sd_bus_message_append(call.get(), "h", fd);
+    Answer answer;
+    const Linux::MessageHandle reply = Call(call.get(), answer);
+    if (reply) {
+        sd_bus_message_read(reply.get(), "i", &answer.status);
+    }
+    return answer;
+}
+
+void BusClient::Send(uint32_t code, const MessageParcel& request) {
+    const Linux::MessageHandle call = NewTransaction(kQuotaName, kQuotaPath, code, request);
+    sd_bus_send(bus_.get(), call.get(), nullptr);
+    sd_bus_flush(bus_.get());
+}
+
+std::string BusClient::Claim(const std::string& name) {
+    const int result = sd_bus_request_name(bus_.get(), name.c_str(), 0);
+    return result < 0 ? std::to_string(result) : "";
+}
+
+Answer BusClient::AskWrittenBytes(const std::vector<int32_t>& pids) {
+    MessageParcel request = QuotaRequest();
+    request.WriteInt32Vector(pids);
+    return Transact(kQuotaName, kQuotaPath, ResourceQuotaCtl::IResourceQuotaControl::GET_IO_WRITE_BYTES,
+                    request);
+}
+
+Answer BusClient::AskRunningTimes() {
+    return Transact(kQuotaName, kQuotaPath,
+                    ResourceQuotaCtl::IResourceQuotaControl::GET_EXTENSION_RUNNING_TIME, QuotaRequest());
+}
+
+MessageParcel QuotaRequest() {
+    MessageParcel request;
+    request.WriteInterfaceToken(ResourceQuotaCtl::IResourceQuotaControl::GetDescriptor());
+    return request;
+}
+
+std::vector<uint64_t> WrittenBytesOf(Answer answer) {
+    std::vector<uint64_t> bytes{7};
+    answer.reply.ReadUInt64Vector(&bytes);
+    return bytes;
+}
+
+FakeManager::FakeManager(const std::string& address) : client_(address, kKelvraUid) {
+    static const sd_bus_vtable vtable[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD("Transact", "uay", "iay", &OnTransact, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END,
+    };
+    sd_bus_slot* slot = nullptr;
+    sd_bus_add_object_vtable(client_.Bus(), &slot, kKelvraPath, kInterface, vtable, this);
+    object_.reset(slot);
+    Return();
+}
+
+int FakeManager::OnTransact(sd_bus_message* message, void* manager, sd_bus_error* /*error*/) {
+    uint32_t code = 0;
+    sd_bus_message_read(message, "u", &code);
+    static_cast<FakeManager*>(manager)->Take(code, ParcelFrom(message), sd_bus_message_get_sender(message));
+    return sd_bus_reply_method_return(message, "iay", 0, 0);
+}
+
+void FakeManager::Take(uint32_t code, MessageParcel request, const char* sender) {
+    int32_t reserved = 0;
+    if (request.ReadInterfaceToken() != Protocol::kManagerDescriptor) {
+        return;
+    }
+    if (code == Protocol::kSubscribe) {
+        subscriber_ = sender;
+        hasSubscribed_ = true;
+    } else if (code == Protocol::kSetProcessQuota && request.ReadInt32(reserved)) {
+        hasQuotas_ = Linux::ReadRecordList(request, quotas_).empty();
+    }
+}
+
+bool FakeManager::AwaitSubscription(milliseconds limit) {
+    hasSubscribed_ = hasQuotas_ = false;
+    return Eventually(
+        [this] {
+            while (sd_bus_process(client_.Bus(), nullptr) > 0) {
+            }
+            return hasSubscribed_ && hasQuotas_;
+        },
+        limit);
+}
+
+int32_t FakeManager::Report(const MessageParcel& batch) {
+    const Answer answer = client_.Transact(subscriber_, Protocol::kSubscriberPath, Protocol::kReport, batch);
+    return answer.error.empty() ? answer.status : ERR_DEAD_OBJECT;
+}
+
+Kelvra::ProcessAnomalyInfo Anomaly(const Process& process, const std::string& resourceType,
+                                   const std::string& action) {
+    Kelvra::ProcessAnomalyInfo info;
+    info.duration = 1;
+    info.uid = static_cast<int32_t>(kUntrustedUid);
+    info.pid = process.Pid();
+    info.processName = process.Name();
+    info.resType = resourceType;
+    info.action = action;
+    info.startTime = process.StartTime();
+    return info;
+}
+
+MessageParcel ReportOf(const std::vector<Kelvra::ProcessAnomalyInfo>& batch) {
+    MessageParcel report;
+    Linux::WriteRecordList(batch, report);
+    return report;
+}
+
+}  // namespace KITE::Integration

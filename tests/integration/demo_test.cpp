@@ -1,0 +1,22 @@
+#include "private_system.h"
+
+namespace KITE::Integration {
+
+using DemoTest = PrivateSystem;
+
+TEST_F(DemoTest, FailsWhenThePolicyDoesNotStopTheHogs) {
+    SetPolicy({Rule("nobody", "cpu", 10, "warning")});
+    LogFile output(Directory() + "/output");
+    const std::string rawLog = Directory() + "/raw.log";
+    Process demo({.program = KITE_DEMO,
+                  .arguments = {"kite_demo", "--etc", KITE_ETC, "--raw-log", rawLog, "--config", Layer()},
+                  .output = output.Fd()});
+    EXPECT_EQ(1, demo.AwaitExit(std::chrono::seconds(60))) << output.Text();
+    // It failed by its verdict: the system came up, and saw the hogs.
+    const std::string log = ReadWholeFile(rawLog);
+    EXPECT_NE(std::string::npos, log.find("publish resource quota control service successfully!"))
+        << output.Text();
+    EXPECT_EQ(std::string::npos, log.find("KILL of pid"));
+}
+
+}  // namespace KITE::Integration

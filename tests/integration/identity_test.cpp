@@ -1,0 +1,139 @@
+#include <csignal>
+
+#include "kelvra_manager/protocol.h"
+#include "private_system.h"
+
+// Nobody's word is taken for what it is not: who reports, who asks, and which process is meant.
+namespace KITE::Integration {
+
+namespace {
+
+namespace Protocol = Linux::KelvraProtocol;
+
+}  // namespace
+
+using ForgeryTest = PrivateSystem;
+
+TEST_F(ForgeryTest, AReportOfAnyoneButTheManagerHasNoEffect) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& victim = StartTarget("victim", {"idle"});
+    const MessageParcel report = ReportOf({Anomaly(victim, "cpu", "kill")});
+    for (const uid_t uid : {kTrustedUid, kUntrustedUid, kQuotaUid}) {
+        const Answer answer =
+            Connect(uid).Transact(manager.Subscriber(), Protocol::kSubscriberPath, Protocol::kReport, report);
+        EXPECT_EQ(SD_BUS_ERROR_ACCESS_DENIED, answer.error);
+    }
+    // The bus lets the manager's user through, but this is not the connection that owns the name.
+    const Answer answer =
+        Connect(kKelvraUid)
+            .Transact(manager.Subscriber(), Protocol::kSubscriberPath, Protocol::kReport, report);
+    EXPECT_EQ("", answer.error);
+    EXPECT_EQ(ERR_REFUSED, answer.status);
+    EXPECT_EQ(0, manager.Report({Anomaly(victim, "cpu", "warning")}));
+    EXPECT_TRUE(QuotaHost().log.Await("action is warning"));
+    EXPECT_FALSE(QuotaHost().log.Contains("action is kill"));
+    EXPECT_FALSE(victim.HasEnded());
+}
+
+TEST_F(ForgeryTest, TheManagerTakesQuotasAndSubscriptionsFromTheServiceOnly) {
+    SetPolicy({Rule("hog", "cpu", 10, "kill")});
+    StartWhole();
+    MessageParcel noQuotas;
+    noQuotas.WriteInterfaceToken(Protocol::kManagerDescriptor);
+    noQuotas.WriteInt32(0);
+    noQuotas.WriteUint32(0);
+    MessageParcel subscription;
+    subscription.WriteInterfaceToken(Protocol::kManagerDescriptor);
+    subscription.WriteString(Protocol::kSubscriberPath);
+    for (const uid_t uid : {kTrustedUid, kUntrustedUid, kKelvraUid}) {
+        BusClient client = Connect(uid);
+        EXPECT_EQ(ERR_REFUSED,
+                  client.Transact(kKelvraName, kKelvraPath, Protocol::kSetProcessQuota, noQuotas).status);
+        EXPECT_EQ(ERR_REFUSED,
+                  client.Transact(kKelvraName, kKelvraPath, Protocol::kSubscribe, subscription).status);
+    }
+    EXPECT_EQ(SIGKILL, StartTarget("hog", {"burn"}).AwaitEnd());
+}
+
+// Something happens to a process after its report has arrived and before it is acted upon.
+class LateActionTest : public PrivateSystem {
+  protected:
+    // A process whose report has arrived, and that the host, stopped now, has not come to: many records stand
+    // before it, which ask for no known action and cost one log line each. Tried again when the host was
+    // faster.
+    Process& ReportOneAndStopTheHost(const std::vector<std::string>& mode) {
+        constexpr size_t kRecordsBefore = 3000;
+        constexpr int kAttempts = 10;
+        const Process& host = QuotaHost().process;
+        const std::string stat = "/proc/" + std::to_string(host.Pid()) + "/stat";
+        std::vector<Kelvra::ProcessAnomalyInfo> batch(
+            kRecordsBefore, Anomaly(StartTarget("harmless", {"idle"}), "cpu", "none"));
+        for (int attempt = 1;; ++attempt) {
+            Process& reported = StartTarget("reported", mode);
+            batch.push_back(Anomaly(reported, "cpu", "kill"));
+            EXPECT_EQ(0, Manager().Report(batch));
+            host.Signal(SIGSTOP);
+            EXPECT_TRUE(Eventually([&] { return ReadWholeFile(stat).find(") T ") != std::string::npos; }));
+            if (!reported.HasEnded() || attempt == kAttempts) {
+                EXPECT_FALSE(reported.HasEnded()) << "the host was faster each time";
+                return reported;
+            }
+            host.Signal(SIGCONT);
+            batch.pop_back();
+        }
+    }
+    void ContinueAndExpectRefusal(const Process& process) {
+        const std::string pid = std::to_string(process.Pid());
+        QuotaHost().process.Signal(SIGCONT);
+        EXPECT_TRUE(QuotaHost().log.Await("process pid:" + pid + ", resType:cpu"));
+        EXPECT_TRUE(QuotaHost().log.Await("KILL of pid " + pid + " (reported) failed"));
+        EXPECT_FALSE(process.HasEnded(milliseconds(200)));
+    }
+};
+
+TEST_F(LateActionTest, APidThatHasGoneToAnotherProcessIsNotTouched) {
+    StartWithFakeManager();
+    Process& reported = ReportOneAndStopTheHost({"idle"});
+    reported.Signal(SIGKILL);
+    ASSERT_TRUE(reported.AwaitEnd());
+    Process& newcomer = StartTarget("reported", {"idle"}, {.pid = reported.Pid()});
+    ASSERT_EQ(reported.Pid(), newcomer.Pid());
+    ContinueAndExpectRefusal(newcomer);
+}
+
+TEST_F(LateActionTest, AProcessThatExecutesAnotherProgramIsNotTouched) {
+    StartWithFakeManager();
+    Process& reported = ReportOneAndStopTheHost({"become"});
+    reported.Signal(SIGUSR1);
+    const std::string cmdline = "/proc/" + std::to_string(reported.Pid()) + "/cmdline";
+    ASSERT_TRUE(Eventually([&] { return ReadWholeFile(cmdline).find("1000") != std::string::npos; }));
+    ContinueAndExpectRefusal(reported);
+}
+
+TEST_F(LateActionTest, AReportOfAnEarlierProcessDoesNotReachTheLaterOne) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& present = StartTarget("present", {"idle"});
+    Kelvra::ProcessAnomalyInfo earlier = Anomaly(present, "cpu", "kill");
+    --earlier.startTime;
+    ASSERT_EQ(0, manager.Report({earlier}));
+    EXPECT_TRUE(QuotaHost().log.Await("KILL of pid " + std::to_string(present.Pid()) + " (present) failed"));
+    EXPECT_FALSE(present.HasEnded(milliseconds(200)));
+}
+
+TEST_F(LateActionTest, TheBusAndTheHostsAreNeverTreated) {
+    FakeManager& manager = StartWithFakeManager();
+    ASSERT_FALSE(HasFailure());
+    // The hosts' and the daemon's names, as the service's own check sees them.
+    Kelvra::ProcessAnomalyInfo bus = Anomaly(BusDaemon(), "cpu", "kill");
+    bus.processName = "bus.conf";
+    Kelvra::ProcessAnomalyInfo host = Anomaly(QuotaHost().process, "cpu", "kill");
+    host.processName = "libresource_quo";
+    ASSERT_EQ(0, manager.Report({bus, host}));
+    for (const Process* process : {&BusDaemon(), &QuotaHost().process}) {
+        EXPECT_TRUE(QuotaHost().log.Await("KILL of pid " + std::to_string(process->Pid())));
+        EXPECT_FALSE(process->HasEnded());
+    }
+    ExpectPromptAnswer();
+}
+
+}  // namespace KITE::Integration

@@ -1,0 +1,131 @@
+#include <csignal>
+
+#include "private_system.h"
+#include "resource_quota_control_errors.h"
+
+// Start-up, queries and dumps.
+namespace KITE::Integration {
+
+namespace {
+
+using namespace ResourceQuotaCtl;
+
+constexpr const char* kNobody = SD_BUS_ERROR_SERVICE_UNKNOWN;
+constexpr const char* kPublished = "publish resource quota control service successfully!";
+
+}  // namespace
+
+using StartTest = PrivateSystem;
+
+TEST_F(StartTest, TheServiceIsPublishedOnceTheManagerHasItsQuotas) {
+    BusClient client = Connect(kTrustedUid);
+    ASSERT_TRUE(StartQuotaHost().log.Await("start."));
+    EXPECT_EQ(kNobody, client.AskRunningTimes().error);
+    ASSERT_TRUE(StartKelvraHost().log.Await("reports go to"));
+    EXPECT_TRUE(KelvraHost().log.Await("1 quotas replace all earlier ones"));
+    EXPECT_TRUE(QuotaHost().log.Await("Add system ability systemAbilityId:1213"));
+    EXPECT_TRUE(QuotaHost().log.Await("InitKelvraTaskObserver successfully"));
+    EXPECT_TRUE(QuotaHost().log.Await(kPublished));
+    EXPECT_EQ("", client.AskRunningTimes().error);
+    ExpectPromptAnswer();
+}
+
+TEST_F(StartTest, AManagerThatDiesAndComesBackIsServedAnew) {
+    SetPolicy({Rule("hog", "cpu", 10, "kill")});
+    StartWhole();
+    KelvraHost().process.Signal(SIGKILL);
+    EXPECT_TRUE(QuotaHost().log.Await("remove system ability systemAbilityId:1213"));
+    EXPECT_TRUE(QuotaHost().log.Await("HandleKelvraDied called"));
+    ASSERT_TRUE(StartKelvraHost().log.Await("reports go to"));
+    EXPECT_TRUE(KelvraHost().log.Await("1 quotas replace all earlier ones"));
+    EXPECT_TRUE(QuotaHost().log.Await("InitKelvraTaskObserver successfully"));
+    EXPECT_TRUE(QuotaHost().log.Await(kPublished));
+    Process& hog = StartTarget("hog", {"burn"});
+    EXPECT_EQ(SIGKILL, hog.AwaitEnd());
+}
+
+TEST_F(StartTest, EachUserOwnsItsOwnNameOnly) {
+    EXPECT_NE("", Connect(kTrustedUid).Claim(kQuotaName));
+    EXPECT_NE("", Connect(kTrustedUid).Claim(kKelvraName));
+    EXPECT_NE("", Connect(kQuotaUid).Claim(kKelvraName));
+    EXPECT_NE("", Connect(kKelvraUid).Claim(kQuotaName));
+    EXPECT_NE("", Connect(kUntrustedUid).Claim(kQuotaName));
+    EXPECT_EQ("", Connect(kQuotaUid).Claim(kQuotaName));
+    EXPECT_EQ("", Connect(kKelvraUid).Claim(kKelvraName));
+}
+
+using QueryTest = PrivateSystem;
+
+TEST_F(QueryTest, WrittenBytesComeInOrderWithAllOnesForWhoCannotBeRead) {
+    StartWithFakeManager();
+    constexpr int32_t kAbovePidMax = 1 << 22;
+    BusClient client = Connect(kTrustedUid);
+    const auto ownBytes = [] {
+        const std::string io = ReadWholeFile("/proc/self/io");
+        return std::stoull(io.substr(io.find("\nwrite_bytes:") + 13));
+    };
+    const uint64_t before = ownBytes();
+    const std::vector<uint64_t> bytes = WrittenBytesOf(client.AskWrittenBytes({kAbovePidMax, getpid(), -1}));
+    ASSERT_EQ(3U, bytes.size());
+    EXPECT_EQ(UINT64_MAX, bytes[0]);
+    EXPECT_GE(bytes[1], before);
+    EXPECT_LE(bytes[1], ownBytes());
+    EXPECT_EQ(UINT64_MAX, bytes[2]);
+}
+
+TEST_F(QueryTest, RunningTimesComeSortedByName) {
+    SetPolicy({Rule("ext_b", "cpu", 10, "kill", 2), Rule("ext_a", "cpu", 10, "kill", 300)});
+    StartWithFakeManager();
+    Answer answer = Connect(kTrustedUid).AskRunningTimes();
+    MessageParcel expected;
+    expected.WriteInt32(ERR_OK);
+    expected.WriteUint32(2);
+    expected.WriteString("ext_a");
+    expected.WriteInt32(300);
+    expected.WriteString("ext_b");
+    expected.WriteInt32(2);
+    EXPECT_TRUE(std::ranges::equal(expected.Bytes(), answer.reply.Bytes()));
+    EXPECT_EQ(0, answer.status);
+}
+
+TEST_F(QueryTest, AnUntrustedCallerLearnsNothing) {
+    StartWithFakeManager();
+    for (const uid_t uid : {kUntrustedUid, kQuotaUid}) {
+        BusClient client = Connect(uid);
+        EXPECT_EQ(std::vector<uint64_t>(), WrittenBytesOf(client.AskWrittenBytes({getpid()})));
+        Answer answer = client.AskRunningTimes();
+        int32_t result = 0;
+        uint32_t count = 7;
+        EXPECT_TRUE(answer.reply.ReadInt32(result) && answer.reply.ReadUint32(count));
+        EXPECT_EQ(ERR_RQC_PERMISSION_DENIED, result);
+        EXPECT_EQ(0U, count);
+    }
+}
+
+using DumpTest = PrivateSystem;
+
+TEST_F(DumpTest, ShowsTheConfigurationToThePermittedOnly) {
+    SetPolicy({Rule("foo", "mem", 100, "kill")});
+    StartWithFakeManager();
+    Pipe permitted;
+    EXPECT_EQ(ERR_OK, Connect(kTrustedUid).Dump({"DumpConfig"}, permitted.writeEnd.Get()).status);
+    EXPECT_EQ(
+        "process name is foo, resource is 100, duration is 1, id is 1, process type is 0, action is kill, "
+        "resType is mem, condition is \n",
+        permitted.Text());
+    Pipe refused;
+    EXPECT_EQ(ERR_RQC_DUMP_FAILED,
+              Connect(kUntrustedUid).Dump({"DumpConfig"}, refused.writeEnd.Get()).status);
+    EXPECT_EQ("", refused.Text());
+    EXPECT_TRUE(QuotaHost().log.Await("CheckPermission failed"));
+}
+
+TEST_F(DumpTest, IsRefusedToEverybodyOnABuildThatIsNotDebuggable) {
+    SetParameters("{}");
+    StartWithFakeManager();
+    Pipe refused;
+    EXPECT_EQ(ERR_RQC_DUMP_FAILED, Connect(kTrustedUid).Dump({"-h"}, refused.writeEnd.Get()).status);
+    EXPECT_EQ("", refused.Text());
+}
+
+}  // namespace KITE::Integration

@@ -1,0 +1,102 @@
+// The processes that the tests have treated: kite_target MODE [ARGUMENT]
+//
+//   idle                waits
+//   burn THREADS        uses all the processor time that it gets, in so many threads
+//   grow MEBIBYTES      takes that much memory and waits
+//   flood               writes into a file of its working directory all the time
+//   breed               burns in one thread; on SIGUSR1 has a child that burns too
+//   become              waits; on SIGUSR1 executes another program, sleep 1000, under the same name
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+[[noreturn]] void Burn() {
+    for (volatile unsigned turns = 0;;) {
+        turns = turns + 1;
+    }
+}
+
+[[noreturn]] void BurnInThreads(int threads) {
+    std::vector<std::thread> others;
+    for (int i = 1; i < threads; ++i) {
+        others.emplace_back([] { Burn(); });
+    }
+    Burn();
+}
+
+void Wait() {
+    while (true) {
+        pause();
+    }
+}
+
+void Grow(size_t mebibytes) {
+    std::vector<char> memory(mebibytes << 20, 1);
+    Wait();
+}
+
+void Flood() {
+    constexpr off_t kFileSize = off_t{64} << 20;
+    const std::string block(size_t{1} << 20, 'x');
+    const int file = open("flood", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    for (off_t at = 0; file >= 0; at = (at + static_cast<off_t>(block.size())) % kFileSize) {
+        if (pwrite(file, block.data(), block.size(), at) < 0 || (at == 0 && fdatasync(file) != 0)) {
+            break;
+        }
+    }
+}
+
+// The signal is blocked from the start: whoever starts this process sees to that.
+void AwaitSignal() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR1);
+    int signal = 0;
+    sigwait(&signals, &signal);
+}
+
+void Breed() {
+    std::thread burner([] { Burn(); });
+    AwaitSignal();
+    if (fork() == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        Burn();
+    }
+    Wait();
+}
+
+void Become(const char* name) {
+    AwaitSignal();
+    execl("/bin/sleep", name, "1000", nullptr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string_view mode = argc > 1 ? argv[1] : "";
+    const char* argument = argc > 2 ? argv[2] : "1";
+    if (mode == "idle") {
+        Wait();
+    } else if (mode == "burn") {
+        BurnInThreads(std::atoi(argument));
+    } else if (mode == "grow") {
+        Grow(static_cast<size_t>(std::atoi(argument)));
+    } else if (mode == "flood") {
+        Flood();
+    } else if (mode == "breed") {
+        Breed();
+    } else if (mode == "become") {
+        Become(argv[0]);
+    }
+    return EXIT_FAILURE;
+}

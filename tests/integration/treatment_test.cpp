@@ -1,0 +1,201 @@
+#include <csignal>
+#include <filesystem>
+#include <functional>
+
+#include "private_system.h"
+
+// What becomes of real processes.
+namespace KITE::Integration {
+
+namespace {
+
+constexpr milliseconds kLook{500};
+constexpr double kSuppressedPercent = 5;  // of a core, at most
+
+Launch OnOneCpu() {
+    return {.uid = kUntrustedUid, .cpu = 0};
+}
+
+bool StandsStill(const Process& process) {
+    const auto before = process.CpuTime();
+    process.HasEnded(kLook);
+    return process.CpuTime() == before;
+}
+
+bool Runs(const Process& process) {
+    const auto before = process.CpuTime();
+    return Eventually([&] { return process.CpuTime() > before + milliseconds(1); });
+}
+
+std::string ApplicationState(const Process& process, bool foreground, const std::string& more = "") {
+    return "{\"applications\": [{\"uid\": 20001, \"processes\": [" + std::to_string(process.Pid()) +
+           "], \"foreground\": " + (foreground ? "true" : "false") + "}]" + more + "}";
+}
+
+}  // namespace
+
+using ManagerTest = PrivateSystem;
+
+TEST_F(ManagerTest, EachKindOfHogIsKilledAndOthersAreLeftAlone) {
+    SetPolicy({Rule("spinner", "cpu", 10, "kill"), Rule("eater", "mem", 100'000, "kill"),
+               Rule("writer", "io", 10'000'000, "kill"), Rule("modest", "cpu", 10, "kill")});
+    Process& modest = StartTarget("modest", {"idle"});
+    Process& stranger = StartTarget("stranger", {"burn"});
+    StartWhole();
+    // The build directory lies on a disk; the one for temporary files may not, and then counts no bytes.
+    Process& writer = StartTarget("writer", {"flood"}, {.directory = KITE_WORK_DIRECTORY});
+    EXPECT_EQ(SIGKILL, writer.AwaitEnd());
+    std::filesystem::remove(KITE_WORK_DIRECTORY "/flood");
+    EXPECT_EQ(SIGKILL, StartTarget("spinner", {"burn", "2"}).AwaitEnd());
+    EXPECT_EQ(SIGKILL, StartTarget("eater", {"grow", "200"}).AwaitEnd());
+    EXPECT_FALSE(modest.HasEnded());
+    EXPECT_FALSE(stranger.HasEnded());
+}
+
+using StagesTest = PrivateSystem;
+
+TEST_F(StagesTest, AHogIsSuppressedThenFrozenThenKilled) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& competitor = StartTarget("competitor", {"burn"}, OnOneCpu());
+    Process& hog = StartTarget("hog", {"burn", "3"}, OnOneCpu());
+    LogFile& log = QuotaHost().log;
+    EXPECT_GT(hog.CpuPercent(kLook), kSuppressedPercent);
+
+    ASSERT_EQ(0, manager.Report({Anomaly(hog, "cpu_ext", "kill")}));
+    ASSERT_TRUE(log.Await("process enter suppress, processName: hog"));
+    EXPECT_LE(hog.CpuPercent(kLook), kSuppressedPercent);
+
+    ASSERT_EQ(0, manager.Report({Anomaly(hog, "cpu_ext", "kill")}));
+    ASSERT_TRUE(log.Await("process is freezed, processName: hog"));
+    competitor.Signal(SIGSTOP);
+    EXPECT_TRUE(StandsStill(hog));
+    ASSERT_TRUE(log.Await("THAW of pid"));
+    EXPECT_TRUE(Runs(hog));
+
+    ASSERT_EQ(0, manager.Report({Anomaly(hog, "cpu_ext", "kill")}));
+    EXPECT_EQ(SIGKILL, hog.AwaitEnd());
+    EXPECT_TRUE(Eventually([this] { return TracesOfTreatments().empty(); }));
+    EXPECT_TRUE(log.Await("send event [FRAMEWORK,PROCESS_KILL]"));
+    EXPECT_NE(std::string::npos, ReadWholeFile(Directory() + "/state/events.jsonl").find("PROCESS_KILL"));
+}
+
+TEST_F(StagesTest, AfterASuppressionAllIsAsBeforeAlsoForAChildBornMeanwhile) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& parent = StartTarget("parent", {"breed"});
+    ASSERT_TRUE(Eventually([&] { return parent.ThreadCount() == 2; }));
+    const std::string before = parent.Standing();
+    ASSERT_EQ(0, manager.Report({Anomaly(parent, "cpu_ext", "kill")}));
+    ASSERT_TRUE(QuotaHost().log.Await("process enter suppress"));
+    EXPECT_NE(before, parent.Standing());
+    EXPECT_FALSE(TracesOfTreatments().empty());
+    parent.Signal(SIGUSR1);
+    ASSERT_TRUE(QuotaHost().log.Await("process exit suppress"));
+    EXPECT_EQ(before, parent.Standing());
+    EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
+}
+
+using ReleaseTest = PrivateSystem;
+
+TEST_F(ReleaseTest, AStoppedHostLeavesNothingTreated) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& frozen = StartTarget("frozen", {"burn"});
+    Process& suppressed = StartTarget("suppressed", {"burn", "2"});
+    ASSERT_TRUE(Eventually([&] { return suppressed.ThreadCount() == 2; }));
+    const std::string before = suppressed.Standing();
+    ASSERT_EQ(0, manager.Report({Anomaly(frozen, "cpu", "freeze"), Anomaly(suppressed, "cpu_ext", "kill")}));
+    ASSERT_TRUE(QuotaHost().log.Await("freeze process, pid is"));
+    ASSERT_TRUE(QuotaHost().log.Await("process enter suppress"));
+    EXPECT_TRUE(StandsStill(frozen));
+    EXPECT_EQ(0, StopQuotaHost());
+    EXPECT_TRUE(Runs(frozen));
+    EXPECT_EQ(before, suppressed.Standing());
+    EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
+}
+
+TEST_F(ReleaseTest, WhatAKilledHostLeftFrozenIsReleasedByTheNextStartAndByTheCommand) {
+    const std::function<void()> ways[] = {[this] { EXPECT_TRUE(StartQuotaHost().log.Await("start.")); },
+                                          [this] { EXPECT_EQ(0, Release()); }};
+    for (const auto& release : ways) {
+        FakeManager& manager = StartWithFakeManager();
+        Process& frozen = StartTarget("frozen", {"burn"});
+        ASSERT_EQ(0, manager.Report({Anomaly(frozen, "cpu", "freeze")}));
+        ASSERT_TRUE(QuotaHost().log.Await("freeze process, pid is"));
+        QuotaHost().process.Signal(SIGKILL);
+        ASSERT_TRUE(QuotaHost().process.AwaitEnd());
+        manager.Leave();
+        EXPECT_TRUE(StandsStill(frozen));
+        release();
+        EXPECT_TRUE(Runs(frozen));
+        EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
+    }
+}
+
+TEST_F(ReleaseTest, WithTheBusBothHostsGoAndLeaveNothingTreated) {
+    SetPolicy({Rule("frozen", "cpu", 10, "freeze"), Rule("suppressed", "cpu_ext", 10, "kill")});
+    StartWhole();
+    Process& frozen = StartTarget("frozen", {"burn"});
+    ASSERT_TRUE(QuotaHost().log.Await("freeze process, pid is"));
+    Process& suppressed = StartTarget("suppressed", {"burn"});
+    const std::string before = suppressed.Standing();
+    ASSERT_TRUE(QuotaHost().log.Await("process enter suppress"));
+    BusDaemon().Signal(SIGKILL);
+    EXPECT_EQ(75, QuotaHost().process.AwaitExit());
+    EXPECT_EQ(75, KelvraHost().process.AwaitExit());
+    EXPECT_TRUE(Runs(frozen));
+    EXPECT_EQ(before, suppressed.Standing());
+    EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
+}
+
+using DeviceStateTest = PrivateSystem;
+
+TEST_F(DeviceStateTest, ADataTransferExemptsFromIoQuotasUntilTheStateChanges) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& transfer = StartTarget("transfer", {"idle"});
+    const std::string pid = std::to_string(transfer.Pid());
+    SetDeviceState(R"({"continuous_tasks": [{"uid": 20001, "pid": )" + pid + R"(, "types": [1]}]})");
+    ASSERT_EQ(0, manager.Report({Anomaly(transfer, "io", "kill")}));
+    EXPECT_TRUE(QuotaHost().log.Await("pid:" + pid + " has special continuous task, it can be exempted"));
+    EXPECT_FALSE(transfer.HasEnded());
+    SetDeviceState("{}");
+    ASSERT_EQ(0, manager.Report({Anomaly(transfer, "io", "kill")}));
+    EXPECT_EQ(SIGKILL, transfer.AwaitEnd());
+}
+
+TEST_F(DeviceStateTest, AnApplicationIsSuppressedOnlyOutOfTheForeground) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& application = StartTarget("application", {"burn"});
+    const std::string before = application.Standing();
+    SetDeviceState(ApplicationState(application, true));
+    ASSERT_EQ(0, manager.Report({Anomaly(application, "cpu_ext", "kill")}));
+    EXPECT_TRUE(QuotaHost().log.Await("cancel suppress, 20001 is in foreground or has window visible"));
+    EXPECT_EQ(before, application.Standing());
+    SetDeviceState(ApplicationState(application, false));
+    ASSERT_EQ(0, manager.Report({Anomaly(application, "cpu_ext", "kill")}));
+    EXPECT_TRUE(QuotaHost().log.Await("process enter suppress"));
+    EXPECT_NE(before, application.Standing());
+}
+
+TEST_F(DeviceStateTest, ABrokenFileLeavesTheLastGoodStateAndIsComplainedAboutOnce) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& application = StartTarget("application", {"burn"});
+    SetDeviceState(ApplicationState(application, true));
+    ASSERT_EQ(0, manager.Report({Anomaly(application, "cpu_ext", "kill")}));
+    EXPECT_TRUE(QuotaHost().log.Await("cancel suppress"));
+    for (const std::string& broken :
+         {std::string("{"), ApplicationState(application, false, ", \"unknown\": 1")}) {
+        SetDeviceState(broken);
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_EQ(0, manager.Report({Anomaly(application, "cpu_ext", "kill")}));
+            EXPECT_TRUE(QuotaHost().log.Await("cancel suppress"));
+        }
+    }
+    const std::string text = QuotaHost().log.Text();
+    size_t complaints = 0;
+    for (size_t at = text.find(" E KITE_PLATFORM"); at != std::string::npos;
+         at = text.find(" E KITE_PLATFORM", at + 1)) {
+        ++complaints;
+    }
+    EXPECT_EQ(2U, complaints) << text;
+}
+
+}  // namespace KITE::Integration
