@@ -32,6 +32,7 @@ int MillisecondsUntil(Clock::time_point end) {
 
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (const std::string& text : texts) {
         pointers.push_back(const_cast<char*>(text.c_str()));
     }
@@ -59,6 +60,7 @@ bool Prepare(const Launch& launch) {
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     CPU_SET(static_cast<size_t>(launch.cpu.value_or(0)), &cpus);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the process has one thread
     return setsid() >= 0 && chdir(launch.directory.c_str()) == 0 &&
            (!launch.cpu || sched_setaffinity(0, sizeof(cpus), &cpus) == 0) &&
            (launch.output < 0 ||

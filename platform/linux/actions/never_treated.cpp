@@ -24,8 +24,11 @@ std::string WhyNeverTreated(pid_t pid) {
     if (pid == getpid()) {
         return "it is this process";
     }
-    const std::vector<pid_t> isProtected = BusProtectedPids();
-    if (std::ranges::find(isProtected, pid) != isProtected.end()) {
+    const std::optional<std::vector<pid_t>> isProtected = BusProtectedPids();
+    if (!isProtected) {
+        return "it is not known yet which processes are the hosts";
+    }
+    if (std::ranges::find(*isProtected, pid) != isProtected->end()) {
         return "it is the bus daemon or a host of the quota service or of the Kelvra manager";
     }
     const std::optional<ProcStat> stat = ReadProcStat(pid);

@@ -82,7 +82,7 @@ std::string AbilityNames::OwnerOf(int32_t abilityId) {
     return {};
 }
 
-std::vector<pid_t> AbilityNames::ProtectedPids() const {
+std::optional<std::vector<pid_t>> AbilityNames::ProtectedPids() const {
     const std::lock_guard lock(mutex_);
     std::vector<pid_t> pids;
     if (daemonPid_) {
@@ -90,9 +90,13 @@ std::vector<pid_t> AbilityNames::ProtectedPids() const {
     }
     for (const int32_t abilityId : kProtectedAbilities) {
         const auto found = abilities_.find(abilityId);
-        if (found != abilities_.end() && found->second.pid) {
-            pids.push_back(*found->second.pid);
+        if (found == abilities_.end() || found->second.owner.empty()) {
+            continue;
         }
+        if (!found->second.pid) {
+            return std::nullopt;
+        }
+        pids.push_back(*found->second.pid);
     }
     return pids;
 }
@@ -152,6 +156,9 @@ void AbilityNames::AskPid(int32_t abilityId, const std::string& owner) {
                   const auto found = abilities_.find(abilityId);
                   if (found != abilities_.end() && found->second.owner == owner) {
                       found->second.pid = PidFrom(status, reply);
+                      if (!found->second.pid) {
+                          PLATFORM_LOGE("the bus does not tell the process of ability %{public}d", abilityId);
+                      }
                   }
               });
 }

@@ -47,7 +47,7 @@ class KITE_API AbilityNames {
     std::string OwnerOf(int32_t abilityId);
 
     // See BusProtectedPids.
-    std::vector<pid_t> ProtectedPids() const;
+    std::optional<std::vector<pid_t>> ProtectedPids() const;
 
   private:
     struct Ability {

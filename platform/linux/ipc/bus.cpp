@@ -360,7 +360,7 @@ void Bus::Call(MessageHandle message, Reply done) {
     sd_bus_slot_set_floating(slot, 1);
 }
 
-std::vector<pid_t> BusProtectedPids() {
+std::optional<std::vector<pid_t>> BusProtectedPids() {
     return Bus::Instance().Names().ProtectedPids();
 }
 

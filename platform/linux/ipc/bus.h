@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -126,7 +127,7 @@ class KITE_API Bus {
 };
 
 // Processes that must never be treated: the bus daemon and the owners of the quota service's and the Kelvra
-// manager's names. May lack one whose pid the bus has not told yet. Any thread.
-KITE_API std::vector<pid_t> BusProtectedPids();
+// manager's names. Absent while the bus has not told the pid of such an owner. Any thread.
+KITE_API std::optional<std::vector<pid_t>> BusProtectedPids();
 
 }  // namespace KITE::Linux

@@ -1,5 +1,6 @@
 #include "ipc/name_watch.h"
 
+#include <string_view>
 #include <utility>
 
 #include "ipc/guard.h"
@@ -21,13 +22,24 @@ NameWatch::NameWatch(sd_bus* connection, const std::string& name, Changed change
     }
 }
 
+namespace {
+
+// A match holds only what the bus broadcasts. A signal that a client addresses to us reaches it too, whatever
+// sender the match names, so that anybody could tell us who owns a name.
+bool IsFromTheDaemon(sd_bus_message* message) {
+    const char* sender = sd_bus_message_get_sender(message);
+    return sender != nullptr && std::string_view(sender) == kDaemonName;
+}
+
+}  // namespace
+
 // Both callbacks work on copies, since the call may destroy the watch.
 
 int NameWatch::OnChanged(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
     const char* name = nullptr;
     const char* oldOwner = nullptr;
     const char* newOwner = nullptr;
-    if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) >= 0) {
+    if (IsFromTheDaemon(message) && sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) >= 0) {
         const Changed changed = static_cast<NameWatch*>(self)->changed_;
         RunGuarded("a name watch", [&] { changed(newOwner); });
     }
