@@ -1,6 +1,3 @@
-#include <sched.h>
-#include <sys/mount.h>
-
 #include <thread>
 
 #include "json_utils.h"
@@ -310,8 +307,7 @@ class SystemLayerTest : public PolicyTest {
   protected:
     void SetUp() override {
         std::filesystem::create_directory("/system");
-        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("none", "/system", "tmpfs", 0, nullptr) != 0) {
+        if (!UnshareMounts() || mount("none", "/system", "tmpfs", 0, nullptr) != 0) {
             GTEST_SKIP() << "needs the right to mount";
         }
         std::filesystem::create_directories("/system/etc/efficiency_manager");

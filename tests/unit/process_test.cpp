@@ -1,6 +1,3 @@
-#include <sched.h>
-#include <sys/mount.h>
-
 #include "app_mgr_helper.h"
 #include "native_process_checker.h"
 #include "resource_quota_control_execute_helper.h"
@@ -173,8 +170,7 @@ TEST_F(IoTest, OnlyTheFirstLineThatBeginsWithTheKeyCounts) {
     const std::string path = "/proc/" + std::to_string(getpid()) + "/io";
     std::string name = std::filesystem::temp_directory_path() / "io_XXXXXX";
     const int fd = mkstemp(name.data());
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount(name.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+    if (!UnshareMounts() || mount(name.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
         GTEST_SKIP() << "needs the right to mount";
     }
     std::ofstream(name) << "wchar: 1\ncancelled_write_bytes: 2\nwrite_bytes: 3\nwrite_bytes: 4\n";

@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -22,6 +25,13 @@ using ::testing::Not;
 inline const std::vector<std::string>& LoadTimeCalls() {
     static const std::vector<std::string> calls = Fake::Platform::Get().Calls();
     return calls;
+}
+
+// Gives this process its own view of the mounts. Where the root is no mount point (a chroot), what is mounted
+// may be seen outside too, until the test takes it away.
+inline bool UnshareMounts() {
+    return unshare(CLONE_NEWNS) == 0 &&
+           (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 || errno == EINVAL);
 }
 
 // A clean platform, and a folder of configuration layers that are merged in the order of their creation.
