@@ -19,6 +19,10 @@ namespace {
 constexpr uint32_t kKernelThreadFlag = 0x00200000;
 constexpr size_t kFirstArgumentLimit = 4096;
 constexpr size_t kPrintableLimit = 256;
+constexpr size_t kStateField = 3;
+constexpr size_t kParentField = 4;
+constexpr size_t kProcessGroupField = 5;
+constexpr size_t kSessionField = 6;
 constexpr size_t kFlagsField = 9;
 constexpr size_t kStartTimeField = 22;
 
@@ -42,10 +46,28 @@ int ReadUpTo(int fd, size_t limit, std::string& text) {
     return EFBIG;
 }
 
-std::optional<ProcStat> ReadStatFile(const std::string& path) {
+int ReadStatFile(const std::string& path, ProcStat& stat) {
     std::string text;
     constexpr size_t kStatLimit = 4096;
-    return ReadTextFile(path, kStatLimit, text) == 0 ? ParseProcStat(text) : std::nullopt;
+    if (const int error = ReadTextFile(path, kStatLimit, text); error != 0) {
+        return error == ENOENT ? ESRCH : error;
+    }
+    const std::optional<ProcStat> parsed = ParseProcStat(text);
+    stat = parsed.value_or(ProcStat{});
+    return parsed ? 0 : EBADMSG;
+}
+
+// The numbers that name entries of a directory.
+int ReadNumbers(const std::string& path, std::vector<pid_t>& numbers) {
+    std::error_code error;
+    std::filesystem::directory_iterator entry(path, error);
+    while (!error && entry != std::filesystem::directory_iterator()) {
+        if (const std::optional<int64_t> number = ParseDecimal(entry->path().filename().native())) {
+            numbers.push_back(static_cast<pid_t>(*number));
+        }
+        entry.increment(error);
+    }
+    return error.value();
 }
 
 }  // namespace
@@ -86,34 +108,43 @@ std::optional<ProcStat> ParseProcStat(std::string_view text) {
         return std::nullopt;
     }
     text.remove_prefix(nameEnd + 2);
-    ProcStat stat{.state = text.front()};
-    for (size_t field = 3; field <= kStartTimeField; ++field) {
+    std::array<std::optional<int64_t>, kStartTimeField + 1> numbers;
+    const char state = text.front();
+    for (size_t field = kStateField; field <= kStartTimeField; ++field) {
         const size_t end = text.find(' ');
         if (end == std::string_view::npos) {
             return std::nullopt;
         }
-        if (field == kFlagsField || field == kStartTimeField) {
-            const std::optional<int64_t> number = ParseDecimal(text.substr(0, end));
-            if (!number || *number < 0) {
-                return std::nullopt;
-            }
-            if (field == kFlagsField) {
-                stat.flags = static_cast<uint32_t>(*number);
-            } else {
-                stat.startTime = *number;
-            }
-        }
+        numbers[field] = ParseDecimal(text.substr(0, end));
         text.remove_prefix(end + 1);
     }
-    return stat;
+    const auto isCount = [&](size_t field) { return numbers[field] && *numbers[field] >= 0; };
+    // Without a parent, a group and a session, which a process that is being collected has no more.
+    const auto pidOf = [&](size_t field) { return static_cast<pid_t>(numbers[field].value_or(0)); };
+    if (!isCount(kFlagsField) || !isCount(kStartTimeField)) {
+        return std::nullopt;
+    }
+    return ProcStat{.state = state,
+                    .parent = pidOf(kParentField),
+                    .processGroup = pidOf(kProcessGroupField),
+                    .session = pidOf(kSessionField),
+                    .flags = static_cast<uint32_t>(*numbers[kFlagsField]),
+                    .startTime = *numbers[kStartTimeField]};
 }
 
 std::optional<ProcStat> ReadProcStat(pid_t pid) {
-    return ReadStatFile(ProcPath(pid, "stat"));
+    ProcStat stat;
+    return ReadProcStat(pid, stat) == 0 ? std::optional(stat) : std::nullopt;
+}
+
+int ReadProcStat(pid_t pid, ProcStat& stat) {
+    return ReadStatFile(ProcPath(pid, "stat"), stat);
 }
 
 std::optional<ProcStat> ReadThreadStat(pid_t pid, pid_t tid) {
-    return ReadStatFile(ProcPath(pid, "task/" + std::to_string(tid) + "/stat"));
+    ProcStat stat;
+    const int error = ReadStatFile(ProcPath(pid, "task/" + std::to_string(tid) + "/stat"), stat);
+    return error == 0 ? std::optional(stat) : std::nullopt;
 }
 
 std::string ReadProcessName(pid_t pid) {
@@ -152,16 +183,13 @@ std::string ReadExecutableName(pid_t pid) {
     return std::string(path.substr(path.rfind('/') + 1));
 }
 
+int ReadProcessIds(std::vector<pid_t>& processes) {
+    return ReadNumbers("/proc", processes);
+}
+
 std::vector<pid_t> ThreadsOf(pid_t pid) {
     std::vector<pid_t> threads;
-    std::error_code error;
-    std::filesystem::directory_iterator entry(ProcPath(pid, "task"), error);
-    while (!error && entry != std::filesystem::directory_iterator()) {
-        if (const std::optional<int64_t> tid = ParseDecimal(entry->path().filename().native())) {
-            threads.push_back(static_cast<pid_t>(*tid));
-        }
-        entry.increment(error);
-    }
+    static_cast<void>(ReadNumbers(ProcPath(pid, "task"), threads));
     return threads;
 }
 

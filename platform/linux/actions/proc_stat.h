@@ -23,15 +23,22 @@ int ReadTextFile(const std::string& path, size_t limit, std::string& text);
 
 struct ProcStat {
     char state = 0;
+    pid_t parent = 0;
+    pid_t processGroup = 0;
+    pid_t session = 0;
     uint32_t flags = 0;     // the kernel's PF_ flags
     int64_t startTime = 0;  // clock ticks since boot
 
     bool IsStopped() const { return state == 'T'; }
+    // It runs no more, though nobody has collected its status yet.
+    bool HasEnded() const { return state == 'Z' || state == 'X'; }
     bool IsKernelThread() const;
 };
 
 std::optional<ProcStat> ParseProcStat(std::string_view text);
 std::optional<ProcStat> ReadProcStat(pid_t pid);
+// 0; ESRCH when there is no such process; another error number when that cannot be known.
+int ReadProcStat(pid_t pid, ProcStat& stat);
 std::optional<ProcStat> ReadThreadStat(pid_t pid, pid_t tid);
 
 // The last path component of the first argument, whole; empty for a zombie and for a kernel thread.
@@ -49,6 +56,8 @@ std::optional<ExecutableIdentity> ReadExecutableIdentity(pid_t pid);
 // The executable's file name without its directory, also when the file has been replaced since.
 std::string ReadExecutableName(pid_t pid);
 
+// The ids of all processes; 0 or an error number.
+int ReadProcessIds(std::vector<pid_t>& processes);
 // Thread ids; empty when the process has gone.
 std::vector<pid_t> ThreadsOf(pid_t pid);
 

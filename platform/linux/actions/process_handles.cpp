@@ -22,9 +22,10 @@ UniqueFd OpenProcess(pid_t pid, int64_t startTime) {
     if (!pidfd) {
         return {};
     }
-    const std::optional<ProcStat> stat = ReadProcStat(pid);
-    if (!stat || stat->startTime != startTime || HasExited(pidfd.Get())) {
-        errno = ESRCH;
+    ProcStat stat;
+    const int error = ReadProcStat(pid, stat);
+    if (error != 0 || stat.startTime != startTime || HasExited(pidfd.Get())) {
+        errno = error != 0 ? error : ESRCH;
         return {};
     }
     return pidfd;

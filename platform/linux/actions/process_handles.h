@@ -24,7 +24,8 @@ KITE_API bool RememberReportedProcess(int32_t pid, int64_t startTime, const std:
 
 // Whether the process that a pidfd names has ended.
 bool HasExited(int pidfd);
-// A pidfd of the process that bears the pid and started at that time; not open when there is none such.
+// A pidfd of the process that bears the pid and started at that time. Not open, with errno set, when there is
+// none such (ESRCH, or EINVAL for a thread's id) or when that cannot be known (another).
 UniqueFd OpenProcess(pid_t pid, int64_t startTime);
 
 // One reported process. Not changed once made.

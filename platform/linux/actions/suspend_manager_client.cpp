@@ -1,12 +1,22 @@
 #include "suspend_manager.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <limits>
 #include <optional>
 
 #include "actions/treatment_table.h"
 #include "runtime/platform_log.h"
 
 namespace KITE {
+
+namespace {
+
+// A later end would not fit into the clock's range.
+constexpr int64_t kLongestFreezeMs = std::numeric_limits<int32_t>::max();
+
+}  // namespace
 
 SuspendManagerClient& SuspendManagerClient::GetInstance() {
     static SuspendManagerClient client;
@@ -23,9 +33,11 @@ int32_t SuspendManagerClient::OperateOneNativeProcess(const NativeProcessInfo& p
     if (!process.isFreeze) {
         return table.Thaw(process.pid, process.processName);
     }
-    const bool hasEnd = process.durationMs >= 0;
-    return table.Freeze(process.pid, process.processName,
-                        hasEnd ? std::optional(std::chrono::milliseconds(process.durationMs)) : std::nullopt);
+    std::optional<std::chrono::milliseconds> time;
+    if (process.durationMs >= 0) {
+        time = std::chrono::milliseconds(std::min<int64_t>(process.durationMs, kLongestFreezeMs));
+    }
+    return table.Freeze(process.pid, process.processName, time);
 }
 
 }  // namespace KITE

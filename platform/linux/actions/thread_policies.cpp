@@ -2,13 +2,17 @@
 
 #include <sched.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <optional>
 
 #include "actions/proc_stat.h"
+#include "actions/process_handles.h"
+#include "runtime/unique_fd.h"
 
 namespace KITE::Linux {
 
@@ -44,6 +48,75 @@ std::optional<ThreadPolicy> ReadPolicy(pid_t pid, pid_t tid) {
                         .runtimeNs = attributes.runtime,
                         .deadlineNs = attributes.deadline,
                         .periodNs = attributes.period};
+}
+
+ThreadPolicy ForThread(ThreadPolicy policy, const ThreadPolicy& thread) {
+    policy.tid = thread.tid;
+    policy.startTime = thread.startTime;
+    return policy;
+}
+
+int ReadProcesses(std::map<pid_t, ProcStat>& processes) {
+    std::vector<pid_t> pids;
+    if (const int error = ReadProcessIds(pids); error != 0) {
+        return error;
+    }
+    for (const pid_t pid : pids) {
+        ProcStat stat;
+        const int error = ReadProcStat(pid, stat);
+        if (error != 0 && error != ESRCH) {
+            return error;
+        }
+        if (error == 0 && !stat.HasEnded()) {
+            processes.emplace(pid, stat);
+        }
+    }
+    return 0;
+}
+
+bool Descends(const std::map<pid_t, ProcStat>& processes, pid_t pid, pid_t ancestor) {
+    auto child = processes.find(pid);
+    while (child != processes.end()) {
+        const auto parent = processes.find(child->second.parent);
+        // The listing took a while: a younger parent is another process that took over the pid.
+        if (parent == processes.end() || parent->second.startTime > child->second.startTime) {
+            return false;
+        }
+        if (parent->first == ancestor) {
+            return true;
+        }
+        child = parent->first == pid ? processes.end() : parent;
+    }
+    return false;
+}
+
+bool IsOfFamily(const std::map<pid_t, ProcStat>& processes, pid_t pid, const IdleFamily& family,
+                bool isThere) {
+    if (isThere) {
+        return pid != family.pid && Descends(processes, pid, family.pid);
+    }
+    const ProcStat& stat = processes.at(pid);
+    return (family.session > 0 && stat.session == family.session) ||
+           (family.processGroup > 0 && stat.processGroup == family.processGroup);
+}
+
+int RestoreMember(pid_t pid, int64_t startTime, const ThreadPolicy& policy, bool& isChanged) {
+    const UniqueFd pidfd = OpenProcess(pid, startTime);
+    if (!pidfd) {
+        return errno == ESRCH || errno == EINVAL ? 0 : errno;
+    }
+    int firstError = 0;
+    const std::vector<ThreadPolicy> threads = ReadThreadPolicies(pid);
+    for (const ThreadPolicy& thread : threads) {
+        // What was read was this process's, and its threads are told from later ones by their start times.
+        if (!thread.IsIdle() || HasExited(pidfd.Get())) {
+            continue;
+        }
+        const int error = SetPolicy(pid, ForThread(policy, thread));
+        isChanged = isChanged || error == 0;
+        firstError = firstError != 0 || error == ESRCH ? firstError : error;
+    }
+    return firstError;
 }
 
 }  // namespace
@@ -90,22 +163,61 @@ int RestorePolicies(pid_t pid, const std::vector<ThreadPolicy>& saved) {
     int firstError = 0;
     bool isStable = false;
     for (int round = 0; round < kMostRounds && !isStable; ++round) {
-        isStable = true;
-        for (const ThreadPolicy& thread : ReadThreadPolicies(pid)) {
+        const std::vector<ThreadPolicy> threads = ReadThreadPolicies(pid);
+        isStable = !threads.empty();
+        for (const ThreadPolicy& thread : threads) {
             const auto own = std::ranges::find_if(
                 saved, [&](const ThreadPolicy& other) { return other.IsSameThread(thread); });
-            ThreadPolicy wanted = own == saved.end() ? ofNewThreads : *own;
-            wanted.tid = thread.tid;
-            wanted.startTime = thread.startTime;
+            const ThreadPolicy& wanted = own == saved.end() ? ofNewThreads : *own;
             if (!thread.IsIdle() || wanted.IsIdle()) {
                 continue;
             }
-            const int error = SetPolicy(pid, wanted);
+            const int error = SetPolicy(pid, ForThread(wanted, thread));
             firstError = firstError != 0 || error == ESRCH ? firstError : error;
             isStable = isStable && error != 0;
         }
     }
-    return firstError;
+    return firstError == 0 && !isStable ? EAGAIN : firstError;
+}
+
+int BeginIdleFamily(pid_t pid, IdleFamily& family) {
+    ProcStat stat;
+    timespec now{};
+    if (const int error = ReadProcStat(pid, stat); error != 0) {
+        return error;
+    }
+    if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) {
+        return errno;
+    }
+    constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
+    const int64_t ticksPerSecond = sysconf(_SC_CLK_TCK);
+    const int64_t ticks = now.tv_sec * ticksPerSecond + now.tv_nsec * ticksPerSecond / kNanosecondsPerSecond;
+    family = {.pid = pid, .session = stat.session, .processGroup = stat.processGroup, .since = ticks};
+    return 0;
+}
+
+int RestoreFamily(const IdleFamily& family, bool isThere, const ThreadPolicy& policy,
+                  const ProcessKeys& except) {
+    int firstError = 0;
+    bool isStable = policy.IsIdle();
+    for (int round = 0; round < kMostRounds && !isStable; ++round) {
+        std::map<pid_t, ProcStat> processes;
+        if (const int error = ReadProcesses(processes); error != 0) {
+            return error;
+        }
+        isStable = true;
+        for (const auto& [pid, stat] : processes) {
+            if (stat.startTime < family.since || stat.IsKernelThread() || pid == getpid() ||
+                except.contains({pid, stat.startTime}) || !IsOfFamily(processes, pid, family, isThere)) {
+                continue;
+            }
+            bool isChanged = false;
+            const int error = RestoreMember(pid, stat.startTime, policy, isChanged);
+            firstError = firstError != 0 ? firstError : error;
+            isStable = isStable && !isChanged;
+        }
+    }
+    return firstError == 0 && !isStable ? EAGAIN : firstError;
 }
 
 }  // namespace KITE::Linux

@@ -55,7 +55,10 @@ json ToJson(const Suppression& suppression) {
     for (const ThreadPolicy& thread : suppression.threads) {
         threads.push_back(ToJson(thread));
     }
-    json document{{"threads", std::move(threads)}};
+    json document{{"threads", std::move(threads)},
+                  {"session", suppression.family.session},
+                  {"process_group", suppression.family.processGroup},
+                  {"since", suppression.family.since}};
     if (suppression.idleGroup) {
         document["idle_group"] = ToJson(*suppression.idleGroup);
     }
@@ -155,7 +158,10 @@ bool TakeChangedGroup(const json& object, const char* key, std::optional<Changed
 bool ParseSuppression(const json& document, Suppression& suppression) {
     const json* threads = Member(document, "threads");
     if (threads == nullptr || !threads->is_array() ||
-        !TakeChangedGroup(document, "idle_group", suppression.idleGroup)) {
+        !TakeChangedGroup(document, "idle_group", suppression.idleGroup) ||
+        !Take(document, "session", suppression.family.session) ||
+        !Take(document, "process_group", suppression.family.processGroup) ||
+        !Take(document, "since", suppression.family.since)) {
         return false;
     }
     return std::ranges::all_of(
@@ -187,17 +193,6 @@ bool ParseWhole(const json& document, TreatmentRecord& record) {
            ParsePlacements(document, record.placements) &&
            TakeIfThere(document, "suppression", record.suppression, ParseSuppression) &&
            TakeIfThere(document, "freeze", record.freeze, ParseFreeze);
-}
-
-bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups) {
-    const bool placementsFit = std::ranges::all_of(record.placements, [&](const Placement& placement) {
-        return cgroups.IsBelowRoot(placement.group) && placement.group == record.GroupBelow(placement.home);
-    });
-    const auto isBelow = [&](const std::optional<ChangedGroup>& changed) {
-        return !changed || cgroups.IsBelowRoot(changed->group);
-    };
-    return placementsFit && (!record.suppression || isBelow(record.suppression->idleGroup)) &&
-           (!record.freeze || isBelow(record.freeze->frozenGroup));
 }
 
 // The directory, made when it is not there. Not open, with errno set, when it is not what it must be: EACCES
@@ -242,35 +237,43 @@ int WriteWhole(int directory, const char* name, const std::string& text) {
     return 0;
 }
 
-std::optional<std::string> ReadWhole(int directory, const char* name) {
+// 0 or an error number; EBADMSG for what no record can be in.
+int ReadWhole(int directory, const char* name, std::string& text) {
     const UniqueFd file(openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
-    if (!file || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_size > kLargestRecord) {
-        return std::nullopt;
+    if (!file || fstat(file.Get(), &status) != 0) {
+        const bool isOfOtherKind = errno == ELOOP || errno == ENXIO;
+        return isOfOtherKind ? EBADMSG : errno;
     }
-    std::string text(static_cast<size_t>(status.st_size), '\0');
+    if (!S_ISREG(status.st_mode) || status.st_size > kLargestRecord) {
+        return EBADMSG;
+    }
+    text.resize(static_cast<size_t>(status.st_size));
     const ssize_t count = pread(file.Get(), text.data(), text.size(), 0);
-    return count == status.st_size ? std::optional(std::move(text)) : std::nullopt;
+    return count == status.st_size ? 0 : (count < 0 ? errno : EIO);
 }
 
 struct DirectoryCloser {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 
-std::vector<std::string> NamesIn(int directory) {
-    std::vector<std::string> names;
+int ReadNames(int directory, std::vector<std::string>& names) {
     const int own = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const std::unique_ptr<DIR, DirectoryCloser> list(own >= 0 ? fdopendir(own) : nullptr);
     if (!list) {
+        const int error = errno;
         const UniqueFd unused(own);
-        return names;
+        return error;
     }
+    errno = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this function's own.
     while (const dirent* entry = readdir(list.get())) {
         names.emplace_back(entry->d_name);
+        errno = 0;
     }
+    const int error = errno;
     std::erase_if(names, [](const std::string& name) { return name.starts_with('.'); });
-    return names;
+    return error;
 }
 
 std::string FileNameOf(const TreatmentRecord& record) {
@@ -287,8 +290,13 @@ std::string CurrentBootId() {
 }
 
 bool TreatmentRecord::IsInOtherHands() const {
-    const auto host = ReadProcStat(hostPid);
-    return hostPid != getpid() && bootId == CurrentBootId() && host && host->startTime == hostStartTime;
+    if (hostPid == getpid() || bootId != CurrentBootId()) {
+        return false;
+    }
+    ProcStat host;
+    const int error = ReadProcStat(hostPid, host);
+    const bool isTheHost = error == 0 && !host.HasEnded() && host.startTime == hostStartTime;
+    return isTheHost || (error != 0 && error != ESRCH);
 }
 
 std::string WriteRecord(const TreatmentRecord& record) {
@@ -309,11 +317,27 @@ std::string WriteRecord(const TreatmentRecord& record) {
     return document.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
-std::optional<TreatmentRecord> ParseRecord(const std::string& text, const Cgroups& cgroups) {
+std::optional<TreatmentRecord> ParseRecord(const std::string& text) {
     const json document = json::parse(text, nullptr, false);
     TreatmentRecord record;
-    const bool isWhole = ParseWhole(document, record) && GroupsArePlausible(record, cgroups);
-    return isWhole ? std::optional(std::move(record)) : std::nullopt;
+    if (!ParseWhole(document, record)) {
+        return std::nullopt;
+    }
+    if (record.suppression) {
+        record.suppression->family.pid = record.pid;
+    }
+    return record;
+}
+
+bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups) {
+    const bool placementsFit = std::ranges::all_of(record.placements, [&](const Placement& placement) {
+        return cgroups.IsBelowRoot(placement.group) && placement.group == record.GroupBelow(placement.home);
+    });
+    const auto isBelow = [&](const std::optional<ChangedGroup>& changed) {
+        return !changed || cgroups.IsBelowRoot(changed->group);
+    };
+    return placementsFit && (!record.suppression || isBelow(record.suppression->idleGroup)) &&
+           (!record.freeze || isBelow(record.freeze->frozenGroup));
 }
 
 int TreatmentRecords::Write(const TreatmentRecord& record) const {
@@ -329,12 +353,17 @@ int TreatmentRecords::Write(const TreatmentRecord& record) const {
 }
 
 int TreatmentRecords::Remove(const TreatmentRecord& record) const {
-    return RemoveFile(FileNameOf(record));
+    const UniqueFd directory = OpenDirectory(stateDirectory_);
+    const std::string name = FileNameOf(record);
+    return directory && (unlinkat(directory.Get(), name.c_str(), 0) == 0 || errno == ENOENT) ? 0 : errno;
 }
 
-int TreatmentRecords::RemoveFile(const std::string& name) const {
+int TreatmentRecords::SetAside(const std::string& name) const {
     const UniqueFd directory = OpenDirectory(stateDirectory_);
-    return directory && (unlinkat(directory.Get(), name.c_str(), 0) == 0 || errno == ENOENT) ? 0 : errno;
+    const std::string aside = "." + name + ".bad";
+    const bool isDone =
+        directory && renameat(directory.Get(), name.c_str(), directory.Get(), aside.c_str()) == 0;
+    return isDone ? 0 : errno;
 }
 
 TreatmentRecords::Left TreatmentRecords::ReadAll(const Cgroups& cgroups) const {
@@ -348,13 +377,21 @@ TreatmentRecords::Left TreatmentRecords::ReadAll(const Cgroups& cgroups) const {
         left.error = IsOfAnotherUser(path) ? 0 : errno;
         return left;
     }
-    for (const std::string& name : NamesIn(directory.Get())) {
-        const std::optional<std::string> text = ReadWhole(directory.Get(), name.c_str());
-        std::optional<TreatmentRecord> record = text ? ParseRecord(*text, cgroups) : std::nullopt;
-        if (record && FileNameOf(*record) == name) {
-            left.records.push_back(std::move(*record));
+    std::vector<std::string> names;
+    left.error = ReadNames(directory.Get(), names);
+    const std::string bootId = CurrentBootId();
+    for (const std::string& name : names) {
+        std::string text;
+        const int error = ReadWhole(directory.Get(), name.c_str(), text);
+        std::optional<TreatmentRecord> record = error == 0 ? ParseRecord(text) : std::nullopt;
+        if (error != 0 && error != EBADMSG) {
+            left.unclear.emplace_back(name, error);
+        } else if (!record || FileNameOf(*record) != name) {
+            left.malformed.push_back(name);
+        } else if (record->bootId == bootId && !GroupsArePlausible(*record, cgroups)) {
+            left.unclear.emplace_back(name, ENODEV);
         } else {
-            left.unreadable.push_back(name);
+            left.records.push_back(std::move(*record));
         }
     }
     return left;

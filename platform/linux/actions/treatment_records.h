@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "actions/cgroup.h"
@@ -28,6 +29,7 @@ struct ChangedGroup {
 struct Suppression {
     std::optional<ChangedGroup> idleGroup;  // else the threads were made idle
     std::vector<ThreadPolicy> threads;
+    IdleFamily family;  // of the latter form: the children are idle too
 };
 
 struct Freeze {
@@ -48,7 +50,8 @@ struct TreatmentRecord {
     std::optional<Freeze> freeze;
 
     bool IsEmpty() const { return placements.empty() && !suppression && !freeze; }
-    // True while another host, which lives, treats the process: nothing is left then.
+    // True while another host, which lives, treats the process: nothing is left then. Also true when it
+    // cannot be known whether that host lives.
     bool IsInOtherHands() const;
     // Of its record's file and of the groups made for it.
     std::string Key() const { return std::to_string(pid) + "-" + std::to_string(startTime); }
@@ -58,9 +61,11 @@ struct TreatmentRecord {
 std::string CurrentBootId();
 
 // The record as a JSON document, and back. A document comes from a file that others may have damaged: absent
-// unless all of it is well formed and each group lies where a treatment could have changed it.
+// unless all of it is well formed.
 std::string WriteRecord(const TreatmentRecord& record);
-std::optional<TreatmentRecord> ParseRecord(const std::string& text, const Cgroups& cgroups);
+std::optional<TreatmentRecord> ParseRecord(const std::string& text);
+// Whether each group of the record lies where a treatment could have changed it.
+bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups);
 
 // The records in <state>/treated, one file each. Operations return 0 or an error number. One process at a
 // time may use the directory.
@@ -73,11 +78,15 @@ class TreatmentRecords {
 
     struct Left {
         std::vector<TreatmentRecord> records;
-        std::vector<std::string> unreadable;  // names of files that hold no record
+        std::vector<std::string> malformed;  // names of files that hold no record
+        // Names of files that may hold one: it cannot be read now, or its groups are not those of this
+        // machine's mounts (ENODEV).
+        std::vector<std::pair<std::string, int>> unclear;
         int error = 0;  // the directory's; 0 when there is none, or when it is another user's
     };
     Left ReadAll(const Cgroups& cgroups) const;
-    int RemoveFile(const std::string& name) const;
+    // Renames a file so that it counts as a record no more, and can still be looked at.
+    int SetAside(const std::string& name) const;
 
   private:
     const std::string stateDirectory_;

@@ -62,6 +62,29 @@ bool IsKnown(const std::vector<ThreadPolicy>& known, const ThreadPolicy& thread)
     return std::ranges::any_of(known, [&](const ThreadPolicy& other) { return other.IsSameThread(thread); });
 }
 
+bool IsThere(int pidfd) {
+    return pidfd >= 0 && !HasExited(pidfd);
+}
+
+int RestoreThreads(const Suppression& suppression, int pidfd, const ProcessKeys& otherwiseIdle) {
+    const pid_t pid = suppression.family.pid;
+    if (suppression.threads.empty()) {
+        return 0;
+    }
+    int error = IsThere(pidfd) ? RestorePolicies(pid, suppression.threads) : 0;
+    const auto main = std::ranges::find(suppression.threads, pid, &ThreadPolicy::tid);
+    if (main == suppression.threads.end()) {
+        return IsThere(pidfd) ? error : 0;
+    }
+    int familyError = RestoreFamily(suppression.family, IsThere(pidfd), *main, otherwiseIdle);
+    if (!IsThere(pidfd)) {
+        // Also when it ended during the above, which left its children to others.
+        error = 0;
+        familyError = RestoreFamily(suppression.family, false, *main, otherwiseIdle);
+    }
+    return FirstError(error, familyError);
+}
+
 // Lifts a suppression while this object lives. A process must run for a moment to be frozen, and a suppressed
 // one on a busy machine would not get that moment within the limit.
 class SuppressionPause {
@@ -140,7 +163,8 @@ int TreatmentSteps::EnableCpuFor(const Group& group) const {
     return error;
 }
 
-int TreatmentSteps::Enter(const Spot& spot, const TreatmentRecord& record, std::string_view file) const {
+int TreatmentSteps::Enter(const Spot& spot, const TreatmentRecord& record, int pidfd,
+                          std::string_view file) const {
     int error = spot.isNew ? CreateGroup(spot.group) : 0;
     if (error == 0 && file == kIdleFile) {
         error = EnableCpuFor(spot.group);
@@ -148,7 +172,9 @@ int TreatmentSteps::Enter(const Spot& spot, const TreatmentRecord& record, std::
     if (error == 0) {
         error = WriteGroupFile(spot.group, file, "1");
     }
-    return error == 0 && spot.isNew ? MoveProcess(record.pid, spot.group) : error;
+    error = error == 0 && spot.isNew ? MoveProcess(record.pid, spot.group) : error;
+    // Moved by its number, which means no other process as long as this one is there.
+    return HasExited(pidfd) ? ESRCH : error;
 }
 
 int TreatmentSteps::Save(const TreatmentRecord& record) const {
@@ -160,7 +186,15 @@ int TreatmentSteps::Save(const TreatmentRecord& record) const {
     return error;
 }
 
-Step TreatmentSteps::SuppressInGroup(TreatmentRecord& record, Hierarchy hierarchy) const {
+void TreatmentSteps::TidyIfEmpty(TreatmentRecord& record) const {
+    const int error = record.IsEmpty() ? Tidy(record) : 0;
+    if (error != 0) {
+        PLATFORM_LOGE("the empty record of pid %{public}d cannot be removed: %{public}s", record.pid,
+                      ErrorText(error).c_str());
+    }
+}
+
+Step TreatmentSteps::SuppressInGroup(TreatmentRecord& record, int pidfd, Hierarchy hierarchy) const {
     const Spot spot = FindSpot(record, hierarchy);
     if (spot.error != 0) {
         return {spot.error, {}};
@@ -172,53 +206,67 @@ Step TreatmentSteps::SuppressInGroup(TreatmentRecord& record, Hierarchy hierarch
         changed.previous = ReadGroupFile(spot.group, kIdleFile).value_or("0");
         changed.previousWeight = ReadGroupFile(spot.group, WeightFile(hierarchy)).value_or("");
     }
-    record.suppression = Suppression{changed, {}};
+    record.suppression = Suppression{changed, {}, {}};
     int error = records_.Write(record);
-    error = error != 0 ? error : Enter(spot, record, kIdleFile);
+    error = error != 0 ? error : Enter(spot, record, pidfd, kIdleFile);
     if (error != 0) {
         static_cast<void>(EndSuppression(record, -1));
     }
     return {error, FormOf(kIdleFile, spot.group)};
 }
 
-Step TreatmentSteps::SuppressThreads(TreatmentRecord& record) const {
+Step TreatmentSteps::SuppressThreads(TreatmentRecord& record, int pidfd) const {
     constexpr int kMostRounds = 50;
     constexpr const char* kForm = "SCHED_IDLE on every thread (weaker: does not reach across login sessions)";
     Suppression& suppression = record.suppression.emplace();
-    int error = 0;
+    int error = BeginIdleFamily(record.pid, suppression.family);
     for (int round = 0; round < kMostRounds && error == 0; ++round) {
         // Threads that idle ones give birth to are idle; those of the first look were so before.
         std::vector<ThreadPolicy> found = ReadThreadPolicies(record.pid);
+        const bool isListed = !found.empty();
         std::erase_if(found, [&](const ThreadPolicy& thread) {
             return IsKnown(suppression.threads, thread) || (round > 0 && thread.IsIdle());
         });
+        // The number has meant this process up to here if the process is there now.
+        if (HasExited(pidfd) || !isListed) {
+            return {HasExited(pidfd) ? ESRCH : EAGAIN, kForm};
+        }
         if (found.empty()) {
-            return round > 0 ? Step{0, kForm} : Step{ESRCH, kForm};
+            return {0, kForm};
+        }
+        if (round == 0 && !found.front().IsIdle()) {
+            madeIdle_.emplace(record.pid, record.startTime);
         }
         suppression.threads.insert(suppression.threads.end(), found.begin(), found.end());
         error = records_.Write(record);
         for (const ThreadPolicy& thread : found) {
             const int result = error == 0 ? SetIdlePolicy(record.pid, thread) : error;
-            error = result == ESRCH ? error : result;
+            error = result == ESRCH ? error : FirstError(error, result);
         }
     }
-    return {error, kForm};
+    return {FirstError(error, EAGAIN), kForm};
 }
 
 Step TreatmentSteps::Suppress(TreatmentRecord& record, int pidfd) const {
     if (const int error = Save(record); error != 0) {
         return {error, {}};
     }
+    Step step = SuppressInAnyForm(record, pidfd);
+    TidyIfEmpty(record);
+    return step;
+}
+
+Step TreatmentSteps::SuppressInAnyForm(TreatmentRecord& record, int pidfd) const {
     std::string refusals;
     for (const Hierarchy hierarchy : {Hierarchy::kUnified, Hierarchy::kCpuV1}) {
-        Step step = SuppressInGroup(record, hierarchy);
+        Step step = SuppressInGroup(record, pidfd, hierarchy);
         if (step.error == 0 || record.suppression || HasExited(pidfd)) {
             return step;
         }
         refusals += (hierarchy == Hierarchy::kUnified ? "v2: " : ", v1: ") + ErrorText(step.error);
     }
     PLATFORM_LOGI("no cpu.idle group for pid %{public}d (%{public}s)", record.pid, refusals.c_str());
-    Step step = SuppressThreads(record);
+    Step step = SuppressThreads(record, pidfd);
     if (step.error != 0) {
         static_cast<void>(EndSuppression(record, pidfd));
     }
@@ -234,9 +282,8 @@ Step TreatmentSteps::EndSuppression(TreatmentRecord& record, int pidfd) const {
     if (suppression.idleGroup) {
         step = {RestoreIdle(*suppression.idleGroup), FormOf(kIdleFile, suppression.idleGroup->group)};
     } else {
-        const bool isThere = pidfd >= 0 && !HasExited(pidfd);
-        step = {isThere ? RestorePolicies(record.pid, suppression.threads) : 0,
-                "saved policy of every thread"};
+        madeIdle_.erase({record.pid, record.startTime});
+        step = {RestoreThreads(suppression, pidfd, madeIdle_), "saved policy of every thread"};
     }
     if (step.error == 0) {
         record.suppression.reset();
@@ -260,7 +307,7 @@ Step TreatmentSteps::FreezeInGroup(TreatmentRecord& record, int pidfd) const {
     int error = records_.Write(record);
     if (error == 0) {
         const SuppressionPause pause(record);
-        error = Enter(spot, record, kFreezeFile);
+        error = Enter(spot, record, pidfd, kFreezeFile);
         error = error != 0 ? error : AwaitFrozen(spot.group, pidfd, kFreezerLimit);
     }
     if (error != 0) {
@@ -290,6 +337,12 @@ Step TreatmentSteps::Freeze(TreatmentRecord& record, int pidfd) const {
     if (const int error = Save(record); error != 0) {
         return {error, {}};
     }
+    Step step = FreezeInAnyForm(record, pidfd);
+    TidyIfEmpty(record);
+    return step;
+}
+
+Step TreatmentSteps::FreezeInAnyForm(TreatmentRecord& record, int pidfd) const {
     Step step = FreezeInGroup(record, pidfd);
     const bool isFinal = step.error == 0 || step.error == ESRCH || step.error == ETIMEDOUT;
     if (isFinal || record.freeze || HasExited(pidfd)) {

@@ -32,7 +32,8 @@ class TreatmentSteps {
 
     // The process runs only when nothing else wants the processor: by cpu.idle of its group, or else by
     // SCHED_IDLE on every thread, which is weaker: it does not reach across login sessions where the kernel
-    // groups tasks by session.
+    // groups tasks by session. Children born meanwhile get the main thread's policy at the end, as far as
+    // they can be told (see IdleFamily); one that is suppressed itself meanwhile is let off early by that.
     Step Suppress(TreatmentRecord& record, int pidfd) const;
     Step EndSuppression(TreatmentRecord& record, int pidfd) const;
 
@@ -60,18 +61,24 @@ class TreatmentSteps {
     Spot FindSpot(const TreatmentRecord& record, Hierarchy hierarchy) const;
     int Save(const TreatmentRecord& record) const;
     // Switches the file's value on and has the process there.
-    int Enter(const Spot& spot, const TreatmentRecord& record, std::string_view file) const;
+    int Enter(const Spot& spot, const TreatmentRecord& record, int pidfd, std::string_view file) const;
     int EnableCpuFor(const Group& group) const;
-    Step SuppressInGroup(TreatmentRecord& record, Hierarchy hierarchy) const;
-    Step SuppressThreads(TreatmentRecord& record) const;
+    Step SuppressInAnyForm(TreatmentRecord& record, int pidfd) const;
+    Step SuppressInGroup(TreatmentRecord& record, int pidfd, Hierarchy hierarchy) const;
+    Step SuppressThreads(TreatmentRecord& record, int pidfd) const;
+    Step FreezeInAnyForm(TreatmentRecord& record, int pidfd) const;
     Step FreezeInGroup(TreatmentRecord& record, int pidfd) const;
     Step StopBySignal(TreatmentRecord& record, int pidfd) const;
+    // The file of a record in which a failed step left nothing.
+    void TidyIfEmpty(TreatmentRecord& record) const;
     int RemoveUnusedGroups(TreatmentRecord& record) const;
 
     const Cgroups cgroups_;
     const TreatmentRecords records_;
     const std::string bootId_;
     const int64_t hostStartTime_;
+    // Idle by a suppression of their own, and not for being born to an idle process.
+    mutable ProcessKeys madeIdle_;
 };
 
 }  // namespace KITE::Linux

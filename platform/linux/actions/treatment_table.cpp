@@ -110,7 +110,9 @@ TreatmentTable::Treated& TreatmentTable::EntryOf(const ProcessHandlePtr& handle)
 
 TreatmentTable::TreatedMap::iterator TreatmentTable::FindTreated(pid_t pid, const std::string& name) {
     return std::ranges::find_if(treated_, [&](const TreatedMap::value_type& entry) {
-        return entry.first.first == pid && entry.second.record.processName == name;
+        const Treated& treated = entry.second;
+        return entry.first.first == pid && treated.names.contains(name) &&
+               !HasExited(treated.handle->Pidfd());
     });
 }
 
@@ -167,7 +169,10 @@ TreatmentTable::Result TreatmentTable::BeginSuppression(pid_t pid, const std::st
     if (!treated.record.suppression) {
         step = steps_.Suppress(treated.record, admission.handle->Pidfd());
     }
-    treated.suppressions += step.error == 0 ? 1 : 0;
+    if (step.error == 0) {
+        ++treated.suppressions;
+        treated.names.insert(name);
+    }
     Conclude(treated_.find({pid, admission.handle->StartTime()}), treated.record.IsEmpty() ? 0 : step.error);
     return {kSuppress, pid, name, step, {}};
 }
@@ -220,6 +225,7 @@ TreatmentTable::Result TreatmentTable::BeginFreeze(pid_t pid, const std::string&
         treated.thawAt =
             isEndless ? std::nullopt : std::optional(std::max(*end, treated.thawAt.value_or(*end)));
         treated.isFrozen = true;
+        treated.names.insert(name);
     }
     Conclude(treated_.find({pid, admission.handle->StartTime()}), treated.record.IsEmpty() ? 0 : step.error);
     return {kFreeze, pid, name, step, {}};
@@ -388,8 +394,11 @@ void TreatmentTable::ReleaseAll() {
 }
 
 int TreatmentTable::ReleaseOne(TreatmentRecord& record) {
-    const bool isOfThisBoot = record.bootId == CurrentBootId();
-    if (!isOfThisBoot) {
+    const std::string bootId = CurrentBootId();
+    if (bootId.empty()) {
+        return EIO;
+    }
+    if (record.bootId != bootId) {
         return steps_.Records().Remove(record);
     }
     const UniqueFd pidfd = OpenProcess(record.pid, record.startTime);
@@ -404,19 +413,35 @@ int TreatmentTable::ReleaseOne(TreatmentRecord& record) {
     return error;
 }
 
-bool TreatmentTable::ReleaseLeft() {
-    const std::lock_guard lock(mutex_);
+bool TreatmentTable::ReadLeft(std::vector<TreatmentRecord>& records) {
     TreatmentRecords::Left left = steps_.Records().ReadAll(steps_.Groups());
     if (left.error != 0) {
         PLATFORM_LOGE("records of treatments cannot be read: %{public}s", ErrorText(left.error).c_str());
     }
-    for (const std::string& name : left.unreadable) {
-        PLATFORM_LOGE("%{public}s is no record of a treatment, it is removed", Printable(name).c_str());
-        static_cast<void>(steps_.Records().RemoveFile(name));
+    for (const auto& [name, error] : left.unclear) {
+        PLATFORM_LOGE("what %{public}s tells of a treatment cannot be undone: %{public}s; it stays",
+                      Printable(name).c_str(), ErrorText(error).c_str());
     }
-    std::vector<TreatmentRecord>& records = left.records;
+    for (const std::string& name : left.malformed) {
+        const int error = steps_.Records().SetAside(name);
+        PLATFORM_LOGE("%{public}s is no record of a treatment, it is set aside: %{public}s",
+                      Printable(name).c_str(), ErrorText(error).c_str());
+    }
+    records = std::move(left.records);
+    return left.error == 0 && left.unclear.empty() && left.malformed.empty();
+}
+
+bool TreatmentTable::ReleaseLeft() {
+    const std::lock_guard lock(mutex_);
+    std::vector<TreatmentRecord> records;
+    const bool areAllClear = ReadLeft(records);
     std::erase_if(records, [this](const TreatmentRecord& record) {
-        return treated_.contains({record.pid, record.startTime}) || record.IsInOtherHands();
+        const bool isInOtherHands = record.IsInOtherHands();
+        if (isInOtherHands) {
+            PLATFORM_LOGI("pid %{public}d (%{public}s) stays treated: the host of pid %{public}d holds it",
+                          record.pid, Printable(record.processName).c_str(), record.hostPid);
+        }
+        return isInOtherHands || treated_.contains({record.pid, record.startTime});
     });
     for (size_t before = records.size() + 1; !records.empty() && records.size() < before;) {
         before = records.size();
@@ -428,7 +453,7 @@ bool TreatmentTable::ReleaseLeft() {
         PLATFORM_LOGE("pid %{public}d (%{public}s) was left treated and could not be released", record.pid,
                       Printable(record.processName).c_str());
     }
-    return left.error == 0 && left.unreadable.empty() && records.empty();
+    return areAllClear && records.empty();
 }
 
 }  // namespace KITE::Linux

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -61,6 +62,7 @@ class TreatmentTable {
     struct Treated {
         ProcessHandlePtr handle;
         TreatmentRecord record;
+        std::set<std::string> names;  // under which it was treated; it may have executed other programs
         int suppressions = 0;
         bool isFrozen = false;
         std::optional<Clock::time_point> thawAt;   // of a freeze that ends by itself
@@ -97,6 +99,7 @@ class TreatmentTable {
     Result BeginSuppression(pid_t pid, const std::string& name);
     Result BeginFreeze(pid_t pid, const std::string& name, std::optional<std::chrono::milliseconds> time);
     Treated& EntryOf(const ProcessHandlePtr& handle);
+    // The living process of that pid, if it was treated under that name.
     TreatedMap::iterator FindTreated(pid_t pid, const std::string& name);
     int Undo(Treated& treated, bool all) const;
     void Conclude(TreatedMap::iterator entry, int error);
@@ -107,6 +110,8 @@ class TreatmentTable {
     void CheckKills(Clock::time_point now);
     void UndoEnded(pid_t pid);
     int ReleaseOne(TreatmentRecord& record);
+    // What ReleaseLeft can do something about. False, with a line for each file, when there are others.
+    bool ReadLeft(std::vector<TreatmentRecord>& records);
 
     void OnExited(pid_t pid);
     void OnTimeUp();

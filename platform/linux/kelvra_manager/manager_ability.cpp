@@ -28,16 +28,12 @@ class ManagerAbility : public SystemAbility {
     std::shared_ptr<Sampler> sampler_;
 };
 
-// Three descriptors stay open for each watched process, and the usual soft limit of 1024 is meant for
-// programs that use select(), which nothing here does.
-size_t RaiseDescriptorLimit() {
+// As many processes as there are descriptors for; the host has raised the limit as far as it goes.
+size_t MostWatched() {
     constexpr rlim_t kForEverythingElse = 128;
     constexpr rlim_t kPerProcess = WatchedProcess::kDescriptors;
-    constexpr rlim_t kWanted = kForEverythingElse + kPerProcess * ProcessTable::kMostWatched;
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = std::max(limit.rlim_cur, std::min(limit.rlim_max, kWanted));
-    setrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t left = std::max(limit.rlim_cur, kForEverythingElse) - kForEverythingElse;
     return std::clamp<size_t>(left / kPerProcess, 1, ProcessTable::kMostWatched);
 }
@@ -45,7 +41,7 @@ size_t RaiseDescriptorLimit() {
 void ManagerAbility::OnStart() {
     const std::chrono::milliseconds period(GetIntParameter("kelvra.sample_period_ms", 1000, 100, 60'000));
     const auto reporter = std::make_shared<Reporter>();
-    sampler_ = std::make_shared<Sampler>(period, RaiseDescriptorLimit(), reporter);
+    sampler_ = std::make_shared<Sampler>(period, MostWatched(), reporter);
     sampler_->Start();
     if (!Publish(MakeSptr<ManagerStub>(sampler_, reporter))) {
         PLATFORM_LOGE("the Kelvra manager cannot be published");

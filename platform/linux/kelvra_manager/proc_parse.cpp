@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "kelvra_manager/proc_files.h"
+
 namespace KITE::Linux::Sampling {
 
 namespace {
@@ -35,6 +37,9 @@ std::optional<int64_t> NumberOfField(std::string_view text, int index) {
 
 std::string_view ProcessNameOf(std::string_view cmdline) {
     const std::string_view program = cmdline.substr(0, cmdline.find('\0'));
+    if (program.size() >= kProcBufferSize) {
+        return {};
+    }
     return program.substr(program.rfind('/') + 1);
 }
 

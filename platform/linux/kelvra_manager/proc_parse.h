@@ -9,7 +9,8 @@
 // number that is cut off at the end included, is absent.
 namespace KITE::Linux::Sampling {
 
-// The last path component of the first argument, whole. Empty for kernel threads and zombies.
+// The last path component of the first argument, whole. Empty for kernel threads and zombies, and when a read
+// of kProcBufferSize bytes may have cut the argument off.
 std::string_view ProcessNameOf(std::string_view cmdline);
 
 // The name that the quota service sees when it verifies a process that was reported to it: what follows the

@@ -1,20 +1,26 @@
 #include "kelvra_manager/process_table.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <iterator>
+#include <utility>
 
 #include "kelvra_manager/proc_parse.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
 
-bool IsLookDue(uint32_t age, pid_t pid) {
-    constexpr uint32_t kLongestPause = 16;
-    if (age <= kLongestPause) {
-        return (age & (age - 1)) == 0;
-    }
-    return (age + static_cast<uint32_t>(pid)) % kLongestPause == 0;
+uint32_t LookPause(size_t unwatched) {
+    constexpr size_t kLooksPerSample = 512;
+    constexpr size_t kLongestPause = 16;
+    const size_t pause = (unwatched + kLooksPerSample - 1) / kLooksPerSample;
+    return static_cast<uint32_t>(std::clamp<size_t>(pause, 1, kLongestPause));
+}
+
+bool IsLookDue(uint32_t age, pid_t pid, uint32_t pause) {
+    const bool isPowerOfTwo = (age & (age - 1)) == 0;
+    return isPowerOfTwo || (age + static_cast<uint32_t>(pid)) % pause == 0;
 }
 
 void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
@@ -23,7 +29,7 @@ void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
     }
     known_.clear();
     watchedCount_ = 0;
-    warned_ = false;
+    warned_ = {};
     book_ = book;
 }
 
@@ -49,8 +55,9 @@ std::vector<Report> ProcessTable::Sample(TimePoint at,
 
 void ProcessTable::FindProcesses() {
     ++sample_;
+    lookPause_ = LookPause(known_.size() - watchedCount_);
     if (!processes_.ForEach([this](pid_t pid, ino_t inode) { Meet(pid, inode); })) {
-        WarnOnce("/proc cannot be listed: errno", static_cast<size_t>(errno));
+        WarnOnce(warned_.unlisted, "/proc cannot be listed: errno", static_cast<size_t>(errno));
         return;
     }
     for (auto entry = known_.begin(); entry != known_.end();) {
@@ -71,7 +78,7 @@ void ProcessTable::Meet(pid_t pid, ino_t inode) {
         known.age = 0;
     }
     known.seenIn = sample_;
-    if (!known.watched && IsLookDue(known.age, pid)) {
+    if (!known.watched && IsLookDue(known.age, pid, lookPause_)) {
         Look(pid, known);
     }
     ++known.age;
@@ -81,7 +88,7 @@ void ProcessTable::Look(pid_t pid, Known& known) {
     UniqueFd cmdline = OpenProcFile(pid, "cmdline");
     if (!cmdline) {
         if (!MeansGone(errno)) {
-            WarnOnce("a process cannot be looked at: errno", static_cast<size_t>(errno));
+            WarnOnce(warned_.unreadable, "a process cannot be looked at: errno", static_cast<size_t>(errno));
         }
         return;
     }
@@ -92,7 +99,7 @@ void ProcessTable::Look(pid_t pid, Known& known) {
         return;
     }
     if (watchedCount_ >= mostWatched_) {
-        WarnOnce("more processes have quotas than can be watched:", mostWatched_);
+        WarnOnce(warned_.tooMany, "more processes have quotas than can be watched:", mostWatched_);
         return;
     }
     known.watched = WatchedProcess::Open(pid, std::move(cmdline), name, rules);
@@ -104,10 +111,9 @@ void ProcessTable::Forget(Known& known) {
     known.watched.reset();
 }
 
-// One line until the rules change: each of these would come again with every sample.
-void ProcessTable::WarnOnce(const char* problem, size_t number) {
-    if (!warned_) {
-        warned_ = true;
+// One line of a kind until the rules change: each of these would come again with every sample.
+void ProcessTable::WarnOnce(bool& warned, const char* problem, size_t number) {
+    if (!std::exchange(warned, true)) {
         PLATFORM_LOGW("%{public}s %{public}lu", problem, number);
     }
 }

@@ -15,10 +15,16 @@
 
 namespace KITE::Linux::Sampling {
 
+// How many samples apart the looks at the name of an unwatched process are. A process may execute a program
+// that has rules at any time, so each is looked at in every sample while they are at most 512; a look takes
+// about 5 us. With more the looks are spread, over at most 16 samples: from there on they take less time than
+// listing the processes.
+uint32_t LookPause(size_t unwatched);
+
 // Whether a process's name is looked at in the sample of that age, 0 being the one that found it. A fork is
-// often seen before its exec, so the name is read again soon after the first look, and then ever more rarely:
-// every sixteenth time, spread over the samples by pid.
-bool IsLookDue(uint32_t age, pid_t pid);
+// often seen before its exec, so a young process is looked at again soon whatever the pause; the looks of the
+// others are spread over the samples by pid.
+bool IsLookDue(uint32_t age, pid_t pid, uint32_t pause);
 
 // The processes of the machine, as far as the rules care. One thread.
 class ProcessTable {
@@ -44,11 +50,18 @@ class ProcessTable {
         std::unique_ptr<WatchedProcess> watched;
     };
 
+    // Which problems have had their line.
+    struct Warned {
+        bool unlisted = false;
+        bool unreadable = false;
+        bool tooMany = false;
+    };
+
     void FindProcesses();
     void Meet(pid_t pid, ino_t inode);
     void Look(pid_t pid, Known& known);
     void Forget(Known& known);
-    void WarnOnce(const char* problem, size_t number);
+    void WarnOnce(bool& warned, const char* problem, size_t number);
 
     const size_t mostWatched_;
     std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>());
@@ -56,7 +69,8 @@ class ProcessTable {
     std::unordered_map<pid_t, Known> known_;  // after book_, whose rules the watched ones refer to
     size_t watchedCount_ = 0;
     uint64_t sample_ = 0;
-    bool warned_ = false;
+    uint32_t lookPause_ = 1;
+    Warned warned_;
 };
 
 }  // namespace KITE::Linux::Sampling

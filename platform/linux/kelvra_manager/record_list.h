@@ -21,7 +21,7 @@ inline constexpr size_t kFixedBytes<Kelvra::ProcessAnomalyInfo> = 4 * 8 + 4 * 4 
 // Bytes that the list takes, rounded up: what is worth reserving.
 template <typename Record>
 size_t RecordListBytes(const std::vector<Record>& records) {
-    constexpr size_t kMostPadding = 3 * 3;
+    constexpr size_t kMostPadding = size_t{3} * 3;
     size_t bytes = sizeof(uint32_t);
     for (const Record& record : records) {
         bytes += kFixedBytes<Record> + kMostPadding + record.action.size() + record.processName.size() +

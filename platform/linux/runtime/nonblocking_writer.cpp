@@ -97,7 +97,19 @@ ssize_t NonblockingWriter::Write(std::string_view text) {
         return 0;
     }
     const ssize_t written = (this->*method_)(text);
+    if (written > 0 || written == -EAGAIN || written == -EINTR) {
+        return written;
+    }
+    DropStaged();
     return written != 0 ? written : -EIO;
+}
+
+// The pipe is emptied rather than made anew, which could fail for want of descriptors.
+void NonblockingWriter::DropStaged() {
+    char dropped[4096];
+    while (staged_ > 0 && read(stagingOut_.Get(), dropped, sizeof(dropped)) > 0) {
+    }
+    staged_ = 0;
 }
 
 ssize_t NonblockingWriter::Refused(std::string_view /*text*/) {
@@ -119,7 +131,8 @@ ssize_t NonblockingWriter::Splice(std::string_view text) {
         }
         staged_ = static_cast<size_t>(staged);
     }
-    const ssize_t moved = splice(stagingOut_.Get(), nullptr, fd_, nullptr, staged_, SPLICE_F_NONBLOCK);
+    const ssize_t moved =
+        splice(stagingOut_.Get(), nullptr, fd_, nullptr, std::min(staged_, text.size()), SPLICE_F_NONBLOCK);
     if (moved < 0) {
         return -errno;
     }

@@ -31,8 +31,9 @@ class NonblockingWriter {
     NonblockingWriter(int fd, ForeignTerminal foreignTerminal);
 
     // Writes a beginning of the text. Returns how many bytes of it, or the negative error number: -EAGAIN
-    // when nothing can be written now, -EPIPE when nobody will read. What was not written must be the
-    // beginning of the next call's text.
+    // when nothing can be written now, -EPIPE when nobody reads. After -EAGAIN or -EINTR, as after a part,
+    // what was not written must be the beginning of the next call's text; after another error the next text
+    // may be any, for the reader of a named pipe may come back.
     ssize_t Write(std::string_view text);
 
   private:
@@ -41,6 +42,7 @@ class NonblockingWriter {
     Method Choose(ForeignTerminal foreignTerminal);
     Method ChooseForDevice(dev_t device, ForeignTerminal foreignTerminal);
     Method Refuse(int error);
+    void DropStaged();
     ssize_t Refused(std::string_view text);
     ssize_t Send(std::string_view text);
     ssize_t Splice(std::string_view text);

@@ -47,7 +47,7 @@ std::optional<std::string> FindParameter(const std::string& key) {
     if (found == parameters.end()) {
         return std::nullopt;
     }
-    const std::optional<std::string> text = TextOf(*found);
+    std::optional<std::string> text = TextOf(*found);
     if (!text) {
         PLATFORM_LOGE("%{public}s: %{public}s: must be a string, a number, true or false", path.c_str(),
                       key.c_str());

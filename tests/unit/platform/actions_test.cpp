@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,6 +41,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kRoleVariable = "KITE_ACTIONS_TEST_ROLE";
 constexpr const char* kName = "culprit";
+constexpr const char* kNewName = "renamed-culprit";
 constexpr milliseconds kPatience{5000};
 
 [[noreturn]] void Spin() {
@@ -82,17 +84,18 @@ sigset_t MoreSignal() {
     _exit(0);
 }
 
-// Executes another program under the same name at SIGUSR1.
-[[noreturn]] void BeExecuting() {
+// Executes another program at SIGUSR1.
+[[noreturn]] void BeExecuting(const char* newName) {
     const sigset_t now = MoreSignal();
     int signal = 0;
     sigwait(&now, &signal);
-    execl("/bin/sleep", kName, "60", nullptr);
+    execl("/bin/sleep", newName, "60", nullptr);
     _exit(1);
 }
 
 // This program is also the program that is treated: a role takes the place of the tests.
 [[maybe_unused]] const bool kHasNoRole = [] {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread before main.
     const char* role = getenv(kRoleVariable);
     const std::string name = role == nullptr ? "" : role;
     if (name == "spin") {
@@ -100,7 +103,9 @@ sigset_t MoreSignal() {
     } else if (name == "threads") {
         BeThreads();
     } else if (name == "executing") {
-        BeExecuting();
+        BeExecuting(kName);
+    } else if (name == "renaming") {
+        BeExecuting(kNewName);
     } else if (name == "parent") {
         BeParent();
     }
@@ -118,21 +123,24 @@ bool Eventually(const std::function<bool()>& condition) {
     return true;
 }
 
-// A process in a session of its own, on the first processor, that dies with this object.
+// A process, usually in a session of its own, on the first processor, that dies with this object.
 class Program {
   public:
-    explicit Program(const char* role, const char* name = kName) : name_(name) {
+    explicit Program(const char* role, const char* name = kName, bool hasOwnSession = true) : name_(name) {
         const std::string variable = std::string(kRoleVariable) + "=" + role;
         char* const arguments[] = {name_.data(), nullptr};
         char* const environment[] = {const_cast<char*>(variable.c_str()), nullptr};
         pid_ = fork();
         if (pid_ == 0) {
-            setsid();
+            if (hasOwnSession) {
+                setsid();
+            }
             cpu_set_t first;
             CPU_ZERO(&first);
             CPU_SET(0, &first);
             sched_setaffinity(0, sizeof(first), &first);
             const sigset_t more = MoreSignal();
+            // NOLINTNEXTLINE(concurrency-mt-unsafe): the child of a fork has one thread.
             sigprocmask(SIG_BLOCK, &more, nullptr);
             execve("/proc/self/exe", arguments, environment);
             _exit(1);
@@ -143,6 +151,7 @@ class Program {
     Program& operator=(const Program&) = delete;
     ~Program() {
         kill(-pid_, SIGKILL);
+        kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
 
@@ -510,6 +519,107 @@ TEST_F(Actions, AnotherProgramExecutedInTheReportedPidIsNotTouched) {
     EXPECT_NE(culprit.State(), 'Z');
 }
 
+TEST_F(Actions, WhatWasTreatedUnderTwoNamesIsReleasedUnderBoth) {
+    const Program culprit("renaming");
+    const pid_t pid = culprit.Pid();
+    TreatmentTable& table = StartTableFor(culprit);
+    ASSERT_EQ(table.Suppress(pid, kName), 0);
+    kill(pid, SIGUSR1);
+    ASSERT_TRUE(Eventually([&] { return ReadProcessName(pid) == kNewName; }));
+    EXPECT_EQ(table.EndSuppression(pid, kNewName), ESRCH) << "not treated under that name yet";
+    ASSERT_TRUE(table.Remember(pid, culprit.StartTime(), kNewName));
+    ASSERT_EQ(table.Suppress(pid, kNewName), 0);
+    ASSERT_EQ(table.Freeze(pid, kNewName, std::nullopt), 0);
+    EXPECT_EQ(table.Thaw(pid, "stranger"), ESRCH);
+    EXPECT_EQ(table.Thaw(pid, kNewName), 0);
+    EXPECT_EQ(table.EndSuppression(pid, kNewName), 0);
+    EXPECT_TRUE(HasRecords());
+    EXPECT_EQ(table.EndSuppression(pid, kName), 0);
+    EXPECT_FALSE(HasRecords());
+    EXPECT_FALSE(ReadThreadPolicies(pid)[0].IsIdle());
+}
+
+TEST_F(Actions, ChildrenOfAnIdleProcessGetItsPolicyBackAlsoWhenItIsGone) {
+    for (const bool endsFirst : {false, true}) {
+        const Program culprit("parent");
+        const pid_t pid = culprit.Pid();
+        TreatmentTable& table = StartTableFor(culprit);
+        ASSERT_EQ(table.Suppress(pid, kName), 0);
+        kill(pid, SIGUSR1);
+        pid_t child = 0;
+        const auto isChild = [&](pid_t other) {
+            const std::optional<ProcStat> stat = ReadProcStat(other);
+            return stat && stat->parent == pid;
+        };
+        ASSERT_TRUE(Eventually([&] {
+            std::vector<pid_t> pids;
+            EXPECT_EQ(ReadProcessIds(pids), 0);
+            const auto found = std::ranges::find_if(pids, isChild);
+            child = found == pids.end() ? 0 : *found;
+            return child != 0;
+        }));
+        ASSERT_TRUE(ReadThreadPolicies(child)[0].IsIdle());
+        if (endsFirst) {
+            kill(pid, SIGKILL);
+        } else {
+            ASSERT_EQ(table.EndSuppression(pid, kName), 0);
+        }
+        EXPECT_TRUE(Eventually([&] { return !ReadThreadPolicies(child)[0].IsIdle(); }));
+        EXPECT_TRUE(Eventually([&] { return !HasRecords(); }));
+    }
+}
+
+TEST_F(Actions, TheEndOfOneSuppressionLeavesAnotherOfTheSameSession) {
+    const Program first("spin", kName, false);
+    TreatmentTable& table = StartTableFor(first);
+    ASSERT_EQ(table.Suppress(first.Pid(), kName), 0);
+    const Program second("spin", kName, false);
+    ASSERT_TRUE(table.Remember(second.Pid(), second.StartTime(), kName));
+    ASSERT_EQ(table.Suppress(second.Pid(), kName), 0);
+    const auto record = state_ / "treated" /
+                        (std::to_string(first.Pid()) + "-" + std::to_string(first.StartTime()) + ".json");
+    ASSERT_TRUE(std::filesystem::exists(record));
+    kill(first.Pid(), SIGKILL);
+    ASSERT_TRUE(Eventually([&] { return !std::filesystem::exists(record); }));
+    EXPECT_TRUE(ReadThreadPolicies(second.Pid())[0].IsIdle());
+    ASSERT_EQ(table.EndSuppression(second.Pid(), kName), 0);
+    EXPECT_FALSE(ReadThreadPolicies(second.Pid())[0].IsIdle());
+}
+
+TEST_F(Actions, AProcessThatCannotBeReadIsNotTakenForGone) {
+    const Program culprit("spin");
+    const int64_t startTime = culprit.StartTime();
+    const std::vector<ThreadPolicy> policies = ReadThreadPolicies(culprit.Pid());
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const auto unused = static_cast<rlim_t>(UniqueFd(dup(STDERR_FILENO)).Get());
+    const rlimit none{unused, usual.rlim_max};
+    const rlimit one{unused + 1, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int restoreError = RestorePolicies(culprit.Pid(), policies);
+    setrlimit(RLIMIT_NOFILE, &one);
+    const bool isOpen = static_cast<bool>(OpenProcess(culprit.Pid(), startTime));
+    const int openError = errno;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_EQ(restoreError, EAGAIN);
+    EXPECT_FALSE(isOpen);
+    EXPECT_EQ(openError, EMFILE);
+}
+
+TEST_P(EveryForm, AStepThatFindsTheProcessGoneLeavesNoRecord) {
+    std::optional<Program> culprit(std::in_place, "spin");
+    const pid_t pid = culprit->Pid();
+    const int64_t startTime = culprit->StartTime();
+    const UniqueFd pidfd = OpenProcess(pid, startTime);
+    const TreatmentSteps steps(groups_, state_);
+    culprit.reset();
+    TreatmentRecord record = steps.NewRecord(pid, startTime, kName);
+    EXPECT_NE(steps.Suppress(record, pidfd.Get()).error, 0);
+    EXPECT_FALSE(HasRecords());
+    EXPECT_NE(steps.Freeze(record, pidfd.Get()).error, 0);
+    EXPECT_FALSE(HasRecords());
+}
+
 TEST_F(Actions, WhatTheSystemStandsOnIsNeverTreated) {
     TreatmentTable& table = StartTable();
     constexpr pid_t kKernelThreadDaemon = 2;
@@ -536,6 +646,50 @@ TEST_F(Actions, ARecordThatFitsNothingIsRefusedOrForgotten) {
     std::ofstream(state_ / "treated" / "12-34.json") << R"({"boot_id":"x","pid":1})";
     EXPECT_FALSE(table.ReleaseLeft());
     EXPECT_TRUE(table.ReleaseLeft());
+    EXPECT_TRUE(std::filesystem::exists(state_ / "treated" / ".12-34.json.bad"));
+}
+
+TEST_F(Actions, ARecordOfGroupsThatAreNotMountedIsKept) {
+    const Program culprit("spin");
+    TreatmentTable& table = StartTableFor(culprit);
+    ASSERT_EQ(table.Freeze(culprit.Pid(), kName, std::nullopt), 0);
+    ASSERT_EQ(table.Thaw(culprit.Pid(), kName), 0);
+    TreatmentRecord record;
+    record.bootId = CurrentBootId();
+    record.pid = culprit.Pid();
+    record.startTime = culprit.StartTime();
+    record.freeze = Freeze{ChangedGroup{{Hierarchy::kUnified, "/nowhere/own"}, "0", ""}, false};
+    ASSERT_EQ(TreatmentRecords(state_).Write(record), 0);
+    EXPECT_FALSE(table.ReleaseLeft());
+    EXPECT_FALSE(table.ReleaseLeft());
+    EXPECT_TRUE(HasRecords());
+}
+
+TEST_F(Actions, AReleaseThatLacksDescriptorsFailsAndKeepsTheRecord) {
+    const Program culprit("spin");
+    StartTableFor(culprit);
+    ASSERT_EQ(table_->Suppress(culprit.Pid(), kName), 0);
+    ASSERT_EQ(table_->Freeze(culprit.Pid(), kName, std::nullopt), 0);
+    ASSERT_TRUE(StandsStill(culprit));
+    TreatmentTable& next = StartTable();
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const auto releaseWith = [&](rlim_t descriptors) {
+        const rlimit few{descriptors, usual.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        const bool isReleased = next.ReleaseLeft();
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+        return isReleased;
+    };
+    rlim_t descriptors = 3;
+    while (descriptors < usual.rlim_cur && !releaseWith(descriptors)) {
+        ASSERT_TRUE(HasRecords()) << "with " << descriptors;
+        ++descriptors;
+    }
+    EXPECT_GT(descriptors, 3U);
+    EXPECT_FALSE(HasRecords());
+    EXPECT_TRUE(culprit.IsRunning());
+    EXPECT_FALSE(ReadThreadPolicies(culprit.Pid())[0].IsIdle());
 }
 
 TEST_F(Actions, WhatALivingHostTreatsIsNotLeft) {
@@ -552,7 +706,13 @@ TEST_F(Actions, WhatALivingHostTreatsIsNotLeft) {
     ASSERT_EQ(TreatmentRecords(state_).Write(record), 0);
     EXPECT_TRUE(table.ReleaseLeft());
     EXPECT_TRUE(HasRecords());
-    record.hostStartTime += 1;  // the pid is another process's by now
+    kill(host.Pid(), SIGKILL);  // its status is collected later
+    ASSERT_TRUE(Eventually([&] { return host.State() == 'Z'; }));
+    EXPECT_TRUE(table.ReleaseLeft());
+    EXPECT_FALSE(HasRecords());
+    const Program another("spin");
+    record.hostPid = another.Pid();
+    record.hostStartTime = another.StartTime() + 1;  // the pid is another process's by now
     ASSERT_EQ(TreatmentRecords(state_).Write(record), 0);
     EXPECT_TRUE(table.ReleaseLeft());
     EXPECT_FALSE(HasRecords());
@@ -566,7 +726,7 @@ TEST_F(Actions, ARecordNamesOnlyGroupsThatATreatmentCouldHaveChanged) {
         record.startTime = 34;
         record.placements.push_back({{Hierarchy::kUnified, home}, {Hierarchy::kUnified, group}});
         record.freeze = Freeze{ChangedGroup{{Hierarchy::kUnified, frozen}, "0", ""}, false};
-        return ParseRecord(WriteRecord(record), groups).has_value();
+        return ParseRecord(WriteRecord(record)) && GroupsArePlausible(record, groups);
     };
     EXPECT_TRUE(isTaken("/groups/a", "/groups/a/kite-12-34", "/groups/a/kite-12-34"));
     EXPECT_TRUE(isTaken("/groups", "/groups/kite-12-34", "/groups/own"));
@@ -599,6 +759,7 @@ TEST_F(Actions, ManyThreadsTreatTheSameProcessesAtOnce) {
     TreatmentTable& table = StartTableFor(first);
     ASSERT_TRUE(table.Remember(second.Pid(), second.StartTime(), kName));
     std::vector<std::thread> workers;
+    workers.reserve(4);
     for (int worker = 0; worker < 4; ++worker) {
         workers.emplace_back([&, pid = worker % 2 == 0 ? first.Pid() : second.Pid()] {
             for (int round = 0; round < 5; ++round) {
@@ -629,6 +790,23 @@ TEST(ProcText, ACommandNameCannotPassForOtherFields) {
     for (const char* text : {"", " 1", "+1", "1 ", "0x1", "12a", "99999999999999999999"}) {
         EXPECT_FALSE(ParseDecimal(text).has_value()) << text;
     }
+}
+
+TEST_F(Actions, AFreezeOfAnyLengthIsTaken) {
+    const Program culprit("spin");
+    const auto freeze = [&](bool isFreeze) {
+        NativeProcessInfo request;
+        request.pid = culprit.Pid();
+        request.processName = kName;
+        request.isFreeze = isFreeze;
+        request.durationMs = std::numeric_limits<int64_t>::max();
+        return SuspendManagerClient::GetInstance().OperateOneNativeProcess(request);
+    };
+    ASSERT_TRUE(RememberReportedProcess(culprit.Pid(), culprit.StartTime(), kName));
+    ASSERT_EQ(freeze(true), 0);
+    EXPECT_TRUE(StandsStill(culprit));
+    EXPECT_EQ(freeze(false), 0);
+    EXPECT_TRUE(culprit.IsRunning());
 }
 
 TEST(ActionClients, AMalformedRequestIsRefused) {

@@ -60,6 +60,7 @@ TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
     std::vector<RunningProcessInfo> running;
     ASSERT_EQ(manager->GetAllRunningProcesses(running), 0);
     std::vector<std::pair<int, int>> pairs;
+    pairs.reserve(running.size());
     for (const RunningProcessInfo& info : running) {
         pairs.emplace_back(info.uid, info.pid);
     }

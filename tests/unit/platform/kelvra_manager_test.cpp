@@ -2,10 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -29,6 +31,8 @@
 #include "kelvra_manager/reporter.h"
 #include "kelvra_manager/sampler.h"
 #include "kelvra_manager/subscriber_stub.h"
+#include "runtime/platform_log.h"
+#include "runtime/settings.h"
 
 namespace KITE::Linux::Sampling {
 namespace {
@@ -275,14 +279,27 @@ TEST(ProcParse, NumbersThatAreNotWholeAreAbsent) {
     EXPECT_THAT(NumberOfLine("Name:\tx\nUid:\t1001\t0\t0\t0\n", "Uid:"), Optional(1001));
 }
 
-TEST(ProcessTable, LooksAtANameOftenAtFirstAndThenEverySixteenthTime) {
-    std::vector<uint32_t> due;
-    for (uint32_t age = 0; age <= 50; ++age) {
-        if (IsLookDue(age, 3)) {
-            due.push_back(age);
+TEST(ProcParse, AFirstArgumentThatWasCutOffIsNoName) {
+    const std::string path = "/" + std::string(kProcBufferSize - 5, 'd') + "/foo";
+    ASSERT_EQ(path.size(), kProcBufferSize);
+    EXPECT_EQ(ProcessNameOf(path), "");
+    EXPECT_EQ(ProcessNameOf(path.substr(1) + '\0'), "foo");
+}
+
+TEST(ProcessTable, LooksAtEveryNameInEverySampleUnlessThereAreMany) {
+    const auto dueAges = [](size_t unwatched) {
+        std::vector<uint32_t> due;
+        for (uint32_t age = 0; age <= 50; ++age) {
+            if (IsLookDue(age, 3, LookPause(unwatched))) {
+                due.push_back(age);
+            }
         }
-    }
-    EXPECT_THAT(due, ElementsAre(0, 1, 2, 4, 8, 16, 29, 45));
+        return due;
+    };
+    EXPECT_THAT(dueAges(0), SizeIs(51));
+    EXPECT_THAT(dueAges(512), SizeIs(51));
+    EXPECT_THAT(dueAges(513), SizeIs(25 + 6));  // the odd ages and 0, 2, 4, 8, 16, 32
+    EXPECT_THAT(dueAges(100'000), ElementsAre(0, 1, 2, 4, 8, 13, 16, 29, 32, 45));
 }
 
 // A child that runs a shell under one name and, once told, executes a program of another.
@@ -395,12 +412,51 @@ TEST_F(RealProcesses, AnExecutedProgramIsMatchedAnewAndInheritsNoWindow) {
     EXPECT_EQ(reports[0].info.id, 2);
 }
 
-TEST_F(RealProcesses, AProgramExecutedByAnUnwatchedProcessIsFoundSoon) {
-    Child child(first_, directory_ / second_);
-    UseRules({Quota(second_, "mem", 1, 0)});
-    EXPECT_THAT(Sample(), IsEmpty());
-    child.ExecuteNext(second_);
-    EXPECT_THAT(Sample(), SizeIs(1));
+TEST_F(RealProcesses, AProgramExecutedByAnUnwatchedProcessIsFoundSoonAtAnyAge) {
+    size_t processes = 0;
+    ProcessList().ForEach([&](pid_t, ino_t) { ++processes; });
+    if (LookPause(2 * processes) > 1) {
+        GTEST_SKIP() << "too many processes here to look at each in every sample";
+    }
+    for (const int age : {1, 3, 18}) {
+        Child child(first_, directory_ / second_);
+        UseRules({Quota(second_, "mem", 1, 0)});
+        for (int sample = 0; sample < age; ++sample) {
+            EXPECT_THAT(Sample(), IsEmpty());
+        }
+        child.ExecuteNext(second_);
+        EXPECT_THAT(Sample(), SizeIs(1));
+    }
+}
+
+void MeetTwoProblems(const std::string& name) {
+    Settings settings;
+    settings.logsToStandardError = true;
+    SetSettings(settings);
+    PLATFORM_LOGW("first line");  // the log and the table open what they need while they can
+    ProcessTable table(0);
+    table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 1, 0)}));
+    const auto isOnTheWay = [](const ReportKey&) { return false; };
+    table.Sample(Second(0), isOnTheWay);
+    table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 2, 0)}));
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit noMore{0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &noMore);
+    table.Sample(Second(1), isOnTheWay);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    table.Sample(Second(2), isOnTheWay);
+    StopLog();
+    _exit(0);
+}
+
+TEST_F(RealProcesses, AProblemDoesNotSilenceAnother) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    char self[kProcBufferSize];
+    const std::string name(ProcessNameOf(ReadProcFileOnce(getpid(), "cmdline", self).text));
+    const std::string wanted =
+        "cannot be looked at: errno " + std::to_string(EMFILE) + ".*more processes have quotas";
+    EXPECT_EXIT(MeetTwoProblems(name), ::testing::ExitedWithCode(0), wanted);
 }
 
 TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
@@ -408,7 +464,7 @@ TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
     for (int attempt = 0; attempt < 20; ++attempt) {
         Child other(second_, directory_ / second_);
         for (int sample = 0; sample < 3; ++sample) {
-            Sample();  // the next look by age is due at the fifth
+            Sample();
         }
         const pid_t pid = other.Pid();
         other.End();

@@ -29,6 +29,7 @@
 #include "runtime/access_tokens.h"
 #include "runtime/event_file.h"
 #include "runtime/journal_log.h"
+#include "runtime/nonblocking_writer.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 #include "runtime/stderr_log.h"
@@ -104,7 +105,7 @@ LogLine Line(std::string_view text, Log::Level level = Log::Level::kInfo) {
 std::string FormatWith(std::span<char> buffer, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    const std::string text(FormatLogText(buffer, format, arguments));
+    std::string text(FormatLogText(buffer, format, arguments));
     va_end(arguments);
     return text;
 }
@@ -258,6 +259,39 @@ TEST(StderrLogTest, StoppingGivesAStalledReaderASecondAndLosesNoQueuedLine) {
         log.Write(Line("y"));
     }
     EXPECT_EQ(CountOf("xx\n", all), 2000U);
+}
+
+// Writes until the pipe is full; what is left begins with bytes that wait in the writer.
+std::string_view Fill(NonblockingWriter& writer, std::string_view text) {
+    ssize_t written = 0;
+    while ((written = writer.Write(text)) > 0) {
+        text.remove_prefix(static_cast<size_t>(written));
+    }
+    EXPECT_EQ(written, -EAGAIN);
+    return text;
+}
+
+TEST_F(RuntimeTest, AReaderOfANamedPipeThatComesBackGetsNothingOfATextThatWasGivenUp) {
+    ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
+    const auto openReader = [this] {
+        return UniqueFd(open(Path("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    };
+    UniqueFd reader = openReader();
+    const UniqueFd fifo(open(Path("fifo").c_str(), O_WRONLY | O_CLOEXEC));
+    NonblockingWriter writer(fifo.Get(), NonblockingWriter::ForeignTerminal::kRefuse);
+    ASSERT_EQ(writer.Write("x"), 1);  // takes a page of the pipe, so that not all of the large text fits
+    const std::string text = LargeText();
+    std::string_view left = Fill(writer, text);
+    ReadAll(reader.Get());
+    EXPECT_EQ(writer.Write(left.substr(0, 5)), 5);
+    EXPECT_EQ(ReadAll(reader.Get()), left.substr(0, 5));
+    left = Fill(writer, left.substr(5));
+    reader = UniqueFd();
+    EXPECT_EQ(writer.Write(left), -EPIPE);
+    reader = openReader();
+    ReadAll(reader.Get());
+    EXPECT_EQ(writer.Write("next"), 4);
+    EXPECT_EQ(ReadAll(reader.Get()), "next");
 }
 
 TEST(SaveStringToFdTest, ASlowReaderOfAPipeOrSocketGetsTheWholeText) {
