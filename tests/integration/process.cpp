@@ -60,7 +60,6 @@ bool Prepare(const Launch& launch) {
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     CPU_SET(static_cast<size_t>(launch.cpu.value_or(0)), &cpus);
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the process has one thread
     return setsid() >= 0 && chdir(launch.directory.c_str()) == 0 &&
            (!launch.cpu || sched_setaffinity(0, sizeof(cpus), &cpus) == 0) &&
            (launch.output < 0 ||
@@ -68,7 +67,7 @@ bool Prepare(const Launch& launch) {
            (launch.uid == 0 || (syscall(SYS_setgroups, 0, nullptr) == 0 &&
                                 syscall(SYS_setresgid, launch.uid, launch.uid, launch.uid) == 0 &&
                                 syscall(SYS_setresuid, launch.uid, launch.uid, launch.uid) == 0)) &&
-           prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && sigprocmask(SIG_SETMASK, &signals, nullptr) == 0;
+           prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && pthread_sigmask(SIG_SETMASK, &signals, nullptr) == 0;
 }
 
 }  // namespace
