@@ -47,7 +47,8 @@ UniqueFd OpenStopSignal() {
     return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-// A pidfd is kept for each reported process, which the usual soft limit of 1024 is too small for.
+// The quota host keeps a pidfd for each reported process and the Kelvra manager three files for each watched
+// one, which the usual soft limit of 1024 is too small for.
 void RaiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
