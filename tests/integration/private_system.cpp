@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -15,10 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kQuotaCapabilities =
-    "+kill,+sys_nice,+dac_override,+sys_ptrace,+dac_read_search,+setuid";
 constexpr const char* kPolicyDirectory = "/etc/efficiency_manager";
-constexpr const char* kKelvraCapabilities = "+sys_ptrace,+dac_read_search";
 constexpr const char* kSanitizerReports[] = {"ERROR: AddressSanitizer", "WARNING: ThreadSanitizer",
                                              "runtime error", "LeakSanitizer"};
 
@@ -27,6 +25,21 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
         text.replace(at, from.size(), to);
     }
     return text;
+}
+
+// What the shipped unit grants, as setpriv wants it: a unit that grants too little fails the tests.
+std::string CapabilitiesOf(const std::string& unit) {
+    const std::string key = "AmbientCapabilities=";
+    std::istringstream lines(ReadWholeFile(std::string(KITE_UNITS) + "/" + unit + ".service.in"));
+    std::string capabilities;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(key)) {
+            capabilities = " " + line.substr(key.size());
+        }
+    }
+    std::transform(capabilities.begin(), capabilities.end(), capabilities.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return Replaced(capabilities, " cap_", ",+").substr(1);
 }
 
 }  // namespace
@@ -150,13 +163,14 @@ std::unique_ptr<Host> PrivateSystem::Start(uid_t uid, const std::string& capabil
 }
 
 Host& PrivateSystem::StartQuotaHost() {
-    quotaHost_ = Start(kQuotaUid, kQuotaCapabilities, {"--etc", etc_, "--bus", address_, KITE_QUOTA_LIBRARY});
+    quotaHost_ = Start(kQuotaUid, CapabilitiesOf("kite-quota"),
+                       {"--etc", etc_, "--bus", address_, KITE_QUOTA_LIBRARY});
     return *quotaHost_;
 }
 
 Host& PrivateSystem::StartKelvraHost() {
-    kelvraHost_ =
-        Start(kKelvraUid, kKelvraCapabilities, {"--etc", etc_, "--bus", address_, KITE_KELVRA_LIBRARY});
+    kelvraHost_ = Start(kKelvraUid, CapabilitiesOf("kite-kelvra"),
+                        {"--etc", etc_, "--bus", address_, KITE_KELVRA_LIBRARY});
     return *kelvraHost_;
 }
 
@@ -174,7 +188,7 @@ FakeManager& PrivateSystem::StartWithFakeManager() {
 }
 
 int PrivateSystem::Release() {
-    return Start(kQuotaUid, kQuotaCapabilities, {"--release"})->process.AwaitExit();
+    return Start(kQuotaUid, CapabilitiesOf("kite-quota"), {"--release"})->process.AwaitExit();
 }
 
 int PrivateSystem::StopQuotaHost() {

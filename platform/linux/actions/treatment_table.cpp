@@ -38,7 +38,7 @@ int PidfdIfThere(const ProcessHandle& handle) {
 }  // namespace
 
 TreatmentTable& TreatmentTable::Instance() {
-    static TreatmentTable table({Cgroups::OfThisMachine(), GetSettings().stateDirectory});
+    static TreatmentTable table({Cgroups::OfThisMachine(), RunDirectory()});
     return table;
 }
 

@@ -1,9 +1,9 @@
 // kite_host: runs the abilities of the libraries that it is given.
 //
-//   kite_host [--etc DIR] [--state DIR] [--bus ADDRESS] [--log-level LEVEL] [--log-to-stderr] LIBRARY...
-//   kite_host --release [--state DIR] [--log-level LEVEL] [--log-to-stderr]
+//   kite_host [--etc DIR] [--state DIR] [--run DIR] [--bus ADDRESS] [--log-level LEVEL] [--log-to-stderr]
+//   LIBRARY... kite_host --release [--state DIR] [--run DIR] [--log-level LEVEL] [--log-to-stderr]
 //
-// KITE_ETC, KITE_STATE and KITE_BUS stand in for the options of those names.
+// KITE_ETC, KITE_STATE, KITE_RUN and KITE_BUS stand in for the options of those names.
 //
 // Exit status: 0 stopped as asked, or everything released; 1 the start failed (the log says why), or not
 // everything could be released; 75 the bus went away; 100 and above the command line is wrong, as CLI11
@@ -33,6 +33,9 @@ void Describe(CLI::App& app, HostOptions& options) {
     app.add_option("--state", options.settings.stateDirectory, "directory of the platform's state")
         ->envname("KITE_STATE")
         ->capture_default_str();
+    app.add_option("--run", options.settings.runDirectory,
+                   "directory of the records of what is treated now; the state directory if not given")
+        ->envname("KITE_RUN");
     app.add_option("--bus", options.settings.busAddress, "address of the bus; the system bus if not given")
         ->envname("KITE_BUS");
     app.add_option("--log-level", options.logLevel, "least level that is logged")

@@ -23,4 +23,9 @@ const Settings& GetSettings() {
     return Current();
 }
 
+const std::string& RunDirectory() {
+    const Settings& settings = GetSettings();
+    return settings.runDirectory.empty() ? settings.stateDirectory : settings.runDirectory;
+}
+
 }  // namespace KITE::Linux

@@ -10,6 +10,9 @@ namespace KITE::Linux {
 struct Settings {
     std::string etcDirectory = "/etc/kite";
     std::string stateDirectory = "/var/lib/kite";
+    // Where the records of what is treated now are kept: they must outlive a killed host, and need not
+    // outlive a boot. Empty: the state directory.
+    std::string runDirectory;
     std::string busAddress;            // empty: the system bus
     bool logsToStandardError = false;  // also where there is a journal
 };
@@ -20,5 +23,8 @@ KITE_API void SetSettings(Settings settings);
 
 // Any thread; also before main and while the process exits.
 KITE_API const Settings& GetSettings();
+
+// The directory that the settings mean by runDirectory. Any thread.
+KITE_API const std::string& RunDirectory();
 
 }  // namespace KITE::Linux
