@@ -1,0 +1,57 @@
+// rqctl: the operator's command. See docs/rqctl.md, and exit_status.h for the exit status.
+
+#include <CLI/CLI.hpp>
+
+#include <exception>
+
+#include "rqctl/command.h"
+#include "rqctl/output.h"
+#include "system_log.h"
+
+namespace {
+
+using namespace KITE::Rqctl;
+
+// In the order of the help; a line each.
+constexpr Add* kCommands[] = {
+    // clang-format off
+    AddDump,
+    // clang-format on
+};
+
+void Describe(CLI::App& app, Context& context) {
+    app.add_option("--etc", context.settings.etcDirectory, "directory of the platform's configuration")
+        ->envname("KITE_ETC")
+        ->capture_default_str();
+    app.add_option("--state", context.settings.stateDirectory, "directory of the platform's state")
+        ->envname("KITE_STATE")
+        ->capture_default_str();
+    app.add_option("--bus", context.settings.busAddress, "address of the bus; the system bus if not given")
+        ->envname("KITE_BUS");
+    app.footer(kExitStatusHelp);
+    app.require_subcommand(1);
+    for (Add* add : kCommands) {
+        add(app, context);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        CLI::App app("Asks the resource quota control, and tells it about the device.", "rqctl");
+        Context context;
+        Describe(app, context);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            return app.exit(error);
+        }
+        // What goes wrong is told by the command itself.
+        KITE::Log::minimumLevel = KITE::Log::Level::kError;
+        KITE::Linux::SetSettings(context.settings);
+        return context.run();
+    } catch (const std::exception& error) {
+        return Fail(kFailed, error.what());
+    }
+}
