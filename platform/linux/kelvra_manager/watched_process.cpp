@@ -18,6 +18,7 @@ namespace {
 using Buffer = std::array<char, kProcBufferSize>;
 
 const int64_t kPageKiB = sysconf(_SC_PAGESIZE) / 1024;
+const int64_t kMostPages = std::numeric_limits<int64_t>::max() / kPageKiB;
 
 int64_t ToNanoseconds(const timespec& time) {
     return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
@@ -125,7 +126,7 @@ std::optional<int64_t> WatchedProcess::ReadMemoryKiB() {
     Buffer buffer;
     const ReadText statm = ReadProcFile(statm_, buffer);
     const std::optional<int64_t> pages = ResidentPagesOf(statm.text);
-    if (!IsReadable(statm, "statm") || !pages) {
+    if (!IsReadable(statm, "statm") || !pages || *pages > kMostPages) {
         return std::nullopt;
     }
     const int64_t residentKiB = *pages * kPageKiB;

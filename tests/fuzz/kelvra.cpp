@@ -1,0 +1,108 @@
+// What comes to the Kelvra manager and from it: requests, batches of reports, and measurements judged by
+// hostile quotas.
+
+#include "fuzz.h"
+#include "ipc/calling_context.h"
+#include "kelvra_manager/manager_stub.h"
+#include "kelvra_manager/process_windows.h"
+#include "kelvra_manager/protocol.h"
+#include "kelvra_manager/record_list.h"
+#include "kelvra_manager/subscriber_stub.h"
+#include "runtime/access_tokens.h"
+#include "runtime/settings.h"
+
+using namespace KITE;
+using namespace KITE::Fuzz;
+using namespace KITE::Linux;
+
+namespace {
+
+constexpr uid_t kQuotaService = 1001;
+
+void Request(Input& input) {
+    const auto reporter = std::make_shared<Sampling::Reporter>();
+    const auto sampler = std::make_shared<Sampling::Sampler>(std::chrono::seconds(1), 10, reporter);
+    const auto manager = MakeSptr<Sampling::ManagerStub>(sampler, reporter);
+    const bool isTrusted = input.ConsumeIntegralInRange(0, 7) != 0;
+    const Caller caller{":1.1", isTrusted ? std::optional(kQuotaService) : std::nullopt};
+    const CallingScope scope(caller);
+    const auto code = input.ConsumeIntegralInRange<uint32_t>(1, 3);
+    MessageParcel request = TheRest(input);
+    MessageParcel reply;
+    MessageOption option;
+    const int32_t status = manager->OnRemoteRequest(code, request, reply, option);
+    const bool isDone = status == ERR_NONE;
+    Require((isTrusted || status == ERR_REFUSED) && reply.ReadableBytes() == 0);
+    Require(reporter->HasSubscriber() == (isDone && code == KelvraProtocol::kSubscribe));
+    Require(!isDone || code == KelvraProtocol::kSubscribe || request.ReadableBytes() == 0);
+}
+
+struct Counting : Kelvra::KelvraManagerTaskSubscriber {
+    void OnReportAbnormalProcess(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) override {
+        records += infos.size();
+    }
+    size_t records = 0;
+};
+
+void TakeBatch(Input& input) {
+    const auto stub = MakeSptr<SubscriberStub>();
+    const auto subscriber = std::make_shared<Counting>();
+    stub->SetSubscriber(subscriber);
+    MessageParcel batch = TheRest(input);
+    MessageParcel copy = batch;
+    MessageOption option;
+    Require(stub->OnRemoteRequest(KelvraProtocol::kReport, copy, copy, option) == ERR_REFUSED);
+    uint32_t count = 0;
+    if (stub->TakeBatch(batch) == ERR_NONE) {
+        Require(copy.ReadUint32(count) && count > 0);
+    }
+    Require(subscriber->records == count);
+}
+
+// No breach of a quota that is not exceeded, and no two of one resource.
+void CheckBreaches(const std::vector<Sampling::Breach>& breaches) {
+    for (size_t i = 0; i < breaches.size(); ++i) {
+        Require(breaches[i].measured > breaches[i].rule->quota.resource);
+        Require(i == 0 || breaches[i - 1].rule->resource < breaches[i].rule->resource);
+    }
+}
+
+void Judge(Input& input) {
+    std::vector<Kelvra::ResQuotaInfo> quotas(input.ConsumeIntegralInRange<size_t>(1, 4));
+    for (auto& quota : quotas) {
+        quota.processName = "daemon";
+        quota.resType = input.PickValueInArray({"mem", "io", "cpu", "cpu_ext"});
+        quota.resource = input.ConsumeIntegral<int64_t>();
+        quota.duration =
+            input.ConsumeBool() ? input.ConsumeIntegral<int8_t>() : input.ConsumeIntegral<int64_t>();
+    }
+    const Sampling::RuleBook book(quotas);
+    Sampling::ProcessWindows windows(book.RulesFor("daemon"));
+    const auto number = [&] {
+        const auto value = input.ConsumeIntegral<int64_t>();
+        return value < 0 ? std::nullopt : std::optional(value);
+    };
+    for (Sampling::TimePoint at{}; input.remaining_bytes() > 0;) {
+        at += std::chrono::milliseconds(input.ConsumeIntegral<uint16_t>());
+        windows.Add({at, number(), number(), at, number()});
+        CheckBreaches(windows.TakeBreaches([](Sampling::Resource) { return false; }));
+    }
+}
+
+bool GiveTheQuotaServiceItsToken() {
+    SetSettings({".", ".", "unix:path=./none"});
+    WriteFile("tokens.json", R"({"tokens": [{"uid": 1001, "process_name": "resource_quota_control"}]})");
+    std::string error;
+    return LoadAccessTokens(error);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const bool isReady = GiveTheQuotaServiceItsToken();
+    Require(isReady);
+    Input input(data, size);
+    constexpr void (*kParts[])(Input&) = {Request, TakeBatch, Judge};
+    input.PickValueInArray(kParts)(input);
+    return 0;
+}

@@ -1,0 +1,81 @@
+// The platform's own files: the first byte of an input says which one the rest is.
+
+#include "access_token.h"
+#include "actions/treatment_records.h"
+#include "config_policy.h"
+#include "device/device_state_file.h"
+#include "fuzz.h"
+#include "parameters.h"
+#include "runtime/access_tokens.h"
+#include "runtime/settings.h"
+
+using namespace KITE;
+using namespace KITE::Fuzz;
+using namespace KITE::Linux;
+
+namespace {
+
+void ReadDeviceState(const std::string& text) {
+    DeviceStateFile file;
+    const std::string path = "device_state.json";
+    WriteFile(path, R"({"extensions": [{"uid": 1, "pid": 2}]})");
+    Require(file.Current(path)->extensions.size() == 1);
+    WriteFile(path, text);
+    const auto state = file.Current(path);
+    const auto isPossible = [](const auto& entry) { return entry.uid >= 0 && entry.pid > 0; };
+    Require(std::ranges::all_of(state->extensions, isPossible) &&
+            std::ranges::all_of(state->continuousTasks, isPossible) &&
+            std::ranges::all_of(state->processResources, isPossible));
+    Require(file.Current(path) == state);
+}
+
+void ReadTokens(const std::string& text) {
+    constexpr uid_t kKept = 4294967290;
+    std::string error;
+    WriteFile("tokens.json", R"({"tokens": [{"uid": 4294967290, "process_name": "kept"}]})");
+    Require(LoadAccessTokens(error));
+    WriteFile("tokens.json", text);
+    Require(LoadAccessTokens(error) || (!error.empty() && TokenOfUid(kKept) == 1));
+    Require(TokenOfUid(static_cast<uid_t>(-1)) == 0);
+    NativeTokenInfo info;
+    const uint32_t token = TokenOfUid(0);
+    Require(token == 0 ||
+            (AccessTokenKit::GetNativeTokenInfo(token, info) == 0 && !info.processName.empty()));
+}
+
+void ReadParameters(const std::string& text) {
+    WriteFile("parameters.json", text);
+    const int32_t number = GetIntParameter("n", 5, 0, 9);
+    Require(number >= 0 && number <= 9);
+    GetBoolParameter("n", true);
+}
+
+void ReadDirectories(const std::string& text) {
+    WriteFile("config_directories.json", text);
+    CfgDir* list = GetCfgDirList();
+    for (size_t i = 0; list != nullptr && i < MAX_CFG_POLICY_DIRS_CNT; ++i) {
+        Require(list->paths[i] == nullptr || std::filesystem::is_directory(list->paths[i]));
+    }
+    FreeCfgDirList(list);
+}
+
+// What a record tells is the same when it is written and read again.
+void ReadTreatment(const std::string& text) {
+    if (const auto record = ParseRecord(text)) {
+        const std::string written = WriteRecord(*record);
+        const auto again = ParseRecord(written);
+        Require(again && WriteRecord(*again) == written);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    SetSettings({".", ".", ""});
+    constexpr void (*kReaders[])(const std::string&) = {ReadDeviceState, ReadTokens, ReadParameters,
+                                                        ReadDirectories, ReadTreatment};
+    if (size > 0) {
+        kReaders[data[0] % std::size(kReaders)](std::string(data + 1, data + size));
+    }
+    return 0;
+}

@@ -1,0 +1,118 @@
+// Texts of /proc through everything that reads them: those of kNames, with 0xFF between them, and a second
+// series that the files hold later. Rooms that read the same thing must agree.
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+
+#include "actions/proc_stat.h"
+#include "fuzz.h"
+#include "kelvra_manager/proc_parse.h"
+#include "kelvra_manager/watched_process.h"
+#include "native_process_checker.h"
+#include "resource_quota_control_io_helper.h"
+#include "runtime/settings.h"
+
+using namespace KITE;
+using namespace KITE::Fuzz;
+using namespace KITE::Linux::Sampling;
+
+namespace {
+
+constexpr pid_t kPid = 4194304;  // the kernel's limit: no process has it
+constexpr std::string_view kFolder = "/proc/4194304/";
+constexpr std::array<std::string_view, 6> kNames{"cmdline", "stat", "statm", "io", "smaps_rollup", "status"};
+
+std::array<int, kNames.size()> files;  // in memory; 0 before the first input
+
+void Put(size_t place, std::string_view text) {
+    if (files[place] == 0) {
+        files[place] = memfd_create("text", MFD_CLOEXEC);
+    }
+    Require(ftruncate(files[place], 0) == 0);
+    Require(pwrite(files[place], text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()));
+}
+
+// In the kernel's own text the process chooses nothing but its command name.
+void CheckStartTime(const std::string& command) {
+    const std::string stat = "7 (" + command.substr(0, 15) +
+                             ") S 1 2 3 0 -1 64 0 0 0 0 0 0 0 0 20 0 1 0 4711 0 0 18446744073709551615 0 0\n";
+    const auto parsed = Linux::ParseProcStat(stat);
+    Require(parsed && parsed->startTime == 4711 && StartTimeOf(stat) == 4711);
+    static_cast<void>(Linux::ReadProcStat(kPid));
+}
+
+void CheckNames(std::string_view cmdline) {
+    const std::string name(ProcessNameOf(cmdline));
+    Require(cmdline.size() >= kProcBufferSize - 1 || Linux::ReadProcessName(kPid) == name);
+    SeenName seen;
+    seen.Add(cmdline.substr(0, cmdline.size() / 2));
+    seen.Add(cmdline.substr(cmdline.size() / 2));
+    Require(ResourceQuotaCtl::NatvieProcessChecker().VerifyPidAndProcessName(kPid, name) ==
+            IsAcceptedAs(seen.Text(), name));
+}
+
+void CheckWrittenBytes(std::string_view io) {
+    uint64_t counted = 0;
+    const bool isCounted = ResourceQuotaCtl::ResourceQuotaControlIoHelper::GetWriteBytesByPid(kPid, counted);
+    const auto sampled = NumberOfLine(io, "write_bytes:");
+    Require(!sampled || (isCounted && counted == static_cast<uint64_t>(*sampled)));
+}
+
+RuleBook Rules() {
+    std::vector<Kelvra::ResQuotaInfo> quotas(2);
+    quotas[0].resType = "mem";
+    quotas[1].resType = "io";
+    quotas[0].processName = quotas[1].processName = "daemon";
+    return RuleBook(quotas);
+}
+
+void Watch(const std::vector<std::string>& texts) {
+    static const RuleBook rules = Rules();
+    const auto process = WatchedProcess::Open(kPid, OpenProcFile(kPid, "cmdline"), ProcessNameOf(texts[0]),
+                                              rules.RulesFor("daemon"));
+    for (int second = 0; process && second < 3; ++second) {
+        process->Sample(TimePoint(std::chrono::seconds(second)));
+        for (const auto& report : process->TakeReports([](const auto&) { return false; })) {
+            Require(report.info.resource > 0 && report.info.pid == kPid);
+        }
+        for (size_t i = kNames.size(); i < texts.size(); ++i) {
+            Put(i - kNames.size(), texts[i]);
+        }
+    }
+}
+
+}  // namespace
+
+// Gives the texts to whoever opens the files of that process, and to nobody else.
+extern "C" int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const auto mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+    const std::string_view name(path);
+    const auto known = std::ranges::find(kNames, name.substr(std::min(kFolder.size(), name.size())));
+    std::string own;
+    if (name.starts_with(kFolder) && known != kNames.end()) {
+        own = "/proc/self/fd/" + std::to_string(files[static_cast<size_t>(known - kNames.begin())]);
+    }
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, own.empty() ? path : own.c_str(), flags, mode));
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Linux::SetSettings({".", ".", ""});
+    auto texts = Split({reinterpret_cast<const char*>(data), size}, '\xff', 2 * kNames.size());
+    texts.resize(std::max(texts.size(), kNames.size()));
+    for (size_t place = 0; place < kNames.size(); ++place) {
+        Put(place, texts[place]);
+    }
+    CheckStartTime(texts[0]);
+    CheckNames(texts[0]);
+    CheckWrittenBytes(texts[3]);
+    Watch(texts);
+    return 0;
+}
