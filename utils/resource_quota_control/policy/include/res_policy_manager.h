@@ -20,6 +20,9 @@ namespace KITE::ResourceQuotaCtl {
 // none. Before a successful Init every export is empty.
 class ResPolicyManager {
   public:
+    // Where a configuration directory has its file.
+    static constexpr const char* kConfigFile = "/etc/efficiency_manager/process_resource_limit.json";
+
     ResPolicyManager() = default;
     ResPolicyManager(const ResPolicyManager&) = delete;
     ResPolicyManager& operator=(const ResPolicyManager&) = delete;
@@ -29,6 +32,8 @@ class ResPolicyManager {
     // published, when there is no file or any file is refused; a later call then starts again. After a
     // success it does nothing and returns true.
     bool Init();
+    // The same with the given files, in that order.
+    bool InitFromFiles(const std::vector<std::string>& files);
     // True once Init has succeeded. Takes no lock.
     bool IsConfigInit() const { return isConfigInit_; }
 
@@ -41,6 +46,14 @@ class ResPolicyManager {
     // The configured running times of 1 and above, by process name.
     std::map<std::string, int32_t> GetExtensionRunningTime();
 
+    // Appends the existing configuration files, resolved, in the order in which they are merged.
+    void GetQuotaConfigFilesList(std::vector<std::string>& files) const;
+    // Merges what a file says into what the files before it said. The maps of the file are kept for the next
+    // call and go on having an effect: see docs/quota-files.md, "Layers and inheritance". Records are
+    // replaced as a whole and not looked into.
+    void MergeQuotaConfig(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas,
+                          InheritMap& mergedInherit, InheritMap& fileInherit) const;
+
   private:
     // What Init works on while it goes through the files. The maps of one file are deliberately kept from
     // file to file: what was new in one file takes part in the next file's merge.
@@ -51,8 +64,8 @@ class ResPolicyManager {
         InheritMap fileInherit;
     };
 
-    // Appends the existing configuration files, resolved, in the order in which they are merged.
-    void GetQuotaConfigFilesList(std::vector<std::string>& files) const;
+    // Loads, merges and publishes; the caller holds the mutex.
+    bool LoadAndPublish(const std::vector<std::string>& files);
     bool LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state) const;
 
     // Each parse adds to its outputs; on a failure what was added stays, and the caller gives all of it up.
@@ -66,8 +79,6 @@ class ResPolicyManager {
     bool ParseQuotaForResource(nlohmann::json rule, const std::shared_ptr<QuotaForResource>& quota) const;
     uint32_t ParseConditions(std::string conditions) const;
 
-    void MergeQuotaConfig(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas,
-                          InheritMap& mergedInherit, InheritMap& fileInherit) const;
     // Resolves inheritance, parents first, and publishes. False on a cycle and on a missing template.
     bool HandleInheritInfo(const ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit);
     bool IsInheritInfoValid(const InheritMap& inherit) const;

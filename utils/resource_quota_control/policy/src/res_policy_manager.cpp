@@ -19,7 +19,6 @@ using Kelvra::ResQuotaInfo;
 using nlohmann::json;
 
 constexpr const char* kBaseDirectory = "/system";
-constexpr const char* kConfigFile = "/etc/efficiency_manager/process_resource_limit.json";
 
 bool IsResourceType(std::string_view key) {
     return std::ranges::find(kResourceTypes, key) != kResourceTypes.end();
@@ -81,6 +80,15 @@ bool ResPolicyManager::Init() {
         RQC_LOGE("There are no valid config files");
         return false;
     }
+    return LoadAndPublish(files);
+}
+
+bool ResPolicyManager::InitFromFiles(const std::vector<std::string>& files) {
+    const std::lock_guard lock(mutex_);
+    return isConfigInit_ || LoadAndPublish(files);
+}
+
+bool ResPolicyManager::LoadAndPublish(const std::vector<std::string>& files) {
     MergeState state;
     if (!LoadAndMergeFiles(files, state)) {
         return false;
