@@ -20,6 +20,8 @@ struct Context {
 using Add = void(CLI::App& app, Context& context);
 
 // Each adds one subcommand to the application, with its options and its help.
+Add AddCheck;
+Add AddExplain;
 Add AddDump;
 
 // A subcommand that is run, when it was chosen, after the whole command line has been read. The common

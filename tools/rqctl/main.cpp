@@ -15,6 +15,8 @@ using namespace KITE::Rqctl;
 // In the order of the help; a line each.
 constexpr Add* kCommands[] = {
     // clang-format off
+    AddCheck,
+    AddExplain,
     AddDump,
     // clang-format on
 };

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace KITE::Rqctl {
+
+// Both count from 1; columns are characters.
+struct Position {
+    size_t line = 1;
+    size_t column = 1;
+};
+
+// A value of a JSON text and where it stands, by offsets into the text.
+struct JsonValue {
+    nlohmann::json::value_t type{};
+    size_t begin = 0;
+    size_t end = 0;                   // behind it; of an object or a list, behind its opening bracket
+    nlohmann::json scalar;            // null for an object or a list
+    std::string key;                  // of a member of an object
+    size_t keyBegin = 0;              //
+    std::vector<JsonValue> children;  // elements, or members as they stand, also those of the same key
+
+    bool IsObject() const { return type == nlohmann::json::value_t::object; }
+    bool IsArray() const { return type == nlohmann::json::value_t::array; }
+    bool IsString() const { return type == nlohmann::json::value_t::string; }
+    bool IsInteger() const { return scalar.is_number_integer(); }
+    const std::string& Text() const { return scalar.get_ref<const std::string&>(); }
+    // The last member of that key, which is the one that counts; null when there is none.
+    const JsonValue* Find(std::string_view name) const;
+};
+
+// Why a text is none that the service reads.
+struct JsonFault {
+    size_t offset = 0;
+    std::string found;
+    std::string allowed;
+};
+
+// Reads a text as the service's parser does, which takes nothing nested deeper than JsonUtil::kMaxDepth. The
+// fault is empty when it could be read.
+struct JsonText {
+    explicit JsonText(std::string content);
+
+    Position PositionOf(size_t offset) const;
+    // The value as it stands, for a message: shortened; an object or a list by its kind.
+    std::string Shown(const JsonValue& value) const;
+
+    std::string text;
+    JsonValue root;
+    std::optional<JsonFault> fault;
+};
+
+// The pointer to a member or an element of what the pointer points to.
+std::string Below(const std::string& pointer, std::string_view key);
+std::string Below(const std::string& pointer, size_t index);
+
+}  // namespace KITE::Rqctl
