@@ -10,7 +10,7 @@ case "${1:-}" in
 run) ;;
 bench) packages+=(libbenchmark-dev libgtest-dev libgmock-dev monit) ;;
 test | ci)
-    packages+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev)
+    packages+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3-jsonschema)
     [ "$1" = test ] || packages+=(clang-format-14 clang-tidy-14 git)
     ;;
 *)
