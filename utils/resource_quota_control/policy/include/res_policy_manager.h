@@ -65,7 +65,7 @@ class ResPolicyManager {
     };
 
     // Loads, merges and publishes; the caller holds the mutex.
-    bool LoadAndPublish(const std::vector<std::string>& files);
+    bool Init(const std::vector<std::string>& files);
     bool LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state) const;
 
     // Each parse adds to its outputs; on a failure what was added stays, and the caller gives all of it up.

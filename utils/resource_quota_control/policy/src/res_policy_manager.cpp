@@ -80,15 +80,15 @@ bool ResPolicyManager::Init() {
         RQC_LOGE("There are no valid config files");
         return false;
     }
-    return LoadAndPublish(files);
+    return Init(files);
 }
 
 bool ResPolicyManager::InitFromFiles(const std::vector<std::string>& files) {
     const std::lock_guard lock(mutex_);
-    return isConfigInit_ || LoadAndPublish(files);
+    return isConfigInit_ || Init(files);
 }
 
-bool ResPolicyManager::LoadAndPublish(const std::vector<std::string>& files) {
+bool ResPolicyManager::Init(const std::vector<std::string>& files) {
     MergeState state;
     if (!LoadAndMergeFiles(files, state)) {
         return false;
