@@ -8,6 +8,7 @@
 #include "kelvra_manager/manager_stub.h"
 #include "parameters.h"
 #include "runtime/platform_log.h"
+#include "runtime/settings.h"
 #include "singleton.h"
 #include "system_ability.h"
 
@@ -38,10 +39,18 @@ size_t MostWatched() {
     return std::clamp<size_t>(left / kPerProcess, 1, ProcessTable::kMostWatched);
 }
 
+// The state directory belongs to the quota host's user, so the samples have one of their own within it.
+std::unique_ptr<SampleRecorder> MakeRecorder() {
+    if (!GetBoolParameter("kelvra.record_samples", false)) {
+        return nullptr;
+    }
+    return std::make_unique<SampleRecorder>(GetSettings().stateDirectory + "/samples/samples.jsonl");
+}
+
 void ManagerAbility::OnStart() {
     const std::chrono::milliseconds period(GetIntParameter("kelvra.sample_period_ms", 1000, 100, 60'000));
     const auto reporter = std::make_shared<Reporter>();
-    sampler_ = std::make_shared<Sampler>(period, MostWatched(), reporter);
+    sampler_ = std::make_shared<Sampler>(period, MostWatched(), reporter, MakeRecorder());
     sampler_->Start();
     if (!Publish(MakeSptr<ManagerStub>(sampler_, reporter))) {
         PLATFORM_LOGE("the Kelvra manager cannot be published");

@@ -41,7 +41,7 @@ std::vector<Report> ProcessTable::Sample(TimePoint at,
         if (!known.watched) {
             continue;
         }
-        if (known.watched->Sample(at) == WatchedProcess::Standing::kSame) {
+        if (known.watched->Sample(at, recorder_) == WatchedProcess::Standing::kSame) {
             std::vector<Report> own = known.watched->TakeReports(isOnTheWay);
             reports.insert(reports.end(), std::move_iterator(own.begin()), std::move_iterator(own.end()));
         } else {

@@ -32,7 +32,9 @@ class ProcessTable {
     static constexpr size_t kMostWatched = 2048;
 
     // Watches at most that many processes; more that bear a name with rules are left alone, with a warning.
-    explicit ProcessTable(size_t mostWatched = kMostWatched) : mostWatched_(mostWatched) {}
+    // The recorder, if there is one, gets each sample; it must outlive the table.
+    explicit ProcessTable(size_t mostWatched = kMostWatched, SampleRecorder* recorder = nullptr)
+        : mostWatched_(mostWatched), recorder_(recorder) {}
 
     // Takes other rules; all windows start anew. The same book again changes nothing.
     void UseRules(const std::shared_ptr<const RuleBook>& book);
@@ -64,6 +66,7 @@ class ProcessTable {
     void WarnOnce(bool& warned, const char* problem, size_t number);
 
     const size_t mostWatched_;
+    SampleRecorder* const recorder_;
     std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>());
     ProcessList processes_;
     std::unordered_map<pid_t, Known> known_;  // after book_, whose rules the watched ones refer to

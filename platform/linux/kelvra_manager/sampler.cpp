@@ -9,10 +9,12 @@ TimePoint NextSampleTime(TimePoint last, TimePoint now, std::chrono::millisecond
     return last + period * std::max<int64_t>(1, (now - last) / period);
 }
 
-Sampler::Sampler(std::chrono::milliseconds period, size_t mostWatched, std::shared_ptr<Reporter> reporter)
+Sampler::Sampler(std::chrono::milliseconds period, size_t mostWatched, std::shared_ptr<Reporter> reporter,
+                 std::unique_ptr<SampleRecorder> recorder)
     : period_(period),
       mostWatched_(mostWatched),
       reporter_(std::move(reporter)),
+      recorder_(std::move(recorder)),
       book_(std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>())) {}
 
 void Sampler::Start() {
@@ -59,7 +61,7 @@ void Sampler::Run() {
 }
 
 void Sampler::SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock) {
-    ProcessTable table(mostWatched_);
+    ProcessTable table(mostWatched_, recorder_.get());
     TimePoint at = Clock::now();
     while (HasWork()) {
         const std::shared_ptr<const RuleBook> book = book_;
@@ -67,6 +69,9 @@ void Sampler::SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock) {
         table.UseRules(book);
         reporter_->Send(
             table.Sample(at, [this](const ReportKey& key) { return reporter_->IsOnTheWay(key); }));
+        if (recorder_) {
+            recorder_->Write();
+        }
         lock.lock();
         changed_.wait_until(lock, at + period_, [this] { return !HasWork(); });
         at = NextSampleTime(at, Clock::now(), period_);

@@ -21,7 +21,9 @@ TimePoint NextSampleTime(TimePoint last, TimePoint now, std::chrono::millisecond
 // otherwise. What was seen before such a sleep does not count after it. Any thread.
 class Sampler {
   public:
-    Sampler(std::chrono::milliseconds period, size_t mostWatched, std::shared_ptr<Reporter> reporter);
+    // Samples are recorded where there is a recorder.
+    Sampler(std::chrono::milliseconds period, size_t mostWatched, std::shared_ptr<Reporter> reporter,
+            std::unique_ptr<SampleRecorder> recorder = nullptr);
     Sampler(const Sampler&) = delete;
     Sampler& operator=(const Sampler&) = delete;
     ~Sampler() { Stop(); }
@@ -43,6 +45,7 @@ class Sampler {
     const std::chrono::milliseconds period_;
     const size_t mostWatched_;
     const std::shared_ptr<Reporter> reporter_;
+    const std::unique_ptr<SampleRecorder> recorder_;  // the sampling thread's
     std::mutex mutex_;  // of the members below; never held while sampling or sending
     std::condition_variable changed_;
     std::shared_ptr<const RuleBook> book_;

@@ -46,6 +46,7 @@ WatchedProcess::WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, s
       name_(name),
       cmdline_(std::move(cmdline)),
       smallestMemoryQuota_(std::numeric_limits<int64_t>::max()),
+      rules_(rules),
       windows_(rules) {}
 
 void WatchedProcess::OpenWhatRulesNeed(std::span<const Rule> rules) {
@@ -95,11 +96,14 @@ void WatchedProcess::WarnIfServiceSeesAnother() const {
     }
 }
 
-WatchedProcess::Standing WatchedProcess::Sample(TimePoint at) {
+WatchedProcess::Standing WatchedProcess::Sample(TimePoint at, SampleRecorder* recorder) {
     const Measurements sample = Measure(at);
     const Standing standing = CurrentStanding();
     if (standing == Standing::kSame) {
         windows_.Add(sample);
+        if (recorder != nullptr) {
+            recorder->Add(pid_, startTime_, name_, rules_, sample);
+        }
     }
     return standing;
 }

@@ -14,6 +14,7 @@
 #include "kelvra_manager/proc_files.h"
 #include "kelvra_manager/process_windows.h"
 #include "kelvra_manager/report.h"
+#include "kelvra_manager/sample_recorder.h"
 
 namespace KITE::Linux::Sampling {
 
@@ -37,8 +38,9 @@ class WatchedProcess {
     static std::unique_ptr<WatchedProcess> Open(pid_t pid, UniqueFd cmdline, std::string_view name,
                                                 std::span<const Rule> rules);
 
-    // Measures what the rules need. The sample counts only when the process is still the same.
-    Standing Sample(TimePoint at);
+    // Measures what the rules need. The sample counts only when the process is still the same; then it also
+    // goes to the recorder, if there is one.
+    Standing Sample(TimePoint at, SampleRecorder* recorder = nullptr);
 
     // The reports that the last sample calls for; the window of each starts anew. Each gets its log line.
     std::vector<Report> TakeReports(const std::function<bool(const ReportKey&)>& isOnTheWay);
@@ -66,6 +68,7 @@ class WatchedProcess {
     int64_t smallestMemoryQuota_;
     clockid_t cpuClock_{};
     bool warnedUnreadable_ = false;
+    const std::span<const Rule> rules_;
     ProcessWindows windows_;
 };
 

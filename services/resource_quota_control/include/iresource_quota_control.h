@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <string>
 #include <vector>
@@ -46,5 +47,6 @@ class IResourceQuotaControl : public IRemoteBroker {
 inline constexpr int32_t RESOURCE_QUOTA_CONTROL_SERVICE_ID = 1913;
 inline constexpr size_t MAX_IO_PIDS = 2048;       // in one request
 inline constexpr size_t MAX_RUNNING_TIMES = 500;  // in one reply
+inline constexpr uint64_t UNREADABLE_WRITE_BYTES = std::numeric_limits<uint64_t>::max();
 
 }  // namespace KITE::ResourceQuotaCtl

@@ -1,0 +1,46 @@
+#include "kelvra_manager/sample_recorder.h"
+
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "runtime/line_file.h"
+#include "runtime/platform_log.h"
+#include "time_service.h"
+
+namespace KITE::Linux::Sampling {
+
+void SampleRecorder::Add(pid_t pid, int64_t startTime, const std::string& name, std::span<const Rule> rules,
+                         const Measurements& measured) {
+    if (lines_.empty()) {
+        time_ = TimeServiceClient::GetInstance().GetWallTimeMs();
+    }
+    nlohmann::ordered_json line{{"time", time_}, {"pid", pid}, {"start", startTime}, {"name", name}};
+    const auto addMeasured = [&line](const char* key, const std::optional<int64_t>& value) {
+        if (value) {
+            line[key] = *value;
+        }
+    };
+    addMeasured("cpu_ns", measured.cpuTime);
+    addMeasured("memory_kib", measured.memoryKiB);
+    addMeasured("written_bytes", measured.writtenBytes);
+    for (const Rule& rule : rules) {
+        const Kelvra::ResQuotaInfo& quota = rule.quota;
+        line["quotas"][quota.resType].push_back({quota.resource, quota.duration});
+    }
+    lines_ += line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
+}
+
+void SampleRecorder::Write() {
+    if (lines_.empty()) {
+        return;
+    }
+    const int32_t failure = AppendLines(path_, lines_);
+    if (failure != 0 && failure != failure_) {
+        PLATFORM_LOGE("samples are not recorded in %{public}s: %{public}s", path_.c_str(),
+                      strerrordesc_np(failure));
+    }
+    failure_ = failure;
+    lines_.clear();
+}
+
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "kelvra_manager/process_windows.h"
+#include "kelvra_manager/rule_book.h"
+
+namespace KITE::Linux::Sampling {
+
+// Writes what was measured into <state>/samples/samples.jsonl, for those who look at it later: one line of
+// JSON for each watched process and sample, in the form that docs/linux.md describes. Bounded as the event
+// file is. One thread.
+class SampleRecorder {
+  public:
+    explicit SampleRecorder(std::string path) : path_(std::move(path)) {}
+
+    void Add(pid_t pid, int64_t startTime, const std::string& name, std::span<const Rule> rules,
+             const Measurements& measured);
+    // Writes what was added. A file that cannot be written is complained about once, until it can be again.
+    void Write();
+
+  private:
+    const std::string path_;
+    std::string lines_;
+    int64_t time_ = 0;  // of the lines; ms since the epoch
+    int32_t failure_ = 0;
+};
+
+}  // namespace KITE::Linux::Sampling
