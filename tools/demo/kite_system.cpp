@@ -127,10 +127,12 @@ bool KiteSystem::MakeDirectories(std::string& error) {
         return false;
     }
     directory_ = pattern;
+    const fs::path samples = StateDirectory() / "samples";
     // Hosts and clients of other users search it.
     if (chmod(directory_.c_str(), 0755) != 0 || mkdir((directory_ / "etc").c_str(), 0755) != 0 ||
         mkdir(StateDirectory().c_str(), 0755) != 0 ||
-        chown(StateDirectory().c_str(), kQuotaUid, kQuotaUid) != 0) {
+        chown(StateDirectory().c_str(), kQuotaUid, kQuotaUid) != 0 || mkdir(samples.c_str(), 0755) != 0 ||
+        chown(samples.c_str(), kKelvraUid, kKelvraUid) != 0) {
         error = ErrorText(directory_.string(), errno);
         return false;
     }
@@ -157,6 +159,20 @@ std::vector<std::string> KiteSystem::CopyShippedLayers() const {
     return layers;
 }
 
+// The shipped ones; and what is measured is recorded, to be looked at afterwards.
+bool KiteSystem::WriteParameters() const {
+    std::string text;
+    if (!ReadFile(options_.etcDirectory / "parameters.json", text)) {
+        return false;
+    }
+    json parameters = json::parse(text, nullptr, false);
+    if (!parameters.is_object()) {
+        return false;
+    }
+    parameters["kelvra.record_samples"] = true;
+    return WriteFile(directory_ / "etc" / "parameters.json", parameters.dump(2));
+}
+
 bool KiteSystem::WriteConfiguration(std::string& error) const {
     std::vector<std::string> layers;
     for (const fs::path& configuration : options_.configurations) {
@@ -167,12 +183,14 @@ bool KiteSystem::WriteConfiguration(std::string& error) const {
         if (layers.empty()) {
             layers = CopyShippedLayers();
         }
-        for (const char* file : {"parameters.json", "tokens.json"}) {
-            fs::copy_file(options_.etcDirectory / file, etc / file);
-            fs::permissions(etc / file, fs::perms{0644});
-        }
+        fs::copy_file(options_.etcDirectory / "tokens.json", etc / "tokens.json");
+        fs::permissions(etc / "tokens.json", fs::perms{0644});
     } catch (const std::exception& failure) {
         error = failure.what();
+        return false;
+    }
+    if (!WriteParameters()) {
+        error = "no parameters: " + options_.etcDirectory.string();
         return false;
     }
     const json directories{{"directories", layers}};
@@ -347,6 +365,19 @@ bool KiteSystem::StopHosts() {
 bool KiteSystem::Release() {
     Command command = HostCommand(kQuotaUid, kQuotaCapabilities);
     command.arguments.emplace_back("--release");
+    return RunToItsEnd(command);
+}
+
+bool KiteSystem::WritePlot(const fs::path& page) {
+    Command command;
+    command.executable = options_.binaryDirectory / "rqctl";
+    command.arguments = {"rqctl", "plot", "--state=" + StateDirectory().string(),
+                         "--output=" + page.string()};
+    command.descriptors = {{log_.Get(), STDOUT_FILENO}, {log_.Get(), STDERR_FILENO}};
+    return RunToItsEnd(command);
+}
+
+bool KiteSystem::RunToItsEnd(const Command& command) {
     std::string error;
     const std::unique_ptr<Child> child = Child::Start(command, error);
     if (!child) {

@@ -35,17 +35,22 @@ class KiteSystem {
     // False when a host did not stop as it must, or not everything could be released.
     bool StopHosts();
 
+    // Makes a page of what was measured and done so far. False when it could not be made.
+    bool WritePlot(const std::filesystem::path& page);
+
     // Replaces the device state.
     bool WriteDeviceState(const nlohmann::json& state) const;
     // What ended though it was not to end yet; empty when all is well.
     std::string WhatFailed() const;
 
+    std::filesystem::path EtcDirectory() const { return directory_ / "etc"; }
     std::filesystem::path StateDirectory() const { return directory_ / "state"; }
     std::string BusAddress() const;
 
   private:
     bool MakeDirectories(std::string& error);
     bool WriteConfiguration(std::string& error) const;
+    bool WriteParameters() const;
     bool WriteBusConfiguration(std::string& error) const;
     std::vector<std::string> CopyShippedLayers() const;
     bool StartBus(std::string& error);
@@ -54,6 +59,7 @@ class KiteSystem {
     bool AwaitAbilities(std::string& error);
     bool Stop(std::unique_ptr<Child>& child);
     bool Release();
+    bool RunToItsEnd(const Command& command);
 
     Loop& loop_;
     const SystemOptions options_;

@@ -47,7 +47,7 @@ int StatusOf(const Loop& loop, bool isAllWell) {
     return isAllWell ? 0 : kFailed;
 }
 
-int Serve(Loop& loop, const KiteSystem& system, const Display& display) {
+int Serve(Loop& loop, const KiteSystem& system, const Display& display, const SystemOptions& options) {
     display.Say(Tone::kGood, "serving until Ctrl-C");
     display.Say(Tone::kPlain, "  bus            " + system.BusAddress());
     display.Say(Tone::kPlain, "  state          " + system.StateDirectory().string());
@@ -55,6 +55,10 @@ int Serve(Loop& loop, const KiteSystem& system, const Display& display) {
     display.Say(Tone::kPlain, "  events         " + (system.StateDirectory() / "events.jsonl").string());
     display.Say(Tone::kQuiet,
                 "  who is there:  busctl --address=" + system.BusAddress() + " list --acquired");
+    display.Say(Tone::kQuiet, "  ask it:        KITE_BUS=" + system.BusAddress() +
+                                  " KITE_ETC=" + system.EtcDirectory().string() +
+                                  " KITE_STATE=" + system.StateDirectory().string() + " " +
+                                  (options.binaryDirectory / "rqctl").string() + " --help");
     std::string failure;
     const auto ticks = loop.Every(milliseconds(200), [&] { failure = system.WhatFailed(); });
     while (failure.empty() && loop.StopSignal() == 0) {
@@ -92,6 +96,8 @@ int Run(const Options& options) {
         return kFailed;
     }
     int status = kFailed;
+    const std::filesystem::path page = std::filesystem::path(options.system.rawLog).replace_extension("html");
+    std::filesystem::remove(page);
     {
         KiteSystem system(loop, options.system);
         std::string error;
@@ -104,14 +110,21 @@ int Run(const Options& options) {
         } else {
             const auto time = std::chrono::duration_cast<milliseconds>(Clock::now() - begin).count();
             display.Say(Tone::kGood, "the service is up after " + std::to_string(time) + " ms");
-            status = options.serve ? Serve(loop, system, display)
+            status = options.serve ? Serve(loop, system, display, options.system)
                                    : Demonstrate(loop, system, display, options.system);
+            static_cast<void>(system.StopHosts());
+            if (!system.WritePlot(page)) {
+                display.Say(Tone::kBad, "the page could not be made, see the raw log");
+            }
         }
     }
     if (loop.StopSignal() != 0) {
         display.Say(Tone::kQuiet, "stopped; nothing is left running, frozen or slowed");
     }
     display.Say(Tone::kQuiet, "raw log: " + options.system.rawLog.string());
+    if (std::filesystem::exists(page)) {
+        display.Say(Tone::kPlain, "what happened, as a page to look at: " + page.string());
+    }
     return status;
 }
 

@@ -23,6 +23,10 @@ using Add = void(CLI::App& app, Context& context);
 Add AddCheck;
 Add AddExplain;
 Add AddDump;
+Add AddIoBytes;
+Add AddRunningTime;
+Add AddDevice;
+Add AddPlot;
 
 // A subcommand that is run, when it was chosen, after the whole command line has been read. The common
 // options may stand behind it, too.

@@ -6,7 +6,7 @@
 
 #include "rqctl/command.h"
 #include "rqctl/output.h"
-#include "system_log.h"
+#include "runtime/platform_log.h"
 
 namespace {
 
@@ -18,6 +18,10 @@ constexpr Add* kCommands[] = {
     AddCheck,
     AddExplain,
     AddDump,
+    AddIoBytes,
+    AddRunningTime,
+    AddDevice,
+    AddPlot,
     // clang-format on
 };
 
@@ -52,7 +56,9 @@ int main(int argc, char** argv) {
         // What goes wrong is told by the command itself.
         KITE::Log::minimumLevel = KITE::Log::Level::kError;
         KITE::Linux::SetSettings(context.settings);
-        return context.run();
+        const ExitStatus status = context.run();
+        KITE::Linux::StopLog();
+        return status;
     } catch (const std::exception& error) {
         return Fail(kFailed, error.what());
     }

@@ -11,10 +11,10 @@ namespace KITE::Linux::Sampling {
 
 void SampleRecorder::Add(pid_t pid, int64_t startTime, const std::string& name, std::span<const Rule> rules,
                          const Measurements& measured) {
-    if (lines_.empty()) {
-        time_ = TimeServiceClient::GetInstance().GetWallTimeMs();
-    }
-    nlohmann::ordered_json line{{"time", time_}, {"pid", pid}, {"start", startTime}, {"name", name}};
+    nlohmann::ordered_json line{{"time", TimeServiceClient::GetInstance().GetWallTimeMs()},
+                                {"pid", pid},
+                                {"start", startTime},
+                                {"name", name}};
     const auto addMeasured = [&line](const char* key, const std::optional<int64_t>& value) {
         if (value) {
             line[key] = *value;

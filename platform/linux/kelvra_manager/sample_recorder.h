@@ -26,7 +26,6 @@ class SampleRecorder {
   private:
     const std::string path_;
     std::string lines_;
-    int64_t time_ = 0;  // of the lines; ms since the epoch
     int32_t failure_ = 0;
 };
 

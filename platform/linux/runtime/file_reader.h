@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "visibility.h"
+
 namespace KITE::Linux {
 
 // Larger files are refused (EFBIG).
@@ -14,7 +16,7 @@ enum class EndOfFile { kEmptyRead, kShortRead };
 
 // Reads from the descriptor's position to the end, also where the file does not know its size. 0, or the
 // error number with the content as it was.
-int32_t ReadToEnd(int fd, EndOfFile end, std::string& content);
+KITE_API int32_t ReadToEnd(int fd, EndOfFile end, std::string& content);
 
 // Reads the whole file. 0, or the error number with the content as it was. Does not wait for the other end of
 // a named pipe.

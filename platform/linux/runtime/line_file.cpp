@@ -49,7 +49,7 @@ int32_t AppendLines(const std::string& path, std::string_view lines) {
     const std::lock_guard lock(rotation);
     size_t size = 0;
     UniqueFd file = OpenForAppending(path, size);
-    if (file && size != 0 && size + lines.size() > kMaxFileBytes) {
+    if (file && size != 0 && size + lines.size() > kMaxLineFileBytes) {
         if (std::rename(path.c_str(), (path + ".1").c_str()) != 0) {
             return errno;
         }

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "rqctl/run_record.h"
+
+namespace KITE::Rqctl {
+
+// A stretch of time in which a process was suppressed or frozen.
+struct Band {
+    Treatment::Kind kind = Treatment::Kind::kSuppress;  // or kFreeze
+    int64_t from = 0;
+    int64_t to = 0;
+};
+
+// What is shown together of one process: its treatments that lie close to each other, and the time around
+// them.
+struct Panel {
+    int32_t pid = 0;
+    std::string name;
+    int64_t begin = 0;
+    int64_t end = 0;
+    std::vector<Treatment> treatments;
+    std::vector<Band> bands;
+    std::vector<Sample> samples;
+    std::map<std::string, std::vector<Quota>> quotas;
+};
+
+// In the order of their first treatments.
+std::vector<Panel> PanelsOf(const RunRecord& record);
+
+}  // namespace KITE::Rqctl

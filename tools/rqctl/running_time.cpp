@@ -1,0 +1,54 @@
+// rqctl running-time: how long extensions may run.
+
+#include <algorithm>
+#include <map>
+#include <string>
+
+#include "resource_quota_control_errors.h"
+#include "rqctl/command.h"
+#include "rqctl/output.h"
+#include "rqctl/service.h"
+
+namespace KITE::Rqctl {
+
+namespace {
+
+void Show(const std::map<std::string, int32_t>& times) {
+    size_t width = 0;
+    for (const auto& [name, time] : times) {
+        width = std::max(width, Printable(name).size());
+    }
+    for (const auto& [name, time] : times) {
+        std::string line = Printable(name);
+        line.resize(width + 2, ' ');
+        Say(line + std::to_string(time));
+    }
+}
+
+ExitStatus Run(const Context& context) {
+    Service service(context);
+    if (const ExitStatus status = service.Connect()) {
+        return status;
+    }
+    std::map<std::string, int32_t> times;
+    if (const int32_t result = service->GetExtensionRunningTime(times)) {
+        return service.Explain(result);
+    }
+    if (context.wantsJson) {
+        SayJson(nlohmann::ordered_json(times));
+    } else {
+        Show(times);
+    }
+    return kDone;
+}
+
+}  // namespace
+
+void AddRunningTime(CLI::App& app, Context& context) {
+    AddJsonOption(
+        AddCommand(app, context, "running-time", "Prints the configured running time of each extension.",
+                   [&context] { return Run(context); }),
+        context);
+}
+
+}  // namespace KITE::Rqctl
