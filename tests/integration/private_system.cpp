@@ -58,7 +58,8 @@ void PrivateSystem::SetUp() {
     WriteWholeFile(etc_ + "/config_directories.json", "{\"directories\": [\"" + Layer() + "\"]}");
     SetPolicy({Rule("nobody", "cpu", 50, "warning")});
     SetParameters(R"({"const.debuggable": 1, "kelvra.sample_period_ms": 100})");
-    SetTokens(R"({"tokens": [{"uid": 0, "process_name": "svcdb", "permissions": ["kite.permission.DUMP"]},
+    SetTokens(R"({"tokens": [{"uid": 0, "process_name": "svcdb",
+                              "permissions": ["kite.permission.DUMP", "kite.permission.MANAGE_TREATMENTS"]},
                              {"uid": 61913, "process_name": "resource_quota_control"}]})");
     StartBus();
 }

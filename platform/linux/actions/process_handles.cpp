@@ -63,7 +63,8 @@ size_t ProcessHandles::UsualCapacity() {
     return isKnown ? std::clamp<size_t>(limit.rlim_cur / 2, 1, kMost) : 1;
 }
 
-ProcessHandlePtr ProcessHandles::Remember(pid_t pid, int64_t startTime, const std::string& name) {
+ProcessHandlePtr ProcessHandles::Remember(pid_t pid, int64_t startTime, const std::string& name,
+                                          Breach breach) {
     UniqueFd pidfd = OpenProcess(pid, startTime);
     const int error = errno;
     if (!pidfd) {
@@ -78,10 +79,11 @@ ProcessHandlePtr ProcessHandles::Remember(pid_t pid, int64_t startTime, const st
                       Printable(name).c_str());
         return nullptr;
     }
-    return Keep(std::make_shared<ProcessHandle>(std::move(pidfd), pid, startTime, name, *executable));
+    return Keep(std::make_shared<ProcessHandle>(std::move(pidfd), pid, startTime, name, *executable),
+                std::move(breach));
 }
 
-ProcessHandlePtr ProcessHandles::Keep(ProcessHandlePtr handle) {
+ProcessHandlePtr ProcessHandles::Keep(ProcessHandlePtr handle, Breach breach) {
     const std::lock_guard lock(mutex_);
     const pid_t pid = handle->Pid();
     const auto [place, isNew] = entries_.try_emplace(pid);
@@ -92,6 +94,7 @@ ProcessHandlePtr ProcessHandles::Keep(ProcessHandlePtr handle) {
     if (isNew || !entry.handle->IsSameAs(*handle)) {
         entry.handle = std::move(handle);
     }
+    entry.breach = std::move(breach);
     entry.order = nextOrder_++;
     byAge_.emplace(entry.order, pid);
     ProcessHandlePtr kept = entry.handle;
@@ -118,6 +121,12 @@ ProcessHandlePtr ProcessHandles::Find(pid_t pid) const {
     const std::lock_guard lock(mutex_);
     const auto entry = entries_.find(pid);
     return entry == entries_.end() ? nullptr : entry->second.handle;
+}
+
+Breach ProcessHandles::LastBreach(pid_t pid) const {
+    const std::lock_guard lock(mutex_);
+    const auto entry = entries_.find(pid);
+    return entry == entries_.end() ? Breach{} : entry->second.breach;
 }
 
 void ProcessHandles::DropExited(pid_t pid) {

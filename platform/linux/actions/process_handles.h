@@ -15,12 +15,21 @@
 
 namespace KITE::Linux {
 
+// What a report says of the quota that was broken.
+struct Breach {
+    std::string resourceType;
+    int32_t ruleId = 0;
+    int64_t resource = 0;  // measured
+    int64_t duration = 0;  // of the quota
+};
+
 // Keeps hold of a process that a report has named, so that what is decided about it later reaches this
 // process or none. The process must exist when a report of it arrives, must have started at that time (clock
 // ticks since boot), and is known under that name from then on. A new report of the same process replaces
-// name and executable. False, with an error line, when the process is not there or another by now. Waits for
-// nothing but /proc; called on the serving thread.
-KITE_API bool RememberReportedProcess(int32_t pid, int64_t startTime, const std::string& processName);
+// name, executable and breach. False, with an error line, when the process is not there or another by now.
+// Waits for nothing but /proc; called on the serving thread.
+KITE_API bool RememberReportedProcess(int32_t pid, int64_t startTime, const std::string& processName,
+                                      Breach breach = {});
 
 // Whether the process that a pidfd names has ended.
 bool HasExited(int pidfd);
@@ -69,9 +78,11 @@ class ProcessHandles {
     static size_t UsualCapacity();
 
     // The handle that is kept; null when the process is not that one. See RememberReportedProcess.
-    ProcessHandlePtr Remember(pid_t pid, int64_t startTime, const std::string& name);
+    ProcessHandlePtr Remember(pid_t pid, int64_t startTime, const std::string& name, Breach breach = {});
     // Null when there is none.
     ProcessHandlePtr Find(pid_t pid) const;
+    // The last reported one; empty when there is none.
+    Breach LastBreach(pid_t pid) const;
     // Forgets the process of that pid if it has ended.
     void DropExited(pid_t pid);
 
@@ -79,9 +90,10 @@ class ProcessHandles {
     struct Entry {
         ProcessHandlePtr handle;
         uint64_t order;
+        Breach breach;
     };
 
-    ProcessHandlePtr Keep(ProcessHandlePtr handle);
+    ProcessHandlePtr Keep(ProcessHandlePtr handle, Breach breach);
     void MakeRoom();
 
     const size_t capacity_;

@@ -18,6 +18,8 @@ namespace {
 constexpr const char* kIdleFile = "cpu.idle";
 constexpr const char* kFreezeFile = "cgroup.freeze";
 
+const Step kNothingDone{0, "nothing"};
+
 int FirstError(int first, int second) {
     return first != 0 ? first : second;
 }
@@ -114,9 +116,10 @@ class SuppressionPause {
 
 }  // namespace
 
-TreatmentSteps::TreatmentSteps(Cgroups cgroups, std::string stateDirectory)
+TreatmentSteps::TreatmentSteps(Cgroups cgroups, std::string stateDirectory, bool isDryRun)
     : cgroups_(std::move(cgroups)),
       records_(std::move(stateDirectory)),
+      isDryRun_(isDryRun),
       bootId_(CurrentBootId()),
       hostStartTime_(ReadProcStat(getpid()).value_or(ProcStat{}).startTime) {}
 
@@ -248,6 +251,10 @@ Step TreatmentSteps::SuppressThreads(TreatmentRecord& record, int pidfd) const {
 }
 
 Step TreatmentSteps::Suppress(TreatmentRecord& record, int pidfd) const {
+    if (isDryRun_) {
+        record.suppression.emplace();
+        return kNothingDone;
+    }
     if (const int error = Save(record); error != 0) {
         return {error, {}};
     }
@@ -276,6 +283,10 @@ Step TreatmentSteps::SuppressInAnyForm(TreatmentRecord& record, int pidfd) const
 Step TreatmentSteps::EndSuppression(TreatmentRecord& record, int pidfd) const {
     if (!record.suppression) {
         return {};
+    }
+    if (isDryRun_) {
+        record.suppression.reset();
+        return kNothingDone;
     }
     const Suppression& suppression = *record.suppression;
     Step step;
@@ -334,6 +345,10 @@ Step TreatmentSteps::StopBySignal(TreatmentRecord& record, int pidfd) const {
 }
 
 Step TreatmentSteps::Freeze(TreatmentRecord& record, int pidfd) const {
+    if (isDryRun_) {
+        record.freeze.emplace();
+        return kNothingDone;
+    }
     if (const int error = Save(record); error != 0) {
         return {error, {}};
     }
@@ -356,6 +371,10 @@ Step TreatmentSteps::Thaw(TreatmentRecord& record, int pidfd) const {
     if (!record.freeze) {
         return {};
     }
+    if (isDryRun_) {
+        record.freeze.reset();
+        return kNothingDone;
+    }
     const KITE::Linux::Freeze& freeze = *record.freeze;
     Step step;
     if (freeze.frozenGroup) {
@@ -373,6 +392,10 @@ Step TreatmentSteps::Thaw(TreatmentRecord& record, int pidfd) const {
     }
     step.error = FirstError(step.error, Tidy(record));
     return step;
+}
+
+Step TreatmentSteps::Kill(int pidfd) const {
+    return isDryRun_ ? kNothingDone : Step{SendSignal(pidfd, SIGKILL), "SIGKILL"};
 }
 
 int TreatmentSteps::UndoAll(TreatmentRecord& record, int pidfd) const {
@@ -401,6 +424,9 @@ int TreatmentSteps::RemoveUnusedGroups(TreatmentRecord& record) const {
 }
 
 int TreatmentSteps::Tidy(TreatmentRecord& record) const {
+    if (isDryRun_) {
+        return 0;
+    }
     const int groupError = RemoveUnusedGroups(record);
     const int fileError = record.IsEmpty() ? records_.Remove(record) : records_.Write(record);
     return FirstError(groupError, fileError);

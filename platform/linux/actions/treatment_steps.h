@@ -23,10 +23,14 @@ struct Step {
 // when nothing is left to undo. A record shows what is in force; a step that fails leaves in it what still
 // has to be undone. `pidfd` names the record's process; -1 when it has ended, where that makes sense.
 //
-// Callers serialize the calls. A step waits for the file system, and a freeze up to kFreezerLimit.
+// Every touch of a process goes through here. A dry run goes through the same steps and touches nothing: no
+// signal, no policy, no group and no record on disk.
+//
+// Callers serialize the calls, but for Kill. A step waits for the file system, and a freeze up to
+// kFreezerLimit.
 class TreatmentSteps {
   public:
-    TreatmentSteps(Cgroups cgroups, std::string stateDirectory);
+    TreatmentSteps(Cgroups cgroups, std::string stateDirectory, bool isDryRun = false);
 
     TreatmentRecord NewRecord(pid_t pid, int64_t startTime, const std::string& name) const;
 
@@ -42,11 +46,15 @@ class TreatmentSteps {
     Step Freeze(TreatmentRecord& record, int pidfd) const;
     Step Thaw(TreatmentRecord& record, int pidfd) const;
 
+    // Sends SIGKILL. Any thread.
+    Step Kill(int pidfd) const;
+
     // Undoes all; 0, or an error number when something is left in the record.
     int UndoAll(TreatmentRecord& record, int pidfd) const;
     // Removes groups that nothing uses any more and brings the file up to date; 0 or the first error.
     int Tidy(TreatmentRecord& record) const;
 
+    bool IsDryRun() const { return isDryRun_; }
     const Cgroups& Groups() const { return cgroups_; }
     const TreatmentRecords& Records() const { return records_; }
 
@@ -75,6 +83,7 @@ class TreatmentSteps {
 
     const Cgroups cgroups_;
     const TreatmentRecords records_;
+    const bool isDryRun_;
     const std::string bootId_;
     const int64_t hostStartTime_;
     // Idle by a suppression of their own, and not for being born to an idle process.

@@ -1,9 +1,5 @@
 #include "actions/treatment_table.h"
 
-#include <signal.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 
@@ -12,6 +8,7 @@
 #include "runtime/event_file.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
+#include "time_service.h"
 
 namespace KITE::Linux {
 
@@ -23,12 +20,17 @@ constexpr const char* kSuppressEnd = "SUPPRESS_END";
 constexpr const char* kFreeze = "FREEZE";
 constexpr const char* kThaw = "THAW";
 constexpr const char* kKill = "KILL";
+constexpr const char* kRelease = "RELEASE";
 
 constexpr std::chrono::milliseconds kLongestRetryPause{5000};
 
 int64_t MillisecondsSince(TreatmentTable::Clock::time_point moment) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(TreatmentTable::Clock::now() - moment)
         .count();
+}
+
+int64_t NowOnTheWall() {
+    return TimeServiceClient::GetInstance().GetWallTimeMs();
 }
 
 int PidfdIfThere(const ProcessHandle& handle) {
@@ -38,12 +40,14 @@ int PidfdIfThere(const ProcessHandle& handle) {
 }  // namespace
 
 TreatmentTable& TreatmentTable::Instance() {
-    static TreatmentTable table({Cgroups::OfThisMachine(), RunDirectory()});
+    static TreatmentTable table({.cgroups = Cgroups::OfThisMachine(),
+                                 .stateDirectory = RunDirectory(),
+                                 .isDryRun = GetSettings().isDryRun});
     return table;
 }
 
 TreatmentTable::TreatmentTable(Options options)
-    : steps_(std::move(options.cgroups), std::move(options.stateDirectory)),
+    : steps_(std::move(options.cgroups), std::move(options.stateDirectory), options.isDryRun),
       killPatience_(options.killPatience),
       handles_(ProcessHandles::UsualCapacity()),
       watcher_([this](pid_t pid) { OnExited(pid); }, [this] { OnTimeUp(); }) {}
@@ -52,30 +56,36 @@ TreatmentTable::~TreatmentTable() {
     watcher_.Stop();
 }
 
-int32_t TreatmentTable::Announce(const Result& result) {
+int32_t TreatmentTable::Announce(const Result& result) const {
+    const char* dryRun = steps_.IsDryRun() ? "dry run: " : "";
     const std::string name = Printable(result.name);
     if (result.step.error == 0) {
-        PLATFORM_LOGI("%{public}s of pid %{public}d (%{public}s) done, by %{public}s%{public}s%{public}s",
-                      result.event, result.pid, name.c_str(), result.step.form.c_str(),
-                      result.reason.empty() ? "" : ": ", result.reason.c_str());
+        PLATFORM_LOGI(
+            "%{public}s%{public}s of pid %{public}d (%{public}s) done, by %{public}s%{public}s%{public}s",
+            dryRun, result.event, result.pid, name.c_str(), result.step.form.c_str(),
+            result.reason.empty() ? "" : ": ", result.reason.c_str());
     } else {
         PLATFORM_LOGE(
-            "%{public}s of pid %{public}d (%{public}s) failed: "
+            "%{public}s%{public}s of pid %{public}d (%{public}s) failed: "
             "%{public}s%{public}s%{public}s%{public}s%{public}s",
-            result.event, result.pid, name.c_str(), ErrorText(result.step.error).c_str(),
+            dryRun, result.event, result.pid, name.c_str(), ErrorText(result.step.error).c_str(),
             result.reason.empty() ? "" : ", ", result.reason.c_str(), result.step.form.empty() ? "" : ", by ",
             result.step.form.c_str());
     }
-    RecordEvent(kEventDomain, result.event, kBehaviourEvent,
-                {{"PID", result.pid},
-                 {"PROCESS_NAME", result.name},
-                 {"FORM", result.step.form},
-                 {"RESULT", result.step.error}});
+    std::vector<EventItem> items{{"PID", result.pid},
+                                 {"PROCESS_NAME", result.name},
+                                 {"FORM", result.step.form},
+                                 {"REASON", result.reason},
+                                 {"RESULT", result.step.error}};
+    if (result.by) {
+        items.push_back({"BY_UID", *result.by});
+    }
+    RecordEvent(kEventDomain, result.event, kBehaviourEvent, std::move(items));
     return result.step.error;
 }
 
-bool TreatmentTable::Remember(pid_t pid, int64_t startTime, const std::string& name) {
-    const ProcessHandlePtr handle = handles_.Remember(pid, startTime, name);
+bool TreatmentTable::Remember(pid_t pid, int64_t startTime, const std::string& name, Breach breach) {
+    const ProcessHandlePtr handle = handles_.Remember(pid, startTime, name, std::move(breach));
     const int error = handle ? watcher_.Watch(handle->Pidfd(), pid) : 0;
     if (error != 0) {
         PLATFORM_LOGE("pid %{public}d cannot be watched: %{public}s", pid, ErrorText(error).c_str());
@@ -168,6 +178,8 @@ TreatmentTable::Result TreatmentTable::BeginSuppression(pid_t pid, const std::st
     Step step{0, "the suppression in force"};
     if (!treated.record.suppression) {
         step = steps_.Suppress(treated.record, admission.handle->Pidfd());
+        treated.breach = handles_.LastBreach(pid);
+        treated.suppressedSince = NowOnTheWall();
     }
     if (step.error == 0) {
         ++treated.suppressions;
@@ -217,6 +229,8 @@ TreatmentTable::Result TreatmentTable::BeginFreeze(pid_t pid, const std::string&
     Step step{0, "the freeze in force"};
     if (!treated.record.freeze) {
         step = steps_.Freeze(treated.record, admission.handle->Pidfd());
+        treated.breach = handles_.LastBreach(pid);
+        treated.frozenSince = NowOnTheWall();
     }
     if (step.error == 0) {
         const std::optional<Clock::time_point> end =
@@ -261,18 +275,33 @@ int32_t TreatmentTable::Kill(pid_t pid, const std::string& name, const std::stri
     if (admission.error != 0) {
         return Announce({kKill, pid, name, {admission.error, {}}, admission.reason});
     }
-    const int pidfd = admission.handle->Pidfd();
-    const bool isAccepted = syscall(SYS_pidfd_send_signal, pidfd, SIGKILL, nullptr, 0) == 0;
     const int32_t error =
-        Announce({kKill, pid, name, {isAccepted ? 0 : errno, "SIGKILL"}, Printable(reason)});
-    if (isAccepted) {
+        Announce({kKill, pid, name, steps_.Kill(admission.handle->Pidfd()), Printable(reason)});
+    if (error == 0) {
         const std::lock_guard lock(mutex_);
         LiftForKill(*admission.handle);
-        kills_.try_emplace({pid, admission.handle->StartTime()}, PendingKill{admission.handle, Clock::now()});
-        // It may have ended before it was in the list.
-        CheckKills(Clock::now());
-        RearmTimer();
+        AwaitDeath(admission.handle);
     }
+    return error;
+}
+
+void TreatmentTable::AwaitDeath(const ProcessHandlePtr& handle) {
+    if (steps_.IsDryRun()) {
+        return;
+    }
+    kills_.try_emplace({handle->Pid(), handle->StartTime()}, PendingKill{handle, Clock::now()});
+    // It may have ended before it was in the list.
+    CheckKills(Clock::now());
+    RearmTimer();
+}
+
+int TreatmentTable::EndAll(TreatedMap::iterator entry) {
+    Treated& treated = entry->second;
+    treated.suppressions = 0;
+    treated.isFrozen = false;
+    treated.thawAt.reset();
+    const int error = Undo(treated, true);
+    Conclude(entry, error);
     return error;
 }
 
@@ -280,7 +309,10 @@ void TreatmentTable::LiftForKill(const ProcessHandle& handle) {
     // A process must run to end, which a suppressed one does late on a busy machine. A frozen one ends as it
     // is.
     const auto entry = treated_.find({handle.Pid(), handle.StartTime()});
-    if (entry != treated_.end()) {
+    if (entry != treated_.end() && steps_.IsDryRun()) {
+        // What would be gone by now.
+        EndAll(entry);
+    } else if (entry != treated_.end()) {
         entry->second.suppressions = 0;
         Conclude(entry, steps_.EndSuppression(entry->second.record, PidfdIfThere(handle)).error);
     }
@@ -373,6 +405,40 @@ void TreatmentTable::OnTimeUp() {
     for (const Result& result : results) {
         Announce(result);
     }
+}
+
+std::vector<TreatedProcess> TreatmentTable::List() {
+    std::vector<TreatedProcess> list;
+    const std::lock_guard lock(mutex_);
+    for (const auto& [key, treated] : treated_) {
+        TreatedProcess& process = list.emplace_back();
+        process.pid = key.first;
+        process.name = treated.record.processName;
+        process.suppressedSince = treated.record.suppression ? treated.suppressedSince : 0;
+        process.frozenSince = treated.record.freeze ? treated.frozenSince : 0;
+        process.frozenUntil = treated.thawAt ? NowOnTheWall() - MillisecondsSince(*treated.thawAt) : 0;
+        process.breach = treated.breach;
+    }
+    return list;
+}
+
+int32_t TreatmentTable::Release(pid_t pid, uid_t releasedBy) {
+    std::unique_lock lock(mutex_);
+    const auto entry = std::ranges::find_if(treated_, [pid](const TreatedMap::value_type& candidate) {
+        return candidate.first.first == pid && !HasExited(candidate.second.handle->Pidfd());
+    });
+    if (entry == treated_.end()) {
+        lock.unlock();
+        ProcStat stat;
+        const bool isThere = ReadProcStat(pid, stat) != ESRCH;
+        PLATFORM_LOGI("uid %{public}u asks to release pid %{public}d, which is not %{public}s", releasedBy,
+                      pid, isThere ? "treated" : "there");
+        return isThere ? kNotTreated : ESRCH;
+    }
+    const std::string name = entry->second.record.processName;
+    const int error = EndAll(entry);
+    lock.unlock();
+    return Announce({kRelease, pid, name, {error, "the end of every treatment"}, "asked for", releasedBy});
 }
 
 void TreatmentTable::ReleaseAll() {

@@ -14,6 +14,7 @@
 
 #include "actions/process_handles.h"
 #include "actions/treatment_steps.h"
+#include "actions/treatments.h"
 #include "actions/watcher.h"
 
 namespace KITE::Linux {
@@ -31,6 +32,7 @@ class TreatmentTable {
         Cgroups cgroups;
         std::string stateDirectory;
         std::chrono::milliseconds killPatience{2000};  // after it, a killed process is said to be pending
+        bool isDryRun = false;                         // see TreatmentSteps
     };
 
     // The process's own; others exist in tests only.
@@ -43,7 +45,7 @@ class TreatmentTable {
     TreatmentTable& operator=(const TreatmentTable&) = delete;
 
     // See RememberReportedProcess, ReleaseAllTreatments, ReleaseLeftTreatments.
-    bool Remember(pid_t pid, int64_t startTime, const std::string& name);
+    bool Remember(pid_t pid, int64_t startTime, const std::string& name, Breach breach = {});
     void ReleaseAll();
     bool ReleaseLeft();
 
@@ -58,10 +60,17 @@ class TreatmentTable {
     // 0 once the signal is accepted. A later line says that the process is gone, or pending still.
     int32_t Kill(pid_t pid, const std::string& name, const std::string& reason);
 
+    // See ListTreatments, ReleaseTreatment.
+    std::vector<TreatedProcess> List();
+    int32_t Release(pid_t pid, uid_t releasedBy);
+
   private:
     struct Treated {
         ProcessHandlePtr handle;
         TreatmentRecord record;
+        Breach breach;                // last reported when the latest treatment began
+        int64_t suppressedSince = 0;  // milliseconds since the epoch
+        int64_t frozenSince = 0;
         std::set<std::string> names;  // under which it was treated; it may have executed other programs
         int suppressions = 0;
         bool isFrozen = false;
@@ -86,6 +95,7 @@ class TreatmentTable {
         std::string name;
         Step step;
         std::string reason;
+        std::optional<uid_t> by = std::nullopt;  // of a release
     };
 
     struct Admission {
@@ -102,11 +112,13 @@ class TreatmentTable {
     // The living process of that pid, if it was treated under that name.
     TreatedMap::iterator FindTreated(pid_t pid, const std::string& name);
     int Undo(Treated& treated, bool all) const;
+    int EndAll(TreatedMap::iterator entry);
     void Conclude(TreatedMap::iterator entry, int error);
     void RearmTimer();
     void ThawDue(Clock::time_point now, std::vector<Result>& results);
     void RetryDue(Clock::time_point now);
     void LiftForKill(const ProcessHandle& handle);
+    void AwaitDeath(const ProcessHandlePtr& handle);
     void CheckKills(Clock::time_point now);
     void UndoEnded(pid_t pid);
     int ReleaseOne(TreatmentRecord& record);
@@ -115,7 +127,7 @@ class TreatmentTable {
 
     void OnExited(pid_t pid);
     void OnTimeUp();
-    static int32_t Announce(const Result& result);
+    int32_t Announce(const Result& result) const;
 
     const TreatmentSteps steps_;
     const std::chrono::milliseconds killPatience_;

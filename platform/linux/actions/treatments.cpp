@@ -1,12 +1,21 @@
 #include "actions/treatments.h"
 
-#include "actions/process_handles.h"
+#include <utility>
+
 #include "actions/treatment_table.h"
 
 namespace KITE::Linux {
 
-bool RememberReportedProcess(int32_t pid, int64_t startTime, const std::string& processName) {
-    return TreatmentTable::Instance().Remember(pid, startTime, processName);
+bool RememberReportedProcess(int32_t pid, int64_t startTime, const std::string& processName, Breach breach) {
+    return TreatmentTable::Instance().Remember(pid, startTime, processName, std::move(breach));
+}
+
+std::vector<TreatedProcess> ListTreatments() {
+    return TreatmentTable::Instance().List();
+}
+
+int32_t ReleaseTreatment(pid_t pid, uid_t releasedBy) {
+    return TreatmentTable::Instance().Release(pid, releasedBy);
 }
 
 void ReleaseAllTreatments() {

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "actions/treatments.h"
+#include "host/treatments_object.h"
 #include "ipc/ability_names.h"
 #include "ipc/ability_registry.h"
 #include "ipc/bus.h"
@@ -85,6 +86,7 @@ class Host {
     const UniqueFd stopSignal_ = OpenStopSignal();
     const UniqueFd busLost_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     std::vector<SystemAbility*> started_;
+    TreatmentsObject treatments_{Bus::Instance()};
 };
 
 bool Host::Start() {
@@ -93,12 +95,15 @@ bool Host::Start() {
         PLATFORM_LOGE("the host does not start: %{public}s", error.c_str());
         return false;
     }
-    if (!ReleaseLeftTreatments()) {
+    if (options_.settings.isDryRun) {
+        PLATFORM_LOGW("dry run: no process is touched, and what an earlier host left treated stays so");
+    } else if (!ReleaseLeftTreatments()) {
         PLATFORM_LOGE("not everything that an earlier host left treated could be released");
     }
     if (!StartBus() || !LoadLibraries()) {
         return false;
     }
+    treatments_.Serve();
     StartAbilities();
     return true;
 }
@@ -150,6 +155,7 @@ void Host::Stop() {
     for (; !started_.empty(); started_.pop_back()) {
         RunGuarded("an ability's stop", [this] { started_.back()->OnStop(); });
     }
+    treatments_.Withdraw();
     TaskRuntime::Instance().Stop();
     ReleaseAllTreatments();
     ForgetPublishedObjects();

@@ -11,7 +11,7 @@ namespace KITE::Linux {
 struct HostOptions {
     Settings settings;
     Log::Level logLevel = Log::Level::kInfo;
-    // Release what a killed host left treated, and do nothing else.
+    // Release what a killed host left treated, and do nothing else. Not in a dry run.
     bool release = false;
     std::vector<std::string> libraries;
 };

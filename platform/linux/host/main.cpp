@@ -1,7 +1,8 @@
 // kite_host: runs the abilities of the libraries that it is given.
 //
 //   kite_host [--etc DIR] [--state DIR] [--run DIR] [--bus ADDRESS] [--log-level LEVEL] [--log-to-stderr]
-//   LIBRARY... kite_host --release [--state DIR] [--run DIR] [--log-level LEVEL] [--log-to-stderr]
+//             [--dry-run] LIBRARY...
+//   kite_host --release [--state DIR] [--run DIR] [--log-level LEVEL] [--log-to-stderr]
 //
 // KITE_ETC, KITE_STATE, KITE_RUN and KITE_BUS stand in for the options of those names.
 //
@@ -45,7 +46,9 @@ void Describe(CLI::App& app, HostOptions& options) {
     CLI::Option* libraries = app.add_option("LIBRARY", options.libraries, "libraries to load");
     CLI::Option* release =
         app.add_flag("--release", options.release, "release what a killed host left treated, and exit");
-    release->excludes(libraries);
+    CLI::Option* dryRun = app.add_flag("--dry-run", options.settings.isDryRun,
+                                       "decide, log and record as always, but touch no process");
+    release->excludes(libraries)->excludes(dryRun);
     app.callback([libraries, &options] {
         if (!options.release && libraries->count() == 0) {
             throw CLI::RequiredError("LIBRARY");

@@ -9,8 +9,10 @@
 #include "ipc/calling_context.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
+#include "runtime/event_file.h"
 #include "runtime/platform_log.h"
 #include "system_ability.h"
+#include "task_runtime.h"
 
 namespace KITE::Linux {
 
@@ -22,6 +24,23 @@ std::string ReadBatch(MessageParcel& data, std::vector<Kelvra::ProcessAnomalyInf
         fault = "no record in it";
     }
     return fault;
+}
+
+std::vector<Event> EventsOf(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) {
+    std::vector<Event> events;
+    events.reserve(infos.size());
+    for (const Kelvra::ProcessAnomalyInfo& info : infos) {
+        events.emplace_back("KITE", "REPORT", kBehaviourEvent,
+                            std::vector<EventItem>{{"PID", info.pid},
+                                                   {"PROCESS_NAME", info.processName},
+                                                   {"UID", info.uid},
+                                                   {"RESOURCE_TYPE", info.resType},
+                                                   {"RULE_ID", info.id},
+                                                   {"RESOURCE", info.resource},
+                                                   {"DURATION", info.duration},
+                                                   {"ACTION", info.action}});
+    }
+    return events;
 }
 
 }  // namespace
@@ -62,9 +81,14 @@ int32_t SubscriberStub::TakeBatch(MessageParcel& data) {
     }
     for (const Kelvra::ProcessAnomalyInfo& info : infos) {
         // A process that has gone is still reported: the service records it and finds that out itself.
-        RememberReportedProcess(info.pid, info.startTime, info.processName);
+        RememberReportedProcess(info.pid, info.startTime, info.processName,
+                                {info.resType, info.id, info.resource, info.duration});
     }
+    // Queued before the service can act, so that a report's event comes before its outcome's; written once
+    // the service has the reports, since a decision must not wait for a disk.
+    QueueEvents(EventsOf(infos));
     subscriber->OnReportAbnormalProcess(infos);
+    SubmitTask(WriteQueuedEvents, {.name = "WriteQueuedEvents", .delay = {}});
     return ERR_NONE;
 }
 

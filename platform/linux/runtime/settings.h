@@ -15,6 +15,7 @@ struct Settings {
     std::string runDirectory;
     std::string busAddress;            // empty: the system bus
     bool logsToStandardError = false;  // also where there is a journal
+    bool isDryRun = false;             // decide, log and record, but touch no process
 };
 
 // Replaces the defaults. Called once at most, before there is another thread and before anything else of the

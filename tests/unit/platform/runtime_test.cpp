@@ -510,7 +510,7 @@ TEST_F(RuntimeTest, AnEventIsOneLineOfJson) {
 }
 
 TEST_F(RuntimeTest, TheEventFileIsRotatedAndNeverReachedThroughALink) {
-    const std::vector<EventField> large{{"TEXT", std::string(3 << 20, 'x')}};
+    const std::vector<EventItem> large{{"TEXT", std::string(3 << 20, 'x')}};
     for (int i = 0; i < 3; ++i) {
         ASSERT_EQ(RecordEvent("D", std::to_string(i), 4, large), 0);
     }
