@@ -27,6 +27,9 @@ Add AddIoBytes;
 Add AddRunningTime;
 Add AddDevice;
 Add AddPlot;
+Add AddWatch;
+Add AddTreated;
+Add AddRelease;
 
 // A subcommand that is run, when it was chosen, after the whole command line has been read. The common
 // options may stand behind it, too.

@@ -12,11 +12,12 @@ enum ExitStatus : int {
     kDenied = 4,       // the service does not answer this user, or the user may not do it
     kFailed = 5,       // something else went wrong; standard error says what
     kNoSuch = 6,       // there is no such process or name
+    kNotTreated = 7,   // release: nothing is done to the process
 };
 
 inline constexpr const char* kExitStatusHelp =
     "Exit status: 0 done, 1 only warnings (check --strict), 2 refused by the service (check),\n"
     "3 the bus or the service cannot be reached, 4 not allowed, 5 failed, 6 no such process or name,\n"
-    "100 and above a wrong command line. NO_COLOR turns colours off.";
+    "7 not treated (release), 100 and above a wrong command line. NO_COLOR turns colours off.";
 
 }  // namespace KITE::Rqctl

@@ -22,6 +22,9 @@ constexpr Add* kCommands[] = {
     AddRunningTime,
     AddDevice,
     AddPlot,
+    AddWatch,
+    AddTreated,
+    AddRelease,
     // clang-format on
 };
 

@@ -35,6 +35,7 @@
 #include "runtime/stderr_log.h"
 #include "runtime/task_runtime.h"
 #include "runtime/unique_fd.h"
+#include "system_event.h"
 
 namespace KITE::Linux {
 namespace {

@@ -1,0 +1,144 @@
+#include "rqctl/event_follower.h"
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <tuple>
+#include <utility>
+
+namespace KITE::Rqctl {
+
+namespace {
+
+using Linux::UniqueFd;
+
+// No file is longer, nor can a line be.
+constexpr size_t kLongestLine = size_t{16} << 20;
+
+UniqueFd OpenFile(const std::string& path) {
+    UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (file && (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        errno = EINVAL;
+        return {};
+    }
+    return file;
+}
+
+struct stat StatusOf(const UniqueFd& file) {
+    struct stat status {};
+    fstat(file.Get(), &status);
+    return status;
+}
+
+bool IsSame(const UniqueFd& one, const UniqueFd& other) {
+    const struct stat first = StatusOf(one);
+    const struct stat second = StatusOf(other);
+    return first.st_ino == second.st_ino && first.st_dev == second.st_dev;
+}
+
+bool IsOlder(const UniqueFd& one, const UniqueFd& other) {
+    const timespec first = StatusOf(one).st_mtim;
+    const timespec second = StatusOf(other).st_mtim;
+    return std::tie(first.tv_sec, first.tv_nsec) < std::tie(second.tv_sec, second.tv_nsec);
+}
+
+}  // namespace
+
+bool EventFollower::Open(const std::string& stateDirectory, bool withHistory, std::string& error) {
+    path_ = stateDirectory + "/events.jsonl";
+    // Watched before the first look, so that no change falls between the two.
+    changes_ = UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (inotify_add_watch(changes_.Get(), stateDirectory.c_str(),
+                          IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) < 0) {
+        error = stateDirectory + ": " + strerrordesc_np(errno);
+        return false;
+    }
+    UniqueFd file = OpenFile(path_);
+    if (!file && errno != ENOENT) {
+        error = path_ + ": " + strerrordesc_np(errno);
+        return false;
+    }
+    UniqueFd predecessor = withHistory ? OpenFile(path_ + ".1") : UniqueFd();
+    Begin(std::move(predecessor ? predecessor : file));
+    if (file_ && !withHistory) {
+        position_ = StatusOf(file_).st_size;
+    }
+    return true;
+}
+
+bool EventFollower::Read(const Take& take) {
+    const bool isThere = DrainChanges();
+    do {
+        ReadToEnd(take);
+    } while (Advance(take));
+    return isThere;
+}
+
+bool EventFollower::DrainChanges() const {
+    alignas(inotify_event) std::array<char, 4096> buffer;
+    bool isThere = true;
+    for (ssize_t size = 0; (size = read(changes_.Get(), buffer.data(), buffer.size())) > 0;) {
+        for (size_t at = 0; at < static_cast<size_t>(size);) {
+            inotify_event event{};
+            std::memcpy(&event, &buffer.at(at), sizeof(event));
+            isThere = isThere && (event.mask & IN_IGNORED) == 0;
+            at += sizeof(event) + event.len;
+        }
+    }
+    return isThere;
+}
+
+void EventFollower::ReadToEnd(const Take& take) {
+    if (!file_) {
+        return;
+    }
+    // What could not be written whole is taken back by its writer.
+    if (StatusOf(file_).st_size < position_) {
+        position_ = StatusOf(file_).st_size;
+        unfinished_.clear();
+    }
+    std::array<char, 65536> buffer;
+    for (ssize_t size = 0; (size = pread(file_.Get(), buffer.data(), buffer.size(), position_)) > 0;) {
+        position_ += size;
+        unfinished_.append(buffer.data(), static_cast<size_t>(size));
+        size_t begin = 0;
+        for (size_t end = 0; (end = unfinished_.find('\n', begin)) != std::string::npos; begin = end + 1) {
+            take(std::string_view(unfinished_).substr(begin, end - begin));
+        }
+        unfinished_.erase(0, unfinished_.size() - begin > kLongestLine ? std::string::npos : begin);
+    }
+}
+
+bool EventFollower::Advance(const Take& take) {
+    UniqueFd current = OpenFile(path_);
+    if (!current || (file_ && IsSame(current, file_))) {
+        return false;
+    }
+    if (!file_) {
+        Begin(std::move(current));
+        return true;
+    }
+    // The last line may have come between the look at the file and its end.
+    ReadToEnd(take);
+    // A whole file came and went since the last look, unless the predecessor is what has been read, or is
+    // from before that.
+    UniqueFd predecessor = OpenFile(path_ + ".1");
+    const bool isNews = predecessor && !IsSame(predecessor, file_) && IsOlder(file_, predecessor);
+    Begin(std::move(isNews ? predecessor : current));
+    return true;
+}
+
+void EventFollower::Begin(UniqueFd file) {
+    file_ = std::move(file);
+    position_ = 0;
+    unfinished_.clear();
+}
+
+}  // namespace KITE::Rqctl
