@@ -163,9 +163,10 @@ std::unique_ptr<Host> PrivateSystem::Start(uid_t uid, const std::string& capabil
     return std::make_unique<Host>(directory_ + "/log." + std::to_string(logs_++), command);
 }
 
-Host& PrivateSystem::StartQuotaHost() {
-    quotaHost_ = Start(kQuotaUid, CapabilitiesOf("kite-quota"),
-                       {"--etc", etc_, "--bus", address_, KITE_QUOTA_LIBRARY});
+Host& PrivateSystem::StartQuotaHost(const std::vector<std::string>& options) {
+    std::vector<std::string> arguments{"--etc", etc_, "--bus", address_, KITE_QUOTA_LIBRARY};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    quotaHost_ = Start(kQuotaUid, CapabilitiesOf("kite-quota"), arguments);
     return *quotaHost_;
 }
 
@@ -180,9 +181,9 @@ void PrivateSystem::StartWhole() {
     ASSERT_TRUE(StartQuotaHost().log.Await("publish resource quota control service successfully!"));
 }
 
-FakeManager& PrivateSystem::StartWithFakeManager() {
+FakeManager& PrivateSystem::StartWithFakeManager(const std::vector<std::string>& options) {
     manager_ = std::make_unique<FakeManager>(address_);
-    StartQuotaHost();
+    StartQuotaHost(options);
     EXPECT_TRUE(manager_->AwaitSubscription());
     EXPECT_TRUE(QuotaHost().log.Await("publish resource quota control service successfully!"));
     return *manager_;

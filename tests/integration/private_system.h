@@ -41,12 +41,12 @@ class PrivateSystem : public testing::Test {
     void SetDeviceState(const std::string& json) { WriteWholeFile(state_ + "/device_state.json", json); }
     std::string Layer() const { return directory_ + "/layer"; }
 
-    Host& StartQuotaHost();
+    Host& StartQuotaHost(const std::vector<std::string>& options = {});
     Host& StartKelvraHost();
     // Both hosts, until the service is reachable.
     void StartWhole();
     // The quota host with a manager of the test's, until the service is reachable.
-    FakeManager& StartWithFakeManager();
+    FakeManager& StartWithFakeManager(const std::vector<std::string>& options = {});
     Host& QuotaHost() { return *quotaHost_; }
     Host& KelvraHost() { return *kelvraHost_; }
     Process& BusDaemon() { return *busDaemon_; }

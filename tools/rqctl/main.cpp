@@ -35,6 +35,9 @@ void Describe(CLI::App& app, Context& context) {
     app.add_option("--state", context.settings.stateDirectory, "directory of the platform's state")
         ->envname("KITE_STATE")
         ->capture_default_str();
+    app.add_option("--run", context.settings.runDirectory,
+                   "directory of the records of what is treated now; the state directory if not given")
+        ->envname("KITE_RUN");
     app.add_option("--bus", context.settings.busAddress, "address of the bus; the system bus if not given")
         ->envname("KITE_BUS");
     app.footer(kExitStatusHelp);

@@ -106,8 +106,8 @@ void Show(const Listing& listing, bool wantsJson) {
 }
 
 // The records of a host that may have been killed; to standard error, since they are no answer.
-void TellOfRecords(const Context& context) {
-    const std::string directory = context.settings.stateDirectory + "/treated";
+void TellOfRecords() {
+    const std::string directory = Linux::RunDirectory() + "/treated";
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
         const std::string name = entry.path().filename();
@@ -127,7 +127,7 @@ ExitStatus Run(const Context& context) {
     if (status == kDone) {
         Show(listing, context.wantsJson);
     } else if (status == kUnreachable) {
-        TellOfRecords(context);
+        TellOfRecords();
     }
     return status;
 }

@@ -1,0 +1,217 @@
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "private_system.h"
+
+// What an operator sees and does: the dry run, and rqctl's watch, treated and release.
+namespace KITE::Integration {
+
+namespace {
+
+bool StandsStill(const Process& process) {
+    const auto before = process.CpuTime();
+    process.HasEnded(milliseconds(300));
+    return process.CpuTime() == before;
+}
+
+bool Runs(const Process& process) {
+    const auto before = process.CpuTime();
+    return Eventually([&] { return process.CpuTime() > before + milliseconds(1); });
+}
+
+std::vector<std::string> LinesOf(const std::string& text) {
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+}  // namespace
+
+class OperatorTest : public PrivateSystem {
+  protected:
+    struct Command {
+        Command(const std::string& path, const std::vector<std::string>& words, uid_t uid)
+            : output(path),
+              process({.program = KITE_RQCTL, .arguments = words, .uid = uid, .output = output.Fd()}) {}
+        LogFile output;
+        Process process;
+    };
+
+    Command& Start(std::vector<std::string> words, uid_t uid = kTrustedUid) {
+        words.insert(words.begin(), {"rqctl", "--bus", Address(), "--state", Directory() + "/state"});
+        return commands_.emplace_back(Directory() + "/rqctl." + std::to_string(commands_.size()), words, uid);
+    }
+    // Runs to the end: expects the exit status, and that each of the texts is told.
+    void Expect(int status, const std::vector<std::string>& words, const std::vector<std::string>& texts,
+                uid_t uid = kTrustedUid) {
+        Command& command = Start(words, uid);
+        EXPECT_EQ(status, command.process.AwaitExit()) << words.front() << ": " << command.output.Text();
+        for (const std::string& text : texts) {
+            EXPECT_TRUE(command.output.Contains(text)) << text << " is not in " << command.output.Text();
+        }
+    }
+    Command& StartWatch(const std::vector<std::string>& options) {
+        std::vector<std::string> words{"watch"};
+        words.insert(words.end(), options.begin(), options.end());
+        Command& watch = Start(words);
+        const std::string descriptors = "/proc/" + std::to_string(watch.process.Pid()) + "/fdinfo/";
+        EXPECT_TRUE(Eventually([&] {
+            for (int fd = 0; fd < 10; ++fd) {
+                if (ReadWholeFile(descriptors + std::to_string(fd)).find("inotify wd") != std::string::npos) {
+                    return true;
+                }
+            }
+            return false;
+        }));
+        return watch;
+    }
+    std::string Events(const char* suffix = "") const {
+        return ReadWholeFile(Directory() + "/state/events.jsonl" + suffix);
+    }
+
+  private:
+    std::deque<Command> commands_;
+};
+
+using DryRunTest = OperatorTest;
+
+TEST_F(DryRunTest, EverythingIsDecidedAndToldAndNobodyIsTouched) {
+    FakeManager& manager = StartWithFakeManager({"--dry-run"});
+    LogFile& log = QuotaHost().log;
+    Process& frozen = StartTarget("frozen", {"burn"});
+    Process& killed = StartTarget("killed", {"burn"});
+    Process& staged = StartTarget("staged", {"burn", "2"});
+    ASSERT_TRUE(Eventually([&] { return staged.ThreadCount() == 2; }));
+    const std::string before = frozen.Standing() + killed.Standing() + staged.Standing();
+    Kelvra::ProcessAnomalyInfo bus = Anomaly(BusDaemon(), "cpu", "kill");
+    bus.processName = "bus.conf";
+    ASSERT_EQ(0, manager.Report({Anomaly(frozen, "cpu", "freeze"), Anomaly(killed, "cpu", "kill"), bus}));
+    EXPECT_TRUE(log.Await("dry run: FREEZE of pid " + std::to_string(frozen.Pid()) + " (frozen) done"));
+    EXPECT_TRUE(log.Await("dry run: KILL of pid " + std::to_string(killed.Pid()) + " (killed) done"));
+    EXPECT_TRUE(
+        log.Await("dry run: KILL of pid " + std::to_string(BusDaemon().Pid()) + " (bus.conf) failed"));
+    for (const char* stage :
+         {"process enter suppress", "process is freezed", "kill process for quota exceed"}) {
+        ASSERT_EQ(0, manager.Report({Anomaly(staged, "cpu_ext", "kill")}));
+        ASSERT_TRUE(log.Await(stage));
+    }
+    Expect(0, {"treated"}, {"dry run, would be: frozen (pid " + std::to_string(frozen.Pid())});
+    for (const Process* process : {&frozen, &killed, &staged}) {
+        EXPECT_TRUE(Runs(*process));
+    }
+    EXPECT_EQ(before, frozen.Standing() + killed.Standing() + staged.Standing());
+    EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
+    const std::vector<std::string> events = LinesOf(Events());
+    EXPECT_EQ(6 + 6 + 2, std::ranges::count_if(events,
+                                               [](const std::string& line) {
+                                                   return line.find("\"DRY_RUN\":true") != std::string::npos;
+                                               }))
+        << Events();
+    EXPECT_EQ(14U, events.size());
+}
+
+using TreatedTest = OperatorTest;
+
+TEST_F(TreatedTest, AnAdministratorLetsAProcessGoAndNobodyElseDoes) {
+    SetTokens(R"({"tokens": [{"uid": 0, "process_name": "svcdb",
+                              "permissions": ["kite.permission.MANAGE_TREATMENTS"]},
+                             {"uid": 61214, "process_name": "reader", "permissions": ["kite.permission.DUMP"]},
+                             {"uid": 61913, "process_name": "resource_quota_control"}]})");
+    FakeManager& manager = StartWithFakeManager();
+    LogFile& log = QuotaHost().log;
+    Process& hog = StartTarget("hog", {"burn", "2"});
+    ASSERT_TRUE(Eventually([&] { return hog.ThreadCount() == 2; }));
+    const std::string pid = std::to_string(hog.Pid());
+    const std::string before = hog.Standing();
+    ASSERT_EQ(0, manager.Report({Anomaly(hog, "cpu_ext", "kill")}));
+    ASSERT_TRUE(log.Await("process enter suppress"));
+    ASSERT_EQ(0, manager.Report({Anomaly(hog, "mem", "freeze")}));
+    ASSERT_TRUE(log.Await("freeze process, pid is"));
+
+    Expect(4, {"treated"}, {"kite.permission.MANAGE_TREATMENTS"}, kUntrustedUid);
+    for (const uid_t uid : {kUntrustedUid, kKelvraUid}) {
+        Expect(4, {"release", pid}, {"may not"}, uid);
+    }
+    EXPECT_TRUE(StandsStill(hog));
+    Expect(0, {"treated"},
+           {"hog (pid " + pid + "), suppressed since 2", ", frozen since 2",
+            ", without an end; "
+            "last report before: mem "},
+           kKelvraUid);
+    Expect(7, {"release", std::to_string(getpid())}, {});
+    Expect(6, {"release", std::to_string(INT32_MAX)}, {});
+    Expect(0, {"release", pid}, {});
+    EXPECT_TRUE(Runs(hog));
+    EXPECT_EQ(before, hog.Standing());
+    EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
+    EXPECT_NE(std::string::npos, Events().find("\"RESULT\":0,\"BY_UID\":0}")) << Events();
+    Expect(7, {"release", pid}, {});
+    Expect(0, {"treated", "--json"}, {R"({"dry_run":false,"treated":[]})"});
+    EXPECT_TRUE(log.Await("is not suppressed (any more)"));
+    EXPECT_TRUE(log.Await("process exit suppress"));
+    ExpectPromptAnswer();
+}
+
+TEST_F(TreatedTest, WhatAKilledHostLeftIsNamedAndADryRunLeavesItAlone) {
+    FakeManager& manager = StartWithFakeManager();
+    Process& frozen = StartTarget("frozen", {"burn"});
+    ASSERT_EQ(0, manager.Report({Anomaly(frozen, "cpu", "freeze")}));
+    ASSERT_TRUE(QuotaHost().log.Await("freeze process, pid is"));
+    QuotaHost().process.Signal(SIGKILL);
+    ASSERT_TRUE(QuotaHost().process.AwaitEnd());
+    Expect(3, {"treated"}, {"pid " + std::to_string(frozen.Pid()), "kite_host --release"});
+    ASSERT_TRUE(StartQuotaHost({"--dry-run"}).log.Await("start."));
+    EXPECT_TRUE(StandsStill(frozen));
+    EXPECT_EQ(0, StopQuotaHost());
+    EXPECT_TRUE(StandsStill(frozen));
+    EXPECT_EQ(0, Release());
+    EXPECT_TRUE(Runs(frozen));
+}
+
+using WatchTest = OperatorTest;
+
+TEST_F(WatchTest, EachReportAndWhatComesOfItIsTold) {
+    Command& watch = StartWatch({});
+    Command& json = StartWatch({"--json"});
+    FakeManager& manager = StartWithFakeManager();
+    Process& victim = StartTarget("victim", {"idle"});
+    Kelvra::ProcessAnomalyInfo hostile = Anomaly(victim, "io", "kill");
+    hostile.processName = "evil\x1b[2J\n\xc2\x9b";
+    ASSERT_EQ(0, manager.Report({Anomaly(victim, "cpu", "warning"), hostile}));
+    const std::string who = "victim (pid " + std::to_string(victim.Pid()) + ")";
+    EXPECT_TRUE(watch.output.Await(who + " of uid 20001: cpu "));
+    EXPECT_TRUE(watch.output.Await("a warning, nothing is done"));
+    EXPECT_TRUE(watch.output.Await("evil\\x1b[2J\\x0a\\xc2\\x9b (pid "));
+    ASSERT_TRUE(json.output.Await("evil"));
+
+    // The file is as full as it gets, so that the next event begins another.
+    std::ofstream(Directory() + "/state/events.jsonl", std::ios::app) << std::string(8 << 20, 'x') << '\n';
+    EXPECT_TRUE(watch.output.Await("is no event"));
+    ASSERT_EQ(0, manager.Report({Anomaly(victim, "mem", "kill")}));
+    EXPECT_TRUE(watch.output.Await("report          " + who));
+    EXPECT_TRUE(watch.output.Await("killed          " + who + ", by SIGKILL, Kill Reason"));
+    EXPECT_TRUE(watch.output.Await("event           PROCESS_KILL of " + who));
+    EXPECT_EQ(size_t{8} << 20, Events(".1").size() & ~size_t{0xFFFF});
+    EXPECT_TRUE(Eventually([&] { return watch.output.Contains("no action       evil"); }));
+    EXPECT_FALSE(watch.output.Contains("no action       victim"));
+    EXPECT_FALSE(watch.output.Contains("\x1b"));
+    EXPECT_EQ(3U, LinesOf(Events()).size());
+    for (const std::string& event : LinesOf(Events())) {
+        EXPECT_TRUE(json.output.Await(event)) << event;
+    }
+    Command& history = StartWatch({"--history"});
+    EXPECT_TRUE(history.output.Await("a warning, nothing is done"));
+    EXPECT_TRUE(history.output.Await("killed"));
+    for (Command* command : {&watch, &json, &history}) {
+        command->process.Signal(SIGINT);
+        EXPECT_EQ(0, command->process.AwaitExit());
+    }
+}
+
+}  // namespace KITE::Integration
