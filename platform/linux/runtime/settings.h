@@ -12,8 +12,8 @@ struct Settings {
     std::string stateDirectory = "/var/lib/kite";
     // Where the records of what is treated now are kept: they must outlive a killed host, and need not
     // outlive a boot. Empty: the state directory.
-    std::string runDirectory;
-    std::string busAddress;            // empty: the system bus
+    std::string runDirectory = {};
+    std::string busAddress = {};       // empty: the system bus
     bool logsToStandardError = false;  // also where there is a journal
     bool isDryRun = false;             // decide, log and record, but touch no process
 };

@@ -25,7 +25,7 @@ class DeviceTest : public testing::Test {
         std::string name = testing::TempDir() + "kite_device_XXXXXX";
         ASSERT_NE(mkdtemp(name.data()), nullptr);
         directory_ = name;
-        SetSettings({name, name, ""});
+        SetSettings({.etcDirectory = name, .stateDirectory = name});
     }
     void TearDown() override { std::filesystem::remove_all(directory_); }
 

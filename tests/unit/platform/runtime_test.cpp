@@ -50,7 +50,7 @@ class RuntimeTest : public testing::Test {
         std::string name = testing::TempDir() + "kite_runtime_XXXXXX";
         ASSERT_NE(mkdtemp(name.data()), nullptr);
         directory_ = name;
-        SetSettings({name, name, ""});
+        SetSettings({.etcDirectory = name, .stateDirectory = name});
     }
     void TearDown() override { std::filesystem::remove_all(directory_); }
 
