@@ -31,15 +31,19 @@ constexpr Add* kCommands[] = {
 void Describe(CLI::App& app, Context& context) {
     app.add_option("--etc", context.settings.etcDirectory, "directory of the platform's configuration")
         ->envname("KITE_ETC")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->take_last();
     app.add_option("--state", context.settings.stateDirectory, "directory of the platform's state")
         ->envname("KITE_STATE")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->take_last();
     app.add_option("--run", context.settings.runDirectory,
                    "directory of the records of what is treated now; the state directory if not given")
-        ->envname("KITE_RUN");
+        ->envname("KITE_RUN")
+        ->take_last();
     app.add_option("--bus", context.settings.busAddress, "address of the bus; the system bus if not given")
-        ->envname("KITE_BUS");
+        ->envname("KITE_BUS")
+        ->take_last();
     app.footer(kExitStatusHelp);
     app.require_subcommand(1);
     for (Add* add : kCommands) {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -43,11 +44,16 @@ size_t CharacterLength(std::string_view text) {
     return length;
 }
 
-// C0, DEL and C1: what a terminal may take for a command.
+// C0, DEL and C1, which a terminal may take for commands; and marks that turn the direction of writing or end
+// a line, by which a text may look like another.
 bool IsControl(std::string_view character) {
+    static constexpr std::array<std::string_view, 14> kTurningMarks{
+        "\u061C", "\u200E", "\u200F", "\u2028", "\u2029", "\u202A", "\u202B",
+        "\u202C", "\u202D", "\u202E", "\u2066", "\u2067", "\u2068", "\u2069"};
     const auto first = static_cast<unsigned char>(character[0]);
     return first < 0x20 || first == 0x7F ||
-           (first == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0);
+           (first == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0) ||
+           std::ranges::find(kTurningMarks, character) != kTurningMarks.end();
 }
 
 }  // namespace

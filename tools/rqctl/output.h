@@ -14,8 +14,8 @@ enum class Tone { kPlain, kQuiet, kGood, kNotice, kWarning, kBad };
 // set, else as it is.
 std::string Paint(Tone tone, const std::string& text);
 
-// A text of unknown origin (a process name) for a terminal: control characters and what is not UTF-8 become
-// \xNN.
+// A text of unknown origin (a process name) for people: control characters, marks that turn the direction of
+// writing, and what is not UTF-8 become \xNN.
 std::string Printable(std::string_view text);
 
 // Writes a line to standard output, which is out when the call returns.

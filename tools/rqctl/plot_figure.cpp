@@ -112,7 +112,9 @@ std::vector<Point> Thinned(const std::vector<Point>& curve) {
 class Figure {
   public:
     explicit Figure(const Panel& panel, double plotHeight) : panel_(panel), plotHeight_(plotHeight) {
-        PlaceBadges();
+        if (HasBadges()) {
+            PlaceBadges();
+        }
     }
 
     std::string Take(const std::string& caption) const {
@@ -139,13 +141,15 @@ class Figure {
     double Y(double value) const { return Bottom() - value / largest_ * plotHeight_; }
     double Top() const { return kCaption + kBadgeRow * static_cast<double>(badgeRows_); }
     double Bottom() const { return Top() + plotHeight_; }
+    // A flat one shows the moments, but not again what they were.
+    bool HasBadges() const { return plotHeight_ != kFlatHeight; }
     void PlaceBadges();
 
     const Panel& panel_;
     const double plotHeight_;
     double largest_ = 1;
     std::vector<size_t> rowOfBadge_;
-    size_t badgeRows_ = 1;
+    size_t badgeRows_ = 0;
     std::string content_;
 };
 
@@ -232,6 +236,11 @@ void Figure::DrawTreatments() {
         const Treatment& treatment = panel_.treatments[i];
         const Look look = LookOf(treatment.kind);
         const double x = X(treatment.time);
+        if (!HasBadges()) {
+            content_ += Format("<g class='%s'><path class='moment' d='M%.1f %.1fV%.1f'/></g>\n", look.style,
+                               x, Top(), Bottom());
+            continue;
+        }
         const double y = kCaption + kBadgeRow * static_cast<double>(rowOfBadge_[i]);
         content_ += Format("<g class='%s%s'><path class='moment' d='M%.1f %.1fV%.1f'/>", look.style,
                            treatment.error == 0 ? "" : " failed", x, y + 8, Bottom());
@@ -314,7 +323,9 @@ Measured Measure(const Panel& panel, const std::string& resource, const std::vec
     if (!quotas.empty()) {
         measured.duration = std::ranges::min_element(quotas, {}, &Quota::duration)->duration;
     }
-    measured.curve = CurveOf(resource, measured.duration, panel.samples);
+    measured.curve = CurveOf(resource, measured.duration, panel.process->samples);
+    std::erase_if(measured.curve,
+                  [&](const Point& point) { return point.time < panel.begin || point.time > panel.end; });
     for (const Point& point : measured.curve) {
         measured.peak = std::max(measured.peak, point.value);
     }

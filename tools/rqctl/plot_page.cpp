@@ -152,7 +152,7 @@ std::string SectionOf(const Panel& panel) {
                           std::to_string(panel.pid) + ", first treated " +
                           DateText(panel.treatments.front().time) + "</small></h2>\n";
     std::vector<std::string> figures;
-    for (const auto& [resource, quotas] : panel.quotas) {
+    for (const auto& [resource, quotas] : panel.process->quotas) {
         // What broke its quota comes first.
         const Measured measured = Measure(panel, resource, quotas);
         figures.insert(measured.IsAboveQuota() ? figures.begin() : figures.end(), FigureOf(panel, measured));
@@ -160,7 +160,7 @@ std::string SectionOf(const Panel& panel) {
     for (const std::string& figure : figures) {
         section += figure;
     }
-    if (panel.quotas.empty()) {
+    if (panel.process->quotas.empty()) {
         section += FigureWithoutSamples(panel);
     }
     return section + ListOf(panel.treatments) + "</section>\n";

@@ -13,6 +13,7 @@ using Kind = Treatment::Kind;
 constexpr int64_t kMinute = 60'000;
 // A longer run is not shown on one axis, and treatments further apart are not shown together.
 constexpr int64_t kLongestAxis = 10 * kMinute;
+constexpr int64_t kShortestAxis = 1000;
 constexpr int64_t kBefore = kMinute;
 constexpr int64_t kAfter = kMinute / 2;
 constexpr int64_t kForEver = std::numeric_limits<int64_t>::max();
@@ -28,20 +29,29 @@ struct Range {
     int64_t Length() const { return end - begin; }
 };
 
-Range RangeOf(const RunRecord& record) {
+Range RangeOf(const TreatedRecord& process) {
     Range range;
-    for (const auto& [key, process] : record.processes) {
-        for (const Treatment& treatment : process.treatments) {
-            range.Include(treatment.time);
-        }
-        for (const Sample& sample : process.samples) {
-            range.Include(sample.time);
-        }
+    for (const Treatment& treatment : process.treatments) {
+        range.Include(treatment.time);
+    }
+    for (const Sample& sample : process.samples) {
+        range.Include(sample.time);
     }
     return range;
 }
 
-std::vector<Band> BandsOf(const std::vector<Treatment>& treatments) {
+Range RangeOf(const RunRecord& record) {
+    Range whole;
+    for (const auto& [key, process] : record.processes) {
+        const Range range = RangeOf(process);
+        whole.Include(range.begin);
+        whole.Include(range.end);
+    }
+    return whole;
+}
+
+// A treatment without an end lasts as long as the process was seen.
+std::vector<Band> BandsOf(const TreatedRecord& process) {
     std::vector<Band> bands;
     const auto end = [&](Kind kind, int64_t time) {
         for (Band& band : bands) {
@@ -50,7 +60,7 @@ std::vector<Band> BandsOf(const std::vector<Treatment>& treatments) {
             }
         }
     };
-    for (const Treatment& treatment : treatments) {
+    for (const Treatment& treatment : process.treatments) {
         if (treatment.error != 0) {
             continue;
         }
@@ -73,6 +83,11 @@ std::vector<Band> BandsOf(const std::vector<Treatment>& treatments) {
                 break;
         }
     }
+    if (!process.samples.empty()) {
+        for (Band& band : bands) {
+            band.to = std::min(band.to, std::max(band.from, process.samples.back().time));
+        }
+    }
     return bands;
 }
 
@@ -80,24 +95,24 @@ std::vector<Band> BandsOf(const std::vector<Treatment>& treatments) {
 void Fill(Panel& panel, const TreatedRecord& process, const std::vector<Band>& bands) {
     const auto isWithin = [&](const auto& one) { return one.time >= panel.begin && one.time <= panel.end; };
     std::ranges::copy_if(process.treatments, std::back_inserter(panel.treatments), isWithin);
-    std::ranges::copy_if(process.samples, std::back_inserter(panel.samples), isWithin);
     for (const Band& band : bands) {
         if (band.from <= panel.end && band.to >= panel.begin) {
             panel.bands.push_back(
                 {band.kind, std::max(band.from, panel.begin), std::min(band.to, panel.end)});
         }
     }
-    panel.quotas = process.quotas;
+    panel.process = &process;
 }
 
-// Times around treatments that lie close to each other.
-std::vector<Range> EpisodesOf(const std::vector<Treatment>& treatments) {
+// Times around treatments that lie close to each other, as far as the process was there.
+std::vector<Range> EpisodesOf(const TreatedRecord& process) {
+    const Range seen = RangeOf(process);
     std::vector<Range> episodes;
-    for (const Treatment& treatment : treatments) {
+    for (const Treatment& treatment : process.treatments) {
         if (episodes.empty() || treatment.time - kBefore - episodes.back().end > kLongestAxis) {
-            episodes.push_back({treatment.time - kBefore, 0});
+            episodes.push_back({std::max(treatment.time - kBefore, seen.begin), 0});
         }
-        episodes.back().end = treatment.time + kAfter;
+        episodes.back().end = std::min(treatment.time + kAfter, seen.end);
     }
     return episodes;
 }
@@ -109,13 +124,13 @@ std::vector<Panel> PanelsOf(const RunRecord& record) {
     const bool isShort = whole.Length() <= kLongestAxis;
     std::vector<Panel> panels;
     for (const auto& [key, process] : record.processes) {
-        const std::vector<Band> bands = BandsOf(process.treatments);
-        for (const Range& range : isShort ? std::vector{whole} : EpisodesOf(process.treatments)) {
+        const std::vector<Band> bands = BandsOf(process);
+        for (const Range& range : isShort ? std::vector{whole} : EpisodesOf(process)) {
             Panel& panel = panels.emplace_back();
             panel.pid = key.first;
             panel.name = key.second;
             panel.begin = range.begin;
-            panel.end = std::max(range.end, range.begin + 1000);
+            panel.end = std::max(range.end, range.begin + kShortestAxis);
             Fill(panel, process, bands);
         }
     }

@@ -25,11 +25,10 @@ struct Panel {
     int64_t end = 0;
     std::vector<Treatment> treatments;
     std::vector<Band> bands;
-    std::vector<Sample> samples;
-    std::map<std::string, std::vector<Quota>> quotas;
+    const TreatedRecord* process = nullptr;  // all that is known of it
 };
 
-// In the order of their first treatments.
+// In the order of their first treatments. They refer to the record.
 std::vector<Panel> PanelsOf(const RunRecord& record);
 
 }  // namespace KITE::Rqctl

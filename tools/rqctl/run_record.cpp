@@ -93,8 +93,7 @@ std::map<std::string, std::vector<Quota>> QuotasOf(const json& sample) {
             }
         }
         std::ranges::sort(own);
-        const auto repeated = std::ranges::unique(own);
-        own.erase(repeated.begin(), repeated.end());
+        own.erase(std::unique(own.begin(), own.end()), own.end());
     }
     return quotas;
 }
