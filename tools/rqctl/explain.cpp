@@ -76,13 +76,13 @@ std::string Place(const Element& element, const JsonValue& value) {
 std::string OriginInWords(const Explanation& explanation, const Origin& origin) {
     const bool isOwn = origin.element == explanation.line.front()->record;
     return Place(*origin.element, *origin.value) +
-           (isOwn ? "" : ", from template " + Printable(origin.element->Name().Text()));
+           (isOwn ? "" : ", from template " + Printable(origin.element->Name().text));
 }
 
 void PrintLine(const Explanation& explanation) {
     for (const Entry* entry : explanation.line) {
         const Element& element = *entry->record;
-        const std::string name = Printable(element.Name().Text());
+        const std::string name = Printable(element.Name().text);
         const bool isFirst = entry == explanation.line.front();
         Say((isFirst ? Paint(Tone::kNotice, name) : "  inherits from " + name) + " (" +
             Place(element, element.Name()) + ')');
@@ -115,7 +115,7 @@ void PrintText(const Explanation& explanation, const std::optional<Identity>& id
 
 ordered_json ToJson(const Element& element, const JsonValue& value) {
     const Position at = element.layer->json.PositionOf(value.begin);
-    return {{"entry", element.Name().Text()},
+    return {{"entry", element.Name().text},
             {"file", element.layer->path},
             {"line", at.line},
             {"column", at.column}};

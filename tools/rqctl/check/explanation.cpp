@@ -24,7 +24,7 @@ const JsonValue* QuotasOf(const Entry& entry) {
 
 bool HasRunningTime(const Entry* entry) {
     const JsonValue* time = QuotasOf(*entry)->Find("running_time");
-    return time != nullptr && time->IsInteger() && static_cast<int32_t>(time->scalar.get<int64_t>()) != 0;
+    return time != nullptr && time->IsInteger() && static_cast<int32_t>(time->number) != 0;
 }
 
 // "65536 KiB (64 MiB)": with the largest unit of which there is at least one.
@@ -67,6 +67,7 @@ std::string AlternativeInWords(uint32_t mask) {
 ExplainedPolicy::ExplainedPolicy(const std::vector<Layer>& layers) : merged_(layers) {
     const QuietLog quiet;
     std::vector<std::string> files;
+    files.reserve(layers.size());
     for (const Layer& layer : layers) {
         files.push_back(layer.path);
     }

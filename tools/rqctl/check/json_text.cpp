@@ -51,12 +51,25 @@ class TreeBuilder : public nlohmann::json_sax<json> {
   public:
     explicit TreeBuilder(JsonText& text) : text_(text), tokens_(text.text) {}
 
-    bool null() override { return AddScalar(nullptr); }
-    bool boolean(bool value) override { return AddScalar(value); }
-    bool number_integer(number_integer_t value) override { return AddScalar(value); }
-    bool number_unsigned(number_unsigned_t value) override { return AddScalar(value); }
-    bool number_float(number_float_t value, const string_t& /*raw*/) override { return AddScalar(value); }
-    bool string(string_t& value) override { return AddScalar(std::move(value)); }
+    bool null() override { return AddScalar(json::value_t::null); }
+    bool boolean(bool /*value*/) override { return AddScalar(json::value_t::boolean); }
+    bool number_integer(number_integer_t value) override {
+        Add(json::value_t::number_integer).number = value;
+        return true;
+    }
+    bool number_unsigned(number_unsigned_t value) override {
+        JsonValue& integer = Add(json::value_t::number_unsigned);
+        integer.number = static_cast<int64_t>(value);
+        integer.isCut = integer.number < 0;
+        return true;
+    }
+    bool number_float(number_float_t /*value*/, const string_t& /*raw*/) override {
+        return AddScalar(json::value_t::number_float);
+    }
+    bool string(string_t& value) override {
+        Add(json::value_t::string).text = std::move(value);
+        return true;
+    }
     bool binary(binary_t& /*value*/) override { return false; }
     bool start_object(size_t /*size*/) override { return Open(json::value_t::object); }
     bool start_array(size_t /*size*/) override { return Open(json::value_t::array); }
@@ -97,9 +110,8 @@ class TreeBuilder : public nlohmann::json_sax<json> {
         return value;
     }
 
-    bool AddScalar(json scalar) {
-        JsonValue& value = Add(scalar.type());
-        value.scalar = std::move(scalar);
+    bool AddScalar(json::value_t type) {
+        Add(type);
         return true;
     }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,7 +22,9 @@ struct JsonValue {
     nlohmann::json::value_t type{};
     size_t begin = 0;
     size_t end = 0;                   // behind it; of an object or a list, behind its opening bracket
-    nlohmann::json scalar;            // null for an object or a list
+    std::string text;                 // of a string
+    int64_t number = 0;               // of an integer, cut to 64 bits as the service cuts it
+    bool isCut = false;               // whether that made it another
     std::string key;                  // of a member of an object
     size_t keyBegin = 0;              //
     std::vector<JsonValue> children;  // elements, or members as they stand, also those of the same key
@@ -29,8 +32,10 @@ struct JsonValue {
     bool IsObject() const { return type == nlohmann::json::value_t::object; }
     bool IsArray() const { return type == nlohmann::json::value_t::array; }
     bool IsString() const { return type == nlohmann::json::value_t::string; }
-    bool IsInteger() const { return scalar.is_number_integer(); }
-    const std::string& Text() const { return scalar.get_ref<const std::string&>(); }
+    bool IsInteger() const {
+        using Type = nlohmann::json::value_t;
+        return type == Type::number_integer || type == Type::number_unsigned;
+    }
     // The last member of that key, which is the one that counts; null when there is none.
     const JsonValue* Find(std::string_view name) const;
 };

@@ -59,12 +59,12 @@ struct Merge {
     std::map<std::shared_ptr<ProcessQuotas>, const Element*> elements;
 
     void Add(const Element& element) {
-        const std::string& name = element.Name().Text();
+        const std::string& name = element.Name().text;
         const auto record = std::make_shared<ProcessQuotas>();
         elements[record] = &element;
         fileQuotas[name] = record;
-        if (!element.Parent().Text().empty()) {
-            fileInherit.emplace(name, element.Parent().Text());
+        if (!element.Parent().text.empty()) {
+            fileInherit.emplace(name, element.Parent().text);
         }
     }
     void EndFile() { ResPolicyManager().MergeQuotaConfig(mergedQuotas, fileQuotas, parents, fileInherit); }
@@ -111,8 +111,8 @@ MergedLayers::MergedLayers(const std::vector<Layer>& layers) : elements_(Element
     }
     // Several elements may name the parent in force; the last of them is as good as the others.
     for (const Element& candidate : elements_) {
-        const auto parent = merge.parents.find(candidate.Name().Text());
-        if (parent != merge.parents.end() && parent->second == candidate.Parent().Text()) {
+        const auto parent = merge.parents.find(candidate.Name().text);
+        if (parent != merge.parents.end() && parent->second == candidate.Parent().text) {
             entries_[parent->first].heir = &candidate;
         }
     }
@@ -124,7 +124,7 @@ const Entry* MergedLayers::Find(const std::string& name) const {
 }
 
 const Entry* MergedLayers::ParentOf(const Entry& entry) const {
-    return entry.heir == nullptr ? nullptr : Find(entry.heir->Parent().Text());
+    return entry.heir == nullptr ? nullptr : Find(entry.heir->Parent().text);
 }
 
 }  // namespace KITE::Rqctl

@@ -212,23 +212,18 @@ class LayerLint {
     }
 
     int32_t CutTo32(const Place& place) {
-        const int64_t wide = place.value->scalar.get<int64_t>();
+        const int64_t wide = place.value->number;
         const auto cut = static_cast<int32_t>(wide);
-        if (cut != wide || !FitsIn64(*place.value)) {
+        if (cut != wide || place.value->isCut) {
             Warn(place, Shown(place) + " is cut to " + std::to_string(cut),
                  "an integer from -2147483648 to 2147483647");
         }
         return cut;
     }
 
-    static bool FitsIn64(const JsonValue& value) {
-        constexpr auto kMost = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
-        return !value.scalar.is_number_unsigned() || value.scalar.get<uint64_t>() <= kMost;
-    }
-
     int64_t CutTo64(const Place& place) {
-        const auto cut = place.value->scalar.get<int64_t>();
-        if (!FitsIn64(*place.value)) {
+        const auto cut = place.value->number;
+        if (place.value->isCut) {
             Warn(place, Shown(place) + " is cut to " + std::to_string(cut), "at most 9223372036854775807");
         }
         return cut;
@@ -297,7 +292,7 @@ class LayerLint {
 
     void CheckAction(const Place& place, const Unit& unit) {
         static const Names kActions{"warning", "freeze", "kill"};
-        const std::string& action = place.value->Text();
+        const std::string& action = place.value->text;
         if (unit.isStaged) {
             if (!action.empty()) {
                 Warn(place, Shown(place) + " is not looked at: the staged treatment has no action", "\"\"");
@@ -328,7 +323,7 @@ class LayerLint {
     uint32_t CheckCondition(const Place& place) {
         static const Names kNames = ConditionNames();
         uint32_t mask = 0;
-        for (const std::string_view name : PiecesOf(place.value->Text())) {
+        for (const std::string_view name : PiecesOf(place.value->text)) {
             const uint32_t bit = BitOf(name);
             mask |= bit;
             if (bit == 0) {

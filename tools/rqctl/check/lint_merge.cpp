@@ -23,7 +23,7 @@ class MergeLint {
         : merged_(merged), findings_(findings) {
         for (const auto& [name, entry] : merged.Entries()) {
             if (entry.heir != nullptr) {
-                parents_.insert(entry.heir->Parent().Text());
+                parents_.insert(entry.heir->Parent().text);
             }
         }
     }
@@ -53,7 +53,7 @@ class MergeLint {
     void FindNamesDefinedTwice() {
         std::map<std::pair<const Layer*, std::string>, const Element*> first;
         for (const Element& element : merged_.Elements()) {
-            const auto [found, isNew] = first.try_emplace({element.layer, element.Name().Text()}, &element);
+            const auto [found, isNew] = first.try_emplace({element.layer, element.Name().text}, &element);
             if (!isNew) {
                 Add(Severity::kWarning, element, element.Name(),
                     Shown(element, element.Name()) + " is also in line " + LineOf(*found->second) +
@@ -77,7 +77,7 @@ class MergeLint {
                 "a parent that does not");
         }
         const JsonValue& written = entry.record->Parent();
-        if (written.Text() != heir.Parent().Text()) {
+        if (written.text != heir.Parent().text) {
             Add(Severity::kWarning, *entry.record, written,
                 Shown(*entry.record, written) + " has no effect: the parent stays " + parent + " of " +
                     heir.layer->path + ':' + LineOf(heir),

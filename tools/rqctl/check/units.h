@@ -16,8 +16,8 @@ struct Unit {
 // Of the largest Linux machines: 64 PiB of address space, 8192 processors.
 inline constexpr Unit kUnits[] = {
     {"mem", "KiB", int64_t{1} << 46, false},
-    {"cpu", "percent of one core", 8192 * 100, false},
-    {"cpu_ext", "percent of one core", 8192 * 100, true},
+    {"cpu", "percent of one core", int64_t{8192} * 100, false},
+    {"cpu_ext", "percent of one core", int64_t{8192} * 100, true},
     {"io", "bytes", INT64_MAX, false},
 };
 
