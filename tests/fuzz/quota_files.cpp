@@ -16,44 +16,36 @@ namespace {
 
 constexpr size_t kMostFiles = 4;
 
-json Rule(Input& input) {
-    json rule{{"condition", json::array()},
-              {"id", input.ConsumeIntegral<int64_t>()},
-              {"resource_quota", input.ConsumeIntegral<uint64_t>()},
-              {"duration", input.ConsumeIntegral<int16_t>()},
-              {"action", input.ConsumeRandomLengthString(8)}};
-    while (input.ConsumeBool()) {
-        rule["condition"].push_back(input.PickValueInArray({"foreground", "background&audio", "&", "other"}));
-    }
-    if (input.ConsumeIntegralInRange(0, 31) == 31) {
-        rule.erase(input.PickValueInArray({"condition", "id", "resource_quota", "duration", "action"}));
-    }
-    return rule;
+// What some member wants and the others do not.
+json Value(Input& input) {
+    return json::parse(input.PickValueInArray({"null", "-1", "7", "18446744073709551615", "1e3", R"("kill")",
+                                               "[]", R"(["audio&screen_off", "other", "&"])", "{}", "[{}]"}));
 }
 
 // Names are so few that entries replace each other and inherit from each other.
 json Entry(Input& input) {
     const auto name = [&] { return input.PickValueInArray({"", "A", "B", "C", "D", "E", "F"}); };
+    json rule{
+        {"condition", json::array()}, {"id", 1}, {"resource_quota", 2}, {"duration", 3}, {"action", ""}};
+    if (input.ConsumeIntegralInRange(0, 15) == 0) {
+        rule[input.PickValueInArray({"condition", "id", "resource_quota", "duration", "action"})] =
+            Value(input);
+    }
     json quotas = json::object();
     while (input.ConsumeBool()) {
-        json& rules = quotas[input.PickValueInArray({"cpu", "cpu_ext", "io", "mem", "other"})];
-        rules = input.ConsumeBool() ? json::array() : json(nullptr);
-        while (rules.is_array() && input.ConsumeBool()) {
-            rules.push_back(Rule(input));
-        }
-    }
-    if (input.ConsumeBool()) {
-        quotas["running_time"] = input.ConsumeIntegral<int32_t>();
+        json& value =
+            quotas[input.PickValueInArray({"cpu", "cpu_ext", "io", "mem", "running_time", "other"})];
+        value = input.ConsumeIntegralInRange(0, 7) == 0 ? Value(input) : json{rule, rule};
     }
     return {{"process_name", name()}, {"inherit", name()}, {"process_quotas", quotas}};
 }
 
 std::string File(Input& input) {
     json entries = json::array();
-    while (input.remaining_bytes() > 0 && input.ConsumeIntegralInRange(0, 15) != 0) {
+    while (entries.size() < 8 && input.ConsumeIntegralInRange(0, 15) != 0) {
         entries.push_back(Entry(input));
     }
-    return json{{"quotas", entries}}.dump(-1, ' ', false, json::error_handler_t::replace);
+    return json{{"quotas", entries}}.dump();
 }
 
 std::vector<std::string> FilesOf(const uint8_t* data, size_t size) {

@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kHistory = 100;
 
-// Of processes and users alike. The process 7 never bears the reported name.
+// Of processes and users alike. The process 7 never bears a reported name, none of which has an equals sign.
 int32_t Id(Input& input) {
     return input.PickValueInArray({1, 2, 7, -1});
 }
@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     platform.Reset();
     platform.files = {{"/proc/1/cmdline", "/bin/daemon"},
                       {"/proc/2/cmdline", std::string("d/daemon\0-x", 11)},
-                      {"/proc/7/cmdline", "/bin/other"},
+                      {"/proc/7/cmdline", "/bin/o=r"},
                       {"/proc/-1/cmdline", "/"}};
     const auto core = std::make_shared<ResourceQuotaCtl::ResourceQuotaControlImpl>();
     core->InitKelvraTaskObserver();
