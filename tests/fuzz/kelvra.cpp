@@ -1,10 +1,8 @@
-// What comes to the Kelvra manager and from it: requests, batches of reports, and measurements judged by
-// hostile quotas.
+// What comes to the Kelvra manager and from it: requests, and batches of reports.
 
 #include "fuzz.h"
 #include "ipc/calling_context.h"
 #include "kelvra_manager/manager_stub.h"
-#include "kelvra_manager/process_windows.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
 #include "kelvra_manager/subscriber_stub.h"
@@ -59,36 +57,6 @@ void TakeBatch(Input& input) {
     Require(subscriber->records == count);
 }
 
-// No breach of a quota that is not exceeded, and no two of one resource.
-void CheckBreaches(const std::vector<Sampling::Breach>& breaches) {
-    for (size_t i = 0; i < breaches.size(); ++i) {
-        Require(breaches[i].measured > breaches[i].rule->quota.resource);
-        Require(i == 0 || breaches[i - 1].rule->resource < breaches[i].rule->resource);
-    }
-}
-
-void Judge(Input& input) {
-    std::vector<Kelvra::ResQuotaInfo> quotas(input.ConsumeIntegralInRange<size_t>(1, 4));
-    for (auto& quota : quotas) {
-        quota.processName = "daemon";
-        quota.resType = input.PickValueInArray({"mem", "io", "cpu", "cpu_ext"});
-        quota.resource = input.ConsumeIntegral<int64_t>();
-        quota.duration =
-            input.ConsumeBool() ? input.ConsumeIntegral<int8_t>() : input.ConsumeIntegral<int64_t>();
-    }
-    const Sampling::RuleBook book(quotas);
-    Sampling::ProcessWindows windows(book.RulesFor("daemon"));
-    const auto number = [&] {
-        const auto value = input.ConsumeIntegral<int64_t>();
-        return value < 0 ? std::nullopt : std::optional(value);
-    };
-    for (Sampling::TimePoint at{}; input.remaining_bytes() > 0;) {
-        at += std::chrono::milliseconds(input.ConsumeIntegral<uint16_t>());
-        windows.Add({at, number(), number(), at, number()});
-        CheckBreaches(windows.TakeBreaches([](Sampling::Resource) { return false; }));
-    }
-}
-
 bool GiveTheQuotaServiceItsToken() {
     SetSettings({".", ".", "unix:path=./none"});
     WriteFile("tokens.json", R"({"tokens": [{"uid": 1001, "process_name": "resource_quota_control"}]})");
@@ -102,7 +70,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool isReady = GiveTheQuotaServiceItsToken();
     Require(isReady);
     Input input(data, size);
-    constexpr void (*kParts[])(Input&) = {Request, TakeBatch, Judge};
-    input.PickValueInArray(kParts)(input);
+    (input.ConsumeBool() ? TakeBatch : Request)(input);
     return 0;
 }

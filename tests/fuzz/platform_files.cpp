@@ -2,10 +2,8 @@
 
 #include "access_token.h"
 #include "actions/treatment_records.h"
-#include "config_policy.h"
 #include "device/device_state_file.h"
 #include "fuzz.h"
-#include "parameters.h"
 #include "runtime/access_tokens.h"
 #include "runtime/settings.h"
 
@@ -43,22 +41,6 @@ void ReadTokens(const std::string& text) {
             (AccessTokenKit::GetNativeTokenInfo(token, info) == 0 && !info.processName.empty()));
 }
 
-void ReadParameters(const std::string& text) {
-    WriteFile("parameters.json", text);
-    const int32_t number = GetIntParameter("n", 5, 0, 9);
-    Require(number >= 0 && number <= 9);
-    GetBoolParameter("n", true);
-}
-
-void ReadDirectories(const std::string& text) {
-    WriteFile("config_directories.json", text);
-    CfgDir* list = GetCfgDirList();
-    for (size_t i = 0; list != nullptr && i < MAX_CFG_POLICY_DIRS_CNT; ++i) {
-        Require(list->paths[i] == nullptr || std::filesystem::is_directory(list->paths[i]));
-    }
-    FreeCfgDirList(list);
-}
-
 // What a record tells is the same when it is written and read again.
 void ReadTreatment(const std::string& text) {
     if (const auto record = ParseRecord(text)) {
@@ -72,8 +54,7 @@ void ReadTreatment(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SetSettings({".", ".", ""});
-    constexpr void (*kReaders[])(const std::string&) = {ReadDeviceState, ReadTokens, ReadParameters,
-                                                        ReadDirectories, ReadTreatment};
+    constexpr void (*kReaders[])(const std::string&) = {ReadDeviceState, ReadTokens, ReadTreatment};
     if (size > 0) {
         kReaders[data[0] % std::size(kReaders)](std::string(data + 1, data + size));
     }
