@@ -72,7 +72,7 @@ void Platform::Reset() {
     processResources.clear();
     continuousTaskResult = setQuotaResult = subscribeResult = 0;
     killResult = freezeResult = eventResult = 0;
-    duringSubscribe = nullptr;
+    duringSubscribe = duringListen = nullptr;
     publishedObject = nullptr;
     quotas.clear();
     saved.clear();
@@ -136,6 +136,11 @@ void Platform::KeepSubscriber(std::weak_ptr<const Kelvra::KelvraManagerTaskSubsc
     subscriber_ = std::move(subscriber);
 }
 
+std::chrono::microseconds Platform::Now() const {
+    const std::lock_guard lock(mutex_);
+    return now_;
+}
+
 std::optional<Task> Platform::TakeDueTask(std::chrono::microseconds now) {
     const std::lock_guard lock(mutex_);
     const auto first = std::ranges::min_element(tasks_, {}, &Task::due);
@@ -150,7 +155,7 @@ std::optional<Task> Platform::TakeDueTask(std::chrono::microseconds now) {
 
 size_t Platform::RunTasks() {
     size_t count = 0;
-    while (auto task = TakeDueTask(now_)) {
+    while (auto task = TakeDueTask(Now())) {
         task->run();
         ++count;
     }
@@ -158,10 +163,11 @@ size_t Platform::RunTasks() {
 }
 
 void Platform::Advance(std::chrono::microseconds time) {
-    const auto end = now_ + time;
+    const auto end = Now() + time;
     while (auto task = TakeDueTask(end)) {
         task->run();
     }
+    const std::lock_guard lock(mutex_);
     now_ = end;
 }
 

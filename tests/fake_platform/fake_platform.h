@@ -104,6 +104,7 @@ class Platform {
     int32_t setQuotaResult = 0;
     int32_t subscribeResult = 0;
     std::function<void()> duringSubscribe;  // called within SubscribeKelvraTask
+    std::function<void()> duringListen;     // called within AddSystemAbilityListener, once
     int32_t killResult = 0;
     int32_t freezeResult = 0;
     int32_t eventResult = 0;
@@ -129,6 +130,7 @@ class Platform {
     Platform();
     void SetDefaults();
     std::vector<std::string> Entries(std::optional<bool> isLine) const;
+    std::chrono::microseconds Now() const;
     std::optional<Task> TakeDueTask(std::chrono::microseconds now);
 
     mutable std::mutex mutex_;  // everything below

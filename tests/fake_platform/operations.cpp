@@ -7,6 +7,7 @@
 #include <map>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 #include "access_token.h"
 #include "config_policy.h"
@@ -101,6 +102,9 @@ bool SystemAbility::MakeAndRegisterAbility(SystemAbility* ability) {
 
 bool SystemAbility::AddSystemAbilityListener(int32_t systemAbilityId) {
     Record("AddSystemAbilityListener", systemAbilityId);
+    if (const auto during = std::exchange(Platform::Get().duringListen, nullptr)) {
+        during();
+    }
     return Platform::Get().listenResult;
 }
 

@@ -96,48 +96,6 @@ class BadClientTest : public PrivateSystem {
     size_t threads_ = 0;
 };
 
-TEST_F(BadClientTest, ARequestThatIsNoneGetsItsStatusAndAnEmptyReply) {
-    MessageParcel wrongToken;
-    wrongToken.WriteInterfaceToken(u"KITE.ResourceSchedule.EfficiencyManager.ResourceQuotaControl");
-    wrongToken.WriteInt32Vector({1});
-    MessageParcel cut = QuotaRequest();
-    cut.WriteUint32(2048);
-    cut.WriteInt32(1);
-    MessageParcel lying;
-    lying.WriteUint32(0xFFFFFFFF);
-    struct Case {
-        uint32_t code;
-        MessageParcel request;
-        int32_t status;
-    };
-    const std::vector<Case> cases{{kWrittenBytes, {}, ERR_INVALID_TOKEN},
-                                  {kWrittenBytes, wrongToken, ERR_INVALID_TOKEN},
-                                  {kWrittenBytes, lying, ERR_INVALID_TOKEN},
-                                  {kWrittenBytes, cut, ERR_NONE},
-                                  {kWrittenBytes, PidRequest({}), ERR_NONE},
-                                  {kWrittenBytes, PidRequest(std::vector<int32_t>(2049, 1)), ERR_NONE},
-                                  {3, QuotaRequest(), ERR_UNKNOWN_CODE},
-                                  {UINT32_MAX, PidRequest({1}), ERR_UNKNOWN_CODE}};
-    BusClient client = Connect(kTrustedUid);
-    for (const Case& bad : cases) {
-        const Answer answer = client.Transact(kQuotaName, kQuotaPath, bad.code, bad.request);
-        EXPECT_EQ("", answer.error);
-        EXPECT_EQ(bad.status, answer.status) << "code " << bad.code;
-        EXPECT_TRUE(answer.reply.Bytes().empty());
-    }
-}
-
-TEST_F(BadClientTest, AReportThatIsNoneIsRefusedWhole) {
-    Process& target = StartTarget("target", {"idle"});
-    const MessageParcel good = ReportOf({Anomaly(target, "cpu", "kill")});
-    const auto bytes = std::vector(good.Bytes().begin(), good.Bytes().end());
-    for (const size_t size : {size_t{0}, size_t{4}, bytes.size() / 2, bytes.size() - 1}) {
-        EXPECT_NE(0, Manager().Report(
-                         MessageParcel({bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(size)})));
-    }
-    EXPECT_FALSE(target.HasEnded());
-}
-
 TEST_F(BadClientTest, AReportedProcessThatHasEndedIsForgotten) {
     for (int i = 0; i < 20; ++i) {
         const Process target({.program = KITE_TARGET, .arguments = {"target", "idle"}});

@@ -1,39 +1,11 @@
 #include <csignal>
 
-#include "kelvra_manager/protocol.h"
 #include "private_system.h"
 
 // Nobody's word is taken for what it is not: who reports, who asks, and which process is meant.
 namespace KITE::Integration {
 
-namespace {
-
-namespace Protocol = Linux::KelvraProtocol;
-
-}  // namespace
-
 using ForgeryTest = PrivateSystem;
-
-TEST_F(ForgeryTest, AReportOfAnyoneButTheManagerHasNoEffect) {
-    FakeManager& manager = StartWithFakeManager();
-    Process& victim = StartTarget("victim", {"idle"});
-    const MessageParcel report = ReportOf({Anomaly(victim, "cpu", "kill")});
-    for (const uid_t uid : {kTrustedUid, kUntrustedUid, kQuotaUid}) {
-        const Answer answer =
-            Connect(uid).Transact(manager.Subscriber(), Protocol::kSubscriberPath, Protocol::kReport, report);
-        EXPECT_EQ(SD_BUS_ERROR_ACCESS_DENIED, answer.error);
-    }
-    // The bus lets the manager's user through, but this is not the connection that owns the name.
-    const Answer answer =
-        Connect(kKelvraUid)
-            .Transact(manager.Subscriber(), Protocol::kSubscriberPath, Protocol::kReport, report);
-    EXPECT_EQ("", answer.error);
-    EXPECT_EQ(ERR_REFUSED, answer.status);
-    EXPECT_EQ(0, manager.Report({Anomaly(victim, "cpu", "warning")}));
-    EXPECT_TRUE(QuotaHost().log.Await("action is warning"));
-    EXPECT_FALSE(QuotaHost().log.Contains("action is kill"));
-    EXPECT_FALSE(victim.HasEnded());
-}
 
 TEST_F(ForgeryTest, NobodyButTheBusTellsWhoOwnsAName) {
     FakeManager& manager = StartWithFakeManager();
@@ -53,26 +25,6 @@ TEST_F(ForgeryTest, NobodyButTheBusTellsWhoOwnsAName) {
     EXPECT_EQ(0, manager.Report({Anomaly(culprit, "cpu", "kill")}));
     EXPECT_EQ(SIGKILL, culprit.AwaitEnd());
     EXPECT_FALSE(QuotaHost().log.Contains("remove system ability"));
-}
-
-TEST_F(ForgeryTest, TheManagerTakesQuotasAndSubscriptionsFromTheServiceOnly) {
-    SetPolicy({Rule("hog", "cpu", 10, "kill")});
-    StartWhole();
-    MessageParcel noQuotas;
-    noQuotas.WriteInterfaceToken(Protocol::kManagerDescriptor);
-    noQuotas.WriteInt32(0);
-    noQuotas.WriteUint32(0);
-    MessageParcel subscription;
-    subscription.WriteInterfaceToken(Protocol::kManagerDescriptor);
-    subscription.WriteString(Protocol::kSubscriberPath);
-    for (const uid_t uid : {kTrustedUid, kUntrustedUid, kKelvraUid}) {
-        BusClient client = Connect(uid);
-        EXPECT_EQ(ERR_REFUSED,
-                  client.Transact(kKelvraName, kKelvraPath, Protocol::kSetProcessQuota, noQuotas).status);
-        EXPECT_EQ(ERR_REFUSED,
-                  client.Transact(kKelvraName, kKelvraPath, Protocol::kSubscribe, subscription).status);
-    }
-    EXPECT_EQ(SIGKILL, StartTarget("hog", {"burn"}).AwaitEnd());
 }
 
 // Something happens to a process after its report has arrived and before it is acted upon.

@@ -51,6 +51,7 @@ void PrivateSystem::SetUp() {
     etc_ = directory_ + "/etc";
     state_ = directory_ + "/state";
     fs::permissions(directory_, fs::perms(0755));
+    quotaCapabilities_ = CapabilitiesOf("kite-quota");
     fs::create_directories(etc_);
     fs::create_directories(state_);
     fs::create_directories(Layer() + kPolicyDirectory);
@@ -166,7 +167,7 @@ std::unique_ptr<Host> PrivateSystem::Start(uid_t uid, const std::string& capabil
 Host& PrivateSystem::StartQuotaHost(const std::vector<std::string>& options) {
     std::vector<std::string> arguments{"--etc", etc_, "--bus", address_, KITE_QUOTA_LIBRARY};
     arguments.insert(arguments.end(), options.begin(), options.end());
-    quotaHost_ = Start(kQuotaUid, CapabilitiesOf("kite-quota"), arguments);
+    quotaHost_ = Start(kQuotaUid, quotaCapabilities_, arguments);
     return *quotaHost_;
 }
 
@@ -190,7 +191,7 @@ FakeManager& PrivateSystem::StartWithFakeManager(const std::vector<std::string>&
 }
 
 int PrivateSystem::Release() {
-    return Start(kQuotaUid, CapabilitiesOf("kite-quota"), {"--release"})->process.AwaitExit();
+    return Start(kQuotaUid, quotaCapabilities_, {"--release"})->process.AwaitExit();
 }
 
 int PrivateSystem::StopQuotaHost() {

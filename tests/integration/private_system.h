@@ -50,6 +50,7 @@ class PrivateSystem : public testing::Test {
     Host& QuotaHost() { return *quotaHost_; }
     Host& KelvraHost() { return *kelvraHost_; }
     Process& BusDaemon() { return *busDaemon_; }
+    void StartBus();
     FakeManager& Manager() { return *manager_; }
     // kite_host --release: its exit status.
     int Release();
@@ -68,10 +69,11 @@ class PrivateSystem : public testing::Test {
     const std::string& Address() const { return address_; }
     const std::string& Directory() const { return directory_; }
 
+    std::string quotaCapabilities_;  // as setpriv wants them; the unit's, unless a test changes them
+
   private:
     std::unique_ptr<Host> Start(uid_t uid, const std::string& capabilities,
                                 const std::vector<std::string>& arguments);
-    void StartBus();
 
     std::string directory_;
     std::string etc_;

@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -84,8 +86,9 @@ bool Eventually(const std::function<bool()>& condition, milliseconds limit) {
     return true;
 }
 
-std::string ReadWholeFile(const std::string& path) {
+std::string ReadWholeFile(const std::string& path, std::streamoff from) {
     std::ifstream file(path);
+    file.seekg(from);
     std::stringstream text;
     text << file.rdbuf();
     return text.str();
@@ -101,7 +104,7 @@ void WriteWholeFile(const std::string& path, std::string_view text, mode_t mode)
 
 LogFile::LogFile(std::string path)
     : path_(std::move(path)),
-      file_(open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644)),
+      file_(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644)),
       changes_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
     inotify_add_watch(changes_.Get(), path_.c_str(), IN_MODIFY);
 }
@@ -109,9 +112,10 @@ LogFile::LogFile(std::string path)
 bool LogFile::Await(std::string_view text, milliseconds limit) {
     const auto end = Clock::now() + limit;
     while (true) {
-        const size_t found = Text().find(text, position_);
+        const std::string news = ReadWholeFile(path_, position_);
+        const size_t found = news.find(text);
         if (found != std::string::npos) {
-            position_ = found + text.size();
+            position_ += static_cast<std::streamoff>(found + text.size());
             return true;
         }
         pollfd changed{changes_.Get(), POLLIN, 0};
@@ -225,6 +229,13 @@ size_t Process::Count(const char* kind) const {
     std::error_code error;
     const std::filesystem::directory_iterator all(ProcPath(kind), error);
     return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+size_t Process::ResidentKiB() const {
+    const std::string status = ReadWholeFile(ProcPath("status"));
+    const size_t at = status.find("VmRSS:");
+    return at == std::string::npos ? 0
+                                   : std::strtoul(status.c_str() + at + std::strlen("VmRSS:"), nullptr, 10);
 }
 
 void Process::Signal(int signal) const {

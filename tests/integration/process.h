@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <ios>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,8 +24,8 @@ inline constexpr milliseconds kPatience{10'000};
 // Looks again and again until the condition holds, for what nobody announces. False when the time is over.
 bool Eventually(const std::function<bool()>& condition, milliseconds limit = kPatience);
 
-// The whole file, empty when it cannot be read.
-std::string ReadWholeFile(const std::string& path);
+// The file from there on, empty when it cannot be read.
+std::string ReadWholeFile(const std::string& path, std::streamoff from = 0);
 void WriteWholeFile(const std::string& path, std::string_view text, mode_t mode = 0644);
 
 // A file that processes write lines to.
@@ -42,7 +43,7 @@ class LogFile {
     const std::string path_;
     const Linux::UniqueFd file_;
     const Linux::UniqueFd changes_;
-    size_t position_ = 0;
+    std::streamoff position_ = 0;
 };
 
 struct Pipe {
@@ -87,6 +88,7 @@ class Process {
     std::string Standing() const;
     size_t DescriptorCount() const { return Count("fd"); }
     size_t ThreadCount() const { return Count("task"); }
+    size_t ResidentKiB() const;
 
     void Signal(int signal) const;
     bool HasEnded(milliseconds limit = milliseconds(0)) const;

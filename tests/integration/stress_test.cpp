@@ -1,7 +1,9 @@
 #include <fcntl.h>
 
+#include <algorithm>
 #include <atomic>
-#include <csignal>
+#include <cstdlib>
+#include <sstream>
 #include <thread>
 
 #include "private_system.h"
@@ -13,6 +15,10 @@ namespace KITE::Integration {
 namespace {
 
 constexpr std::chrono::seconds kTime{5};
+constexpr int kBatchesOfOneStay = 10;
+constexpr size_t kRecordsOfBatch = 100;
+constexpr size_t kSpareDescriptors = 16;  // of clients and processes that come and go
+constexpr size_t kSpareKiB = 2048;
 
 }  // namespace
 
@@ -28,10 +34,11 @@ class StressTest : public PrivateSystem {
             }
         });
     }
-    // Processes for all stages and actions; those that were killed have successors.
+    // A hundred reports, each with an id of its own: processes for all stages and actions, of which those
+    // that were killed have successors, and one that is reported all the time.
     std::vector<Kelvra::ProcessAnomalyInfo> NextBatch() {
         constexpr std::pair<const char*, const char*> kKinds[] = {
-            {"cpu_ext", "kill"}, {"cpu_ext", "kill"}, {"cpu", "freeze"}, {"io", "warning"}, {"mem", "kill"}};
+            {"cpu_ext", ""}, {"cpu_ext", ""}, {"cpu", "freeze"}, {"mem", "kill"}, {"io", ""}};
         hogs_.resize(std::size(kKinds));
         std::vector<Kelvra::ProcessAnomalyInfo> batch;
         for (size_t i = 0; i < hogs_.size(); ++i) {
@@ -40,9 +47,29 @@ class StressTest : public PrivateSystem {
             }
             batch.push_back(Anomaly(*hogs_[i], kKinds[i].first, kKinds[i].second));
         }
+        batch.resize(kRecordsOfBatch, batch.back());
+        for (Kelvra::ProcessAnomalyInfo& info : batch) {
+            info.id = reports_++;
+        }
         return batch;
     }
+    void AwaitAllReports() {
+        const std::string last = "id is " + std::to_string(reports_ - 1) + "\n";
+        EXPECT_TRUE(QuotaHost().log.Await(last)) << last;
+    }
+    // Every report has come to the service once.
+    void ExpectNoReportLostOrTwice() {
+        std::vector<int> received(static_cast<size_t>(reports_));
+        std::istringstream log(QuotaHost().log.Text());
+        for (std::string line; std::getline(log, line);) {
+            if (line.find("abnormal info pid is") != std::string::npos) {
+                ++received.at(std::stoul(line.substr(line.rfind(' '))));
+            }
+        }
+        EXPECT_EQ(reports_, std::ranges::count(received, 1));
+    }
 
+    int reports_ = 0;
     std::atomic<int> right_ = 0;
     std::atomic<int> wrong_ = 0;
 
@@ -50,11 +77,14 @@ class StressTest : public PrivateSystem {
     std::vector<Process*> hogs_;
 };
 
-TEST_F(StressTest, ReportsQueriesDumpsAndAFickleManagerDisturbNobody) {
+TEST_F(StressTest, AFloodOfReportsQueriesAndDumpsLosesNothingAndGrowsNothing) {
+    // A sanitizer that keeps what was freed would grow by itself.
+    setenv("ASAN_OPTIONS", "quarantine_size_mb=0:thread_local_quarantine_size_kb=0", 1);  // NOLINT
     FakeManager& manager = StartWithFakeManager();
     const Linux::UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    const auto askBytes = [](BusClient& client) {
-        return WrittenBytesOf(client.AskWrittenBytes({getpid(), 1})).size() == 2;
+    const std::vector<int32_t> pids(2048, getpid());
+    const auto askBytes = [&pids](BusClient& client) {
+        return WrittenBytesOf(client.AskWrittenBytes(pids)).size() == pids.size();
     };
     const auto askTimes = [](BusClient& client) {
         return client.AskRunningTimes().reply.Bytes().size() == 8;
@@ -63,7 +93,9 @@ TEST_F(StressTest, ReportsQueriesDumpsAndAFickleManagerDisturbNobody) {
         return client.Dump({"DumpHandledAbnormalEnhanceInfo"}, nowhere.Get()).status ==
                ResourceQuotaCtl::ERR_OK;
     };
-    int batches = 0;
+    Process& host = QuotaHost().process;
+    size_t descriptors = 0;
+    size_t memoryKiB = 0;
     {
         const std::vector<std::jthread> clients = [&] {
             std::vector<std::jthread> all;
@@ -73,21 +105,28 @@ TEST_F(StressTest, ReportsQueriesDumpsAndAFickleManagerDisturbNobody) {
             all.push_back(Client(dump));
             return all;
         }();
-        constexpr int kBatchesOfOneStay = 20;
-        const auto end = std::chrono::steady_clock::now() + kTime;
-        while (std::chrono::steady_clock::now() < end) {
-            ASSERT_EQ(0, manager.Report(NextBatch()));
-            if (++batches % kBatchesOfOneStay == 0) {
-                manager.Leave();
-                manager.Return();
-                ASSERT_TRUE(manager.AwaitSubscription());
+        const auto begin = std::chrono::steady_clock::now();
+        for (auto now = begin; now < begin + kTime; now = std::chrono::steady_clock::now()) {
+            for (int batch = 0; batch < kBatchesOfOneStay; ++batch) {
+                ASSERT_EQ(0, manager.Report(NextBatch()));
+            }
+            AwaitAllReports();
+            manager.Leave();
+            manager.Return();
+            ASSERT_TRUE(manager.AwaitSubscription());
+            if (memoryKiB == 0 && now > begin + kTime / 2) {
+                descriptors = host.DescriptorCount();
+                memoryKiB = host.ResidentKiB();
             }
         }
     }
-    RecordProperty("batches", batches);
+    RecordProperty("reports", reports_);
     RecordProperty("answers", right_);
-    EXPECT_GT(batches, 20);
+    EXPECT_GT(reports_, 2000);
     EXPECT_GT(right_, 100);
+    EXPECT_LE(host.DescriptorCount(), descriptors + kSpareDescriptors);
+    EXPECT_LE(host.ResidentKiB(), memoryKiB + kSpareKiB);
+    ExpectNoReportLostOrTwice();
     EXPECT_EQ(0, wrong_);
     EXPECT_EQ(0, StopQuotaHost());
     EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());

@@ -6,6 +6,7 @@
 //   flood               writes into a file of its working directory all the time
 //   breed               burns in one thread; on SIGUSR1 has a child that burns too
 //   become              waits; on SIGUSR1 executes another program, sleep 1000, under the same name
+//   hang                waits where it cannot be interrupted, for a child that shares its memory
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -80,6 +81,13 @@ void Become(const char* name) {
     execl("/bin/sleep", name, "1000", nullptr);
 }
 
+void Hang() {
+    if (vfork() == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        Wait();
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -97,6 +105,8 @@ int main(int argc, char** argv) {
         Breed();
     } else if (mode == "become") {
         Become(argv[0]);
+    } else if (mode == "hang") {
+        Hang();
     }
     return EXIT_FAILURE;
 }

@@ -1,5 +1,3 @@
-#include <thread>
-
 #include "resource_quota_control_impl.h"
 #include "service_fixture.h"
 #include "singleton.h"
@@ -392,39 +390,6 @@ TEST_F(StagesTest, AProcessThatIsSeenIsLeftAlone) {
     auto unmatched = freeze_;
     unmatched.insert(unmatched.begin() + 1, "E " + kImpl + "34 does not match 12");
     EXPECT_EQ(Treat(CpuExt()), unmatched) << "who is no application is not seen";
-}
-
-TEST_F(StagesTest, ParallelBatchesLoseNothing) {
-    constexpr int kThreads = 4;
-    constexpr int kReports = 200;
-    impl_->InitKelvraTaskObserver();
-    {
-        std::vector<std::jthread> threads;
-        threads.reserve(kThreads);
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([this] {
-                std::string text;
-                for (int report = 0; report < kReports; ++report) {
-                    impl_->HandleAbnormalInfos({CpuExt()});
-                    impl_->DumpAbnormalEnhanceInfo(text);
-                }
-            });
-        }
-    }
-    const auto trace = platform.Trace();
-    const auto count = [&trace](const std::string& start) {
-        return std::ranges::count_if(trace, [&](const auto& line) { return line.starts_with(start); });
-    };
-    const auto suppressed = count("ReportData(72, 5");
-    const auto overtaken = count("D " + kImpl + "process not exit, processName: foo");
-    EXPECT_EQ(suppressed + count("ReportData(72, 0") + count("KillProcess(") + overtaken, kThreads * kReports)
-        << "each report is treated, or finds its process killed by another";
-    std::string text;
-    impl_->DumpAbnormalInfo(text, true);
-    EXPECT_EQ(std::ranges::count(text, '\n'), 100);
-    EXPECT_EQ(static_cast<int64_t>(platform.PendingTasks().size()), suppressed);
-    platform.Advance(6s);
-    EXPECT_EQ(Treat(CpuExt()), suppress_);
 }
 
 }  // namespace

@@ -118,13 +118,16 @@ TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
     info.resType = "mem";
     auto enhanced = info;
     enhanced.resType = "cpu_ext";
-    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos({info, enhanced});
+    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos(
+        {info, enhanced, enhanced, enhanced});
     const std::string text = "pid_5 uid_0 processname_foo processtype_0 action_warning restype_";
+    const std::string stage = text + "cpu_ext duration_0 condition_ id_0 resource_0 timestamp_0\n";
+    EXPECT_THAT(platform.Calls(), Contains(testing::StartsWith("KillProcess(")));
     EXPECT_EQ(DumpText({u"DumpHandledAbnormalInfo"}),
-              text + "mem duration_0 condition_ id_0 resource_0 timestamp_0\n");
-    EXPECT_EQ(DumpText({u"DumpHandledAbnormalEnhanceInfo"}),
-              text + "cpu_ext duration_0 condition_ id_0 resource_0 timestamp_0\n");
-    EXPECT_EQ(std::ranges::count(DumpText({u"DumpReportedAbnormalInfo"}), '\n'), 2);
+              text + "mem duration_0 condition_ id_0 resource_0 timestamp_0\n")
+        << "not the staged kill";
+    EXPECT_EQ(DumpText({u"DumpHandledAbnormalEnhanceInfo"}), stage + stage + stage);
+    EXPECT_EQ(std::ranges::count(DumpText({u"DumpReportedAbnormalInfo"}), '\n'), 4);
     info.action = "no action";
     info.conditions = {0, 8, 0};
     DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos({info});
@@ -132,7 +135,7 @@ TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
         << "once for each condition";
     platform.registeredAbility->OnRemoveSystemAbility(1213, "");
     DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos({info});
-    EXPECT_EQ(std::ranges::count(DumpText({u"DumpReportedAbnormalInfo"}), '\n'), 4) << "recording goes on";
+    EXPECT_EQ(std::ranges::count(DumpText({u"DumpReportedAbnormalInfo"}), '\n'), 6) << "recording goes on";
     std::string result = "replaced";
     ResourceQuotaControlDumper::Dump({"DumpConfig"}, result);
     EXPECT_EQ(result, "");

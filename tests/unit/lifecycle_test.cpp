@@ -64,7 +64,10 @@ TEST_F(LifecycleTest, StartsOnceAndAgainOnlyAfterAFailure) {
     EXPECT_THAT(Start(),
                 ElementsAre("I " + kService + "start.", "E " + kService + "init res policy manager failed"));
     AddOneRule();
-    EXPECT_THAT(Start(), ElementsAre("I " + kService + "start.", "AddSystemAbilityListener(1213)"));
+    platform.duringListen = [this] { service.OnStart(); };
+    const std::vector<std::string> whole{"I " + kService + "start.", "AddSystemAbilityListener(1213)"};
+    EXPECT_THAT(Start(), ElementsAre(whole[0], whole[1], whole[0], whole[1]))
+        << "not running while it listens";
     EXPECT_THAT(Start(), ElementsAre("I " + kService + "start.",
                                      "I " + kService + "service is runnning, not repeatly start, return."));
     EXPECT_THAT(TraceOf([this] { service.OnStop(); }), IsEmpty());

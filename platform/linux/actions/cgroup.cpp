@@ -212,6 +212,11 @@ bool Cgroups::IsRoot(const Group& group) const {
     return mount != nullptr && group.path == mount->point;
 }
 
+bool Cgroups::IsReachable(Hierarchy hierarchy) const {
+    const Mount* mount = Find(hierarchy);
+    return mount != nullptr && access((mount->point + "/" + kProcsFile).c_str(), F_OK) == 0;
+}
+
 bool Cgroups::IsOwnedByManager(const Group& group) const {
     if (!managerRuns_) {
         return false;

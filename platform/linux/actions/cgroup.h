@@ -38,6 +38,8 @@ class Cgroups {
     // Whether the path is well formed and lies below the hierarchy's root; whether it is the root.
     bool IsBelowRoot(const Group& group) const;
     bool IsRoot(const Group& group) const;
+    // Whether the hierarchy is where it was found. Where it is not, a group that cannot be seen may be there.
+    bool IsReachable(Hierarchy hierarchy) const;
     // Whether a manager would be surprised by groups of ours in this one: systemd runs, and neither the group
     // nor one above it is marked as delegated.
     bool IsOwnedByManager(const Group& group) const;

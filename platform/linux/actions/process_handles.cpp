@@ -25,7 +25,9 @@ UniqueFd OpenProcess(pid_t pid, int64_t startTime) {
     ProcStat stat;
     const int error = ReadProcStat(pid, stat);
     if (error != 0 || stat.startTime != startTime || HasExited(pidfd.Get())) {
-        errno = error != 0 ? error : ESRCH;
+        // A process that is there and that /proc does not show is not gone.
+        const bool isHidden = error == ESRCH && !HasExited(pidfd.Get());
+        errno = isHidden ? EACCES : (error != 0 ? error : ESRCH);
         return {};
     }
     return pidfd;
@@ -42,7 +44,10 @@ std::string ProcessHandle::Difference(const std::string& requestedName) const {
     if (HasExited(Pidfd())) {
         return "it has ended";
     }
-    if (!stat || stat->startTime != startTime_) {
+    if (!stat) {
+        return "it cannot be looked at";
+    }
+    if (stat->startTime != startTime_) {
         return "its start time differs from the reported one";
     }
     if (name != name_) {

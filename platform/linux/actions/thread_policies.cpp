@@ -71,7 +71,8 @@ int ReadProcesses(std::map<pid_t, ProcStat>& processes) {
             processes.emplace(pid, stat);
         }
     }
-    return 0;
+    // A listing without this process is none of all.
+    return processes.contains(getpid()) ? 0 : EIO;
 }
 
 bool Descends(const std::map<pid_t, ProcStat>& processes, pid_t pid, pid_t ancestor) {

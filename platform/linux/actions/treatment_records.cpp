@@ -346,6 +346,7 @@ int TreatmentRecords::Write(const TreatmentRecord& record) const {
         return errno;
     }
     if (const int error = WriteWhole(directory.Get(), kUnfinishedName, WriteRecord(record)); error != 0) {
+        unlinkat(directory.Get(), kUnfinishedName, 0);
         return error;
     }
     const std::string name = FileNameOf(record);

@@ -46,20 +46,6 @@ bool IsUsed(const TreatmentRecord& record, const Group& group) {
            (record.freeze && IsIn(record.freeze->frozenGroup, group));
 }
 
-// A group that has gone needs nothing restored.
-int RestoreValue(const Group& group, const char* file, const std::string& value) {
-    const int error = WriteGroupFile(group, file, value);
-    return error == ENOENT || error == ENODEV ? 0 : error;
-}
-
-int RestoreIdle(const ChangedGroup& changed) {
-    const int error = RestoreValue(changed.group, kIdleFile, changed.previous);
-    if (error != 0 || changed.previousWeight.empty() || changed.previous != "0") {
-        return error;
-    }
-    return RestoreValue(changed.group, WeightFile(changed.group.hierarchy), changed.previousWeight);
-}
-
 bool IsKnown(const std::vector<ThreadPolicy>& known, const ThreadPolicy& thread) {
     return std::ranges::any_of(known, [&](const ThreadPolicy& other) { return other.IsSameThread(thread); });
 }
@@ -136,7 +122,7 @@ TreatmentRecord TreatmentSteps::NewRecord(pid_t pid, int64_t startTime, const st
 
 TreatmentSteps::Spot TreatmentSteps::FindSpot(const TreatmentRecord& record, Hierarchy hierarchy) const {
     const std::optional<Group> present = cgroups_.GroupOf(record.pid, hierarchy);
-    if (!present) {
+    if (!present || !cgroups_.IsReachable(hierarchy)) {
         return {{}, false, ENOENT};
     }
     const bool isMadeForIt = std::ranges::any_of(
@@ -280,6 +266,21 @@ Step TreatmentSteps::SuppressInAnyForm(TreatmentRecord& record, int pidfd) const
     return step;
 }
 
+// A group that has gone needs nothing restored.
+int TreatmentSteps::RestoreValue(const Group& group, const char* file, const std::string& value) const {
+    const int error = WriteGroupFile(group, file, value);
+    const bool isMissing = error == ENOENT || error == ENODEV;
+    return isMissing && cgroups_.IsReachable(group.hierarchy) ? 0 : error;
+}
+
+int TreatmentSteps::RestoreIdle(const ChangedGroup& changed) const {
+    const int error = RestoreValue(changed.group, kIdleFile, changed.previous);
+    if (error != 0 || changed.previousWeight.empty() || changed.previous != "0") {
+        return error;
+    }
+    return RestoreValue(changed.group, WeightFile(changed.group.hierarchy), changed.previousWeight);
+}
+
 Step TreatmentSteps::EndSuppression(TreatmentRecord& record, int pidfd) const {
     if (!record.suppression) {
         return {};
@@ -299,7 +300,7 @@ Step TreatmentSteps::EndSuppression(TreatmentRecord& record, int pidfd) const {
     if (step.error == 0) {
         record.suppression.reset();
     }
-    step.error = FirstError(step.error, Tidy(record));
+    step.untidy = Tidy(record);
     return step;
 }
 
@@ -390,7 +391,7 @@ Step TreatmentSteps::Thaw(TreatmentRecord& record, int pidfd) const {
     if (step.error == 0) {
         record.freeze.reset();
     }
-    step.error = FirstError(step.error, Tidy(record));
+    step.untidy = Tidy(record);
     return step;
 }
 
@@ -413,8 +414,9 @@ int TreatmentSteps::RemoveUnusedGroups(TreatmentRecord& record) const {
         if (IsUsed(record, placement.group)) {
             continue;
         }
-        const int moveError = MoveAll(placement.group, placement.home);
-        const int error = moveError != 0 ? moveError : RemoveGroup(placement.group);
+        int error = cgroups_.IsReachable(placement.group.hierarchy) ? 0 : ENODEV;
+        error = error != 0 ? error : MoveAll(placement.group, placement.home);
+        error = error != 0 ? error : RemoveGroup(placement.group);
         if (error == 0) {
             record.placements.erase(record.placements.begin() + static_cast<ptrdiff_t>(i));
         }

@@ -17,6 +17,9 @@ inline constexpr std::chrono::milliseconds kFreezerLimit{500};
 struct Step {
     int error = 0;     // 0 or an error number
     std::string form;  // the means used
+    int untidy = 0;  // why the record or a group made for the process is still as it was, though all is done
+
+    int Unfinished() const { return error != 0 ? error : untidy; }
 };
 
 // Does and undoes treatments, and keeps the record in step: it is on disk before anything is done, and goes
@@ -77,6 +80,8 @@ class TreatmentSteps {
     Step FreezeInAnyForm(TreatmentRecord& record, int pidfd) const;
     Step FreezeInGroup(TreatmentRecord& record, int pidfd) const;
     Step StopBySignal(TreatmentRecord& record, int pidfd) const;
+    int RestoreValue(const Group& group, const char* file, const std::string& value) const;
+    int RestoreIdle(const ChangedGroup& changed) const;
     // The file of a record in which a failed step left nothing.
     void TidyIfEmpty(TreatmentRecord& record) const;
     int RemoveUnusedGroups(TreatmentRecord& record) const;

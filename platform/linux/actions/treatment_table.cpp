@@ -72,6 +72,10 @@ int32_t TreatmentTable::Announce(const Result& result) const {
             result.reason.empty() ? "" : ", ", result.reason.c_str(), result.step.form.empty() ? "" : ", by ",
             result.step.form.c_str());
     }
+    if (result.step.untidy != 0) {
+        PLATFORM_LOGW("its record or group cannot be tidied up yet: %{public}s",
+                      ErrorText(result.step.untidy).c_str());
+    }
     std::vector<EventItem> items{{"PID", result.pid},
                                  {"PROCESS_NAME", result.name},
                                  {"FORM", result.step.form},
@@ -131,9 +135,9 @@ int TreatmentTable::Undo(Treated& treated, bool all) const {
     if (all || pidfd < 0) {
         return steps_.UndoAll(treated.record, pidfd);
     }
-    int error = treated.isFrozen ? 0 : steps_.Thaw(treated.record, pidfd).error;
+    int error = treated.isFrozen ? 0 : steps_.Thaw(treated.record, pidfd).Unfinished();
     if (error == 0 && treated.suppressions == 0) {
-        error = steps_.EndSuppression(treated.record, pidfd).error;
+        error = steps_.EndSuppression(treated.record, pidfd).Unfinished();
     }
     return error != 0 ? error : steps_.Tidy(treated.record);
 }
@@ -211,7 +215,7 @@ int32_t TreatmentTable::EndSuppression(pid_t pid, const std::string& name) {
     if (--treated.suppressions == 0) {
         step = steps_.EndSuppression(treated.record, PidfdIfThere(*treated.handle));
     }
-    Conclude(entry, step.error);
+    Conclude(entry, step.Unfinished());
     lock.unlock();
     return Announce({kSuppressEnd, pid, name, step, {}});
 }
@@ -265,7 +269,7 @@ int32_t TreatmentTable::Thaw(pid_t pid, const std::string& name) {
     treated.isFrozen = false;
     treated.thawAt.reset();
     const Step step = steps_.Thaw(treated.record, PidfdIfThere(*treated.handle));
-    Conclude(entry, step.error);
+    Conclude(entry, step.Unfinished());
     lock.unlock();
     return Announce({kThaw, pid, name, step, {}});
 }
@@ -314,7 +318,7 @@ void TreatmentTable::LiftForKill(const ProcessHandle& handle) {
         EndAll(entry);
     } else if (entry != treated_.end()) {
         entry->second.suppressions = 0;
-        Conclude(entry, steps_.EndSuppression(entry->second.record, PidfdIfThere(handle)).error);
+        Conclude(entry, steps_.EndSuppression(entry->second.record, PidfdIfThere(handle)).Unfinished());
     }
 }
 
@@ -370,7 +374,7 @@ void TreatmentTable::ThawDue(Clock::time_point now, std::vector<Result>& results
             const Step step = steps_.Thaw(treated.record, PidfdIfThere(*treated.handle));
             results.push_back(
                 {kThaw, entry->first.first, treated.record.processName, step, "its time is over"});
-            Conclude(entry, step.error);
+            Conclude(entry, step.Unfinished());
         }
         entry = next;
     }

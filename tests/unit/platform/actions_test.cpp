@@ -1,10 +1,14 @@
 // Treatments of real processes: programs that this test executes, and for whose sake it looks at /proc and at
 // the control groups itself.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,6 +35,7 @@
 #include "resource_schedule.h"
 #include "runtime/settings.h"
 #include "suspend_manager.h"
+#include "system_log.h"
 
 namespace KITE::Linux {
 
@@ -301,17 +306,6 @@ TEST_F(Actions, EveryThreadGetsItsPolicyBackAndANewOneTheMainThreads) {
     EXPECT_EQ(before.front().nice, 7);
 }
 
-TEST_P(EveryForm, AFrozenProcessStandsStillUntilItIsThawed) {
-    const Program culprit("spin");
-    TreatmentTable& table = StartTableFor(culprit);
-    ASSERT_EQ(table.Freeze(culprit.Pid(), kName, std::nullopt), 0);
-    EXPECT_TRUE(HasRecords());
-    EXPECT_TRUE(StandsStill(culprit));
-    ASSERT_EQ(table.Thaw(culprit.Pid(), kName), 0);
-    EXPECT_TRUE(culprit.IsRunning());
-    EXPECT_FALSE(HasRecords());
-}
-
 TEST_P(EveryForm, AFreezeForATimeEndsByItselfAndTheLatestEndWins) {
     const Program culprit("spin");
     TreatmentTable& table = StartTableFor(culprit);
@@ -360,17 +354,74 @@ TEST_P(EveryForm, TreatmentsOfOneProcessAreCountedAndEndInAnyOrder) {
     EXPECT_EQ(table.Thaw(pid, kName), ESRCH);
 }
 
-TEST_P(EveryForm, WhatADeadHostLeftIsReleasedByTheNext) {
+// Whether the call changes anything that outlives its process.
+bool LeavesATrace(const __ptrace_syscall_info& call) {
+    constexpr uint64_t kCalls[] = {SYS_write,    SYS_mkdir, SYS_mkdirat,       SYS_renameat,
+                                   SYS_unlinkat, SYS_rmdir, SYS_sched_setattr, SYS_pidfd_send_signal};
+    return call.op == PTRACE_SYSCALL_INFO_ENTRY &&
+           (std::ranges::find(kCalls, call.entry.nr) != std::end(kCalls) ||
+            (call.entry.nr == SYS_openat && (call.entry.args[2] & O_CREAT) != 0));
+}
+
+// Runs in a process of its own, which is killed before the call of that number that leaves a trace. False
+// when there are not so many and it has ended by itself.
+bool KillBeforeCall(int number, const std::function<void()>& work) {
+    const pid_t worker = fork();
+    if (worker == 0) {
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        raise(SIGSTOP);
+        work();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(worker, &status, 0);
+    ptrace(PTRACE_SETOPTIONS, worker, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    while (WIFSTOPPED(status)) {
+        __ptrace_syscall_info call{};
+        ptrace(PTRACE_GET_SYSCALL_INFO, worker, sizeof(call), &call);
+        if (LeavesATrace(call) && --number == 0) {
+            kill(worker, SIGKILL);
+        }
+        ptrace(PTRACE_SYSCALL, worker, nullptr, nullptr);
+        waitpid(worker, &status, 0);
+    }
+    EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0);
+    return WIFSIGNALED(status);
+}
+
+TEST_P(EveryForm, AHostKilledAtAnyStepLeavesNothingThatTheNextDoesNotRelease) {
+    Log::minimumLevel = Log::Level::kError;  // a logging thread would be missing in the worker
     const Program culprit("spin");
-    StartTableFor(culprit);
-    ASSERT_EQ(table_->Suppress(culprit.Pid(), kName), 0);
-    ASSERT_EQ(table_->Freeze(culprit.Pid(), kName, std::nullopt), 0);
-    TreatmentTable& next = StartTable();
-    EXPECT_TRUE(StandsStill(culprit));
-    EXPECT_TRUE(next.ReleaseLeft());
-    EXPECT_TRUE(culprit.IsRunning());
-    EXPECT_FALSE(ReadThreadPolicies(culprit.Pid())[0].IsIdle());
-    EXPECT_FALSE(HasRecords());
+    const pid_t pid = culprit.Pid();
+    const UniqueFd pidfd = OpenProcess(pid, culprit.StartTime());
+    const std::optional<Group> homes[] = {groups_.GroupOf(pid, Hierarchy::kUnified),
+                                          groups_.GroupOf(pid, Hierarchy::kCpuV1)};
+    const auto treat = [&] {
+        const TreatmentSteps steps(groups_, state_);
+        TreatmentRecord record = steps.NewRecord(pid, culprit.StartTime(), kName);
+        const bool isDone = steps.Suppress(record, pidfd.Get()).error == 0 &&
+                            steps.Freeze(record, pidfd.Get()).error == 0 &&
+                            steps.Thaw(record, pidfd.Get()).Unfinished() == 0 &&
+                            steps.EndSuppression(record, pidfd.Get()).Unfinished() == 0;
+        _exit(isDone && record.IsEmpty() ? 0 : 1);
+    };
+    int calls = 1;
+    for (; KillBeforeCall(calls, treat); ++calls) {
+        TreatmentTable& next = StartTable();
+        ASSERT_TRUE(next.ReleaseLeft()) << calls;
+        ASSERT_TRUE(culprit.IsRunning()) << calls;
+        ASSERT_FALSE(ReadThreadPolicies(pid)[0].IsIdle()) << calls;
+        ASSERT_EQ(groups_.GroupOf(pid, Hierarchy::kUnified), homes[0]) << calls;
+        ASSERT_EQ(groups_.GroupOf(pid, Hierarchy::kCpuV1), homes[1]) << calls;
+        std::filesystem::remove(state_ / "treated" / ".unfinished");
+        ASSERT_FALSE(HasRecords()) << calls;
+        for (const std::optional<Group>& home : homes) {
+            ASSERT_FALSE(home && std::filesystem::exists(home->path + "/kite-" + std::to_string(pid) + "-" +
+                                                         std::to_string(culprit.StartTime())))
+                << calls;
+        }
+    }
+    EXPECT_GT(calls, 10);
 }
 
 TEST_P(EveryForm, StoppingTheHostReleasesAndRefusesMore) {
@@ -388,15 +439,11 @@ TEST_P(EveryForm, StoppingTheHostReleasesAndRefusesMore) {
 TEST_P(EveryForm, NothingIsDoneThatCannotBeRecorded) {
     const Program culprit("spin");
     TreatmentTable& table = StartTableFor(culprit);
-    std::filesystem::remove_all(state_);
-    EXPECT_EQ(table.Freeze(culprit.Pid(), kName, std::nullopt), ENOENT);
-    EXPECT_EQ(table.Suppress(culprit.Pid(), kName), ENOENT);
-    EXPECT_TRUE(culprit.IsRunning());
-    EXPECT_FALSE(ReadThreadPolicies(culprit.Pid())[0].IsIdle());
-    std::filesystem::create_directory(state_);
     std::filesystem::create_directory_symlink("/tmp", state_ / "treated");
     EXPECT_NE(table.Freeze(culprit.Pid(), kName, std::nullopt), 0);
+    EXPECT_NE(table.Suppress(culprit.Pid(), kName), 0);
     EXPECT_TRUE(culprit.IsRunning());
+    EXPECT_FALSE(ReadThreadPolicies(culprit.Pid())[0].IsIdle());
 }
 
 TEST_P(EveryForm, AProcessThatSomebodyStoppedStaysStopped) {
@@ -590,6 +637,7 @@ TEST_F(Actions, AProcessThatCannotBeReadIsNotTakenForGone) {
     const Program culprit("spin");
     const int64_t startTime = culprit.StartTime();
     const std::vector<ThreadPolicy> policies = ReadThreadPolicies(culprit.Pid());
+    const ProcessHandlePtr handle = ProcessHandles(1).Remember(culprit.Pid(), startTime, kName);
     rlimit usual{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
     const auto unused = static_cast<rlim_t>(UniqueFd(dup(STDERR_FILENO)).Get());
@@ -600,10 +648,19 @@ TEST_F(Actions, AProcessThatCannotBeReadIsNotTakenForGone) {
     setrlimit(RLIMIT_NOFILE, &one);
     const bool isOpen = static_cast<bool>(OpenProcess(culprit.Pid(), startTime));
     const int openError = errno;
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(handle->Difference(kName), "it cannot be looked at");
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
     EXPECT_EQ(restoreError, EAGAIN);
     EXPECT_FALSE(isOpen);
     EXPECT_EQ(openError, EMFILE);
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(mount("none", "/proc", nullptr, MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
+    EXPECT_FALSE(OpenProcess(culprit.Pid(), startTime));
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(RestoreFamily({.pid = culprit.Pid()}, true, policies.front(), {}), EIO);
+    EXPECT_EQ(umount("/proc"), 0);
 }
 
 TEST_P(EveryForm, AStepThatFindsTheProcessGoneLeavesNoRecord) {
@@ -643,10 +700,23 @@ TEST_F(Actions, ARecordThatFitsNothingIsRefusedOrForgotten) {
     ASSERT_EQ(TreatmentRecords(state_).Write(record), 0);
     EXPECT_TRUE(table.ReleaseLeft());
     EXPECT_FALSE(HasRecords());
+    const Program newcomer(
+        "spin");  // bears the pid of one that was stopped, and somebody else has stopped it
+    kill(newcomer.Pid(), SIGSTOP);
+    record.bootId = CurrentBootId();
+    record.pid = newcomer.Pid();
+    record.startTime = newcomer.StartTime() - 1;
+    ASSERT_EQ(TreatmentRecords(state_).Write(record), 0);
+    EXPECT_TRUE(table.ReleaseLeft());
+    EXPECT_FALSE(HasRecords());
+    EXPECT_TRUE(StandsStill(newcomer));
     std::ofstream(state_ / "treated" / "12-34.json") << R"({"boot_id":"x","pid":1})";
     EXPECT_FALSE(table.ReleaseLeft());
     EXPECT_TRUE(table.ReleaseLeft());
     EXPECT_TRUE(std::filesystem::exists(state_ / "treated" / ".12-34.json.bad"));
+    std::filesystem::create_symlink("/etc/passwd", state_ / "treated" / "12-34.json");
+    EXPECT_FALSE(table.ReleaseLeft());
+    EXPECT_TRUE(table.ReleaseLeft());
 }
 
 TEST_F(Actions, ARecordOfGroupsThatAreNotMountedIsKept) {
@@ -750,32 +820,6 @@ TEST_F(Actions, TheOldestUnheldHandleMakesRoom) {
     EXPECT_NE(handles.Find(first.Pid()), nullptr);
     EXPECT_EQ(handles.Find(second.Pid()), nullptr);
     EXPECT_NE(handles.Find(third.Pid()), nullptr);
-}
-
-TEST_F(Actions, ManyThreadsTreatTheSameProcessesAtOnce) {
-    UseGroups();
-    const Program first("spin");
-    const Program second("spin");
-    TreatmentTable& table = StartTableFor(first);
-    ASSERT_TRUE(table.Remember(second.Pid(), second.StartTime(), kName));
-    std::vector<std::thread> workers;
-    workers.reserve(4);
-    for (int worker = 0; worker < 4; ++worker) {
-        workers.emplace_back([&, pid = worker % 2 == 0 ? first.Pid() : second.Pid()] {
-            for (int round = 0; round < 5; ++round) {
-                table.Remember(pid, 0, "wrong");
-                table.Suppress(pid, kName);
-                table.Freeze(pid, kName, milliseconds(round + 1));
-                table.EndSuppression(pid, kName);
-            }
-        });
-    }
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
-    EXPECT_EQ(table.Kill(second.Pid(), kName, ""), 0);
-    EXPECT_TRUE(Eventually([&] { return !HasRecords(); }));
-    EXPECT_TRUE(first.IsRunning());
 }
 
 TEST(ProcText, ACommandNameCannotPassForOtherFields) {

@@ -1,0 +1,130 @@
+#include <csignal>
+#include <filesystem>
+#include <set>
+
+#include "kelvra_manager/protocol.h"
+#include "private_system.h"
+#include "resource_quota_control_errors.h"
+
+// Who may do what: each user tries everything. The whole table is docs/security.md.
+namespace KITE::Integration {
+
+namespace {
+
+namespace Protocol = Linux::KelvraProtocol;
+using namespace ResourceQuotaCtl;
+
+struct Deed {
+    const char* name;
+    std::function<bool(BusClient&)> isDone;
+    std::set<uid_t> permitted;
+};
+
+bool IsTaken(const Answer& answer) {
+    return answer.error.empty() && answer.status == ERR_NONE;
+}
+
+// The manager's requests of the quota service, and reports, which nobody may send but the connection that
+// owns the manager's name: not the manager's user in another one either.
+std::vector<Deed> RequestsAndReports(const MessageParcel& report) {
+    MessageParcel subscription;
+    subscription.WriteInterfaceToken(Protocol::kManagerDescriptor);
+    MessageParcel quotas = subscription;
+    subscription.WriteString(Protocol::kSubscriberPath);
+    quotas.WriteInt32(0);
+    quotas.WriteUint32(0);
+    const auto transact = [](auto name, auto path, uint32_t code, const MessageParcel& request) {
+        return [=](BusClient& client) { return IsTaken(client.Transact(name, path, code, request)); };
+    };
+    return {
+        {"set quotas", transact(kKelvraName, kKelvraPath, Protocol::kSetProcessQuota, quotas), {kQuotaUid}},
+        {"subscribe", transact(kKelvraName, kKelvraPath, Protocol::kSubscribe, subscription), {kQuotaUid}},
+        {"report", transact(kQuotaName, Protocol::kSubscriberPath, Protocol::kReport, report), {}}};
+}
+
+const std::vector<Deed> kQuestions{
+    {"ask for written bytes",
+     [](BusClient& client) { return WrittenBytesOf(client.AskWrittenBytes({getpid()})).size() == 1; },
+     {kTrustedUid}},
+    {"ask for running times",
+     [](BusClient& client) {
+         int32_t result = ERR_RQC_PERMISSION_DENIED;
+         client.AskRunningTimes().reply.ReadInt32(result);
+         return result == ERR_OK;
+     },
+     {kTrustedUid}},
+    {"dump",
+     [](BusClient& client) {
+         Pipe pipe;
+         const int32_t status = client.Dump({"DumpConfig"}, pipe.writeEnd.Get()).status;
+         return status == ERR_OK || !pipe.Text().empty();
+     },
+     {kTrustedUid}}};
+
+const std::vector<Deed> kOwnings{{"own the service's name",
+                                  [](BusClient& client) { return client.Claim(kQuotaName).empty(); },
+                                  {kQuotaUid}},
+                                 {"own the manager's name",
+                                  [](BusClient& client) { return client.Claim(kKelvraName).empty(); },
+                                  {kKelvraUid}}};
+
+}  // namespace
+
+class SecurityTest : public PrivateSystem {
+  protected:
+    void TryAll(uid_t user, const std::vector<Deed>& deeds) {
+        for (const Deed& deed : deeds) {
+            BusClient client = Connect(user);
+            EXPECT_EQ(deed.permitted.contains(user), deed.isDone(client)) << deed.name << " as " << user;
+        }
+    }
+    std::filesystem::path State(const char* file) const { return Directory() + "/state/" + file; }
+};
+
+TEST_F(SecurityTest, ANameCannotBeTakenBeforeItsHostStarts) {
+    for (const uid_t user : {kTrustedUid, kUntrustedUid, kKelvraUid, kQuotaUid}) {
+        TryAll(user, kOwnings);
+    }
+}
+
+TEST_F(SecurityTest, NobodyDoesWhatIsNotHis) {
+    SetPolicy({Rule("hog", "cpu", 10, "kill"), Rule("cold", "cpu", 10, "freeze")});
+    StartWhole();
+    Process& victim = StartTarget("victim", {"idle"});
+    const std::vector<Deed> requests = RequestsAndReports(ReportOf({Anomaly(victim, "cpu", "kill")}));
+    for (const uid_t user : {kTrustedUid, kUntrustedUid, kKelvraUid}) {
+        TryAll(user, requests);
+        TryAll(user, kQuestions);
+    }
+    StartTarget("cold", {"burn"});
+    EXPECT_TRUE(QuotaHost().log.Await("freeze process, pid is"));
+    EXPECT_EQ(SIGKILL, StartTarget("hog", {"burn"}).AwaitEnd()) << "quotas and subscription are as they were";
+    EXPECT_FALSE(victim.HasEnded());
+    using std::filesystem::perms;
+    EXPECT_EQ(perms::none, status(State("events.jsonl")).permissions() & perms::others_all);
+    EXPECT_EQ(perms::owner_all, status(State("treated")).permissions());
+    TryAll(kQuotaUid, requests);
+    TryAll(kQuotaUid, kQuestions);
+}
+
+TEST_F(SecurityTest, RecordsAreNotKeptInADirectoryOfAnotherUser) {
+    std::filesystem::create_directory(State("treated"));
+    FakeManager& manager = StartWithFakeManager();
+    EXPECT_EQ(0, manager.Report({Anomaly(StartTarget("target", {"idle"}), "cpu", "freeze")}));
+    EXPECT_TRUE(QuotaHost().log.Await("(target) failed: Permission denied"));
+    EXPECT_TRUE(std::filesystem::is_empty(State("treated")));
+}
+
+TEST_F(SecurityTest, ASenderThatHasGoneIsNobody) {
+    StartWithFakeManager();
+    const Process& host = QuotaHost().process;
+    host.Signal(SIGSTOP);
+    const std::string stat = "/proc/" + std::to_string(host.Pid()) + "/stat";
+    ASSERT_TRUE(Eventually([&] { return ReadWholeFile(stat).find(") T ") != std::string::npos; }));
+    Connect(kTrustedUid).Send(IResourceQuotaControl::GET_EXTENSION_RUNNING_TIME, QuotaRequest());
+    host.Signal(SIGCONT);
+    EXPECT_TRUE(QuotaHost().log.Await("Process  called GetExtensionRunningTime"));
+    EXPECT_TRUE(QuotaHost().log.Await("illegal access to this interface."));
+}
+
+}  // namespace KITE::Integration

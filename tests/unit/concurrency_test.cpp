@@ -1,0 +1,220 @@
+#include <barrier>
+#include <set>
+#include <thread>
+
+#include "iresource_quota_control.h"
+#include "resource_quota_control_impl.h"
+#include "service_fixture.h"
+#include "singleton.h"
+
+// Everything at once, with an account of every report. The thread sanitizer sees to the locks that no account
+// shows.
+namespace KITE::ResourceQuotaCtl {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Kelvra::ProcessAnomalyInfo;
+
+constexpr int kReporters = 8;
+constexpr int kBatches = 40;
+constexpr int32_t kApplicationInFront = 35;
+constexpr int32_t kTransferringPid = 14;
+
+// What can become of a report. A batch of a reporter has one of each.
+struct Kind {
+    ProcessAnomalyInfo report;
+    std::vector<std::string> outcomes;  // beginnings of lines, one of which every report of the kind leads to
+};
+
+ProcessAnomalyInfo Report(const std::string& resType, const std::string& action, int32_t pid = 12,
+                          int32_t uid = 34, int32_t processType = 0) {
+    ProcessAnomalyInfo info;
+    info.processName = "foo";
+    info.resType = resType;
+    info.action = action;
+    info.pid = pid;
+    info.uid = uid;
+    info.processType = processType;
+    return info;
+}
+
+std::vector<Kind> Kinds() {
+    const std::string impl = "resource_quota_control_impl: ";
+    const std::vector<std::string> staged{
+        "ReportData(72, 5", "ReportData(72, 0", "KillProcess({killReason=Kill Reason:CPU_EXT Highload",
+        "D " + impl + "process not exit"};  // the last when a batch beside this one has killed the process
+    return {{Report("cpu", "kill"), {"KillProcess({killReason=Kill Reason:CPU Highload"}},
+            {Report("cpu", "freeze"), {"OperateOneNativeProcess("}},
+            {Report("mem", "warning"), {"I " + impl + "abnormal info"}},
+            {Report("cpu", "kill", 13), {"E " + impl + "cannot verify pid and process name"}},
+            {Report("cpu", "kill", 12, 34, 3000), {"E " + impl + "cannot get general type"}},
+            {Report("io", "kill", kTransferringPid), {"I " + impl + "pid:14 has special continuous task"}},
+            {Report("cpu_ext", "", 12, kApplicationInFront), {"I " + impl + "cancel suppress, 35"}},
+            {Report("cpu_ext", ""), staged}};
+}
+
+class ConcurrencyTest : public ServiceTest {
+  protected:
+    ConcurrencyTest() {
+        platform.files = {{"/proc/12/cmdline", "/bin/foo"}, {"/proc/14/cmdline", "foo"}};
+        platform.runningProcesses = {{12, 34}, {12, kApplicationInFront}};
+        platform.foregroundApplications = {{kApplicationInFront}};
+        platform.continuousTasks = {
+            std::make_shared<ContinuousTaskCallbackInfo>(34, kTransferringPid, std::vector<uint32_t>{1})};
+        platform.nativeProcesses = {{7, "svcdb"}};
+        platform.permissions = {{7, "kite.permission.DUMP"}};
+        platform.callingToken = platform.firstToken = 7;
+        AddLayer(Quotas(Entry("foo", "", "'running_time':1," + Rule("cpu", 1))));
+        service_.OnStart();
+        service_.OnAddSystemAbility(1213, "");
+    }
+
+    // A batch's reports have ids of their own; those that are killed or frozen have names too, so that no two
+    // actions read alike. Of the staged ones every other has the name that all reporters share.
+    void ReportBatches(int reporter) {
+        for (int batch = 0; batch < kBatches; ++batch) {
+            std::vector<ProcessAnomalyInfo> infos;
+            for (const Kind& kind : kinds_) {
+                const auto number = static_cast<int>(infos.size());
+                ProcessAnomalyInfo& info = infos.emplace_back(kind.report);
+                info.id = (reporter * kBatches + batch) * static_cast<int>(kinds_.size()) + number;
+                if (info.resType != "cpu_ext") {
+                    info.processName += '.' + std::to_string(info.id);
+                } else if (batch % 2 == 0) {
+                    info.processName += std::to_string(reporter);
+                }
+            }
+            while (!platform.ReportAnomalies(infos)) {
+                std::this_thread::yield();  // until the manager is back
+            }
+            platform.RunTasks();
+        }
+    }
+    // Again and again until the end.
+    template <typename Action>
+    std::jthread Beside(Action action) {
+        return std::jthread([action](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
+                action();
+            }
+        });
+    }
+    void Query() {
+        for (const uint32_t code : {1U, 2U}) {
+            MessageParcel request;
+            MessageParcel reply;
+            MessageOption option;
+            request.WriteInterfaceToken(IResourceQuotaControl::GetDescriptor());
+            request.WriteInt32Vector({getpid()});
+            EXPECT_EQ(object_->SendRequest(code, request, reply, option), ERR_OK);
+            EXPECT_GE(reply.ReadableBytes(), sizeof(uint64_t));
+        }
+    }
+    void Dump() {
+        EXPECT_EQ(service_.Dump(1, {u"DumpReportedAbnormalInfo"}), ERR_OK);
+        EXPECT_LE(std::ranges::count(platform.saved, '\n'), 100);
+        std::set<std::string> ids;
+        for (size_t at = platform.saved.find(" id_"); at != std::string::npos;
+             at = platform.saved.find(" id_", at + 1)) {
+            EXPECT_TRUE(ids.insert(platform.saved.substr(at, platform.saved.find(' ', at + 1) - at)).second);
+        }
+    }
+    void RunEverything() {
+        std::vector<std::jthread> threads;
+        threads.push_back(Beside([this] {
+            service_.OnRemoveSystemAbility(1213, "");
+            service_.OnAddSystemAbility(1213, "");
+        }));
+        threads.push_back(Beside([core = DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()] {
+            core->HandleKelvraDied();
+            core->InitKelvraTaskObserver();
+        }));
+        threads.push_back(Beside([this] { Query(); }));
+        threads.push_back(Beside([this] { Dump(); }));
+        threads.push_back(Beside([this] { platform.Advance(1s); }));  // in which suppressions end
+        std::vector<std::jthread> reporters;
+        for (int reporter = 0; reporter < kReporters; ++reporter) {
+            reporters.emplace_back([this, reporter] { ReportBatches(reporter); });
+        }
+    }
+
+    const std::vector<Kind> kinds_ = Kinds();
+
+  private:
+    SystemAbility& service_ = *platform.registeredAbility;
+    sptr<IRemoteObject> object_{dynamic_cast<IRemoteObject*>(platform.registeredAbility)};
+};
+
+TEST_F(ConcurrencyTest, EveryReportIsRecordedAndTreatedOrRefusedOnce) {
+    RunEverything();
+    platform.RunTasks();
+    platform.Advance(6s);
+    const std::vector<std::string> trace = platform.Trace();
+    const auto count = [&trace](const std::string& start) {
+        return std::ranges::count_if(trace, [&](const auto& line) { return line.starts_with(start); });
+    };
+    std::map<std::string, int> received;  // by id
+    std::set<std::string> actions;
+    for (const std::string& line : trace) {
+        if (line.find("abnormal info pid is") != line.npos) {
+            ++received[line.substr(line.rfind(' '))];
+        }
+        if (line.starts_with("OperateOneNativeProcess(") ||
+            line.find("Reason:CPU Highload, pid") != line.npos) {
+            EXPECT_TRUE(actions.insert(line).second) << line;
+        }
+    }
+    constexpr int kOfEachKind = kReporters * kBatches;
+    const auto all = static_cast<int>(kinds_.size()) * kOfEachKind;
+    for (int id = 0; id < all; ++id) {
+        const Kind& kind = kinds_[static_cast<size_t>(id) % kinds_.size()];
+        const int lines = kind.report.action == "warning" ? 2 : 1;
+        EXPECT_EQ(received[' ' + std::to_string(id)], lines) << id;
+    }
+    for (const Kind& kind : kinds_) {
+        int64_t outcomes = 0;
+        for (const std::string& outcome : kind.outcomes) {
+            outcomes += count(outcome);
+        }
+        EXPECT_EQ(outcomes, kind.report.action == "warning" ? all + kOfEachKind : kOfEachKind)
+            << kind.outcomes.front();
+    }
+    EXPECT_GT(count("ReportData(72, 5"), 0);
+    EXPECT_EQ(count("ReportData(72, 5"), count("ReportData(72, 6")) << "every suppression ends once";
+    EXPECT_THAT(platform.PendingTasks(), IsEmpty());
+    EXPECT_EQ(count("GetSystemAbility(501)"), 1) << "the application manager is reached once";
+    std::vector<std::string> asked = platform.Calls();  // and by one at a time
+    std::erase_if(asked, [](const auto& call) {
+        return call != "GetAllRunningProcesses()" && call != "GetForegroundApplications()";
+    });
+    for (size_t i = 0; i < asked.size(); ++i) {
+        ASSERT_EQ(asked[i], i % 2 == 0 ? "GetAllRunningProcesses()" : "GetForegroundApplications()") << i;
+    }
+}
+
+template <int>
+struct Counted {
+    Counted() { ++made; }
+    static inline std::atomic<int> made = 0;
+};
+
+template <int... kNumbers>
+void AskAtOnce(std::integer_sequence<int, kNumbers...>) {
+    std::barrier together(kReporters);
+    std::vector<std::jthread> users;
+    for (int user = 0; user < kReporters; ++user) {
+        users.emplace_back(
+            [&] { ((together.arrive_and_wait(), DelayedSingleton<Counted<kNumbers>>::GetInstance()), ...); });
+    }
+    users.clear();
+    EXPECT_EQ((Counted<kNumbers>::made + ...), int{sizeof...(kNumbers)});
+}
+
+TEST(SingletonTest, IsMadeOnceHoweverManyAskForItAtOnce) {
+    AskAtOnce(std::make_integer_sequence<int, 50>());
+}
+
+}  // namespace
+
+}  // namespace KITE::ResourceQuotaCtl
