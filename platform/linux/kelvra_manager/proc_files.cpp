@@ -1,5 +1,6 @@
 #include "kelvra_manager/proc_files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,7 +9,21 @@
 #include <cstdio>
 #include <cstring>
 
+#include "kelvra_manager/proc_parse.h"
+
 namespace KITE::Linux::Sampling {
+
+namespace {
+
+// 0 for a name that is no pid.
+pid_t PidOf(const char* name) {
+    pid_t pid = 0;
+    const char* end = name + std::strlen(name);
+    const auto [rest, error] = std::from_chars(name, end, pid);
+    return error == std::errc() && rest == end ? pid : 0;
+}
+
+}  // namespace
 
 bool MeansGone(int error) {
     return error == ESRCH || error == ENOENT;
@@ -36,25 +51,43 @@ ReadText ReadProcFileOnce(pid_t pid, const char* name, std::span<char> buffer) {
     return file ? ReadProcFile(file, buffer) : ReadText{{}, errno};
 }
 
-bool ProcessList::ForEach(const std::function<void(pid_t, ino_t)>& visit) {
-    if (directory_) {
-        rewinddir(directory_.get());
-    } else {
-        directory_.reset(opendir("/proc"));
+std::optional<int64_t> BirthCounter::Read() {
+    // Several kilobytes of interrupt counters, more on larger machines, come before it.
+    constexpr size_t kFirstSize = 16384;
+    constexpr size_t kLargestSize = 1 << 20;
+    if (!stat_) {
+        stat_ = UniqueFd(open("/proc/stat", O_RDONLY | O_CLOEXEC));
+        buffer_.resize(kFirstSize);
     }
+    ReadText stat = ReadProcFile(stat_, buffer_);
+    while (stat.text.size() == buffer_.size() && buffer_.size() < kLargestSize) {
+        buffer_.resize(buffer_.size() * 2);
+        stat = ReadProcFile(stat_, buffer_);
+    }
+    return NumberOfLine(stat.text, "processes");
+}
+
+bool ProcessList::ForEach(const std::function<void(pid_t, ino_t)>& visit) {
     if (!directory_) {
+        directory_ = UniqueFd(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    if (!directory_ || lseek(directory_.Get(), 0, SEEK_SET) != 0) {
         return false;
     }
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): safe as long as no other thread reads the same stream
-    while (const dirent* entry = readdir(directory_.get())) {
-        pid_t pid = 0;
-        const char* end = entry->d_name + std::strlen(entry->d_name);
-        const auto [rest, error] = std::from_chars(entry->d_name, end, pid);
-        if (error == std::errc() && rest == end && pid > 0) {
-            visit(pid, entry->d_ino);
+    pid_t last = 0;
+    ssize_t length = 0;
+    while ((length = getdents64(directory_.Get(), entries_.data(), entries_.size())) > 0) {
+        for (ssize_t at = 0; at < length;) {
+            const auto* entry = reinterpret_cast<const dirent64*>(&entries_[static_cast<size_t>(at)]);
+            at += entry->d_reclen;
+            const pid_t pid = PidOf(entry->d_name);
+            if (pid > last) {
+                last = pid;
+                visit(pid, entry->d_ino);
+            }
         }
     }
-    return true;
+    return length == 0;
 }
 
 }  // namespace KITE::Linux::Sampling

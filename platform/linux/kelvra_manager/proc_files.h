@@ -1,13 +1,14 @@
 #pragma once
 
-#include <dirent.h>
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <optional>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "runtime/unique_fd.h"
 
@@ -37,19 +38,28 @@ ReadText ReadProcFile(const UniqueFd& file, std::span<char> buffer, off_t offset
 // Opens, reads and closes.
 ReadText ReadProcFileOnce(pid_t pid, const char* name, std::span<char> buffer);
 
+// How many processes and threads the machine has given birth to since it started.
+class BirthCounter {
+  public:
+    // Absent when that cannot be known.
+    std::optional<int64_t> Read();
+
+  private:
+    UniqueFd stat_;
+    std::vector<char> buffer_;
+};
+
 // The processes that exist.
 class ProcessList {
   public:
-    // Calls back for each: its pid and the number of its inode in /proc, which changes when the pid is given
-    // to another process. False when /proc cannot be read.
+    // Calls back for each, in the order of their pids, which is that of /proc: its pid and the number of its
+    // inode in /proc, which changes when the pid is given to another process. False, with errno set, when
+    // /proc cannot be read (to its end).
     bool ForEach(const std::function<void(pid_t, ino_t)>& visit);
 
   private:
-    struct Closer {
-        void operator()(DIR* directory) const { closedir(directory); }
-    };
-
-    std::unique_ptr<DIR, Closer> directory_;
+    UniqueFd directory_;
+    alignas(8) std::array<char, 32768> entries_;
 };
 
 }  // namespace KITE::Linux::Sampling

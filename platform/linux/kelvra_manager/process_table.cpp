@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "kelvra_manager/proc_parse.h"
@@ -11,16 +12,15 @@
 
 namespace KITE::Linux::Sampling {
 
-uint32_t LookPause(size_t unwatched) {
-    constexpr size_t kLooksPerSample = 512;
-    constexpr size_t kLongestPause = 16;
-    const size_t pause = (unwatched + kLooksPerSample - 1) / kLooksPerSample;
-    return static_cast<uint32_t>(std::clamp<size_t>(pause, 1, kLongestPause));
-}
+namespace {
 
-bool IsLookDue(uint32_t age, pid_t pid, uint32_t pause) {
-    const bool isPowerOfTwo = (age & (age - 1)) == 0;
-    return isPowerOfTwo || (age + static_cast<uint32_t>(pid)) % pause == 0;
+constexpr uint32_t kYoung = 8;  // samples
+
+}  // namespace
+
+bool ProcessTable::Known::IsCheckDue(uint32_t sample) const {
+    // By pid, so that the checks are spread over the samples.
+    return age < kYoung || (sample + static_cast<uint32_t>(pid)) % kCheckPeriod == 0;
 }
 
 void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
@@ -28,6 +28,7 @@ void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
         return;
     }
     known_.clear();
+    listedAt_.reset();
     watchedCount_ = 0;
     warned_ = {};
     book_ = book;
@@ -35,58 +36,84 @@ void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
 
 std::vector<Report> ProcessTable::Sample(TimePoint at,
                                          const std::function<bool(const ReportKey&)>& isOnTheWay) {
+    ++sample_;
     FindProcesses();
     std::vector<Report> reports;
-    for (auto& [pid, known] : known_) {
-        if (!known.watched) {
-            continue;
+    for (Known& known : known_) {
+        if (!known.watched && known.IsCheckDue(sample_)) {
+            CheckName(known);
         }
-        if (known.watched->Sample(at, recorder_) == WatchedProcess::Standing::kSame) {
-            std::vector<Report> own = known.watched->TakeReports(isOnTheWay);
-            reports.insert(reports.end(), std::move_iterator(own.begin()), std::move_iterator(own.end()));
-        } else {
-            Forget(known);
-            known.age = 0;
-            Look(pid, known);
+        if (known.watched) {
+            Measure(known, at, isOnTheWay, reports);
         }
+        known.age = std::min(known.age + 1, kYoung);
     }
     return reports;
 }
 
+// Without a birth since the last listing there is nobody to be found. Who has gone is then noticed when it is
+// measured or checked.
 void ProcessTable::FindProcesses() {
-    ++sample_;
-    lookPause_ = LookPause(known_.size() - watchedCount_);
-    if (!processes_.ForEach([this](pid_t pid, ino_t inode) { Meet(pid, inode); })) {
+    const std::optional<int64_t> births = births_.Read();
+    if (!births || births != listedAt_) {
+        listedAt_ = births;
+        ListProcesses();
+    }
+}
+
+// The listing comes in the order of the pids, as known_ is kept: one walk through both.
+void ProcessTable::ListProcesses() {
+    constexpr ino_t kGone = 0;
+    auto known = known_.begin();
+    const auto dropUpTo = [&](pid_t pid) {
+        for (; known != known_.end() && known->pid < pid; ++known) {
+            Forget(*known);
+            known->inode = kGone;
+        }
+    };
+    const bool isListed = processes_.ForEach([&](pid_t pid, ino_t inode) {
+        dropUpTo(pid);
+        const bool isKnown = known != known_.end() && known->pid == pid;
+        if (isKnown && known->inode == inode) {
+            ++known;
+            return;
+        }
+        dropUpTo(isKnown ? pid + 1 : pid);
+        born_.emplace_back(pid, inode);
+    });
+    if (isListed) {
+        dropUpTo(std::numeric_limits<pid_t>::max());
+    } else {
         WarnOnce(warned_.unlisted, "/proc cannot be listed: errno", static_cast<size_t>(errno));
+        listedAt_.reset();
+    }
+    std::erase_if(known_, [](const Known& one) { return one.inode == kGone; });
+    AddBorn();
+}
+
+void ProcessTable::AddBorn() {
+    if (born_.empty()) {
         return;
     }
-    for (auto entry = known_.begin(); entry != known_.end();) {
-        if (entry->second.seenIn == sample_) {
-            ++entry;
-        } else {
-            Forget(entry->second);
-            entry = known_.erase(entry);
-        }
+    const auto old = static_cast<std::ptrdiff_t>(known_.size());
+    known_.insert(known_.end(), std::move_iterator(born_.begin()), std::move_iterator(born_.end()));
+    std::ranges::inplace_merge(known_, known_.begin() + old, {}, &Known::pid);
+    born_.clear();
+}
+
+void ProcessTable::CheckName(Known& known) {
+    const std::optional<nanoseconds> now = known.clock.Read();
+    if (!now || now != known.ruledOutAt) {
+        // Read before the name is: what the process does in between moves the clock.
+        known.ruledOutAt = now;
+        Look(known);
     }
 }
 
-void ProcessTable::Meet(pid_t pid, ino_t inode) {
-    Known& known = known_[pid];
-    if (known.inode != inode) {
-        Forget(known);
-        known.inode = inode;
-        known.age = 0;
-    }
-    known.seenIn = sample_;
-    if (!known.watched && IsLookDue(known.age, pid, lookPause_)) {
-        Look(pid, known);
-    }
-    ++known.age;
-}
-
-void ProcessTable::Look(pid_t pid, Known& known) {
-    UniqueFd cmdline = OpenProcFile(pid, "cmdline");
+void ProcessTable::Look(Known& known) {
+    UniqueFd cmdline = OpenProcFile(known.pid, "cmdline");
     if (!cmdline) {
+        known.ruledOutAt.reset();
         if (!MeansGone(errno)) {
             WarnOnce(warned_.unreadable, "a process cannot be looked at: errno", static_cast<size_t>(errno));
         }
@@ -98,12 +125,26 @@ void ProcessTable::Look(pid_t pid, Known& known) {
     if (rules.empty()) {
         return;
     }
+    known.ruledOutAt.reset();
     if (watchedCount_ >= mostWatched_) {
         WarnOnce(warned_.tooMany, "more processes have quotas than can be watched:", mostWatched_);
         return;
     }
-    known.watched = WatchedProcess::Open(pid, std::move(cmdline), name, rules);
+    known.watched = WatchedProcess::Open(known.pid, std::move(cmdline), name, rules);
     watchedCount_ += known.watched ? 1 : 0;
+}
+
+void ProcessTable::Measure(Known& known, TimePoint at,
+                           const std::function<bool(const ReportKey&)>& isOnTheWay,
+                           std::vector<Report>& reports) {
+    if (known.watched->Sample(at, recorder_) == WatchedProcess::Standing::kSame) {
+        std::vector<Report> own = known.watched->TakeReports(isOnTheWay);
+        reports.insert(reports.end(), std::move_iterator(own.begin()), std::move_iterator(own.end()));
+        return;
+    }
+    Forget(known);
+    known.age = 0;
+    Look(known);
 }
 
 void ProcessTable::Forget(Known& known) {

@@ -6,30 +6,28 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <unordered_map>
+#include <optional>
 #include <vector>
 
+#include "kelvra_manager/cpu_clock.h"
 #include "kelvra_manager/proc_files.h"
 #include "kelvra_manager/report.h"
 #include "kelvra_manager/watched_process.h"
 
 namespace KITE::Linux::Sampling {
 
-// How many samples apart the looks at the name of an unwatched process are. A process may execute a program
-// that has rules at any time, so each is looked at in every sample while they are at most 512; a look takes
-// about 5 us. With more the looks are spread, over at most 16 samples: from there on they take less time than
-// listing the processes.
-uint32_t LookPause(size_t unwatched);
-
-// Whether a process's name is looked at in the sample of that age, 0 being the one that found it. A fork is
-// often seen before its exec, so a young process is looked at again soon whatever the pause; the looks of the
-// others are spread over the samples by pid.
-bool IsLookDue(uint32_t age, pid_t pid, uint32_t pause);
-
 // The processes of the machine, as far as the rules care. One thread.
+//
+// A watched process is measured in every sample. Any other may execute a program that has rules at any time,
+// but not without moving its CPU clock. So that is looked at, in every sample while the process is young,
+// since a fork is often seen before its exec, and in every kCheckPeriod-th later on; the name is read only
+// when the clock has moved. For a process that sleeps that takes a tenth of what reading the name does, and
+// all of it less than a listing of /proc, which is made only when the machine has given birth to somebody
+// since the last one.
 class ProcessTable {
   public:
     static constexpr size_t kMostWatched = 2048;
+    static constexpr uint32_t kCheckPeriod = 8;
 
     // Watches at most that many processes; more that bear a name with rules are left alone, with a warning.
     // The recorder, if there is one, gets each sample; it must outlive the table.
@@ -46,10 +44,17 @@ class ProcessTable {
 
   private:
     struct Known {
-        ino_t inode = 0;
-        uint32_t age = 0;
-        uint64_t seenIn = 0;
-        std::unique_ptr<WatchedProcess> watched;
+        Known(pid_t itsPid, ino_t itsInode) : pid(itsPid), inode(itsInode), clock(itsPid) {}
+
+        bool IsCheckDue(uint32_t sample) const;
+
+        pid_t pid;
+        ino_t inode;
+        CpuClock clock;
+        uint32_t age = 0;  // in samples, as far as that matters
+        // What the clock said before the name was found to have no rules; absent when it was not found so.
+        std::optional<nanoseconds> ruledOutAt = std::nullopt;
+        std::unique_ptr<WatchedProcess> watched = nullptr;
     };
 
     // Which problems have had their line.
@@ -60,19 +65,25 @@ class ProcessTable {
     };
 
     void FindProcesses();
-    void Meet(pid_t pid, ino_t inode);
-    void Look(pid_t pid, Known& known);
+    void ListProcesses();
+    void AddBorn();
+    void CheckName(Known& known);
+    void Look(Known& known);
+    void Measure(Known& known, TimePoint at, const std::function<bool(const ReportKey&)>& isOnTheWay,
+                 std::vector<Report>& reports);
     void Forget(Known& known);
     void WarnOnce(bool& warned, const char* problem, size_t number);
 
     const size_t mostWatched_;
     SampleRecorder* const recorder_;
     std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>());
+    BirthCounter births_;
+    std::optional<int64_t> listedAt_;  // what the counter said before the last listing
     ProcessList processes_;
-    std::unordered_map<pid_t, Known> known_;  // after book_, whose rules the watched ones refer to
+    std::vector<Known> known_;  // by pid; after book_, whose rules the watched ones refer to
+    std::vector<Known> born_;   // those of the last listing that are not in known_ yet
     size_t watchedCount_ = 0;
-    uint64_t sample_ = 0;
-    uint32_t lookPause_ = 1;
+    uint32_t sample_ = 0;
     Warned warned_;
 };
 

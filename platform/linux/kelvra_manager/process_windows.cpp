@@ -41,13 +41,12 @@ std::optional<int64_t> ProcessWindows::Judge(Judged& judged, const Measurements&
         level->Miss();
         return std::nullopt;
     }
-    const bool isIo = judged.rule->resource == Resource::kIo;
-    const std::optional<int64_t>& counter = isIo ? sample.writtenBytes : sample.cpuTime;
-    if (!counter) {
-        return std::nullopt;
+    auto& counter = std::get<CounterWindow>(judged.window);
+    if (judged.rule->resource == Resource::kIo) {
+        return sample.writtenBytes ? counter.Add({sample.at, sample.at, *sample.writtenBytes}) : std::nullopt;
     }
-    return std::get<CounterWindow>(judged.window)
-        .Add({sample.at, isIo ? sample.at : sample.cpuReadAt, *counter});
+    return sample.cpuTime ? counter.Add({sample.at, sample.cpuReadAt, sample.cpuTime->count()})
+                          : std::nullopt;
 }
 
 ProcessWindows::Judged* ProcessWindows::NextBreachOf(Resource resource) {

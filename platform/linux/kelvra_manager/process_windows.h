@@ -15,7 +15,7 @@ namespace KITE::Linux::Sampling {
 struct Measurements {
     TimePoint at;                         // the sample's place on the grid of sample times
     std::optional<int64_t> memoryKiB;     // PSS, or RSS where that is above no quota; PSS is not more
-    std::optional<int64_t> cpuTime;       // of all threads, in nanoseconds
+    std::optional<nanoseconds> cpuTime;   // of all threads
     TimePoint cpuReadAt;                  // when cpuTime was read
     std::optional<int64_t> writtenBytes;  // sent to storage
 };

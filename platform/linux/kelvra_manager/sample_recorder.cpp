@@ -20,7 +20,9 @@ void SampleRecorder::Add(pid_t pid, int64_t startTime, const std::string& name, 
             line[key] = *value;
         }
     };
-    addMeasured("cpu_ns", measured.cpuTime);
+    if (measured.cpuTime) {
+        line["cpu_ns"] = measured.cpuTime->count();
+    }
     addMeasured("memory_kib", measured.memoryKiB);
     addMeasured("written_bytes", measured.writtenBytes);
     for (const Rule& rule : rules) {

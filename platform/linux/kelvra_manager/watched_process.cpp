@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <limits>
+#include <utility>
 
 #include "device/device_state.h"
 #include "kelvra_manager/proc_parse.h"
@@ -19,10 +20,6 @@ using Buffer = std::array<char, kProcBufferSize>;
 
 const int64_t kPageKiB = sysconf(_SC_PAGESIZE) / 1024;
 const int64_t kMostPages = std::numeric_limits<int64_t>::max() / kPageKiB;
-
-int64_t ToNanoseconds(const timespec& time) {
-    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
 
 }  // namespace
 
@@ -47,6 +44,7 @@ WatchedProcess::WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, s
       cmdline_(std::move(cmdline)),
       smallestMemoryQuota_(std::numeric_limits<int64_t>::max()),
       rules_(rules),
+      cpuClock_(pid),
       windows_(rules) {}
 
 void WatchedProcess::OpenWhatRulesNeed(std::span<const Rule> rules) {
@@ -55,12 +53,10 @@ void WatchedProcess::OpenWhatRulesNeed(std::span<const Rule> rules) {
     for (const Rule& rule : rules) {
         needsMemory |= rule.resource == Resource::kMemory;
         needsIo |= rule.resource == Resource::kIo;
-        needsCpu_ |= rule.resource == Resource::kCpu || rule.resource == Resource::kCpuExt;
         if (rule.resource == Resource::kMemory) {
             smallestMemoryQuota_ = std::min(smallestMemoryQuota_, rule.quota.resource);
         }
     }
-    needsCpu_ = needsCpu_ && clock_getcpuclockid(pid_, &cpuClock_) == 0;
     if (needsMemory) {
         statm_ = OpenOrWarn("statm");
     }
@@ -97,31 +93,26 @@ void WatchedProcess::WarnIfServiceSeesAnother() const {
 }
 
 WatchedProcess::Standing WatchedProcess::Sample(TimePoint at, SampleRecorder* recorder) {
-    const Measurements sample = Measure(at);
-    const Standing standing = CurrentStanding();
-    if (standing == Standing::kSame) {
-        windows_.Add(sample);
-        if (recorder != nullptr) {
-            recorder->Add(pid_, startTime_, name_, rules_, sample);
+    last_.at = at;
+    last_.memoryKiB = statm_ ? ReadMemoryKiB() : std::nullopt;
+    isVerified_ = HasRun();
+    if (isVerified_) {
+        last_.writtenBytes = io_ ? ReadWrittenBytes() : std::nullopt;
+        if (const Standing standing = CurrentStanding(); standing != Standing::kSame) {
+            return standing;
         }
     }
-    return standing;
+    windows_.Add(last_);
+    if (recorder != nullptr) {
+        recorder->Add(pid_, startTime_, name_, rules_, last_);
+    }
+    return Standing::kSame;
 }
 
-Measurements WatchedProcess::Measure(TimePoint at) {
-    Measurements sample;
-    sample.at = at;
-    if (needsCpu_) {
-        sample.cpuReadAt = Clock::now();
-        sample.cpuTime = ReadCpuTime();
-    }
-    if (statm_) {
-        sample.memoryKiB = ReadMemoryKiB();
-    }
-    if (io_) {
-        sample.writtenBytes = ReadWrittenBytes();
-    }
-    return sample;
+bool WatchedProcess::HasRun() {
+    last_.cpuReadAt = Clock::now();
+    const std::optional<nanoseconds> before = std::exchange(last_.cpuTime, cpuClock_.Read());
+    return !last_.cpuTime || last_.cpuTime != before;
 }
 
 // Reading PSS walks the process's page tables under its lock, some milliseconds for a gigabyte; RSS is a
@@ -139,12 +130,6 @@ std::optional<int64_t> WatchedProcess::ReadMemoryKiB() {
     }
     const ReadText rollup = ReadProcFileOnce(pid_, "smaps_rollup", buffer);
     return IsReadable(rollup, "smaps_rollup") ? NumberOfLine(rollup.text, "Pss:") : std::nullopt;
-}
-
-// The process's CPU clock: all threads, ended ones included, in nanoseconds, where "stat" has ticks of 10 ms.
-std::optional<int64_t> WatchedProcess::ReadCpuTime() const {
-    timespec time{};
-    return clock_gettime(cpuClock_, &time) == 0 ? std::optional(ToNanoseconds(time)) : std::nullopt;
 }
 
 std::optional<int64_t> WatchedProcess::ReadWrittenBytes() {
@@ -184,7 +169,7 @@ std::vector<Report> WatchedProcess::TakeReports(const std::function<bool(const R
     const std::vector<Breach> breaches = windows_.TakeBreaches([&](Resource resource) {
         return isOnTheWay({pid_, startTime_, resource});
     });
-    if (breaches.empty()) {
+    if (breaches.empty() || (!isVerified_ && CurrentStanding() != Standing::kSame)) {
         return {};
     }
     Buffer buffer;

@@ -1,16 +1,16 @@
 #pragma once
 
 #include <sys/types.h>
-#include <time.h>
-
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "kelvra_manager/cpu_clock.h"
 #include "kelvra_manager/proc_files.h"
 #include "kelvra_manager/process_windows.h"
 #include "kelvra_manager/report.h"
@@ -22,7 +22,9 @@ namespace KITE::Linux::Sampling {
 //
 // The descriptor of its command line is the anchor of its identity: it answers only for this process, however
 // often the pid is used again. So every sample measures first, by pid where need be, and reads the anchor
-// last: if that still gives the name, everything before it was of this process and of this program.
+// last: if that still gives the name, everything before it was of this process and of this program. When the
+// CPU clock has not moved there is nothing new to be read but the memory, and the anchor only before
+// something is reported: most processes sleep through most samples, which then cost half.
 class WatchedProcess {
   public:
     static constexpr int kDescriptors = 3;
@@ -43,15 +45,15 @@ class WatchedProcess {
     Standing Sample(TimePoint at, SampleRecorder* recorder = nullptr);
 
     // The reports that the last sample calls for; the window of each starts anew. Each gets its log line.
+    // None when the process turns out to be another by now, which the next sample says.
     std::vector<Report> TakeReports(const std::function<bool(const ReportKey&)>& isOnTheWay);
 
   private:
     void OpenWhatRulesNeed(std::span<const Rule> rules);
     void WarnIfServiceSeesAnother() const;
-    Measurements Measure(TimePoint at);
     std::optional<int64_t> ReadMemoryKiB();
-    std::optional<int64_t> ReadCpuTime() const;
     std::optional<int64_t> ReadWrittenBytes();
+    bool HasRun();
     Standing CurrentStanding() const;
     UniqueFd OpenOrWarn(const char* name);
     bool IsReadable(const ReadText& read, const char* name);
@@ -64,9 +66,10 @@ class WatchedProcess {
     const UniqueFd cmdline_;
     UniqueFd statm_;  // open when there is a memory rule and it may be read
     UniqueFd io_;     // likewise with an io rule
-    bool needsCpu_ = false;
     int64_t smallestMemoryQuota_;
-    clockid_t cpuClock_{};
+    const CpuClock cpuClock_;
+    Measurements last_;
+    bool isVerified_ = false;  // whether the last sample has read the anchor
     bool warnedUnreadable_ = false;
     const std::span<const Rule> rules_;
     ProcessWindows windows_;

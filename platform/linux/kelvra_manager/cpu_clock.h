@@ -1,0 +1,34 @@
+#pragma once
+
+#include <sys/types.h>
+#include <time.h>
+
+#include <optional>
+
+#include "kelvra_manager/rule_book.h"
+
+namespace KITE::Linux::Sampling {
+
+// The CPU clock of whatever process bears a pid: the time of all its threads, ended ones included, in
+// nanoseconds, where "stat" has ticks of 10 ms. What a thread has run that runs right now counts from the
+// next timer tick or switch on. So a clock that has moved tells that the process has run, and one that stands
+// still that it did not before that.
+class CpuClock {
+  public:
+    explicit CpuClock(pid_t pid) : isThere_(clock_getcpuclockid(pid, &id_) == 0) {}
+
+    // Absent when there is no such process.
+    std::optional<nanoseconds> Read() const {
+        timespec time{};
+        if (!isThere_ || clock_gettime(id_, &time) != 0) {
+            return std::nullopt;
+        }
+        return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+    }
+
+  private:
+    clockid_t id_{};
+    bool isThere_;
+};
+
+}  // namespace KITE::Linux::Sampling
