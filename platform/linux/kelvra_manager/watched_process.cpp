@@ -43,8 +43,8 @@ WatchedProcess::WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, s
       name_(name),
       cmdline_(std::move(cmdline)),
       smallestMemoryQuota_(std::numeric_limits<int64_t>::max()),
-      rules_(rules),
       cpuClock_(pid),
+      rules_(rules),
       windows_(rules) {}
 
 void WatchedProcess::OpenWhatRulesNeed(std::span<const Rule> rules) {
