@@ -28,21 +28,26 @@ std::string NameOf(const Row& row, const char* part) {
     return "row " + std::to_string(row.number) + " " + row.work + "/" + part;
 }
 
-// Keeps the time of every repetition beside what the console shows.
+// Keeps the times of every repetition beside what the console shows.
 class Collector : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
+            hasFailures_ = hasFailures_ || run.error_occurred;
             if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-                times_[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
+                const std::string& name = run.run_name.function_name;
+                times_[{name, Clock::kWall}].push_back(run.GetAdjustedRealTime());
+                times_[{name, Clock::kProcessor}].push_back(run.GetAdjustedCPUTime());
             }
         }
         ConsoleReporter::ReportRuns(runs);
     }
 
+    bool HasFailures() const { return hasFailures_; }
+
     // 0 when nothing was measured under the name.
-    double Median(const std::string& name) {
-        std::vector<double>& times = times_[name];
+    double Median(const std::string& name, Clock clock) {
+        std::vector<double>& times = times_[{name, clock}];
         if (times.empty()) {
             return 0;
         }
@@ -52,14 +57,15 @@ class Collector : public benchmark::ConsoleReporter {
     }
 
   private:
-    std::map<std::string, std::vector<double>> times_;
+    std::map<std::pair<std::string, Clock>, std::vector<double>> times_;
+    bool hasFailures_ = false;
 };
 
 std::vector<TableLine> Ratios(Collector& collector) {
     std::vector<TableLine> lines;
     for (const Row& row : g_rows) {
-        double work = collector.Median(NameOf(row, "work"));
-        double floor = collector.Median(NameOf(row, "floor"));
+        double work = collector.Median(NameOf(row, "work"), row.clock);
+        double floor = collector.Median(NameOf(row, "floor"), row.clock);
         if (work > 0 && floor > 0) {
             lines.push_back({row.number, {row.work + " : " + row.floor, work / floor, row.goal, ""}});
         }
@@ -70,7 +76,7 @@ std::vector<TableLine> Ratios(Collector& collector) {
 bool MeasureFigures(const std::regex& filter, std::vector<TableLine>& lines) {
     bool complete = true;
     for (const PendingFigures& pending : g_pending) {
-        if (!std::regex_search("row " + std::to_string(pending.number), filter)) {
+        if (!std::regex_search("row " + std::to_string(pending.number) + ' ', filter)) {
             continue;
         }
         try {
@@ -126,7 +132,7 @@ int RunBenchmarks(int argc, char** argv) {
     std::vector<TableLine> lines = Ratios(collector);
     bool complete = MeasureFigures(std::regex(benchmark::GetBenchmarkFilter()), lines);
     Print(lines);
-    return complete ? 0 : 1;
+    return complete && !collector.HasFailures() ? 0 : 1;
 }
 
 }  // namespace KITE::Benchmarks

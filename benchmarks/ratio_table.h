@@ -13,11 +13,16 @@ namespace KITE::Benchmarks {
 // A loop over the state, as Google Benchmark wants it.
 using Loop = std::function<void(benchmark::State&)>;
 
+// What a loop is measured by. Processor time is the calling thread's, and what else runs on the machine
+// hardly matters to it; only wall time counts what the thread waits for.
+enum class Clock { kWall, kProcessor };
+
 struct Row {
     int number = 0;
     std::string work;
     std::string floor;
     double goal = 0;  // the ratio of work to floor that must not be exceeded
+    Clock clock = Clock::kWall;
 };
 
 // One line of the table that is no ratio of two loops: a percentile, an amount, a ratio measured by hand.
@@ -37,7 +42,7 @@ void AddFigures(int number, std::function<std::vector<Figure>()> measure);
 
 // Runs everything that was added, prints the table, and returns the exit status: 0 unless something could not
 // be measured. A goal that is missed is shown, and is no failure. Options of Google Benchmark are taken
-// (--benchmark_filter and others); it filters figures too, by "row N".
+// (--benchmark_filter and others); it filters figures too, by "row N ".
 int RunBenchmarks(int argc, char** argv);
 
 }  // namespace KITE::Benchmarks

@@ -48,6 +48,7 @@ void Platform::SetDefaults() {
 
 void Platform::Reset() {
     ClearTrace();
+    isTraced = true;
     {
         const std::lock_guard lock(mutex_);
         tasks_.clear();
@@ -57,6 +58,7 @@ void Platform::Reset() {
     parameters.clear();
     configDirectories.reset();
     files.clear();
+    loadFile = nullptr;
     canSave = true;
     wallTimeMs = 0;
     nativeProcesses.clear();
@@ -114,6 +116,9 @@ void Platform::ClearTrace() {
 }
 
 void Platform::RecordCall(const std::string& call) {
+    if (!isTraced) {
+        return;
+    }
     const std::lock_guard lock(mutex_);
     trace_.push_back({false, call});
 }

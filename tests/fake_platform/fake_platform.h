@@ -75,11 +75,14 @@ class Platform {
     // Reports to the subscriber, if it still exists; tells whether it did.
     bool ReportAnomalies(const std::vector<Kelvra::ProcessAnomalyInfo>& infos);
 
+    bool isTraced = true;  // without it calls are not recorded, and log lines are formatted and dropped
+
     // --- answers ---
     std::map<std::string, std::string> parameters;  // beside those of the environment, which win
     std::optional<std::vector<std::optional<std::string>>> configDirectories;  // nullopt: no list
-    std::map<std::string, std::string> files;  // what LoadStringFromFile finds
-    bool canSave = true;                       // SaveStringToFd succeeds
+    std::map<std::string, std::string> files;  // what LoadStringFromFile finds, unless
+    bool (*loadFile)(const std::string& path, std::string& content) = nullptr;  // answers in its place
+    bool canSave = true;                                                        // SaveStringToFd succeeds
     int64_t wallTimeMs = 0;
 
     std::map<uint32_t, std::string> nativeProcesses;         // process name by token

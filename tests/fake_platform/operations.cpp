@@ -1,7 +1,9 @@
 // The operations of platform/include, answered by the script.
 
+#include <array>
 #include <charconv>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -31,6 +33,9 @@ using Fake::Platform;
 
 template <typename... Args>
 void Record(const char* name, const Args&... args) {
+    if (!Platform::Get().isTraced) {
+        return;
+    }
     std::ostringstream call;
     [[maybe_unused]] const char* separator = "";
     call << name << '(' << std::boolalpha;
@@ -84,6 +89,12 @@ T& TheOne() {
 void Log::Write(Level level, const Label& label, const Site& site, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
+    if (!Platform::Get().isTraced) {
+        std::array<char, 4096> line;
+        std::vsnprintf(line.data(), line.size(), format, arguments);
+        va_end(arguments);
+        return;
+    }
     std::string text = FormatLine(format, arguments);
     va_end(arguments);
     std::string prefix =
@@ -165,6 +176,9 @@ int32_t GetIntParameter(const std::string& key, int32_t defaultValue, int32_t mi
 
 bool LoadStringFromFile(const std::string& path, std::string& content) {
     Record("LoadStringFromFile", path);
+    if (Platform::Get().loadFile != nullptr) {
+        return Platform::Get().loadFile(path, content);
+    }
     const auto& files = Platform::Get().files;
     const auto file = files.find(path);
     if (file == files.end()) {

@@ -24,6 +24,14 @@ int FirstError(int first, int second) {
     return first != 0 ? first : second;
 }
 
+// What cannot be undone after our death is not done, by whatever means.
+Step Unrecorded(int error) {
+    Step step;
+    step.error = error;
+    step.isFinal = true;
+    return step;
+}
+
 int SendSignal(int pidfd, int signal) {
     return syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) == 0 ? 0 : errno;
 }
@@ -175,8 +183,16 @@ int TreatmentSteps::Save(const TreatmentRecord& record) const {
     return error;
 }
 
-void TreatmentSteps::TidyIfEmpty(TreatmentRecord& record) const {
-    const int error = record.IsEmpty() ? Tidy(record) : 0;
+int TreatmentSteps::Plan(TreatmentRecord& record, TreatmentRecord planned) const {
+    const int error = Save(planned);
+    if (error == 0) {
+        record = std::move(planned);
+    }
+    return error;
+}
+
+void TreatmentSteps::TidyIfEmpty(TreatmentRecord& record, const Step& step) const {
+    const int error = record.IsEmpty() && !step.isFinal ? Tidy(record) : 0;
     if (error != 0) {
         PLATFORM_LOGE("the empty record of pid %{public}d cannot be removed: %{public}s", record.pid,
                       ErrorText(error).c_str());
@@ -188,16 +204,19 @@ Step TreatmentSteps::SuppressInGroup(TreatmentRecord& record, int pidfd, Hierarc
     if (spot.error != 0) {
         return {spot.error, {}};
     }
-    ChangedGroup changed{spot.group, "0", {}};
+    TreatmentRecord planned = record;
+    ChangedGroup& changed =
+        planned.suppression.emplace().idleGroup.emplace(ChangedGroup{spot.group, "0", {}});
     if (spot.isNew) {
-        record.placements.push_back({ParentOf(spot.group), spot.group});
+        planned.placements.push_back({ParentOf(spot.group), spot.group});
     } else {
         changed.previous = ReadGroupFile(spot.group, kIdleFile).value_or("0");
         changed.previousWeight = ReadGroupFile(spot.group, WeightFile(hierarchy)).value_or("");
     }
-    record.suppression = Suppression{changed, {}, {}};
-    int error = records_.Write(record);
-    error = error != 0 ? error : Enter(spot, record, pidfd, kIdleFile);
+    if (const int error = Plan(record, std::move(planned)); error != 0) {
+        return Unrecorded(error);
+    }
+    const int error = Enter(spot, record, pidfd, kIdleFile);
     if (error != 0) {
         static_cast<void>(EndSuppression(record, -1));
     }
@@ -227,7 +246,7 @@ Step TreatmentSteps::SuppressThreads(TreatmentRecord& record, int pidfd) const {
             madeIdle_.emplace(record.pid, record.startTime);
         }
         suppression.threads.insert(suppression.threads.end(), found.begin(), found.end());
-        error = records_.Write(record);
+        error = Save(record);
         for (const ThreadPolicy& thread : found) {
             const int result = error == 0 ? SetIdlePolicy(record.pid, thread) : error;
             error = result == ESRCH ? error : FirstError(error, result);
@@ -241,11 +260,8 @@ Step TreatmentSteps::Suppress(TreatmentRecord& record, int pidfd) const {
         record.suppression.emplace();
         return kNothingDone;
     }
-    if (const int error = Save(record); error != 0) {
-        return {error, {}};
-    }
     Step step = SuppressInAnyForm(record, pidfd);
-    TidyIfEmpty(record);
+    TidyIfEmpty(record, step);
     return step;
 }
 
@@ -253,7 +269,7 @@ Step TreatmentSteps::SuppressInAnyForm(TreatmentRecord& record, int pidfd) const
     std::string refusals;
     for (const Hierarchy hierarchy : {Hierarchy::kUnified, Hierarchy::kCpuV1}) {
         Step step = SuppressInGroup(record, pidfd, hierarchy);
-        if (step.error == 0 || record.suppression || HasExited(pidfd)) {
+        if (step.error == 0 || step.isFinal || record.suppression || HasExited(pidfd)) {
             return step;
         }
         refusals += (hierarchy == Hierarchy::kUnified ? "v2: " : ", v1: ") + ErrorText(step.error);
@@ -309,15 +325,18 @@ Step TreatmentSteps::FreezeInGroup(TreatmentRecord& record, int pidfd) const {
     if (spot.error != 0) {
         return {spot.error, {}};
     }
-    ChangedGroup changed{spot.group, "0", {}};
+    TreatmentRecord planned = record;
+    ChangedGroup& changed = planned.freeze.emplace().frozenGroup.emplace(ChangedGroup{spot.group, "0", {}});
     if (spot.isNew) {
-        record.placements.push_back({ParentOf(spot.group), spot.group});
+        planned.placements.push_back({ParentOf(spot.group), spot.group});
     } else {
         changed.previous = ReadGroupFile(spot.group, kFreezeFile).value_or("0");
     }
-    record.freeze = KITE::Linux::Freeze{changed, false};
-    int error = records_.Write(record);
-    if (error == 0) {
+    if (const int error = Plan(record, std::move(planned)); error != 0) {
+        return Unrecorded(error);
+    }
+    int error = 0;
+    {
         const SuppressionPause pause(record);
         error = Enter(spot, record, pidfd, kFreezeFile);
         error = error != 0 ? error : AwaitFrozen(spot.group, pidfd, kFreezerLimit);
@@ -333,11 +352,12 @@ Step TreatmentSteps::StopBySignal(TreatmentRecord& record, int pidfd) const {
     if (!stat || HasExited(pidfd)) {
         return {ESRCH, "SIGSTOP"};
     }
-    record.freeze = KITE::Linux::Freeze{std::nullopt, stat->IsStopped()};
-    int error = records_.Write(record);
-    if (error == 0 && !stat->IsStopped()) {
-        error = SendSignal(pidfd, SIGSTOP);
+    TreatmentRecord planned = record;
+    planned.freeze = KITE::Linux::Freeze{std::nullopt, stat->IsStopped()};
+    if (const int error = Plan(record, std::move(planned)); error != 0) {
+        return Unrecorded(error);
     }
+    const int error = stat->IsStopped() ? 0 : SendSignal(pidfd, SIGSTOP);
     if (error != 0) {
         record.freeze.reset();
         static_cast<void>(Tidy(record));
@@ -350,17 +370,14 @@ Step TreatmentSteps::Freeze(TreatmentRecord& record, int pidfd) const {
         record.freeze.emplace();
         return kNothingDone;
     }
-    if (const int error = Save(record); error != 0) {
-        return {error, {}};
-    }
     Step step = FreezeInAnyForm(record, pidfd);
-    TidyIfEmpty(record);
+    TidyIfEmpty(record, step);
     return step;
 }
 
 Step TreatmentSteps::FreezeInAnyForm(TreatmentRecord& record, int pidfd) const {
     Step step = FreezeInGroup(record, pidfd);
-    const bool isFinal = step.error == 0 || step.error == ESRCH || step.error == ETIMEDOUT;
+    const bool isFinal = step.error == 0 || step.isFinal || step.error == ESRCH || step.error == ETIMEDOUT;
     if (isFinal || record.freeze || HasExited(pidfd)) {
         return step;
     }

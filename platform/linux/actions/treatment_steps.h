@@ -18,6 +18,7 @@ struct Step {
     int error = 0;     // 0 or an error number
     std::string form;  // the means used
     int untidy = 0;  // why the record or a group made for the process is still as it was, though all is done
+    bool isFinal = false;  // no other means would do better
 
     int Unfinished() const { return error != 0 ? error : untidy; }
 };
@@ -70,7 +71,10 @@ class TreatmentSteps {
     };
 
     Spot FindSpot(const TreatmentRecord& record, Hierarchy hierarchy) const;
+    // Says so when the record cannot be written.
     int Save(const TreatmentRecord& record) const;
+    // Saves what is going to be done; the record is that from then on.
+    int Plan(TreatmentRecord& record, TreatmentRecord planned) const;
     // Switches the file's value on and has the process there.
     int Enter(const Spot& spot, const TreatmentRecord& record, int pidfd, std::string_view file) const;
     int EnableCpuFor(const Group& group) const;
@@ -82,8 +86,8 @@ class TreatmentSteps {
     Step StopBySignal(TreatmentRecord& record, int pidfd) const;
     int RestoreValue(const Group& group, const char* file, const std::string& value) const;
     int RestoreIdle(const ChangedGroup& changed) const;
-    // The file of a record in which a failed step left nothing.
-    void TidyIfEmpty(TreatmentRecord& record) const;
+    // The file of a record in which a step that failed left nothing.
+    void TidyIfEmpty(TreatmentRecord& record, const Step& step) const;
     int RemoveUnusedGroups(TreatmentRecord& record) const;
 
     const Cgroups cgroups_;

@@ -1,8 +1,5 @@
 #include "native_process_checker.h"
 
-#include <array>
-#include <cstdio>
-
 #include "file_utils.h"
 #include "resource_quota_control_log.h"
 
@@ -10,7 +7,6 @@ namespace KITE::ResourceQuotaCtl {
 
 namespace {
 
-constexpr size_t kPathSize = 128;
 constexpr size_t kMaxNameLength = 15;
 
 }  // namespace
@@ -25,12 +21,8 @@ bool NatvieProcessChecker::VerifyPidAndProcessName(int32_t pid, const std::strin
 }
 
 bool NatvieProcessChecker::GetProcessNameByPid(int32_t pid, std::string& name) const {
-    std::array<char, kPathSize> path{};
-    if (std::snprintf(path.data(), path.size(), "/proc/%d/cmdline", pid) < 0) {
-        return false;
-    }
     std::string cmdline;
-    if (!LoadStringFromFile(path.data(), cmdline)) {
+    if (!LoadStringFromFile("/proc/" + std::to_string(pid) + "/cmdline", cmdline)) {
         return false;
     }
     ParseProcessName(cmdline, name);

@@ -385,18 +385,20 @@ DumpInfo ResourceQuotaControlImpl::ConvertAbnormalInfoToDumpInfo(const Info& inf
 }
 
 std::string ResourceQuotaControlImpl::AbnormalInfoTostring(const Info& info) {
-    std::string text = "pid is " + std::to_string(info.pid);
-    text += ", uid is " + std::to_string(info.uid);
-    text += ", process name is " + info.processName;
-    text += ", process type is " + std::to_string(static_cast<uint32_t>(info.processType));
-    text += ", action is " + info.action;
-    text += ", restype is " + info.resType;
-    text += ", duration is " + std::to_string(info.duration);
-    text += ", condition is ";
+    std::string text;
+    text.reserve(256);
+    text.append("pid is ").append(std::to_string(info.pid));
+    text.append(", uid is ").append(std::to_string(info.uid));
+    text.append(", process name is ").append(info.processName);
+    text.append(", process type is ").append(std::to_string(static_cast<uint32_t>(info.processType)));
+    text.append(", action is ").append(info.action);
+    text.append(", restype is ").append(info.resType);
+    text.append(", duration is ").append(std::to_string(info.duration));
+    text.append(", condition is ");
     for (const uint32_t condition : info.conditions) {
-        text += std::to_string(condition) + ' ';
+        text.append(std::to_string(condition)).append(" ");
     }
-    text += "id is " + std::to_string(info.id);
+    text.append("id is ").append(std::to_string(info.id));
     return text;
 }
 
