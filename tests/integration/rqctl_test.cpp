@@ -179,8 +179,8 @@ TEST_F(RqctlTest, PlotsWhatWasRecordedAndLetsNoNameIntoThePage) {
 TEST_F(RqctlTest, PlotsTheSamplesThatTheManagerRecorded) {
     SetParameters(
         R"({"const.debuggable": 1, "kelvra.sample_period_ms": 100, "kelvra.record_samples": true})");
-    fs::create_directory(State() + "/samples");
-    ASSERT_EQ(0, chown((State() + "/samples").c_str(), kKelvraUid, kKelvraUid));
+    fs::create_directory(State() + "-samples");
+    ASSERT_EQ(0, chown((State() + "-samples").c_str(), kKelvraUid, kKelvraUid));
     SetPolicy({Rule("hog", "cpu", 10, "kill")});
     StartWhole();
     EXPECT_EQ(SIGKILL, StartTarget("hog", {"burn"}).AwaitEnd());

@@ -127,7 +127,7 @@ bool KiteSystem::MakeDirectories(std::string& error) {
         return false;
     }
     directory_ = pattern;
-    const fs::path samples = StateDirectory() / "samples";
+    const fs::path samples = directory_ / "state-samples";
     // Hosts and clients of other users search it.
     if (chmod(directory_.c_str(), 0755) != 0 || mkdir((directory_ / "etc").c_str(), 0755) != 0 ||
         mkdir(StateDirectory().c_str(), 0755) != 0 ||

@@ -17,7 +17,8 @@ namespace {
 ExitStatus Run(const Context& context, const std::string& output) {
     RunRecord record;
     std::string error;
-    if (!ReadRunRecord(context.settings.stateDirectory, record, error)) {
+    if (!ReadRunRecord(context.settings.stateDirectory + "/events.jsonl", Linux::SamplesPath(), record,
+                       error)) {
         return Fail(kFailed, error);
     }
     const std::string page = PageOf(record);

@@ -139,13 +139,13 @@ bool ReadLines(const std::string& path, RunRecord& record, bool (*take)(const js
 
 }  // namespace
 
-bool ReadRunRecord(const std::string& stateDirectory, RunRecord& record, std::string& error) {
-    const std::string events = stateDirectory + "/events.jsonl";
+bool ReadRunRecord(const std::string& events, const std::string& samples, RunRecord& record,
+                   std::string& error) {
     if (!ReadLines(events, record, TakeEvent)) {
         error = events + ": cannot be read: " + strerrordesc_np(errno);
         return false;
     }
-    ReadLines(stateDirectory + "/samples/samples.jsonl", record, TakeSample);
+    ReadLines(samples, record, TakeSample);
     // A wall clock may have been set back.
     for (auto& [key, process] : record.processes) {
         std::ranges::stable_sort(process.treatments, {}, &Treatment::time);

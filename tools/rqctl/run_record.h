@@ -51,8 +51,9 @@ struct RunRecord {
     bool hasSamples = false;
 };
 
-// Reads events.jsonl and samples/samples.jsonl below the directory, each after its predecessor. False with
-// the reason in `error` when there is no event file; the samples may be missing.
-bool ReadRunRecord(const std::string& stateDirectory, RunRecord& record, std::string& error);
+// Reads the two files, each after its predecessor, PATH.1. False with the reason in `error` when there are no
+// events; the samples may be missing.
+bool ReadRunRecord(const std::string& events, const std::string& samples, RunRecord& record,
+                   std::string& error);
 
 }  // namespace KITE::Rqctl

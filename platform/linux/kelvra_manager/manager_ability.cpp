@@ -39,12 +39,11 @@ size_t MostWatched() {
     return std::clamp<size_t>(left / kPerProcess, 1, ProcessTable::kMostWatched);
 }
 
-// The state directory belongs to the quota host's user, so the samples have one of their own within it.
 std::unique_ptr<SampleRecorder> MakeRecorder() {
     if (!GetBoolParameter("kelvra.record_samples", false)) {
         return nullptr;
     }
-    return std::make_unique<SampleRecorder>(GetSettings().stateDirectory + "/samples/samples.jsonl");
+    return std::make_unique<SampleRecorder>(SamplesPath());
 }
 
 void ManagerAbility::OnStart() {

@@ -11,9 +11,8 @@
 
 namespace KITE::Linux::Sampling {
 
-// Writes what was measured into <state>/samples/samples.jsonl, for those who look at it later: one line of
-// JSON for each watched process and sample, in the form that docs/linux.md describes. Bounded as the event
-// file is. One thread.
+// Writes what was measured into a file, for those who look at it later: one line of JSON for each watched
+// process and sample, in the form that docs/linux.md describes. Bounded as the event file is. One thread.
 class SampleRecorder {
   public:
     explicit SampleRecorder(std::string path) : path_(std::move(path)) {}

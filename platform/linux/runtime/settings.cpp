@@ -28,4 +28,9 @@ const std::string& RunDirectory() {
     return settings.runDirectory.empty() ? settings.stateDirectory : settings.runDirectory;
 }
 
+std::string SamplesPath() {
+    const std::string& state = GetSettings().stateDirectory;
+    return state.substr(0, state.find_last_not_of('/') + 1) + "-samples/samples.jsonl";
+}
+
 }  // namespace KITE::Linux

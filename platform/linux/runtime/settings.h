@@ -28,4 +28,9 @@ KITE_API const Settings& GetSettings();
 // The directory that the settings mean by runDirectory. Any thread.
 KITE_API const std::string& RunDirectory();
 
+// The file of recorded samples, /var/lib/kite-samples/samples.jsonl for the state directory /var/lib/kite.
+// Beside that one, not in it: it is another host's user who writes it, and neither can then meddle with the
+// other's files. Any thread.
+KITE_API std::string SamplesPath();
+
 }  // namespace KITE::Linux
