@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing, and asks nothing and nobody when none is.
 #
-#   install-dependencies.sh run|bench|test|ci
+#   install-dependencies.sh run|bench|package|test|ci
 set -euo pipefail
 
 packages=(g++-12 cmake ninja-build pkg-config libsystemd-dev libasio-dev nlohmann-json3-dev libcli11-dev
@@ -9,12 +9,13 @@ packages=(g++-12 cmake ninja-build pkg-config libsystemd-dev libasio-dev nlohman
 case "${1:-}" in
 run) ;;
 bench) packages+=(libbenchmark-dev libgtest-dev libgmock-dev monit) ;;
+package) packages+=(debootstrap systemd-container dpkg-dev file) ;;
 test | ci)
     packages+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3-jsonschema)
     [ "$1" = test ] || packages+=(clang-format-14 clang-tidy-14 git)
     ;;
 *)
-    echo "usage: $0 run|bench|test|ci" >&2
+    echo "usage: $0 run|bench|package|test|ci" >&2
     exit 2
     ;;
 esac

@@ -42,8 +42,8 @@ json Parse(const std::string& text) {
     return json::parse(text, nullptr, false, false);
 }
 
-// Free memory goes back to the system, off the clock. A service loads and exports once and takes memory that is new to
-// it, so its loops and their floors do so each time.
+// Free memory goes back to the system, off the clock. A service loads and exports once and takes memory that
+// is new to it, so its loops and their floors do so each time.
 void StartWithNewMemory(benchmark::State& state) {
     state.PauseTiming();
     malloc_trim(0);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -43,7 +44,7 @@ class StressTest : public PrivateSystem {
         std::vector<Kelvra::ProcessAnomalyInfo> batch;
         for (size_t i = 0; i < hogs_.size(); ++i) {
             if (hogs_[i] == nullptr || hogs_[i]->HasEnded()) {
-                hogs_[i] = &StartTarget("hog" + std::to_string(i), {"burn", "2"});
+                hogs_[i] = &StartTarget("hog" + std::to_string(i), {"idle"});
             }
             batch.push_back(Anomaly(*hogs_[i], kKinds[i].first, kKinds[i].second));
         }
@@ -72,8 +73,6 @@ class StressTest : public PrivateSystem {
     int reports_ = 0;
     std::atomic<int> right_ = 0;
     std::atomic<int> wrong_ = 0;
-
-  private:
     std::vector<Process*> hogs_;
 };
 
@@ -109,12 +108,13 @@ TEST_F(StressTest, AFloodOfReportsQueriesAndDumpsLosesNothingAndGrowsNothing) {
         for (auto now = begin; now < begin + kTime; now = std::chrono::steady_clock::now()) {
             for (int batch = 0; batch < kBatchesOfOneStay; ++batch) {
                 ASSERT_EQ(0, manager.Report(NextBatch()));
+                hogs_[static_cast<size_t>(batch) % hogs_.size()]->Signal(SIGKILL);
             }
             AwaitAllReports();
             manager.Leave();
             manager.Return();
             ASSERT_TRUE(manager.AwaitSubscription());
-            if (memoryKiB == 0 && now > begin + kTime / 2) {
+            if (memoryKiB == 0 && std::chrono::steady_clock::now() > begin + kTime / 2) {
                 descriptors = host.DescriptorCount();
                 memoryKiB = host.ResidentKiB();
             }
@@ -122,13 +122,13 @@ TEST_F(StressTest, AFloodOfReportsQueriesAndDumpsLosesNothingAndGrowsNothing) {
     }
     RecordProperty("reports", reports_);
     RecordProperty("answers", right_);
-    EXPECT_GT(reports_, 2000);
+    EXPECT_GE(reports_, 1000);
     EXPECT_GT(right_, 100);
     EXPECT_LE(host.DescriptorCount(), descriptors + kSpareDescriptors);
     EXPECT_LE(host.ResidentKiB(), memoryKiB + kSpareKiB);
-    ExpectNoReportLostOrTwice();
     EXPECT_EQ(0, wrong_);
     EXPECT_EQ(0, StopQuotaHost());
+    ExpectNoReportLostOrTwice();
     EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
 }
 

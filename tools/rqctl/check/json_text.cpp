@@ -142,6 +142,18 @@ bool IsCharacterStart(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
 }
 
+constexpr size_t kStretch = 1024;
+
+// The position behind a text that begins at the given one.
+Position Behind(Position at, std::string_view passed) {
+    const size_t lineBegin = passed.rfind('\n') + 1;
+    if (lineBegin > 0) {
+        at = {at.line + static_cast<size_t>(std::ranges::count(passed, '\n')), 1};
+    }
+    at.column += static_cast<size_t>(std::ranges::count_if(passed.substr(lineBegin), IsCharacterStart));
+    return at;
+}
+
 // A byte order mark is no character of the text.
 std::string WithoutMark(std::string text) {
     constexpr std::string_view kMark = "\xEF\xBB\xBF";
@@ -159,17 +171,17 @@ const JsonValue* JsonValue::Find(std::string_view name) const {
     return found == children.rend() ? nullptr : &*found;
 }
 
-JsonText::JsonText(std::string content) : text(WithoutMark(std::move(content))) {
+JsonText::JsonText(std::string content) : text(WithoutMark(std::move(content))), stretches_(1) {
+    for (std::string_view rest = text; rest.size() >= kStretch; rest.remove_prefix(kStretch)) {
+        stretches_.push_back(Behind(stretches_.back(), rest.substr(0, kStretch)));
+    }
     TreeBuilder builder(*this);
     json::sax_parse(text, &builder);
 }
 
 Position JsonText::PositionOf(size_t offset) const {
-    const std::string_view before = std::string_view(text).substr(0, offset);
-    const size_t lineBegin = before.rfind('\n') + 1;
-    const auto lines = std::ranges::count(before, '\n');
-    const auto characters = std::ranges::count_if(before.substr(lineBegin), IsCharacterStart);
-    return {static_cast<size_t>(lines) + 1, static_cast<size_t>(characters) + 1};
+    const size_t stretch = offset / kStretch;
+    return Behind(stretches_[stretch], std::string_view(text).substr(stretch * kStretch, offset % kStretch));
 }
 
 std::string JsonText::Shown(const JsonValue& value) const {

@@ -59,6 +59,10 @@ struct JsonText {
     std::string text;
     JsonValue root;
     std::optional<JsonFault> fault;
+
+  private:
+    // Where each stretch of the text begins, so that finding a position takes a short walk.
+    std::vector<Position> stretches_;
 };
 
 // The pointer to a member or an element of what the pointer points to.
