@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <utility>
 
 #include "device/device_state_reader.h"
@@ -25,8 +26,9 @@ int64_t Nanoseconds(const timespec& time) {
 }
 
 bool HasSettled(int64_t changed) {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return now - std::chrono::nanoseconds(changed) > kSettled;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);  // which file times are taken from
+    return std::chrono::nanoseconds(Nanoseconds(now) - changed) > kSettled;
 }
 
 }  // namespace
