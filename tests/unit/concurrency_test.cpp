@@ -134,6 +134,7 @@ class ConcurrencyTest : public ServiceTest {
         threads.push_back(Beside([this] { Dump(); }));
         threads.push_back(Beside([this] { platform.Advance(1s); }));  // in which suppressions end
         std::vector<std::jthread> reporters;
+        reporters.reserve(kReporters);
         for (int reporter = 0; reporter < kReporters; ++reporter) {
             reporters.emplace_back([this, reporter] { ReportBatches(reporter); });
         }
@@ -203,6 +204,7 @@ template <int... kNumbers>
 void AskAtOnce(std::integer_sequence<int, kNumbers...>) {
     std::barrier together(kReporters);
     std::vector<std::jthread> users;
+    users.reserve(kReporters);
     for (int user = 0; user < kReporters; ++user) {
         users.emplace_back(
             [&] { ((together.arrive_and_wait(), DelayedSingleton<Counted<kNumbers>>::GetInstance()), ...); });

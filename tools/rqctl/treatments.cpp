@@ -48,7 +48,7 @@ ExitStatus Call(const std::string& member, const std::function<int(sd_bus_messag
     const Linux::Bus& bus = Linux::Bus::Instance();
     const Linux::MessageHandle call = bus.NewCall(
         Linux::AbilityBusName(kQuotaService), TreatmentsObject::kPath, TreatmentsObject::kInterface, member);
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     sd_bus_message* answer = nullptr;
     int result = call ? fill(call.get()) : -ENOMEM;
     if (result >= 0) {
