@@ -8,7 +8,7 @@ packages=(g++-12 cmake ninja-build pkg-config libsystemd-dev libasio-dev nlohman
           dbus-daemon libnss-wrapper)
 case "${1:-}" in
 run) ;;
-bench) packages+=(libbenchmark-dev libgtest-dev libgmock-dev monit) ;;
+bench) packages+=(libbenchmark-dev libgtest-dev libgmock-dev) ;;
 package) packages+=(debootstrap systemd-container dpkg-dev file) ;;
 test | ci)
     packages+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3-jsonschema)
