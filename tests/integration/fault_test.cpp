@@ -117,6 +117,7 @@ class FaultyTest : public PrivateSystem {
     // Waits until the reports have been handled, of which one that nobody fits is the last.
     void Report(std::vector<Target>& targets) {
         std::vector<Kelvra::ProcessAnomalyInfo> batch;
+        batch.reserve(targets.size() + 1);
         for (const Target& target : targets) {
             batch.push_back(target.report);
         }
