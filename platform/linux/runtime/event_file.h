@@ -20,7 +20,7 @@ struct EventItem {
 };
 
 // An event with the moment at which it was made. Texts that are views must be constants.
-struct Event {
+struct KITE_API Event {
     Event(std::string_view itsDomain, std::string_view itsName, int32_t itsType,
           std::vector<EventItem> itsItems);
 
