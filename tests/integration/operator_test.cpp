@@ -165,13 +165,14 @@ TEST_F(TreatedTest, WhatAKilledHostLeftIsNamedAndADryRunLeavesItAlone) {
     ASSERT_TRUE(QuotaHost().log.Await("freeze process, pid is"));
     QuotaHost().process.Signal(SIGKILL);
     ASSERT_TRUE(QuotaHost().process.AwaitEnd());
-    Expect(3, {"treated"}, {"pid " + std::to_string(frozen.Pid()), "kite_host --release"});
+    Expect(3, {"treated"}, {"pid " + std::to_string(frozen.Pid()), "kite_host --release --run "});
     ASSERT_TRUE(StartQuotaHost({"--dry-run"}).log.Await("start."));
     EXPECT_TRUE(StandsStill(frozen));
     EXPECT_EQ(0, StopQuotaHost());
     EXPECT_TRUE(StandsStill(frozen));
     EXPECT_EQ(0, Release());
     EXPECT_TRUE(Runs(frozen));
+    EXPECT_NE(std::string::npos, Events().find("left by a host that was killed"));
 }
 
 using WatchTest = OperatorTest;

@@ -1,5 +1,6 @@
 #include "actions/never_treated.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,14 @@ namespace {
 
 constexpr pid_t kInitPid = 1;
 
+// Anybody can give a program that name, but not to a file of root's.
+bool IsJournal(pid_t pid) {
+    struct stat program {};
+    const std::string path = "/proc/" + std::to_string(pid) + "/exe";
+    return ReadExecutableName(pid) == "systemd-journald" && stat(path.c_str(), &program) == 0 &&
+           program.st_uid == 0;
+}
+
 }  // namespace
 
 std::string WhyNeverTreated(pid_t pid) {
@@ -26,7 +35,7 @@ std::string WhyNeverTreated(pid_t pid) {
     }
     const std::optional<std::vector<pid_t>> isProtected = BusProtectedPids();
     if (!isProtected) {
-        return "it is not known yet which processes are the hosts";
+        return "it is not known yet which processes are the bus daemon and the hosts";
     }
     if (std::ranges::find(*isProtected, pid) != isProtected->end()) {
         return "it is the bus daemon or a host of the quota service or of the Kelvra manager";
@@ -35,7 +44,7 @@ std::string WhyNeverTreated(pid_t pid) {
     if (stat && stat->IsKernelThread()) {
         return "it is a kernel thread";
     }
-    return ReadExecutableName(pid) == "systemd-journald" ? "it is the journal daemon" : "";
+    return IsJournal(pid) ? "it is the journal daemon" : "";
 }
 
 }  // namespace KITE::Linux

@@ -85,7 +85,9 @@ int RestoreThreads(const Suppression& suppression, int pidfd, const ProcessKeys&
 // one on a busy machine would not get that moment within the limit.
 class SuppressionPause {
   public:
-    explicit SuppressionPause(const TreatmentRecord& record) : record_(record) { Apply(false); }
+    SuppressionPause(const TreatmentRecord& record, int pidfd) : record_(record), pidfd_(pidfd) {
+        Apply(false);
+    }
     ~SuppressionPause() { Apply(true); }
     SuppressionPause(const SuppressionPause&) = delete;
     SuppressionPause& operator=(const SuppressionPause&) = delete;
@@ -97,7 +99,11 @@ class SuppressionPause {
             const ChangedGroup& changed = *suppression->idleGroup;
             static_cast<void>(WriteGroupFile(changed.group, kIdleFile, isIdle ? "1" : changed.previous));
         } else if (suppression && isIdle) {
-            for (const ThreadPolicy& thread : ReadThreadPolicies(record_.pid)) {
+            const std::vector<ThreadPolicy> threads = ReadThreadPolicies(record_.pid);
+            if (HasExited(pidfd_)) {
+                return;  // they may be another process's
+            }
+            for (const ThreadPolicy& thread : threads) {
                 static_cast<void>(SetIdlePolicy(record_.pid, thread));
             }
         } else if (suppression) {
@@ -106,6 +112,7 @@ class SuppressionPause {
     }
 
     const TreatmentRecord& record_;
+    const int pidfd_;
 };
 
 }  // namespace
@@ -217,10 +224,8 @@ Step TreatmentSteps::SuppressInGroup(TreatmentRecord& record, int pidfd, Hierarc
         return Unrecorded(error);
     }
     const int error = Enter(spot, record, pidfd, kIdleFile);
-    if (error != 0) {
-        static_cast<void>(EndSuppression(record, -1));
-    }
-    return {error, FormOf(kIdleFile, spot.group)};
+    const int untidy = error != 0 ? EndSuppression(record, -1).Unfinished() : 0;
+    return {error, FormOf(kIdleFile, spot.group), untidy};
 }
 
 Step TreatmentSteps::SuppressThreads(TreatmentRecord& record, int pidfd) const {
@@ -267,18 +272,21 @@ Step TreatmentSteps::Suppress(TreatmentRecord& record, int pidfd) const {
 
 Step TreatmentSteps::SuppressInAnyForm(TreatmentRecord& record, int pidfd) const {
     std::string refusals;
+    int untidy = 0;
     for (const Hierarchy hierarchy : {Hierarchy::kUnified, Hierarchy::kCpuV1}) {
         Step step = SuppressInGroup(record, pidfd, hierarchy);
         if (step.error == 0 || step.isFinal || record.suppression || HasExited(pidfd)) {
             return step;
         }
+        untidy = FirstError(untidy, step.untidy);
         refusals += (hierarchy == Hierarchy::kUnified ? "v2: " : ", v1: ") + ErrorText(step.error);
     }
     PLATFORM_LOGI("no cpu.idle group for pid %{public}d (%{public}s)", record.pid, refusals.c_str());
     Step step = SuppressThreads(record, pidfd);
     if (step.error != 0) {
-        static_cast<void>(EndSuppression(record, pidfd));
+        step.untidy = EndSuppression(record, pidfd).Unfinished();
     }
+    step.untidy = FirstError(step.untidy, untidy);
     return step;
 }
 
@@ -337,14 +345,12 @@ Step TreatmentSteps::FreezeInGroup(TreatmentRecord& record, int pidfd) const {
     }
     int error = 0;
     {
-        const SuppressionPause pause(record);
+        const SuppressionPause pause(record, pidfd);
         error = Enter(spot, record, pidfd, kFreezeFile);
         error = error != 0 ? error : AwaitFrozen(spot.group, pidfd, kFreezerLimit);
     }
-    if (error != 0) {
-        static_cast<void>(Thaw(record, -1));
-    }
-    return {error, FormOf(kFreezeFile, spot.group)};
+    const int untidy = error != 0 ? Thaw(record, -1).Unfinished() : 0;
+    return {error, FormOf(kFreezeFile, spot.group), untidy};
 }
 
 Step TreatmentSteps::StopBySignal(TreatmentRecord& record, int pidfd) const {
@@ -358,11 +364,12 @@ Step TreatmentSteps::StopBySignal(TreatmentRecord& record, int pidfd) const {
         return Unrecorded(error);
     }
     const int error = stat->IsStopped() ? 0 : SendSignal(pidfd, SIGSTOP);
+    int untidy = 0;
     if (error != 0) {
         record.freeze.reset();
-        static_cast<void>(Tidy(record));
+        untidy = Tidy(record);
     }
-    return {error, stat->IsStopped() ? "nothing: it was stopped already" : "SIGSTOP"};
+    return {error, stat->IsStopped() ? "nothing: it was stopped already" : "SIGSTOP", untidy};
 }
 
 Step TreatmentSteps::Freeze(TreatmentRecord& record, int pidfd) const {
@@ -382,7 +389,10 @@ Step TreatmentSteps::FreezeInAnyForm(TreatmentRecord& record, int pidfd) const {
         return step;
     }
     PLATFORM_LOGI("no freezer for pid %{public}d: %{public}s", record.pid, ErrorText(step.error).c_str());
-    return StopBySignal(record, pidfd);
+    const int untidy = step.untidy;
+    step = StopBySignal(record, pidfd);
+    step.untidy = FirstError(step.untidy, untidy);
+    return step;
 }
 
 Step TreatmentSteps::Thaw(TreatmentRecord& record, int pidfd) const {

@@ -21,6 +21,9 @@ constexpr const char* kFreeze = "FREEZE";
 constexpr const char* kThaw = "THAW";
 constexpr const char* kKill = "KILL";
 constexpr const char* kRelease = "RELEASE";
+constexpr const char* kEndOfAll = "the end of every treatment";
+constexpr const char* kLaterTry = "a later try";
+constexpr const char* kHasEnded = "it has ended";
 
 constexpr std::chrono::milliseconds kLongestRetryPause{5000};
 
@@ -76,6 +79,11 @@ int32_t TreatmentTable::Announce(const Result& result) const {
         PLATFORM_LOGW("its record or group cannot be tidied up yet: %{public}s",
                       ErrorText(result.step.untidy).c_str());
     }
+    Record(result);
+    return result.step.error;
+}
+
+void TreatmentTable::Record(const Result& result) {
     std::vector<EventItem> items{{"PID", result.pid},
                                  {"PROCESS_NAME", result.name},
                                  {"FORM", result.step.form},
@@ -85,7 +93,10 @@ int32_t TreatmentTable::Announce(const Result& result) const {
         items.push_back({"BY_UID", *result.by});
     }
     RecordEvent(kEventDomain, result.event, kBehaviourEvent, std::move(items));
-    return result.step.error;
+}
+
+void TreatmentTable::RecordEnd(const TreatmentRecord& record, const char* reason) {
+    Record({kRelease, record.pid, record.processName, {0, kEndOfAll}, reason});
 }
 
 bool TreatmentTable::Remember(pid_t pid, int64_t startTime, const std::string& name, Breach breach) {
@@ -149,9 +160,8 @@ void TreatmentTable::Conclude(TreatedMap::iterator entry, int error) {
     } else if (error != 0) {
         treated.retryAt = Clock::now() + treated.retryPause;
         treated.retryPause = std::min(treated.retryPause * 2, kLongestRetryPause);
-    } else {
-        treated.retryAt.reset();
     }
+    // Without an error what an earlier step still owes stays due.
     RearmTimer();
 }
 
@@ -170,18 +180,23 @@ void TreatmentTable::RearmTimer() {
     watcher_.WakeAt(next);
 }
 
-TreatmentTable::Result TreatmentTable::BeginSuppression(pid_t pid, const std::string& name) {
-    const Admission admission = Admit(pid, name);
-    if (admission.error != 0) {
-        return {kSuppress, pid, name, {admission.error, {}}, admission.reason};
-    }
-    if (const int error = watcher_.Watch(admission.handle->Pidfd(), pid); error != 0) {
+TreatmentTable::Result TreatmentTable::BeginSuppression(const ProcessHandlePtr& handle,
+                                                        const std::string& name) {
+    const pid_t pid = handle->Pid();
+    if (const int error = watcher_.Watch(handle->Pidfd(), pid); error != 0) {
         return {kSuppress, pid, name, {error, {}}, "its end cannot be watched"};
     }
-    Treated& treated = EntryOf(admission.handle);
+    Treated& treated = EntryOf(handle);
+    if (treated.suppressions == 0) {
+        // Half of an earlier one may be left, which is no suppression.
+        if (const int error = steps_.EndSuppression(treated.record, handle->Pidfd()).Unfinished();
+            error != 0) {
+            return {kSuppress, pid, name, {error, {}}, "an earlier one could not be ended yet"};
+        }
+    }
     Step step{0, "the suppression in force"};
-    if (!treated.record.suppression) {
-        step = steps_.Suppress(treated.record, admission.handle->Pidfd());
+    if (treated.suppressions == 0) {
+        step = steps_.Suppress(treated.record, handle->Pidfd());
         treated.breach = handles_.LastBreach(pid);
         treated.suppressedSince = NowOnTheWall();
     }
@@ -189,13 +204,17 @@ TreatmentTable::Result TreatmentTable::BeginSuppression(pid_t pid, const std::st
         ++treated.suppressions;
         treated.names.insert(name);
     }
-    Conclude(treated_.find({pid, admission.handle->StartTime()}), treated.record.IsEmpty() ? 0 : step.error);
+    Conclude(treated_.find({pid, handle->StartTime()}), step.untidy);
     return {kSuppress, pid, name, step, {}};
 }
 
 int32_t TreatmentTable::Suppress(pid_t pid, const std::string& name) {
+    const Admission admission = Admit(pid, name);
+    if (admission.error != 0) {
+        return Announce({kSuppress, pid, name, {admission.error, {}}, admission.reason});
+    }
     std::unique_lock lock(mutex_);
-    const Result result = BeginSuppression(pid, name);
+    const Result result = BeginSuppression(admission.handle, name);
     lock.unlock();
     return Announce(result);
 }
@@ -220,19 +239,17 @@ int32_t TreatmentTable::EndSuppression(pid_t pid, const std::string& name) {
     return Announce({kSuppressEnd, pid, name, step, {}});
 }
 
-TreatmentTable::Result TreatmentTable::BeginFreeze(pid_t pid, const std::string& name,
+TreatmentTable::Result TreatmentTable::BeginFreeze(const ProcessHandlePtr& handle, const std::string& name,
                                                    std::optional<std::chrono::milliseconds> time) {
-    const Admission admission = Admit(pid, name);
-    if (admission.error != 0) {
-        return {kFreeze, pid, name, {admission.error, {}}, admission.reason};
-    }
-    if (const int error = watcher_.Watch(admission.handle->Pidfd(), pid); error != 0) {
+    const pid_t pid = handle->Pid();
+    if (const int error = watcher_.Watch(handle->Pidfd(), pid); error != 0) {
         return {kFreeze, pid, name, {error, {}}, "its end cannot be watched"};
     }
-    Treated& treated = EntryOf(admission.handle);
+    Treated& treated = EntryOf(handle);
+    // Also one that should have ended: a process is frozen until its thaw is done.
     Step step{0, "the freeze in force"};
     if (!treated.record.freeze) {
-        step = steps_.Freeze(treated.record, admission.handle->Pidfd());
+        step = steps_.Freeze(treated.record, handle->Pidfd());
         treated.breach = handles_.LastBreach(pid);
         treated.frozenSince = NowOnTheWall();
     }
@@ -245,14 +262,18 @@ TreatmentTable::Result TreatmentTable::BeginFreeze(pid_t pid, const std::string&
         treated.isFrozen = true;
         treated.names.insert(name);
     }
-    Conclude(treated_.find({pid, admission.handle->StartTime()}), treated.record.IsEmpty() ? 0 : step.error);
+    Conclude(treated_.find({pid, handle->StartTime()}), step.untidy);
     return {kFreeze, pid, name, step, {}};
 }
 
 int32_t TreatmentTable::Freeze(pid_t pid, const std::string& name,
                                std::optional<std::chrono::milliseconds> time) {
+    const Admission admission = Admit(pid, name);
+    if (admission.error != 0) {
+        return Announce({kFreeze, pid, name, {admission.error, {}}, admission.reason});
+    }
     std::unique_lock lock(mutex_);
-    const Result result = BeginFreeze(pid, name, time);
+    const Result result = BeginFreeze(admission.handle, name, time);
     lock.unlock();
     return Announce(result);
 }
@@ -279,10 +300,11 @@ int32_t TreatmentTable::Kill(pid_t pid, const std::string& name, const std::stri
     if (admission.error != 0) {
         return Announce({kKill, pid, name, {admission.error, {}}, admission.reason});
     }
+    // The event of the kill stands before that of its end, which takes the lock too.
+    const std::lock_guard lock(mutex_);
     const int32_t error =
         Announce({kKill, pid, name, steps_.Kill(admission.handle->Pidfd()), Printable(reason)});
     if (error == 0) {
-        const std::lock_guard lock(mutex_);
         LiftForKill(*admission.handle);
         AwaitDeath(admission.handle);
     }
@@ -341,7 +363,7 @@ void TreatmentTable::CheckKills(Clock::time_point now) {
     }
 }
 
-void TreatmentTable::UndoEnded(pid_t pid) {
+void TreatmentTable::UndoEnded(pid_t pid, std::vector<TreatmentRecord>& ended) {
     auto entry = treated_.lower_bound({pid, 0});
     while (entry != treated_.end() && entry->first.first == pid) {
         const auto next = std::next(entry);
@@ -351,6 +373,9 @@ void TreatmentTable::UndoEnded(pid_t pid) {
                           Printable(entry->second.record.processName).c_str(),
                           error == 0 ? "nothing is left of its treatment" : ErrorText(error).c_str());
             entry->second.thawAt.reset();
+            if (error == 0) {
+                ended.push_back(entry->second.record);
+            }
             Conclude(entry, error);
         }
         entry = next;
@@ -359,9 +384,15 @@ void TreatmentTable::UndoEnded(pid_t pid) {
 
 void TreatmentTable::OnExited(pid_t pid) {
     handles_.DropExited(pid);
-    const std::lock_guard lock(mutex_);
-    CheckKills(Clock::now());
-    UndoEnded(pid);
+    std::vector<TreatmentRecord> ended;
+    {
+        const std::lock_guard lock(mutex_);
+        CheckKills(Clock::now());
+        UndoEnded(pid, ended);
+    }
+    for (const TreatmentRecord& record : ended) {
+        RecordEnd(record, kHasEnded);
+    }
 }
 
 void TreatmentTable::ThawDue(Clock::time_point now, std::vector<Result>& results) {
@@ -380,20 +411,41 @@ void TreatmentTable::ThawDue(Clock::time_point now, std::vector<Result>& results
     }
 }
 
-void TreatmentTable::RetryDue(Clock::time_point now) {
+void TreatmentTable::RetryDue(Clock::time_point now, std::vector<Result>& results) {
     for (auto entry = treated_.begin(); entry != treated_.end();) {
         const auto next = std::next(entry);
-        Treated& treated = entry->second;
-        if (treated.retryAt && *treated.retryAt <= now) {
-            const int error = Undo(treated, false);
-            if (error == 0) {
-                PLATFORM_LOGI("pid %{public}d (%{public}s): what could not be undone before is undone",
-                              entry->first.first, Printable(treated.record.processName).c_str());
-            }
-            Conclude(entry, error);
+        if (entry->second.retryAt && *entry->second.retryAt <= now) {
+            Retry(entry, results);
         }
         entry = next;
     }
+}
+
+void TreatmentTable::Retry(TreatedMap::iterator entry, std::vector<Result>& results) {
+    Treated& treated = entry->second;
+    const TreatmentRecord& record = treated.record;
+    const bool hasEnded = HasExited(treated.handle->Pidfd());
+    const bool wasFrozen = record.freeze && !treated.isFrozen;
+    const bool wasSuppressed = record.suppression && treated.suppressions == 0;
+    const int error = Undo(treated, false);
+    const auto tell = [&](const char* event, const char* form, const char* reason) {
+        results.push_back({event, record.pid, record.processName, {0, form}, reason});
+    };
+    if (hasEnded && error == 0) {
+        tell(kRelease, kEndOfAll, kHasEnded);
+    } else if (!hasEnded && wasFrozen && !record.freeze) {
+        tell(kThaw, kLaterTry, "");
+    }
+    if (!hasEnded && wasSuppressed && !record.suppression) {
+        tell(kSuppressEnd, kLaterTry, "");
+    }
+    if (error == 0) {
+        PLATFORM_LOGI("pid %{public}d (%{public}s): nothing is left that could not be undone before",
+                      record.pid, Printable(record.processName).c_str());
+        treated.retryAt.reset();
+        treated.retryPause = kFirstRetryPause;
+    }
+    Conclude(entry, error);
 }
 
 void TreatmentTable::OnTimeUp() {
@@ -402,7 +454,7 @@ void TreatmentTable::OnTimeUp() {
         const std::lock_guard lock(mutex_);
         const Clock::time_point now = Clock::now();
         ThawDue(now, results);
-        RetryDue(now);
+        RetryDue(now, results);
         CheckKills(now);
         RearmTimer();
     }
@@ -442,7 +494,7 @@ int32_t TreatmentTable::Release(pid_t pid, uid_t releasedBy) {
     const std::string name = entry->second.record.processName;
     const int error = EndAll(entry);
     lock.unlock();
-    return Announce({kRelease, pid, name, {error, "the end of every treatment"}, "asked for", releasedBy});
+    return Announce({kRelease, pid, name, {error, kEndOfAll}, "asked for", releasedBy});
 }
 
 void TreatmentTable::ReleaseAll() {
@@ -452,7 +504,11 @@ void TreatmentTable::ReleaseAll() {
     for (size_t before = treated_.size() + 1; !treated_.empty() && treated_.size() < before;) {
         before = treated_.size();
         for (auto entry = treated_.begin(); entry != treated_.end();) {
-            entry = Undo(entry->second, true) == 0 ? treated_.erase(entry) : std::next(entry);
+            const bool isDone = Undo(entry->second, true) == 0;
+            if (isDone) {
+                RecordEnd(entry->second.record, "the host stops");
+            }
+            entry = isDone ? treated_.erase(entry) : std::next(entry);
         }
     }
     for (auto& [key, treated] : treated_) {
@@ -479,6 +535,7 @@ int TreatmentTable::ReleaseOne(TreatmentRecord& record) {
     if (error == 0) {
         PLATFORM_LOGI("pid %{public}d (%{public}s) was left treated and is released%{public}s", record.pid,
                       Printable(record.processName).c_str(), pidfd ? "" : "; it has ended");
+        RecordEnd(record, "left by a host that was killed");
     }
     return error;
 }

@@ -65,6 +65,8 @@ class TreatmentTable {
     int32_t Release(pid_t pid, uid_t releasedBy);
 
   private:
+    static constexpr std::chrono::milliseconds kFirstRetryPause{100};
+
     struct Treated {
         ProcessHandlePtr handle;
         TreatmentRecord record;
@@ -76,7 +78,7 @@ class TreatmentTable {
         bool isFrozen = false;
         std::optional<Clock::time_point> thawAt;   // of a freeze that ends by itself
         std::optional<Clock::time_point> retryAt;  // something could not be undone
-        std::chrono::milliseconds retryPause{100};
+        std::chrono::milliseconds retryPause = kFirstRetryPause;
     };
     // Of the process's pid and start time.
     using Key = std::pair<pid_t, int64_t>;
@@ -103,11 +105,13 @@ class TreatmentTable {
         int error = 0;
         std::string reason;
     };
+    // Without the mutex: it reads the process's memory, which may wait.
     Admission Admit(pid_t pid, const std::string& name) const;
 
     // With the mutex held.
-    Result BeginSuppression(pid_t pid, const std::string& name);
-    Result BeginFreeze(pid_t pid, const std::string& name, std::optional<std::chrono::milliseconds> time);
+    Result BeginSuppression(const ProcessHandlePtr& handle, const std::string& name);
+    Result BeginFreeze(const ProcessHandlePtr& handle, const std::string& name,
+                       std::optional<std::chrono::milliseconds> time);
     Treated& EntryOf(const ProcessHandlePtr& handle);
     // The living process of that pid, if it was treated under that name.
     TreatedMap::iterator FindTreated(pid_t pid, const std::string& name);
@@ -116,11 +120,12 @@ class TreatmentTable {
     void Conclude(TreatedMap::iterator entry, int error);
     void RearmTimer();
     void ThawDue(Clock::time_point now, std::vector<Result>& results);
-    void RetryDue(Clock::time_point now);
+    void RetryDue(Clock::time_point now, std::vector<Result>& results);
+    void Retry(TreatedMap::iterator entry, std::vector<Result>& results);
     void LiftForKill(const ProcessHandle& handle);
     void AwaitDeath(const ProcessHandlePtr& handle);
     void CheckKills(Clock::time_point now);
-    void UndoEnded(pid_t pid);
+    void UndoEnded(pid_t pid, std::vector<TreatmentRecord>& ended);
     int ReleaseOne(TreatmentRecord& record);
     // What ReleaseLeft can do something about. False, with a line for each file, when there are others.
     bool ReadLeft(std::vector<TreatmentRecord>& records);
@@ -128,6 +133,9 @@ class TreatmentTable {
     void OnExited(pid_t pid);
     void OnTimeUp();
     int32_t Announce(const Result& result) const;
+    static void Record(const Result& result);
+    // That nothing is left of a treatment, for a reason that the log has told.
+    static void RecordEnd(const TreatmentRecord& record, const char* reason);
 
     const TreatmentSteps steps_;
     const std::chrono::milliseconds killPatience_;

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "ipc/guard.h"
+
 namespace KITE::Linux {
 
 namespace {
@@ -106,10 +108,10 @@ void Watcher::Run() {
             if (token == kTimerToken) {
                 uint64_t expirations = 0;
                 if (read(timer_.Get(), &expirations, sizeof(expirations)) > 0) {
-                    timeUp_();
+                    RunGuarded("what is due of a treatment", timeUp_);
                 }
             } else {
-                exited_(static_cast<pid_t>(token));
+                RunGuarded("the end of a process", [&] { exited_(static_cast<pid_t>(token)); });
             }
         }
     }

@@ -319,6 +319,31 @@ TEST_P(EveryForm, AFreezeForATimeEndsByItselfAndTheLatestEndWins) {
     EXPECT_TRUE(Eventually([&] { return !HasRecords(); }));
 }
 
+TEST_F(Actions, AThawThatFailsIsTriedAgainWhateverComesBetween) {
+    UseGroups();
+    if (!CanMove(Hierarchy::kUnified)) {
+        GTEST_SKIP() << "no unified hierarchy in which a process can be moved";
+    }
+    const Program culprit("spin");
+    TreatmentTable& table = StartTableFor(culprit);
+    ASSERT_EQ(table.Suppress(culprit.Pid(), kName), 0);
+    ASSERT_EQ(table.Suppress(culprit.Pid(), kName), 0);
+    ASSERT_EQ(table.Freeze(culprit.Pid(), kName, milliseconds(100)), 0);
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit none{3, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const bool isDue = Eventually([&] { return table.List().at(0).frozenUntil == 0; });
+    const bool isFrozenStill = table.List().at(0).frozenSince != 0;
+    const int ended = table.EndSuppression(culprit.Pid(), kName);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_TRUE(isDue && isFrozenStill);
+    EXPECT_EQ(ended, 0);
+    EXPECT_TRUE(culprit.IsRunning());
+    EXPECT_EQ(table.EndSuppression(culprit.Pid(), kName), 0);
+    EXPECT_FALSE(HasRecords());
+}
+
 TEST_P(EveryForm, AProcessKilledWhileTreatedDiesAndLeavesNothing) {
     const Program culprit("spin");
     TreatmentTable& table = StartTableFor(culprit);
