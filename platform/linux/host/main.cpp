@@ -34,8 +34,10 @@ void Describe(CLI::App& app, HostOptions& options) {
     app.add_option("--state", options.settings.stateDirectory, "directory of the platform's state")
         ->envname("KITE_STATE")
         ->capture_default_str();
-    app.add_option("--run", options.settings.runDirectory,
-                   "directory of the records of what is treated now; the state directory if not given")
+    app.add_option(
+           "--run", options.settings.runDirectory,
+           "directory of the records of what is treated now; /run/kite if that is there, else the state "
+           "directory")
         ->envname("KITE_RUN");
     app.add_option("--bus", options.settings.busAddress, "address of the bus; the system bus if not given")
         ->envname("KITE_BUS");

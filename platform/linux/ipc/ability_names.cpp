@@ -35,14 +35,22 @@ AbilityNames::~AbilityNames() = default;
 
 void AbilityNames::Begin() {
     callbacks_.Start();
+    {
+        const std::lock_guard lock(mutex_);
+        isDaemonAsked_ = true;
+    }
     bus_.Post([this] {
         for (const int32_t abilityId : kProtectedAbilities) {
             Track(abilityId);
         }
         bus_.Call(bus_.NewDaemonCall("GetConnectionUnixProcessID", kDaemonName),
                   [this](int32_t status, sd_bus_message* reply) {
+                      const std::optional<pid_t> pid = PidFrom(status, reply);
+                      if (!pid) {
+                          PLATFORM_LOGE("the bus does not say which process it is: nothing will be treated");
+                      }
                       const std::lock_guard lock(mutex_);
-                      daemonPid_ = PidFrom(status, reply);
+                      daemonPid_ = pid;
                   });
     });
 }
@@ -52,6 +60,7 @@ void AbilityNames::Clear() {
     const std::lock_guard lock(mutex_);
     dropped.swap(abilities_);
     daemonPid_.reset();
+    isDaemonAsked_ = false;
 }
 
 bool AbilityNames::Listen(int32_t abilityId, Listener listener) {
@@ -85,6 +94,9 @@ std::string AbilityNames::OwnerOf(int32_t abilityId) {
 std::optional<std::vector<pid_t>> AbilityNames::ProtectedPids() const {
     const std::lock_guard lock(mutex_);
     std::vector<pid_t> pids;
+    if (isDaemonAsked_ && !daemonPid_) {
+        return std::nullopt;
+    }
     if (daemonPid_) {
         pids.push_back(*daemonPid_);
     }

@@ -67,6 +67,7 @@ class KITE_API AbilityNames {
 
     mutable std::mutex mutex_;  // guards what follows
     std::map<int32_t, Ability> abilities_;
+    bool isDaemonAsked_ = false;
     std::optional<pid_t> daemonPid_;
 };
 

@@ -2,10 +2,12 @@
 
 #include <exception>
 
+#include "visibility.h"
+
 namespace KITE::Linux {
 
 // Logs what a call into another component threw; null when it was no std::exception.
-void ReportThrown(const char* what, const char* message);
+KITE_API void ReportThrown(const char* what, const char* message);
 
 // Calls into another component's code: what it throws ends here, with an error line, and nothing leaves.
 // `what` names the call.

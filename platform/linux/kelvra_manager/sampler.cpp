@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "ipc/guard.h"
+
 namespace KITE::Linux::Sampling {
 
 TimePoint NextSampleTime(TimePoint last, TimePoint now, std::chrono::milliseconds period) {
@@ -56,7 +58,12 @@ void Sampler::Run() {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         changed_.wait(lock, [this] { return stopping_ || HasWork(); });
-        SampleWhileThereIsWork(lock);
+        RunGuarded("a sample", [&] { SampleWhileThereIsWork(lock); });
+        if (!lock.owns_lock()) {
+            // It was ended by what was thrown; what was known of the processes is begun anew.
+            lock.lock();
+            changed_.wait_for(lock, period_, [this] { return stopping_; });
+        }
     }
 }
 

@@ -21,7 +21,7 @@ bool LoadStringFromFile(const std::string& path, std::string& content) {
 
 bool SaveStringToFd(int fd, const std::string& content) {
     using Linux::NonblockingWriter;
-    NonblockingWriter writer(fd, NonblockingWriter::ForeignTerminal::kRefuse);
+    NonblockingWriter writer(fd, NonblockingWriter::Doubtful::kRefuse);
     const int error =
         Linux::WriteWhole(fd, writer, content, std::chrono::steady_clock::now() + kReaderPatience);
     if (error != 0) {

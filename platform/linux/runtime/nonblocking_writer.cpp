@@ -1,13 +1,17 @@
 #include "runtime/nonblocking_writer.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/vfs.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <string>
 
 namespace KITE::Linux {
@@ -18,6 +22,16 @@ constexpr size_t kStagingBytes = 65536;  // a pipe's size unless somebody change
 constexpr size_t kFileBytes = size_t{1} << 20;
 constexpr size_t kTerminalBytes = 64;
 constexpr unsigned kMemoryDevices = 1;  // major number of /dev/null, /dev/full and so on
+
+// Whether a write may wait for another process or machine, for as long as that likes.
+bool IsServedElsewhere(int fd) {
+    constexpr std::array<uint32_t, 7> kFileSystems{FUSE_SUPER_MAGIC, NFS_SUPER_MAGIC,  CIFS_SUPER_MAGIC,
+                                                   SMB2_SUPER_MAGIC, CEPH_SUPER_MAGIC, AFS_SUPER_MAGIC,
+                                                   V9FS_MAGIC};
+    struct statfs status {};
+    return fstatfs(fd, &status) != 0 ||
+           std::ranges::find(kFileSystems, static_cast<uint32_t>(status.f_type)) != kFileSystems.end();
+}
 
 ssize_t ResultOf(ssize_t written) {
     return written < 0 ? -errno : written;
@@ -38,10 +52,9 @@ int Readiness(int fd) {
 
 }  // namespace
 
-NonblockingWriter::NonblockingWriter(int fd, ForeignTerminal foreignTerminal)
-    : fd_(fd), method_(Choose(foreignTerminal)) {}
+NonblockingWriter::NonblockingWriter(int fd, Doubtful doubtful) : fd_(fd), method_(Choose(doubtful)) {}
 
-NonblockingWriter::Method NonblockingWriter::Choose(ForeignTerminal foreignTerminal) {
+NonblockingWriter::Method NonblockingWriter::Choose(Doubtful doubtful) {
     struct stat status {};
     const int flags = fcntl(fd_, F_GETFL);
     if (flags < 0 || fstat(fd_, &status) != 0) {
@@ -55,9 +68,10 @@ NonblockingWriter::Method NonblockingWriter::Choose(ForeignTerminal foreignTermi
         case S_IFSOCK:
             return &NonblockingWriter::Send;
         case S_IFREG:
-            return &NonblockingWriter::WritePlainly;
+            return doubtful == Doubtful::kRefuse && IsServedElsewhere(fd_) ? Refuse(EINVAL)
+                                                                           : &NonblockingWriter::WritePlainly;
         case S_IFCHR:
-            return ChooseForDevice(status.st_rdev, foreignTerminal);
+            return ChooseForDevice(status.st_rdev, doubtful);
         case S_IFIFO:
             break;
         default:
@@ -72,7 +86,7 @@ NonblockingWriter::Method NonblockingWriter::Choose(ForeignTerminal foreignTermi
     return &NonblockingWriter::Splice;
 }
 
-NonblockingWriter::Method NonblockingWriter::ChooseForDevice(dev_t device, ForeignTerminal foreignTerminal) {
+NonblockingWriter::Method NonblockingWriter::ChooseForDevice(dev_t device, Doubtful doubtful) {
     if (major(device) == kMemoryDevices) {
         return &NonblockingWriter::WritePlainly;
     }
@@ -84,7 +98,7 @@ NonblockingWriter::Method NonblockingWriter::ChooseForDevice(dev_t device, Forei
     if (reopened_) {
         return &NonblockingWriter::WriteReopened;
     }
-    return foreignTerminal == ForeignTerminal::kRefuse ? Refuse(errno) : &NonblockingWriter::WriteWhenReady;
+    return doubtful == Doubtful::kRefuse ? Refuse(errno) : &NonblockingWriter::WriteWhenReady;
 }
 
 NonblockingWriter::Method NonblockingWriter::Refuse(int error) {

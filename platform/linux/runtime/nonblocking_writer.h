@@ -18,17 +18,18 @@ namespace KITE::Linux {
 //                 (Opening the pipe again is forbidden to a process of another uid, and a pipe takes
 //                 RWF_NOWAIT only since Linux 6.5.)
 //   terminals     are opened again with a flag of our own;
-//   files         and /dev/null and its like are written plainly, since they have no reader;
+//   files         and /dev/null and its like are written plainly, since they have no reader; another user's
+//                 in a file system that a process or another machine serves is refused: EINVAL;
 //   all else      is refused: EINVAL.
 //
 // Belongs to one thread at a time. The descriptor stays the caller's.
 class NonblockingWriter {
   public:
-    // What to do with a terminal that may not be opened again, since it belongs to another user: refuse it,
-    // or write to it in small pieces when it is ready, which waits if somebody stops it in the same moment.
-    enum class ForeignTerminal { kRefuse, kWriteWhenReady };
+    // What to do with descriptors that can make us wait. A terminal of another user may not be opened again:
+    // written to in small pieces when it is ready, it waits if somebody stops it in the same moment.
+    enum class Doubtful { kRefuse, kWrite };
 
-    NonblockingWriter(int fd, ForeignTerminal foreignTerminal);
+    NonblockingWriter(int fd, Doubtful doubtful);
 
     // Writes a beginning of the text. Returns how many bytes of it, or the negative error number: -EAGAIN
     // when nothing can be written now, -EPIPE when nobody reads. After -EAGAIN or -EINTR, as after a part,
@@ -39,8 +40,8 @@ class NonblockingWriter {
   private:
     using Method = ssize_t (NonblockingWriter::*)(std::string_view);
 
-    Method Choose(ForeignTerminal foreignTerminal);
-    Method ChooseForDevice(dev_t device, ForeignTerminal foreignTerminal);
+    Method Choose(Doubtful doubtful);
+    Method ChooseForDevice(dev_t device, Doubtful doubtful);
     Method Refuse(int error);
     void DropStaged();
     ssize_t Refused(std::string_view text);

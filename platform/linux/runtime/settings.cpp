@@ -1,5 +1,7 @@
 #include "runtime/settings.h"
 
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "runtime/immortal.h"
@@ -7,6 +9,8 @@
 namespace KITE::Linux {
 
 namespace {
+
+constexpr const char* kUsualRunDirectory = "/run/kite";
 
 Settings& Current() {
     static Immortal<Settings> settings;
@@ -16,6 +20,11 @@ Settings& Current() {
 }  // namespace
 
 void SetSettings(Settings settings) {
+    std::error_code error;
+    if (settings.runDirectory.empty() && settings.stateDirectory == Settings().stateDirectory &&
+        std::filesystem::is_directory(kUsualRunDirectory, error)) {
+        settings.runDirectory = kUsualRunDirectory;
+    }
     Current() = std::move(settings);
 }
 

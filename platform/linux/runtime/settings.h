@@ -11,7 +11,8 @@ struct Settings {
     std::string etcDirectory = "/etc/kite";
     std::string stateDirectory = "/var/lib/kite";
     // Where the records of what is treated now are kept: they must outlive a killed host, and need not
-    // outlive a boot. Empty: the state directory.
+    // outlive a boot. Empty: /run/kite where the state directory is the usual one and that is there, as on an
+    // installed system; else the state directory.
     std::string runDirectory = {};
     std::string busAddress = {};       // empty: the system bus
     bool logsToStandardError = false;  // also where there is a journal

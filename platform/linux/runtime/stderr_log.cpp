@@ -75,7 +75,7 @@ void AppendLine(std::string& out, const LogLine& line) {
 StderrLog::StderrLog(int fd)
     : fd_(fd),
       stopEvent_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      writer_(fd, NonblockingWriter::ForeignTerminal::kWriteWhenReady) {}
+      writer_(fd, NonblockingWriter::Doubtful::kWrite) {}
 
 void StderrLog::Write(const LogLine& line) {
     const std::lock_guard lock(mutex_);

@@ -279,7 +279,7 @@ TEST_F(RuntimeTest, AReaderOfANamedPipeThatComesBackGetsNothingOfATextThatWasGiv
     };
     UniqueFd reader = openReader();
     const UniqueFd fifo(open(Path("fifo").c_str(), O_WRONLY | O_CLOEXEC));
-    NonblockingWriter writer(fifo.Get(), NonblockingWriter::ForeignTerminal::kRefuse);
+    NonblockingWriter writer(fifo.Get(), NonblockingWriter::Doubtful::kRefuse);
     ASSERT_EQ(writer.Write("x"), 1);  // takes a page of the pipe, so that not all of the large text fits
     const std::string text = LargeText();
     std::string_view left = Fill(writer, text);
