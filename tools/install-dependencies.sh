@@ -12,7 +12,7 @@ bench) packages+=(libbenchmark-dev libgtest-dev libgmock-dev) ;;
 package) packages+=(debootstrap systemd-container dpkg-dev file) ;;
 test | ci)
     packages+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3-jsonschema)
-    [ "$1" = test ] || packages+=(clang-format-14 clang-tidy-14 git)
+    [ "$1" = test ] || packages+=(clang-format-14 clang-tidy-14 git libbenchmark-dev)
     ;;
 *)
     echo "usage: $0 run|bench|package|test|ci" >&2

@@ -17,6 +17,7 @@ TEST_F(DemoTest, FailsWhenThePolicyDoesNotStopTheHogs) {
     EXPECT_NE(std::string::npos, log.find("publish resource quota control service successfully!"))
         << output.Text();
     EXPECT_EQ(std::string::npos, log.find("KILL of pid"));
+    EXPECT_NE(std::string::npos, ReadWholeFile(Directory() + "/raw.html").find("No process was suppressed"));
 }
 
 }  // namespace KITE::Integration

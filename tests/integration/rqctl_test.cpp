@@ -76,7 +76,8 @@ TEST_F(RqctlTest, AsksTheServiceAndExplainsWhatItIsTold) {
         {kTrustedUid, {"io-bytes", "0"}, 105, ".*"},
         {kTrustedUid, {"io-bytes"}, 106, ".*PID.*"},
         {kTrustedUid, {}, 106, ".*"},
-        {kTrustedUid, {"plot"}, 5, "rqctl: .*events.jsonl: .*No such file.*"},
+        {kTrustedUid, {"plot", "--state", "/none"}, 5, "rqctl: /none/events.jsonl: cannot be read\n"},
+        {kTrustedUid, {"plot"}, 0, "<!DOCTYPE html>.*No process was .*"},
         {kTrustedUid, {"running-time", "--bus", "unix:path=/none"}, 3, "rqctl: cannot connect .*"},
     };
     for (const auto& [uid, words, status, pattern] : cases) {

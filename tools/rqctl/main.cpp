@@ -37,8 +37,10 @@ void Describe(CLI::App& app, Context& context) {
         ->envname("KITE_STATE")
         ->capture_default_str()
         ->take_last();
-    app.add_option("--run", context.settings.runDirectory,
-                   "directory of the records of what is treated now; the state directory if not given")
+    app.add_option(
+           "--run", context.settings.runDirectory,
+           "directory of the records of what is treated now; /run/kite if that is there, else the state "
+           "directory")
         ->envname("KITE_RUN")
         ->take_last();
     app.add_option("--bus", context.settings.busAddress, "address of the bus; the system bus if not given")

@@ -72,6 +72,9 @@ bool MayLeadToAction(const ordered_json& event) {
 void Narrator::Tell(const ordered_json& event) {
     // Of events that are long past the clock does not tell what was a moment, they themselves do.
     const int64_t time = NumberAt(event, "time");
+    if (!IsMoment(time)) {
+        return;
+    }
     while (!open_.empty() && open_.front().time + kMoment.count() < time) {
         TellNothingHappened(open_.front());
         open_.pop_front();

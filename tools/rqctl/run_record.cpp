@@ -2,23 +2,21 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
+#include <filesystem>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
+#include <system_error>
 
 #include "file_utils.h"
+#include "rqctl/wording.h"
 
 namespace KITE::Rqctl {
 
 namespace {
 
 using nlohmann::json;
-
-// The year 9999: later times come from no clock.
-constexpr int64_t kLatestTime = 253'402'300'799'999;
 
 std::optional<int64_t> NumberAt(const json& object, const char* key) {
     const auto found = object.find(key);
@@ -33,7 +31,7 @@ std::string TextAt(const json& object, const char* key) {
 
 std::optional<int64_t> TimeAt(const json& object) {
     const std::optional<int64_t> time = NumberAt(object, "time");
-    return time && *time >= 0 && *time <= kLatestTime ? time : std::nullopt;
+    return time && IsMoment(*time) ? time : std::nullopt;
 }
 
 std::optional<int32_t> PidAt(const json& object, const char* key) {
@@ -142,8 +140,13 @@ bool ReadLines(const std::string& path, RunRecord& record, bool (*take)(const js
 bool ReadRunRecord(const std::string& events, const std::string& samples, RunRecord& record,
                    std::string& error) {
     if (!ReadLines(events, record, TakeEvent)) {
-        error = events + ": cannot be read: " + strerrordesc_np(errno);
-        return false;
+        // Where nothing has happened yet there is no file.
+        std::error_code failure;
+        const bool isThere = std::filesystem::exists(events, failure);
+        if (isThere || !std::filesystem::is_directory(std::filesystem::path(events).parent_path(), failure)) {
+            error = events + ": cannot be read";
+            return false;
+        }
     }
     ReadLines(samples, record, TakeSample);
     // A wall clock may have been set back.

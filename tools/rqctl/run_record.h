@@ -51,8 +51,8 @@ struct RunRecord {
     bool hasSamples = false;
 };
 
-// Reads the two files, each after its predecessor, PATH.1. False with the reason in `error` when there are no
-// events; the samples may be missing.
+// Reads the two files, each after its predecessor, PATH.1. False with the reason in `error` when the
+// events cannot be read; there may be none, and no samples.
 bool ReadRunRecord(const std::string& events, const std::string& samples, RunRecord& record,
                    std::string& error);
 

@@ -114,7 +114,8 @@ void TellOfRecords() {
         if (!name.starts_with('.')) {
             Fail(kUnreachable, "a record says that a host treats pid " +
                                    Printable(name.substr(0, name.find('-'))) +
-                                   "; if that was killed, \"kite_host --release\" releases it");
+                                   "; if that was killed, \"kite_host --release --run " +
+                                   Printable(Linux::RunDirectory()) + "\" releases it");
         }
     }
 }

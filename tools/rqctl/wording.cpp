@@ -26,6 +26,11 @@ constexpr std::array<Unit, 4> kUnits{{
 
 }  // namespace
 
+bool IsMoment(int64_t time) {
+    constexpr int64_t kLatest = 253'402'300'799'999;
+    return time >= 0 && time <= kLatest;
+}
+
 std::string MomentText(int64_t time) {
     constexpr int64_t kMillisecondsPerSecond = 1000;
     const std::time_t seconds = time / kMillisecondsPerSecond;

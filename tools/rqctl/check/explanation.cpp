@@ -15,6 +15,9 @@ namespace KITE::Rqctl {
 
 namespace {
 
+// The rules are the policy's reading of the files, their places that of the check.
+constexpr const char* kFilesChanged = "the quota files changed while they were read; try again";
+
 using Kelvra::ResQuotaInfo;
 using ResourceQuotaCtl::ResPolicyManager;
 
@@ -96,6 +99,9 @@ Explanation ExplainedPolicy::Explain(const std::string& name) const {
     if (const auto time = runningTimes_.find(name); time != runningTimes_.end()) {
         explanation.runningTime = time->second;
         const auto entry = std::ranges::find_if(explanation.line, HasRunningTime);
+        if (entry == explanation.line.end()) {
+            throw std::runtime_error(kFilesChanged);
+        }
         explanation.runningTimeOrigin = {(*entry)->record, QuotasOf(**entry)->Find("running_time")};
     }
     return explanation;
@@ -108,7 +114,7 @@ Origin ExplainedPolicy::OriginOf(const Explanation& explanation, const ResQuotaI
             return {entry->record, &rules->children.at(index)};
         }
     }
-    throw std::logic_error("a rule in force was written nowhere");
+    throw std::runtime_error(kFilesChanged);
 }
 
 std::string LimitInWords(const ResQuotaInfo& record) {
