@@ -35,7 +35,7 @@ std::string WhyNeverTreated(pid_t pid) {
     }
     const std::optional<std::vector<pid_t>> isProtected = BusProtectedPids();
     if (!isProtected) {
-        return "it is not known yet which processes are the bus daemon and the hosts";
+        return "it is not known which processes are the bus daemon and the hosts";
     }
     if (std::ranges::find(*isProtected, pid) != isProtected->end()) {
         return "it is the bus daemon or a host of the quota service or of the Kelvra manager";

@@ -45,12 +45,8 @@ void AbilityNames::Begin() {
         }
         bus_.Call(bus_.NewDaemonCall("GetConnectionUnixProcessID", kDaemonName),
                   [this](int32_t status, sd_bus_message* reply) {
-                      const std::optional<pid_t> pid = PidFrom(status, reply);
-                      if (!pid) {
-                          PLATFORM_LOGE("the bus does not say which process it is: nothing will be treated");
-                      }
                       const std::lock_guard lock(mutex_);
-                      daemonPid_ = pid;
+                      daemonPid_ = PidFrom(status, reply);
                   });
     });
 }
