@@ -64,19 +64,18 @@ class ResPolicyManager {
         InheritMap fileInherit;
     };
 
-    // Loads, merges and publishes; the caller holds the mutex.
+    // Loads, merges and publishes, and gives back the memory that took; the caller holds the mutex.
     bool Init(const std::vector<std::string>& files);
-    bool LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state) const;
+    bool Load(const std::vector<std::string>& files);
+    bool LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state);
 
     // Each parse adds to its outputs; on a failure what was added stays, and the caller gives all of it up.
-    bool ParseProcessQuotaConfig(nlohmann::json root, ProcessQuotasMap& processQuotas,
-                                 InheritMap& inherit) const;
+    bool ParseProcessQuotaConfig(nlohmann::json root, ProcessQuotasMap& processQuotas, InheritMap& inherit);
     // These two give the key that is missing or wrong, null when all is well.
-    const char* ParseProcessEntry(nlohmann::json entry, ProcessQuotasMap& processQuotas,
-                                  InheritMap& inherit) const;
+    const char* ParseProcessEntry(nlohmann::json entry, ProcessQuotasMap& processQuotas, InheritMap& inherit);
     const char* ReadRule(const nlohmann::json& rule, QuotaForResource& quota) const;
-    bool ParseProcessQuotas(nlohmann::json quotas, const std::shared_ptr<ProcessQuotas>& processQuotas) const;
-    bool ParseQuotaForResource(nlohmann::json rule, const std::shared_ptr<QuotaForResource>& quota) const;
+    bool ParseProcessQuotas(nlohmann::json quotas, const std::shared_ptr<ProcessQuotas>& processQuotas);
+    bool ParseQuotaForResource(nlohmann::json rule, const std::shared_ptr<QuotaForResource>& quota);
     uint32_t ParseConditions(std::string conditions) const;
 
     // Resolves inheritance, parents first, and publishes. False on a cycle and on a missing template.
@@ -86,9 +85,16 @@ class ResPolicyManager {
     // cycles.
     std::string GetTopInheritInfo(const InheritMap& inherit) const;
 
+    // Frees the parts of documents that have been read.
+    void FreeSpent();
+
     std::mutex mutex_;  // the policy; held for the whole of Init and of each export
     std::atomic<bool> isConfigInit_{false};
     ProcessQuotasMap processQuotasMap_;
+    // While Init runs: parts of the document that have been read. Each freed by itself would make place for
+    // the next record, and the policy would lie scattered over all pages of the document. Freed many at a
+    // time they are whole pages, and still in the cache.
+    std::vector<nlohmann::json> spent_;
 };
 
 }  // namespace KITE::ResourceQuotaCtl

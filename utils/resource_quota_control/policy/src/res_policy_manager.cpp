@@ -20,6 +20,7 @@ using Kelvra::ResQuotaInfo;
 using nlohmann::json;
 
 constexpr const char* kBaseDirectory = "/system";
+constexpr size_t kSpentAtOnce = 1024;  // some 400 KB of a document, which the processor's cache still holds
 
 bool IsResourceType(std::string_view key) {
     return std::ranges::find(kResourceTypes, key) != kResourceTypes.end();
@@ -96,18 +97,27 @@ bool ResPolicyManager::InitFromFiles(const std::vector<std::string>& files) {
 }
 
 bool ResPolicyManager::Init(const std::vector<std::string>& files) {
-    MergeState state;
-    const bool isLoaded = LoadAndMergeFiles(files, state);
+    isConfigInit_ = Load(files);
+    FreeSpent();
     GiveMemoryBack();
-    if (!isLoaded) {
+    return isConfigInit_;
+}
+
+bool ResPolicyManager::Load(const std::vector<std::string>& files) {
+    MergeState state;
+    if (!LoadAndMergeFiles(files, state)) {
         return false;
     }
     if (!HandleInheritInfo(state.mergedQuotas, state.mergedInherit)) {
         RQC_LOGE("Merge quota config failed!");
         return false;
     }
-    isConfigInit_ = true;
     return true;
+}
+
+void ResPolicyManager::FreeSpent() {
+    spent_.clear();
+    spent_.shrink_to_fit();
 }
 
 void ResPolicyManager::GetQuotaConfigFilesList(std::vector<std::string>& files) const {
@@ -132,7 +142,7 @@ void ResPolicyManager::GetQuotaConfigFilesList(std::vector<std::string>& files) 
     }
 }
 
-bool ResPolicyManager::LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state) const {
+bool ResPolicyManager::LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state) {
     for (const std::string& file : files) {
         json root;
         if (!JsonUtil::LoadJsonObjFromFile(root, file) ||
@@ -146,7 +156,7 @@ bool ResPolicyManager::LoadAndMergeFiles(const std::vector<std::string>& files, 
 }
 
 bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& processQuotas,
-                                               InheritMap& inherit) const {
+                                               InheritMap& inherit) {
     json entries;
     if (!JsonUtil::GetArrayFromJsonObj(std::move(root), "quotas", entries)) {
         RQC_LOGE("Get quotas arrays failed!");
@@ -158,12 +168,16 @@ bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& proc
             RQC_LOGE("/quotas/%{public}lu: %{public}s is missing or wrong", i, wrongKey);
             return false;
         }
+        if (spent_.size() >= kSpentAtOnce) {
+            FreeSpent();
+        }
     }
+    FreeSpent();
     return true;
 }
 
 const char* ResPolicyManager::ParseProcessEntry(json entry, ProcessQuotasMap& processQuotas,
-                                                InheritMap& inherit) const {
+                                                InheritMap& inherit) {
     const auto record = std::make_shared<ProcessQuotas>();
     if (!JsonUtil::GetStringFromJsonObj(entry, "process_name", record->processName)) {
         return "process_name";
@@ -181,11 +195,11 @@ const char* ResPolicyManager::ParseProcessEntry(json entry, ProcessQuotasMap& pr
         return "process_quotas";
     }
     processQuotas[record->processName] = record;
+    spent_.push_back(std::move(entry));
     return nullptr;
 }
 
-bool ResPolicyManager::ParseProcessQuotas(json quotas,
-                                          const std::shared_ptr<ProcessQuotas>& processQuotas) const {
+bool ResPolicyManager::ParseProcessQuotas(json quotas, const std::shared_ptr<ProcessQuotas>& processQuotas) {
     JsonUtil::GetIntFromJsonObj(quotas, "running_time", processQuotas->runningTime);
     for (auto& [key, value] : quotas.items()) {
         std::vector<std::shared_ptr<QuotaForResource>> rules;
@@ -203,16 +217,17 @@ bool ResPolicyManager::ParseProcessQuotas(json quotas,
         }
         processQuotas->quotas[key] = std::move(rules);
     }
+    spent_.push_back(std::move(quotas));
     return true;
 }
 
-bool ResPolicyManager::ParseQuotaForResource(json rule,
-                                             const std::shared_ptr<QuotaForResource>& quota) const {
+bool ResPolicyManager::ParseQuotaForResource(json rule, const std::shared_ptr<QuotaForResource>& quota) {
     if (const char* wrongKey = ReadRule(rule, *quota)) {
         RQC_LOGE("ParseQuotaForResource failed!");
         RQC_LOGE("%{public}s of a rule is missing or wrong", wrongKey);
         return false;
     }
+    spent_.push_back(std::move(rule));
     return true;
 }
 
