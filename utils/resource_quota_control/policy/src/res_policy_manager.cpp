@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <set>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "config_policy.h"
@@ -36,10 +36,7 @@ void Inherit(ProcessQuotas& child, const ProcessQuotas& parent) {
     if (child.runningTime == 0) {
         child.runningTime = parent.runningTime;
     }
-    auto own = std::exchange(child.quotas, parent.quotas);
-    for (auto& [key, rules] : own) {
-        child.quotas[key] = std::move(rules);
-    }
+    child.quotas.insert(parent.quotas.begin(), parent.quotas.end());
 }
 
 // A document takes several times the memory of the policy that is read from it, and only glibc has to be told
@@ -305,17 +302,20 @@ bool ResPolicyManager::HandleInheritInfo(const ProcessQuotasMap& mergedQuotas, I
 }
 
 bool ResPolicyManager::IsInheritInfoValid(const InheritMap& inherit) const {
+    std::unordered_map<std::string_view, const std::string*>
+        walks;  // by name, the child from which it was met
+    walks.reserve(inherit.size());
     for (const auto& [child, firstParent] : inherit) {
-        std::set<std::string_view> visited;
-        const std::string* name = &child;
-        for (auto link = inherit.find(*name); link != inherit.end(); link = inherit.find(*name)) {
-            const std::string& parent = link->second;
-            if (visited.contains(parent)) {
-                RQC_LOGE("Find circular inheritance: %{public}s, %{public}s", name->c_str(), parent.c_str());
+        // Ends where an earlier walk, which found no cycle, has been.
+        for (auto link = inherit.find(child);
+             link != inherit.end() && walks.emplace(link->first, &child).second;
+             link = inherit.find(link->second)) {
+            const auto met = walks.find(link->second);
+            if (met != walks.end() && met->second == &child) {
+                RQC_LOGE("Find circular inheritance: %{public}s, %{public}s", link->first.c_str(),
+                         link->second.c_str());
                 return false;
             }
-            visited.insert(*name);
-            name = &parent;
         }
     }
     return true;
