@@ -69,6 +69,12 @@ class ResPolicyManager {
     bool Load(const std::vector<std::string>& files);
     bool LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state);
 
+    // Merges what no further file will look at: it is moved.
+    void MergeLastQuotaConfig(MergeState& state) const;
+    // The first half of a merge: what the file defines again replaces what was defined.
+    void Redefine(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas, InheritMap& mergedInherit,
+                  InheritMap& fileInherit) const;
+
     // Each parse adds to its outputs; on a failure what was added stays, and the caller gives all of it up.
     bool ParseProcessQuotaConfig(nlohmann::json root, ProcessQuotasMap& processQuotas, InheritMap& inherit);
     // These two give the key that is missing or wrong, null when all is well.
@@ -79,7 +85,7 @@ class ResPolicyManager {
     uint32_t ParseConditions(std::string conditions) const;
 
     // Resolves inheritance, parents first, and publishes. False on a cycle and on a missing template.
-    bool HandleInheritInfo(const ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit);
+    bool HandleInheritInfo(ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit);
     bool IsInheritInfoValid(const InheritMap& inherit) const;
     // An entry whose parent inherits from nobody; empty when no inheritance is left. Needs a map without
     // cycles.

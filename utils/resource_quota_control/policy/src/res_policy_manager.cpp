@@ -47,6 +47,16 @@ void GiveMemoryBack() {
 #endif
 }
 
+// Moves the entries whose keys the map lacks.
+template <typename Map>
+void MoveMissing(Map& map, Map& from) {
+    if (map.empty()) {
+        map.swap(from);
+    } else {
+        map.merge(from);
+    }
+}
+
 size_t CountRules(const ProcessQuotasMap& processQuotas) {
     size_t count = 0;
     for (const auto& [name, entry] : processQuotas) {
@@ -147,7 +157,11 @@ bool ResPolicyManager::LoadAndMergeFiles(const std::vector<std::string>& files, 
             RQC_LOGE("config file %{public}s is refused", file.c_str());
             return false;
         }
-        MergeQuotaConfig(state.mergedQuotas, state.fileQuotas, state.mergedInherit, state.fileInherit);
+        if (&file == &files.back()) {
+            MergeLastQuotaConfig(state);
+        } else {
+            MergeQuotaConfig(state.mergedQuotas, state.fileQuotas, state.mergedInherit, state.fileInherit);
+        }
     }
     return true;
 }
@@ -263,6 +277,19 @@ uint32_t ResPolicyManager::ParseConditions(std::string conditions) const {
 
 void ResPolicyManager::MergeQuotaConfig(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas,
                                         InheritMap& mergedInherit, InheritMap& fileInherit) const {
+    Redefine(mergedQuotas, fileQuotas, mergedInherit, fileInherit);
+    mergedQuotas.insert(fileQuotas.begin(), fileQuotas.end());
+    mergedInherit.insert(fileInherit.begin(), fileInherit.end());
+}
+
+void ResPolicyManager::MergeLastQuotaConfig(MergeState& state) const {
+    Redefine(state.mergedQuotas, state.fileQuotas, state.mergedInherit, state.fileInherit);
+    MoveMissing(state.mergedQuotas, state.fileQuotas);
+    MoveMissing(state.mergedInherit, state.fileInherit);
+}
+
+void ResPolicyManager::Redefine(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas,
+                                InheritMap& mergedInherit, InheritMap& fileInherit) const {
     for (auto& [name, record] : mergedQuotas) {
         const auto later = fileQuotas.find(name);
         if (later == fileQuotas.end()) {
@@ -277,11 +304,9 @@ void ResPolicyManager::MergeQuotaConfig(ProcessQuotasMap& mergedQuotas, ProcessQ
             fileInherit.erase(parent);
         }
     }
-    mergedQuotas.insert(fileQuotas.begin(), fileQuotas.end());
-    mergedInherit.insert(fileInherit.begin(), fileInherit.end());
 }
 
-bool ResPolicyManager::HandleInheritInfo(const ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit) {
+bool ResPolicyManager::HandleInheritInfo(ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit) {
     if (!IsInheritInfoValid(mergedInherit)) {
         return false;
     }
@@ -297,7 +322,7 @@ bool ResPolicyManager::HandleInheritInfo(const ProcessQuotasMap& mergedQuotas, I
         Inherit(*child->second, *parent->second);
         mergedInherit.erase(link);
     }
-    processQuotasMap_.insert(mergedQuotas.begin(), mergedQuotas.end());
+    MoveMissing(processQuotasMap_, mergedQuotas);
     return true;
 }
 
