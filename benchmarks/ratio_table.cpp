@@ -97,9 +97,14 @@ void Print(std::vector<TableLine>& lines) {
     std::printf("\n| # | what | measured | goal | met |\n|---|---|---|---|---|\n");
     for (const TableLine& line : lines) {
         const Figure& figure = line.figure;
-        std::printf("| %d | %s | %.3g %s | %.3g %s | %s |\n", line.number, figure.what.c_str(), figure.value,
-                    figure.unit.c_str(), figure.goal, figure.unit.c_str(),
-                    figure.value <= figure.goal ? "yes" : "no");
+        std::printf("| %d | %s | %.3g %s | ", line.number, figure.what.c_str(), figure.value,
+                    figure.unit.c_str());
+        if (figure.goal > 0) {
+            std::printf("%.3g %s | %s |\n", figure.goal, figure.unit.c_str(),
+                        figure.value <= figure.goal ? "yes" : "no");
+        } else {
+            std::printf("- | - |\n");
+        }
     }
 }
 

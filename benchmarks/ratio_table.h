@@ -29,7 +29,7 @@ struct Row {
 struct Figure {
     std::string what;
     double value = 0;
-    double goal = 0;   // not to be exceeded
+    double goal = 0;   // not to be exceeded; 0 when it is only there to be compared with
     std::string unit;  // "" for a ratio
 };
 
