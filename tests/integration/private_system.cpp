@@ -157,9 +157,9 @@ std::unique_ptr<Host> PrivateSystem::Start(uid_t uid, const std::string& capabil
                                      "--pdeathsig",
                                      "KILL",
                                      KITE_HOST,
-                                     "--log-to-stderr",
                                      "--state",
                                      state_};
+    command.insert(command.end(), logOptions_.begin(), logOptions_.end());
     command.insert(command.end(), arguments.begin(), arguments.end());
     return std::make_unique<Host>(directory_ + "/log." + std::to_string(logs_++), command);
 }

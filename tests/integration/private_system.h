@@ -41,6 +41,8 @@ class PrivateSystem : public testing::Test {
     void SetDeviceState(const std::string& json) { WriteWholeFile(state_ + "/device_state.json", json); }
     std::string Layer() const { return directory_ + "/layer"; }
 
+    // Hosts that are started from now on log to the journal, where there is one, and not to their files.
+    void LogToJournal() { logOptions_.clear(); }
     Host& StartQuotaHost(const std::vector<std::string>& options = {});
     Host& StartKelvraHost();
     // Both hosts, until the service is reachable.
@@ -80,6 +82,7 @@ class PrivateSystem : public testing::Test {
     std::string state_;
     std::string address_;
     int logs_ = 0;
+    std::vector<std::string> logOptions_{"--log-to-stderr"};
     std::unique_ptr<Process> busDaemon_;
     std::unique_ptr<Host> quotaHost_;
     std::unique_ptr<Host> kelvraHost_;
