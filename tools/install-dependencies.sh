@@ -6,9 +6,13 @@ set -euo pipefail
 
 packages=(g++-12 cmake ninja-build pkg-config libsystemd-dev libasio-dev nlohmann-json3-dev libcli11-dev
           dbus-daemon libnss-wrapper)
+optional=()
 case "${1:-}" in
 run) ;;
-bench) packages+=(libbenchmark-dev libgtest-dev libgmock-dev) ;;
+bench)
+    packages+=(libbenchmark-dev libgtest-dev libgmock-dev)
+    optional=(monit)
+    ;;
 package) packages+=(debootstrap systemd-container dpkg-dev file) ;;
 test | ci)
     packages+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3-jsonschema)
@@ -20,22 +24,31 @@ test | ci)
     ;;
 esac
 
-missing=()
-for package in "${packages[@]}"; do
-    state=$(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null) || true
-    [ "$state" = installed ] || missing+=("$package")
-done
-[ "${#missing[@]}" -gt 0 ] || exit 0
+Missing() {
+    local package state
+    for package in "$@"; do
+        state=$(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null) || true
+        [ "$state" = installed ] || echo "$package"
+    done
+}
+Install() {
+    apt-get install --yes --no-install-recommends "$@" >>"$log" 2>&1
+}
+
+mapfile -t missing < <(Missing "${packages[@]}")
+mapfile -t wanted < <(Missing "${optional[@]}")
+[ $((${#missing[@]} + ${#wanted[@]})) -gt 0 ] || exit 0
 
 if [ "$(id -u)" -ne 0 ]; then
-    echo "these packages are missing, and only root can install them: ${missing[*]}" >&2
+    echo "these packages are missing, and only root can install them: ${missing[*]} ${wanted[*]}" >&2
     exit 1
 fi
-echo "installing ${missing[*]}" >&2
+echo "installing ${missing[*]} ${wanted[*]}" >&2
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 export DEBIAN_FRONTEND=noninteractive
-if ! { apt-get update && apt-get install --yes --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+if ! { apt-get update >"$log" 2>&1 && Install "${missing[@]}"; }; then
     cat "$log" >&2
     exit 1
 fi
+Install "${wanted[@]}" || echo "${wanted[*]} cannot be installed; what needs it is left out" >&2

@@ -2,9 +2,10 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
 #include <stdexcept>
-
-#include "kelvra_manager/proc_files.h"
 
 namespace KITE::Benchmarks {
 
@@ -18,48 +19,41 @@ void RaiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-Kelvra::ResQuotaInfo Quota(const std::string& name, const char* type, int64_t limit) {
-    Kelvra::ResQuotaInfo quota;
-    quota.processName = name;
-    quota.resType = type;
-    quota.resource = limit;
-    quota.duration = 10;
-    quota.action = "warning";
-    return quota;
+std::string RuleList(const std::string& type, const std::string& limit) {
+    return '"' + type +
+           R"(": [{"condition": [], "id": 1, "duration": 10, "action": "warning", "resource_quota": )" +
+           limit + "}]";
 }
 
 }  // namespace
 
 size_t ProcessCount() {
-    size_t count = 0;
-    Linux::Sampling::ProcessList().ForEach([&](pid_t, ino_t) { ++count; });
-    return count;
+    const std::filesystem::directory_iterator entries("/proc");
+    return static_cast<size_t>(std::count_if(begin(entries), end(entries), [](const auto& entry) {
+        return std::isdigit(static_cast<unsigned char>(entry.path().filename().native().front())) != 0;
+    }));
 }
 
 std::string WatchedName(size_t index) {
     return "watched_daemon_" + std::to_string(index);
 }
 
-std::vector<Kelvra::ResQuotaInfo> WatchedQuotas() {
-    constexpr int64_t kMuchMemoryKiB = 1 << 20;
-    constexpr int64_t kMuchCpuPercent = 90;
-    constexpr int64_t kMuchWrittenBytes = 1 << 30;
-    std::vector<Kelvra::ResQuotaInfo> quotas;
-    for (size_t i = 0; i < kWatched; ++i) {
-        const std::string name = WatchedName(i);
-        quotas.push_back(Quota(name, "mem", kMuchMemoryKiB));
-        quotas.push_back(Quota(name, "cpu", kMuchCpuPercent));
-        quotas.push_back(Quota(name, "cpu_ext", kMuchCpuPercent));
-        quotas.push_back(Quota(name, "io", kMuchWrittenBytes));
+std::string WatchedPolicy(size_t names) {
+    const std::string rules = RuleList("mem", "1000000") + ", " + RuleList("cpu", "90") + ", " +
+                              RuleList("cpu_ext", "90") + ", " + RuleList("io", "1000000000");
+    std::string elements;
+    for (size_t i = 0; i < names; ++i) {
+        elements += (elements.empty() ? "" : ",\n") + std::string(R"({"process_name": ")") + WatchedName(i) +
+                    R"(", "inherit": "", "process_quotas": {)" + rules + "}}";
     }
-    return quotas;
+    return elements;
 }
 
 void Crowd::GrowTo(size_t processes) {
     RaiseDescriptorLimit();
-    for (size_t count = ProcessCount(); count < processes || members_.size() < kWatched; ++count) {
+    for (size_t count = ProcessCount(); count < processes || members_.size() < watched_; ++count) {
         const size_t index = members_.size();
-        const std::string name = index < kWatched ? WatchedName(index) : "other_" + std::to_string(index);
+        const std::string name = index < watched_ ? WatchedName(index) : "other_" + std::to_string(index);
         members_.emplace_back(Integration::Launch{.program = "/bin/sleep", .arguments = {name, "1000000"}});
         if (!members_.back().IsStarted()) {
             throw std::runtime_error("only " + std::to_string(index) + " processes could be started");

@@ -58,10 +58,28 @@ class BareSample {
     std::array<char, 4096> text_;
 };
 
+// Of every resource type for each watched name; none is broken.
+std::vector<Kelvra::ResQuotaInfo> Quotas() {
+    std::vector<Kelvra::ResQuotaInfo> quotas;
+    for (size_t i = 0; i < kWatched; ++i) {
+        for (const auto& [type, limit] :
+             {std::pair("mem", 1'000'000), {"cpu", 90}, {"cpu_ext", 90}, {"io", 1 << 30}}) {
+            Kelvra::ResQuotaInfo quota;
+            quota.processName = WatchedName(i);
+            quota.resType = type;
+            quota.resource = limit;
+            quota.duration = 10;
+            quota.action = "warning";
+            quotas.push_back(std::move(quota));
+        }
+    }
+    return quotas;
+}
+
 class TableSample {
   public:
     TableSample() {
-        table_.UseRules(std::make_shared<Linux::Sampling::RuleBook>(WatchedQuotas()));
+        table_.UseRules(std::make_shared<Linux::Sampling::RuleBook>(Quotas()));
         // Until nobody is young any more.
         constexpr int kSamplesBefore = 100;
         for (int i = 0; i < kSamplesBefore; ++i) {
@@ -151,7 +169,7 @@ void MeasureSample(Crowd& crowd, size_t processes, std::vector<Figure>& figures)
 
 void AddSample() {
     AddFigures(8, [] {
-        Crowd crowd;
+        Crowd crowd(kWatched);
         std::vector<Figure> figures;
         for (const size_t processes : {200U, 1000U, 2000U}) {
             MeasureSample(crowd, processes, figures);

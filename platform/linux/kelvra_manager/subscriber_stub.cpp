@@ -38,7 +38,8 @@ std::vector<Event> EventsOf(const std::vector<Kelvra::ProcessAnomalyInfo>& infos
                                                    {"RULE_ID", info.id},
                                                    {"RESOURCE", info.resource},
                                                    {"DURATION", info.duration},
-                                                   {"ACTION", info.action}});
+                                                   {"ACTION", info.action},
+                                                   {"SEEN_NS", info.sampleTime}});
     }
     return events;
 }

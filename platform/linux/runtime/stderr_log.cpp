@@ -78,12 +78,14 @@ StderrLog::StderrLog(int fd)
       writer_(fd, NonblockingWriter::Doubtful::kWrite) {}
 
 void StderrLog::Write(const LogLine& line) {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     if (mode_ == Mode::kIdle) {
         StartThread();
     }
     const bool wakesThread = Enqueue(line) && mode_ == Mode::kThreaded;
     if (wakesThread) {
+        // The thread often runs at once in the caller's place, and would only find the mutex taken.
+        lock.unlock();
         wake_.notify_one();
     } else if (mode_ == Mode::kDirect) {
         WriteDirectly();

@@ -1,0 +1,97 @@
+// Row 8, processor time: the Kelvra manager's host beside monit, on the same processes with the same checks.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "integration/process.h"
+#include "kelvra/crowd.h"
+#include "kelvra/rows.h"
+#include "kelvra/whole_system.h"
+
+namespace KITE::Benchmarks {
+
+namespace {
+
+using Integration::Process;
+using std::chrono::seconds;
+
+constexpr const char* kMonit = "/usr/bin/monit";
+constexpr size_t kProcesses = 2000;
+constexpr seconds kTime{30};
+constexpr seconds kUntilSteady{12};
+
+// The same checks; monit too finds the processes by their names.
+std::string WriteMonitConfiguration(const std::string& directory) {
+    std::string text = "set daemon 1\nset log " + directory + "/monit.log\nset pidfile " + directory +
+                       "/monit.pid\nset idfile " + directory + "/monit.id\nset statefile " + directory +
+                       "/monit.state\n";
+    for (size_t i = 0; i < kWatched; ++i) {
+        text += "check process " + WatchedName(i) + " matching \"^" + WatchedName(i) +
+                " \"\n"
+                "  if memory > 1000 MB for 10 cycles then alert\n"
+                "  if cpu > 90% for 10 cycles then alert\n"
+                "  if disk write rate > 100 MB/s for 10 cycles then alert\n";
+    }
+    const std::string path = directory + "/monitrc";
+    Integration::WriteWholeFile(path, text, 0600);
+    return path;
+}
+
+double SecondsOfCpu(const Process& process) {
+    std::this_thread::sleep_for(kUntilSteady);
+    const auto before = process.CpuTime();
+    std::this_thread::sleep_for(kTime);
+    return std::chrono::duration<double>(process.CpuTime() - before).count();
+}
+
+double MeasureManager() {
+    WholeSystem system;
+    system.SetParameters("{}");  // samples every second
+    system.SetPolicy({WatchedPolicy(kWatched)});
+    system.StartWhole();
+    return SecondsOfCpu(system.KelvraHost().process);
+}
+
+double MeasureMonit() {
+    std::string directory = std::filesystem::temp_directory_path() / "kite-monit-XXXXXX";
+    if (mkdtemp(directory.data()) == nullptr) {
+        throw std::runtime_error("no directory for monit");
+    }
+    const std::string configuration = WriteMonitConfiguration(directory);
+    double used = 0;
+    {
+        const Process monit({.program = kMonit, .arguments = {"monit", "-I", "-c", configuration}});
+        used = SecondsOfCpu(monit);
+        if (monit.HasEnded()) {
+            throw std::runtime_error("monit does not run");
+        }
+    }
+    std::filesystem::remove_all(directory);
+    return used;
+}
+
+}  // namespace
+
+void AddMonit() {
+    AddFigures(8, [] {
+        if (access(kMonit, X_OK) != 0) {
+            std::printf("row 8: not compared with monit, which is not installed\n");
+            return std::vector<Figure>{};
+        }
+        Crowd crowd(kWatched);
+        crowd.GrowTo(kProcesses);
+        const double manager = MeasureManager();
+        const double monit = MeasureMonit();
+        std::printf("processor time of 30 s: %.1f ms, monit %.1f ms: %.0f times less\n", manager * 1000,
+                    monit * 1000, monit / manager);
+        return std::vector<Figure>{{"processor time of 30 s, 50 checks of 2000 processes : 1/50 of monit's",
+                                    manager / monit * 50, 1, ""}};
+    });
+}
+
+}  // namespace KITE::Benchmarks
