@@ -34,7 +34,6 @@ using Clock = std::chrono::steady_clock;
 constexpr int kThreads = 16;
 constexpr int kRounds = 200;
 constexpr const char* kName = "burner";
-constexpr milliseconds kLimit{1000};
 
 void Require(bool isDone, const char* what) {
     if (!isDone) {
