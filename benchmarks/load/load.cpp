@@ -118,8 +118,8 @@ class Reports {
                 info.id = sent_++;
             }
             refused_ += manager_.Report(batch_) == 0 ? 0 : 1;
-            // What cannot be kept up with is not caught up with.
-            next = std::max(next, Clock::now() - kBatchPeriod);
+            // A second's lag is caught up with, more is not.
+            next = std::max<Clock::time_point>(next, Clock::now() - std::chrono::seconds(1));
         }
     }
     int32_t Sent() const { return sent_; }
