@@ -1,77 +1,54 @@
 #include "parcel.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace KITE {
 
-namespace {
-
-constexpr size_t kAlignment = 4;
-
-constexpr size_t PaddingOf(size_t size) {
-    return (kAlignment - size % kAlignment) % kAlignment;
+Parcel::Parcel(std::span<const std::byte> bytes)
+    : own_(std::make_unique_for_overwrite<std::byte[]>(bytes.size())),
+      begin_(own_.get()),
+      capacity_(bytes.size()),
+      size_(bytes.size()) {
+    std::copy(bytes.begin(), bytes.end(), own_.get());
 }
 
-}  // namespace
-
-bool Parcel::HasRoomFor(size_t size) const {
-    return bytes_.size() <= kMaxSize && size <= kMaxSize - bytes_.size();
+Parcel::Parcel(Parcel&& other) {
+    if (other.own_ != nullptr || other.size_ == 0) {
+        Swap(other);
+    } else {
+        Parcel copy(std::as_const(other));
+        Swap(copy);
+    }
 }
 
-bool Parcel::Append(const void* data, size_t size) {
-    const size_t padded = size + PaddingOf(size);
-    if (!HasRoomFor(padded)) {
+void Parcel::Swap(Parcel& other) noexcept {
+    own_.swap(other.own_);
+    std::swap(begin_, other.begin_);
+    std::swap(capacity_, other.capacity_);
+    std::swap(size_, other.size_);
+    std::swap(position_, other.position_);
+}
+
+void Parcel::Reserve(size_t bytes) {
+    const size_t capacity = std::min(bytes, kMaxSize);
+    if (capacity <= capacity_) {
+        return;
+    }
+    auto larger = std::make_unique_for_overwrite<std::byte[]>(capacity);
+    std::copy_n(begin_, size_, larger.get());
+    own_ = std::move(larger);
+    begin_ = own_.get();
+    capacity_ = capacity;
+}
+
+bool Parcel::Grow(size_t size) {
+    if (size > kMaxSize || size_ > kMaxSize - size) {
         return false;
     }
-    const size_t at = bytes_.size();
-    bytes_.resize(at + padded);
-    if (size != 0) {
-        std::memcpy(bytes_.data() + at, data, size);
-    }
+    constexpr size_t kUsual = 256;
+    Reserve(std::clamp(2 * capacity_ + kUsual, size_ + size, kMaxSize));
     return true;
-}
-
-bool Parcel::AppendCounted(size_t count, const void* data, size_t size) {
-    if (size > kMaxSize || !HasRoomFor(sizeof(uint32_t) + size + PaddingOf(size))) {
-        return false;
-    }
-    return WriteUint32(static_cast<uint32_t>(count)) && Append(data, size);
-}
-
-bool Parcel::WriteInt32(int32_t value) {
-    return Append(&value, sizeof(value));
-}
-
-bool Parcel::WriteUint32(uint32_t value) {
-    return Append(&value, sizeof(value));
-}
-
-bool Parcel::WriteInt64(int64_t value) {
-    return Append(&value, sizeof(value));
-}
-
-bool Parcel::WriteUint64(uint64_t value) {
-    return Append(&value, sizeof(value));
-}
-
-bool Parcel::WriteString(std::string_view value) {
-    return AppendCounted(value.size(), value.data(), value.size());
-}
-
-bool Parcel::WriteString16(std::u16string_view value) {
-    return AppendCounted(value.size(), value.data(), value.size() * sizeof(char16_t));
-}
-
-bool Parcel::WriteInt32Vector(const std::vector<int32_t>& values) {
-    return AppendCounted(values.size(), values.data(), values.size() * sizeof(int32_t));
-}
-
-bool Parcel::WriteUInt32Vector(const std::vector<uint32_t>& values) {
-    return AppendCounted(values.size(), values.data(), values.size() * sizeof(uint32_t));
-}
-
-bool Parcel::WriteUInt64Vector(const std::vector<uint64_t>& values) {
-    return AppendCounted(values.size(), values.data(), values.size() * sizeof(uint64_t));
 }
 
 bool Parcel::Take(void* data, size_t size) {
@@ -79,7 +56,7 @@ bool Parcel::Take(void* data, size_t size) {
         return false;
     }
     if (size != 0) {
-        std::memcpy(data, bytes_.data() + position_, size);
+        std::memcpy(data, begin_ + position_, size);
     }
     position_ += size + PaddingOf(size);
     return true;
