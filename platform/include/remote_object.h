@@ -23,8 +23,9 @@ inline constexpr int32_t ERR_REFUSED = -1014;
 // An object that can be called from another process: either the local stub or a proxy of a remote one.
 class KITE_API IRemoteObject : public virtual RefBase {
   public:
-    // Calls the object and waits for its reply (Mode::kSync) or only hands the call over (kAsync). Any thread
-    // but the one that serves requests. Returns the call's status.
+    // Calls the object and waits for its reply (Mode::kSync) or only hands the call over (kAsync). What the
+    // request holds afterwards is not defined. Any thread but the one that serves requests. Returns the
+    // call's status.
     virtual int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                                 MessageOption& option) = 0;
     // Writes a report of the object's state to the descriptor, which stays the caller's.

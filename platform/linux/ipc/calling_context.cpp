@@ -1,5 +1,7 @@
 #include "ipc/calling_context.h"
 
+#include <utility>
+
 #include "ipc/ability_names.h"
 #include "ipc/bus.h"
 #include "runtime/access_tokens.h"
@@ -10,24 +12,31 @@ namespace Linux {
 
 namespace {
 
-thread_local const Caller* currentCaller = nullptr;
+thread_local CallingScope* current = nullptr;
 
 }  // namespace
 
-CallingScope::CallingScope(const Caller& caller) noexcept : outer_(currentCaller) {
-    currentCaller = &caller;
+CallingScope::CallingScope(const Caller& caller, Answer answer) noexcept
+    : caller_(caller), answer_(std::move(answer)), outer_(current) {
+    current = this;
 }
 
 CallingScope::~CallingScope() {
-    currentCaller = outer_;
+    current = outer_;
 }
 
 std::string CallerName() {
-    return currentCaller == nullptr ? std::string() : currentCaller->name;
+    return current == nullptr ? std::string() : current->caller_.name;
 }
 
 std::optional<uid_t> CallerUid() {
-    return currentCaller == nullptr ? std::nullopt : currentCaller->uid;
+    return current == nullptr ? std::nullopt : current->caller_.uid;
+}
+
+void AnswerNow(int32_t status) {
+    if (current != nullptr && current->answer_) {
+        current->answer_(status);
+    }
 }
 
 bool CallerOwnsAbility(int32_t abilityId) {

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <deque>
+#include <functional>
 #include <span>
 #include <utility>
 
@@ -233,14 +234,20 @@ void ObjectServer::Run(const RequestPtr& request) {
 
 void ObjectServer::Transact(const RequestPtr& request) {
     MessageParcel reply;
+    bool isAnswered = false;
+    const auto answerOnce = [&](int32_t status) {
+        if (!std::exchange(isAnswered, true)) {
+            Reply(request, status, &reply);
+        }
+    };
     int32_t status = ERR_REFUSED;
     RunGuarded("a request's handler", [&] {
-        MessageParcel data(std::vector<std::byte>(request->payload.begin(), request->payload.end()));
+        MessageParcel data(Parcel::InPlace{request->payload});
         MessageOption option;
-        const CallingScope scope(request->caller);
+        const CallingScope scope(request->caller, std::ref(answerOnce));
         status = request->served->object->OnRemoteRequest(request->code, data, reply, option);
     });
-    Reply(request, status, &reply);
+    answerOnce(status);
 }
 
 // The worker gets what it needs by value; the message stays here, since its count of references is not

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <memory>
+#include <span>
 #include <utility>
 
 #include "ipc/bus.h"
@@ -42,7 +43,7 @@ Answer ReadAnswer(int32_t status, sd_bus_message* message) {
         return {ERR_REFUSED, {}};
     }
     const auto* first = static_cast<const std::byte*>(bytes);
-    return {status, MessageParcel(std::vector<std::byte>(first, first + size))};
+    return {status, MessageParcel(std::span(first, size))};
 }
 
 bool AppendArguments(sd_bus_message* message, const std::vector<std::u16string>& args) {
@@ -73,14 +74,14 @@ RemoteProxy::RemoteProxy(std::string busName, std::string path)
 int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                                  MessageOption& option) {
     if (option.GetMode() == MessageOption::Mode::kAsync) {
-        SendRequestAsync(code, data, [](int32_t, MessageParcel&) {});
+        SendRequestAsync(code, std::move(data), [](int32_t, MessageParcel&) {});
         return ERR_NONE;
     }
     if (!MayWait(*this)) {
         return ERR_REFUSED;
     }
     const auto outcome = std::make_shared<Outcome<Answer>>();
-    SendRequestAsync(code, data, [outcome](int32_t status, MessageParcel& parcel) {
+    SendRequestAsync(code, std::move(data), [outcome](int32_t status, MessageParcel& parcel) {
         outcome->Set({status, std::move(parcel)});
     });
     std::optional<Answer> answer = outcome->WaitFor(kCallTimeout);
@@ -91,19 +92,20 @@ int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParc
     return answer->status;
 }
 
-void RemoteProxy::SendRequestAsync(uint32_t code, const MessageParcel& data, Done done) {
+void RemoteProxy::SendRequestAsync(uint32_t code, MessageParcel data, Done done) {
     if (data.Bytes().size() > kMaxParcelSize) {
         PLATFORM_LOGE("a request of %{public}lu bytes to %{public}s is above what the bus carries",
                       data.Bytes().size(), path_.c_str());
         FailOnServingThread(ERR_TOO_LARGE, std::move(done));
         return;
     }
-    auto bytes = std::make_shared<const std::vector<std::byte>>(data.Bytes().begin(), data.Bytes().end());
-    auto send = [busName = busName_, path = path_, code, bytes, done] {
+    const auto request = std::make_shared<const MessageParcel>(std::move(data));
+    auto send = [busName = busName_, path = path_, code, request, done] {
+        const std::span<const std::byte> bytes = request->Bytes();
         Bus& bus = Bus::Instance();
         MessageHandle call = bus.NewCall(busName, path, kAbilityInterface, "Transact");
         const bool isFilled = call && sd_bus_message_append(call.get(), "u", code) >= 0 &&
-                              sd_bus_message_append_array(call.get(), 'y', bytes->data(), bytes->size()) >= 0;
+                              sd_bus_message_append_array(call.get(), 'y', bytes.data(), bytes.size()) >= 0;
         bus.Call(isFilled ? std::move(call) : nullptr, [done](int32_t status, sd_bus_message* message) {
             Answer answer = ReadAnswer(status, message);
             done(answer.status, answer.reply);

@@ -21,15 +21,16 @@ class KITE_API RemoteProxy : public IRemoteObject {
 
     RemoteProxy(std::string busName, std::string path);
 
-    // Any thread but the serving one, which would wait for itself and is refused at once.
+    // Takes the request's bytes: the parcel is empty afterwards. Any thread but the serving one, which would
+    // wait for itself and is refused at once.
     int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                         MessageOption& option) override;
     // Waits for the dump. Threads as above.
     int32_t Dump(int fd, const std::vector<std::u16string>& args) override;
 
-    // Sends the request, whose bytes are copied, and returns. `done` runs exactly once, on the serving thread
+    // Sends the request and returns. `done` runs exactly once, on the serving thread
     // (on the calling one when there is none any more). Any thread.
-    void SendRequestAsync(uint32_t code, const MessageParcel& data, Done done);
+    void SendRequestAsync(uint32_t code, MessageParcel data, Done done);
 
     const std::string& BusName() const noexcept { return busName_; }
     const std::string& Path() const noexcept { return path_; }

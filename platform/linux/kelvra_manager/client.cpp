@@ -68,7 +68,7 @@ KelvraManagerClient& KelvraManagerClient::GetInstance() {
 int32_t KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas) {
     constexpr size_t kHeaderBytes = 256;
     MessageParcel data;
-    data.Reserve(kHeaderBytes + Linux::RecordListBytes(quotas));
+    data.Reserve(kHeaderBytes + Linux::UsualListBytes<ResQuotaInfo>(quotas.size()));
     if (!data.WriteInterfaceToken(Protocol::kManagerDescriptor) || !data.WriteInt32(reserved) ||
         !Linux::WriteRecordList(quotas, data)) {
         PLATFORM_LOGE("%{public}lu quotas are too many for one message", quotas.size());

@@ -62,11 +62,15 @@ void ManagerStub::WarnOfRefusal(uint32_t code) {
     }
 }
 
+// To read 80,000 quotas and find the processes' rules in them takes several times as long as their way here,
+// and who sent them need not wait for it. Further requests do, so they find the quotas in force.
 int32_t ManagerStub::SetProcessQuota(MessageParcel& data) {
     int32_t reserved = 0;
+    if (data.ReadInt32(reserved) && IsQuotaList(data.Bytes().last(data.ReadableBytes()))) {
+        AnswerNow(ERR_NONE);
+    }
     std::vector<Kelvra::ResQuotaInfo> quotas;
-    const std::string fault =
-        data.ReadInt32(reserved) ? ReadRecordList(data, quotas) : std::string("nothing in it");
+    const std::string fault = ReadRecordList(data, quotas);
     if (!fault.empty()) {
         PLATFORM_LOGE("a list of quotas is refused: %{public}s", fault.c_str());
         return KelvraProtocol::kBadQuotaList;

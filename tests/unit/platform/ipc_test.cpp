@@ -274,16 +274,17 @@ TEST_F(Ipc, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
     int32_t number = 0;
     const int32_t sent = 41;
     bool isDone = false;
-    peer.Send(self, 7, {reinterpret_cast<const char*>(&sent), sizeof(sent)}, [&](sd_bus_message* reply) {
+    size_t size = 0;
+    const auto take = [&](sd_bus_message* reply) {
         const void* bytes = nullptr;
-        size_t size = 0;
         sd_bus_message_read(reply, "i", &status);
         sd_bus_message_read_array(reply, 'y', &bytes, &size);
         MessageParcel parcel(std::vector<std::byte>(static_cast<const std::byte*>(bytes),
                                                     static_cast<const std::byte*>(bytes) + size));
         parcel.ReadInt32(number);
         isDone = true;
-    });
+    };
+    peer.Send(self, 7, {reinterpret_cast<const char*>(&sent), sizeof(sent)}, take);
     ASSERT_TRUE(peer.WaitUntil([&] { return isDone; }));
     EXPECT_EQ(status, 7);
     EXPECT_EQ(number, 42);
@@ -295,6 +296,18 @@ TEST_F(Ipc, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
     EXPECT_EQ(CallerName(), "");
     EXPECT_EQ(CallerUid(), std::nullopt);
     EXPECT_EQ(IPCSkeleton::GetCallingTokenID(), 0U);
+
+    recorder->onRequest = [](MessageParcel& reply) {
+        AnswerNow(reply.WriteInt32(43) ? 9 : 0);
+        AnswerNow(10);
+        return reply.WriteInt32(44) ? 11 : 0;
+    };
+    isDone = false;
+    peer.Send(self, 7, {}, take);
+    ASSERT_TRUE(peer.WaitUntil([&] { return isDone; }));
+    EXPECT_EQ(status, 9) << "the first answer counts";
+    EXPECT_EQ(number, 43);
+    EXPECT_EQ(size, sizeof(number));
 }
 
 TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot) {

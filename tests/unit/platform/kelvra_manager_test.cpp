@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -552,6 +553,28 @@ TEST_F(RealProcesses, BusyThreadsAreMeasuredInPercentOfOneCore) {
     ASSERT_NE(own, reports.end());
     EXPECT_LE(own->info.resource, 101);
     EXPECT_GE(static_cast<double>(own->info.resource), 20.0 / wholeSeconds * 0.8);
+}
+
+TEST(QuotaList, IsToldByItsLengthsAsItIsByReadingIt) {
+    MessageParcel list;
+    ASSERT_TRUE(WriteRecordList<Kelvra::ResQuotaInfo>({Quota("some_daemon", "io", 1, 2), {}}, list));
+    ASSERT_TRUE(IsQuotaList(list.Bytes()));
+    list.WriteInt32(0);
+    for (size_t size = 0; size <= list.Bytes().size(); ++size) {
+        std::vector<std::byte> bytes(list.Bytes().begin(),
+                                     list.Bytes().begin() + static_cast<ptrdiff_t>(size));
+        const auto expectAgreement = [&] {
+            MessageParcel parcel(bytes);
+            std::vector<Kelvra::ResQuotaInfo> quotas;
+            EXPECT_EQ(IsQuotaList(bytes), ReadRecordList(parcel, quotas).empty()) << size;
+        };
+        expectAgreement();
+        for (size_t word = 0; word + sizeof(uint32_t) <= size; word += sizeof(uint32_t)) {
+            std::memset(&bytes[word], 0xFF, sizeof(uint32_t));
+            expectAgreement();
+            std::memcpy(&bytes[word], &list.Bytes()[word], sizeof(uint32_t));
+        }
+    }
 }
 
 TEST(Reporter, SendsBatchesOfBoundedSizeAndKnowsWhatIsOnItsWay) {
