@@ -49,7 +49,6 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
   private:
     using Info = Kelvra::ProcessAnomalyInfo;
     using History = std::queue<DumpInfo>;
-    using Payload = std::unordered_map<std::string, std::string>;
 
     void HandleAbnormalProcess(const Info& info, int32_t generalType);
     bool IsExemptBgContinuousTask(const Info& info);
@@ -63,7 +62,7 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
     bool CheckWhetherSuppressRequired(const Info& info);
     bool CheckProcessStatus(const Info& info);
     void ReportSuppressProcessInfo(const Info& info);
-    void EndSuppression(const Payload& payload, const std::string& processName);
+    void EndSuppression(const std::string& processName, const CpuLimitInfo& suppressed);
     // False when the process was frozen already and the next stage is due; also true for a process that
     // another batch has just killed.
     bool ReportFreezeProcessInfo(const Info& info);

@@ -299,18 +299,19 @@ void ResourceQuotaControlImpl::ReportSuppressProcessInfo(const Info& info) {
         RQC_LOGD("process not exit, processName: %{public}s", info.processName.c_str());
         return;
     }
-    Payload payload = CpuLimitPayload(info.processName, *entry);
-    Report(kSuppressionStarts, payload);
+    Report(kSuppressionStarts, CpuLimitPayload(info.processName, *entry));
     MarkCpuLimitInfo(info.processName, entry->pid, &CpuLimitInfo::isSuppressed);
     RQC_LOGI("process enter suppress, processName: %{public}s, uid: %{public}d,pid: %{public}d",
              info.processName.c_str(), entry->uid, entry->pid);
-    SubmitTask([self = shared_from_this(), payload = std::move(payload),
-                processName = info.processName] { self->EndSuppression(payload, processName); },
+    // The payload is made again at the end: to keep thousands of them costs more than to make them.
+    SubmitTask([self = shared_from_this(), entry = *entry,
+                processName = info.processName] { self->EndSuppression(processName, entry); },
                {.name = "ReportSuppressProcessInfo", .delay = kSuppressionTime});
 }
 
-void ResourceQuotaControlImpl::EndSuppression(const Payload& payload, const std::string& processName) {
-    Report(kSuppressionEnds, payload);
+void ResourceQuotaControlImpl::EndSuppression(const std::string& processName,
+                                              const CpuLimitInfo& suppressed) {
+    Report(kSuppressionEnds, CpuLimitPayload(processName, suppressed));
     CpuLimitInfo ended;
     {
         // A process that was killed meanwhile has no entry; it gets one that names nobody.
@@ -332,7 +333,7 @@ bool ResourceQuotaControlImpl::ReportFreezeProcessInfo(const Info& info) {
     if (entry->isFrozen) {
         return false;
     }
-    Payload payload = CpuLimitPayload(info.processName, *entry);
+    auto payload = CpuLimitPayload(info.processName, *entry);
     payload.emplace("freezeTime", kFreezeTimeMs);
     Report(kFreeze, payload);
     RQC_LOGI("process is freezed, processName: %{public}s, uid: %{public}d,pid: %{public}d",

@@ -383,7 +383,9 @@ std::map<std::string, int32_t> ResPolicyManager::GetExtensionRunningTime() {
     std::map<std::string, int32_t> runningTimes;
     for (const auto& [name, processQuotas] : processQuotasMap_) {
         if (processQuotas && processQuotas->runningTime >= 1) {
-            runningTimes.emplace(processQuotas->processName, processQuotas->runningTime);
+            // The names come in their order.
+            runningTimes.emplace_hint(runningTimes.end(), processQuotas->processName,
+                                      processQuotas->runningTime);
         }
     }
     return runningTimes;
