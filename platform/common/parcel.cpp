@@ -13,7 +13,7 @@ Parcel::Parcel(std::span<const std::byte> bytes)
     std::copy(bytes.begin(), bytes.end(), own_.get());
 }
 
-Parcel::Parcel(Parcel&& other) {
+Parcel::Parcel(Parcel&& other) noexcept {
     if (other.own_ != nullptr || other.size_ == 0) {
         Swap(other);
     } else {

@@ -43,7 +43,7 @@ class KITE_API Parcel {
     explicit Parcel(InPlace bytes) noexcept
         : begin_(bytes.bytes.data()), capacity_(bytes.bytes.size()), size_(bytes.bytes.size()) {}
     Parcel(const Parcel& other) : Parcel(other.Bytes()) { position_ = other.position_; }
-    Parcel(Parcel&& other);
+    Parcel(Parcel&& other) noexcept;  // without memory for what is in place the process ends
     Parcel& operator=(Parcel other) noexcept {
         Swap(other);
         return *this;

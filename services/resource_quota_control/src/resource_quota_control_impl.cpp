@@ -58,10 +58,12 @@ bool LiesIn(uint32_t condition, int32_t current) {
 
 std::unordered_map<std::string, std::string> CpuLimitPayload(const std::string& processName,
                                                              const CpuLimitInfo& entry) {
-    return {{"processName", processName},
-            {"uid", std::to_string(entry.uid)},
-            {"pid", std::to_string(entry.pid)},
-            {"extType", kCpuLimitExtension}};
+    std::unordered_map<std::string, std::string> payload(4);
+    payload.emplace("processName", processName);
+    payload.emplace("uid", std::to_string(entry.uid));
+    payload.emplace("pid", std::to_string(entry.pid));
+    payload.emplace("extType", kCpuLimitExtension);
+    return payload;
 }
 
 void Report(int64_t value, const std::unordered_map<std::string, std::string>& payload) {
