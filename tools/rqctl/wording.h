@@ -5,8 +5,8 @@
 
 namespace KITE::Rqctl {
 
-// Whether a number can be a moment in milliseconds since the epoch: later ones than the year 9999 come from no
-// clock.
+// Whether a number can be a moment in milliseconds since the epoch: later ones than the year 9999 come from
+// no clock.
 bool IsMoment(int64_t time);
 
 // A moment in milliseconds since the epoch, in local time: "2026-11-21 03:12:04.123".
