@@ -19,7 +19,7 @@ namespace {
 
 constexpr size_t kBatch = 100;
 
-// Reports that a process has written too much, by a rule that asks for a warning while the screen is off.
+// Reports that a process has written too much, by a rule that asks for a warning.
 Kelvra::ProcessAnomalyInfo Report(int32_t pid) {
     Kelvra::ProcessAnomalyInfo info;
     info.duration = 60;
@@ -28,16 +28,13 @@ Kelvra::ProcessAnomalyInfo Report(int32_t pid) {
     info.pid = pid;
     info.id = 1234;
     info.action = "warning";
-    info.resType = getenv("RES") ? getenv("RES") : "io";
+    info.resType = "io";
     info.processName = "kite_service_benchmarks";
-    if (getenv("COND"))
-        info.conditions = {8};
     return info;
 }
 
 void HandleByService(benchmark::State& state) {
     Fake::Platform& platform = Fake::Platform::Get();
-    platform.isScreenOn = false;
     platform.loadFile = [](const std::string& path, std::string& content) {
         return Linux::ReadWholeFile(path, content) == 0;
     };
