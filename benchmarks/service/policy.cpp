@@ -162,8 +162,6 @@ std::vector<Figure> MemoryFigures() {
     const QuotaLayer layer(QuotaText(kLarge));
     const Memory parse = MemoryOf("parse", layer);
     const Memory load = MemoryOf("init", layer);
-    std::fprintf(stderr, "parse %ld %ld %ld init %ld %ld %ld\n", parse.peak, parse.after, parse.live,
-                 load.peak, load.after, load.live);
     return {{"peak memory of Init : of the parse",
              static_cast<double>(load.peak) / static_cast<double>(parse.peak), 1.3, ""},
             {"memory kept after Init : live objects",
