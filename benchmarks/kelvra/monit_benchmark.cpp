@@ -38,7 +38,7 @@ std::string WriteMonitConfiguration(const std::string& directory) {
                 "  if cpu > 90% for 10 cycles then alert\n"
                 "  if disk write rate > 100 MB/s for 10 cycles then alert\n";
     }
-    const std::string path = directory + "/monitrc";
+    std::string path = directory + "/monitrc";
     Integration::WriteWholeFile(path, text, 0600);
     return path;
 }

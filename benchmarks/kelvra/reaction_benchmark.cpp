@@ -144,6 +144,7 @@ std::vector<Figure> MeasureReaction() {
     }
     std::map<pid_t, nanoseconds> sightings = ReadSightings(system);
     std::vector<double> reactions;
+    reactions.reserve(deaths.size());
     for (const auto& [pid, death] : deaths) {
         reactions.push_back(Microseconds(death - sightings.at(pid)));
     }

@@ -190,23 +190,23 @@ bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& proc
 const char* ResPolicyManager::ParseProcessEntry(json entry, ProcessQuotasMap& processQuotas,
                                                 InheritMap& inherit) {
     const auto record = std::make_shared<ProcessQuotas>();
-    if (!JsonUtil::GetStringFromJsonObj(entry, "process_name", record->processName)) {
+    json& spent = spent_.emplace_back(std::move(entry));
+    if (!JsonUtil::GetStringFromJsonObj(spent, "process_name", record->processName)) {
         return "process_name";
     }
     std::string parent;
-    if (!JsonUtil::GetStringFromJsonObj(entry, "inherit", parent)) {
+    if (!JsonUtil::GetStringFromJsonObj(spent, "inherit", parent)) {
         return "inherit";
     }
     if (!parent.empty()) {
         inherit.emplace(record->processName, std::move(parent));
     }
     json quotas;
-    if (!JsonUtil::GetObjFromJsonObj(std::move(entry), "process_quotas", quotas) ||
+    if (!JsonUtil::GetObjFromJsonObj(std::move(spent), "process_quotas", quotas) ||
         !ParseProcessQuotas(std::move(quotas), record)) {
         return "process_quotas";
     }
     processQuotas[record->processName] = record;
-    spent_.push_back(std::move(entry));
     return nullptr;
 }
 
