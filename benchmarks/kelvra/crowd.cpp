@@ -1,23 +1,15 @@
 #include "kelvra/crowd.h"
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <stdexcept>
 
+#include "descriptor_limit.h"
+
 namespace KITE::Benchmarks {
 
 namespace {
-
-// Each member costs a pidfd.
-void RaiseDescriptorLimit() {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
 
 std::string RuleList(const std::string& type, const std::string& limit) {
     return '"' + type +

@@ -1,7 +1,6 @@
 #include "sleepers.h"
 
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,16 +8,11 @@
 #include <csignal>
 #include <utility>
 
+#include "descriptor_limit.h"
+
 namespace KITE::Benchmarks {
 
 namespace {
-
-void RaiseDescriptorLimit() {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
 
 [[noreturn]] void Sleep(pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -66,7 +66,6 @@ class ResPolicyManager {
 
     // Loads, merges and publishes, and gives back the memory that took; the caller holds the mutex.
     bool Init(const std::vector<std::string>& files);
-    bool Load(const std::vector<std::string>& files);
     bool LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state);
 
     // Merges what no further file will look at: it is moved.

@@ -104,22 +104,17 @@ bool ResPolicyManager::InitFromFiles(const std::vector<std::string>& files) {
 }
 
 bool ResPolicyManager::Init(const std::vector<std::string>& files) {
-    isConfigInit_ = Load(files);
+    {
+        MergeState state;
+        const bool isLoaded = LoadAndMergeFiles(files, state);
+        isConfigInit_ = isLoaded && HandleInheritInfo(state.mergedQuotas, state.mergedInherit);
+        if (isLoaded && !isConfigInit_) {
+            RQC_LOGE("Merge quota config failed!");
+        }
+    }
     FreeSpent();
     GiveMemoryBack();
     return isConfigInit_;
-}
-
-bool ResPolicyManager::Load(const std::vector<std::string>& files) {
-    MergeState state;
-    if (!LoadAndMergeFiles(files, state)) {
-        return false;
-    }
-    if (!HandleInheritInfo(state.mergedQuotas, state.mergedInherit)) {
-        RQC_LOGE("Merge quota config failed!");
-        return false;
-    }
-    return true;
 }
 
 void ResPolicyManager::FreeSpent() {
