@@ -48,11 +48,12 @@ double SecondsOfCpu(const char* who, const Process& process) {
     Linux::Sampling::BirthCounter births;
     std::this_thread::sleep_for(kUntilSteady);
     const auto before = process.CpuTime();
-    const int64_t bornBefore = births.Read().value_or(0);
+    const int64_t bornBefore = births.Read().value_or(Linux::Sampling::Births{}).count;
     std::this_thread::sleep_for(kTime);
     const double used = std::chrono::duration<double>(process.CpuTime() - before).count();
     std::printf("%s: %.1f ms of processor time in %ld s, in which the machine gave birth to %ld\n", who,
-                used * 1000, static_cast<long>(kTime.count()), births.Read().value_or(0) - bornBefore);
+                used * 1000, static_cast<long>(kTime.count()),
+                births.Read().value_or(Linux::Sampling::Births{}).count - bornBefore);
     return used;
 }
 

@@ -8,12 +8,15 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "kelvra_manager/proc_parse.h"
 
 namespace KITE::Linux::Sampling {
 
 namespace {
+
+constexpr int64_t kMostPid = 1 << 22;  // the kernel's own limit
 
 // 0 for a name that is no pid.
 pid_t PidOf(const char* name) {
@@ -51,12 +54,13 @@ ReadText ReadProcFileOnce(pid_t pid, const char* name, std::span<char> buffer) {
     return file ? ReadProcFile(file, buffer) : ReadText{{}, errno};
 }
 
-std::optional<int64_t> BirthCounter::Read() {
+std::optional<Births> BirthCounter::Read() {
     // Several kilobytes of interrupt counters, more on larger machines, come before it.
     constexpr size_t kFirstSize = 16384;
     constexpr size_t kLargestSize = 1 << 20;
     if (!stat_) {
         stat_ = UniqueFd(open("/proc/stat", O_RDONLY | O_CLOEXEC));
+        loadavg_ = UniqueFd(open("/proc/loadavg", O_RDONLY | O_CLOEXEC));
         buffer_.resize(kFirstSize);
     }
     ReadText stat = ReadProcFile(stat_, buffer_);
@@ -64,27 +68,40 @@ std::optional<int64_t> BirthCounter::Read() {
         buffer_.resize(buffer_.size() * 2);
         stat = ReadProcFile(stat_, buffer_);
     }
-    return NumberOfLine(stat.text, "processes");
+    const std::optional<int64_t> count = NumberOfLine(stat.text, "processes");
+    const std::optional<int64_t> newest = NewestPidOf(ReadProcFile(loadavg_, buffer_).text);
+    if (!count || !newest || *newest > kMostPid) {
+        return std::nullopt;
+    }
+    return Births{*count, static_cast<pid_t>(*newest)};
 }
 
-bool ProcessList::ForEach(const std::function<void(pid_t, ino_t)>& visit) {
+bool ProcessList::ForEach(pid_t after, pid_t newest, const std::function<void(pid_t, ino_t)>& visit) {
     if (!directory_) {
         directory_ = UniqueFd(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     }
-    if (!directory_ || lseek(directory_.Get(), 0, SEEK_SET) != 0) {
+    off_t offset = place_.pid <= after ? place_.offset : 0;
+    if (!directory_ || lseek(directory_.Get(), offset, SEEK_SET) != offset) {
         return false;
     }
-    pid_t last = 0;
+    pid_t last = after;
     ssize_t length = 0;
     while ((length = getdents64(directory_.Get(), entries_.data(), entries_.size())) > 0) {
         for (ssize_t at = 0; at < length;) {
             const auto* entry = reinterpret_cast<const dirent64*>(&entries_[static_cast<size_t>(at)]);
             at += entry->d_reclen;
+            const off_t ownOffset = std::exchange(offset, entry->d_off);
             const pid_t pid = PidOf(entry->d_name);
-            if (pid > last) {
-                last = pid;
-                visit(pid, entry->d_ino);
+            if (pid <= last) {
+                continue;
             }
+            if (pid <= newest) {
+                place_ = {pid, ownOffset};
+            } else if (after > 0) {
+                return true;
+            }
+            last = pid;
+            visit(pid, entry->d_ino);
         }
     }
     return length == 0;

@@ -38,14 +38,24 @@ ReadText ReadProcFile(const UniqueFd& file, std::span<char> buffer, off_t offset
 // Opens, reads and closes.
 ReadText ReadProcFileOnce(pid_t pid, const char* name, std::span<char> buffer);
 
-// How many processes and threads the machine has given birth to since it started.
+// What the machine has given birth to, processes and threads.
+struct Births {
+    int64_t count = 0;  // since it started
+    pid_t newest = 0;   // the pid that was given away last
+
+    // Whether all that were born since then have pids in (then.newest, newest]. Pids are given away upwards,
+    // skipping those in use; once they began again at the low end, fewer lie between than were born.
+    bool AreAllAbove(const Births& then) const noexcept { return count - then.count <= newest - then.newest; }
+};
+
 class BirthCounter {
   public:
     // Absent when that cannot be known.
-    std::optional<int64_t> Read();
+    std::optional<Births> Read();
 
   private:
     UniqueFd stat_;
+    UniqueFd loadavg_;
     std::vector<char> buffer_;
 };
 
@@ -53,12 +63,20 @@ class BirthCounter {
 class ProcessList {
   public:
     // Calls back for each, in the order of their pids, which is that of /proc: its pid and the number of its
-    // inode in /proc, which changes when the pid is given to another process. False, with errno set, when
-    // /proc cannot be read (to its end).
-    bool ForEach(const std::function<void(pid_t, ino_t)>& visit);
+    // inode in /proc, which changes when the pid is given to another process. With `after` above 0 only those
+    // in (after, newest], for the cost of these alone when `after` is the `newest` of the call before. False,
+    // with errno set, when /proc cannot be read (to its end).
+    bool ForEach(pid_t after, pid_t newest, const std::function<void(pid_t, ino_t)>& visit);
 
   private:
+    // Where in the directory a process stands; reading from there on gives it and those after it.
+    struct Place {
+        pid_t pid = 0;
+        off_t offset = 0;
+    };
+
     UniqueFd directory_;
+    Place place_;  // of the last one that was seen and not above `newest`
     alignas(8) std::array<char, 32768> entries_;
 };
 

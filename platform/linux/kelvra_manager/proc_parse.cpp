@@ -76,6 +76,10 @@ std::optional<int64_t> ResidentPagesOf(std::string_view statm) {
     return NumberOfField(statm, 1);
 }
 
+std::optional<int64_t> NewestPidOf(std::string_view loadavg) {
+    return NumberOfField(loadavg, 4);
+}
+
 std::optional<int64_t> NumberOfLine(std::string_view text, std::string_view key) {
     while (!text.starts_with(key)) {
         const size_t lineEnd = text.find('\n');

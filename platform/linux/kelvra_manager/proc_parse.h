@@ -36,6 +36,8 @@ std::string Printable(std::string_view text);
 std::optional<int64_t> StartTimeOf(std::string_view stat);
 // Resident pages: field 2 of "statm".
 std::optional<int64_t> ResidentPagesOf(std::string_view statm);
+// The pid that was given away last: field 5 of "loadavg".
+std::optional<int64_t> NewestPidOf(std::string_view loadavg);
 // The first number of the line that begins with the key, colon included ("write_bytes:", "Pss:", "Uid:").
 std::optional<int64_t> NumberOfLine(std::string_view text, std::string_view key);
 

@@ -28,7 +28,7 @@ void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
         return;
     }
     known_.clear();
-    listedAt_.reset();
+    listed_.reset();
     watchedCount_ = 0;
     warned_ = {};
     book_ = book;
@@ -51,27 +51,32 @@ std::vector<Report> ProcessTable::Sample(TimePoint at,
     return reports;
 }
 
-// Without a birth since the last listing there is nobody to be found. Who has gone is then noticed when it is
-// measured or checked.
+// Without a birth since the last listing there is nobody to be found, and after a few births only those. Who
+// has gone is then noticed when it is measured or checked. A listing of everything now and then finds also
+// who got a pid below its turn, and who had a pid but was not to be seen yet.
 void ProcessTable::FindProcesses() {
-    const std::optional<int64_t> births = births_.Read();
-    if (!births || births != listedAt_) {
-        listedAt_ = births;
-        ListProcesses();
+    const std::optional<Births> births = births_.Read();
+    const bool isWholeDue = !births || !listed_ || (isListedInPart_ && sample_ % kCheckPeriod == 0);
+    if (!isWholeDue && births->count == listed_->count) {
+        return;
     }
+    isListedInPart_ = !isWholeDue && births->AreAllAbove(*listed_);
+    const pid_t after = isListedInPart_ ? listed_->newest : 0;
+    listed_ = births;
+    ListProcesses(after, births ? births->newest : 0);
 }
 
 // The listing comes in the order of the pids, as known_ is kept: one walk through both.
-void ProcessTable::ListProcesses() {
+void ProcessTable::ListProcesses(pid_t after, pid_t newest) {
     constexpr ino_t kGone = 0;
-    auto known = known_.begin();
+    auto known = std::ranges::upper_bound(known_, after, {}, &Known::pid);
     const auto dropUpTo = [&](pid_t pid) {
         for (; known != known_.end() && known->pid < pid; ++known) {
             Forget(*known);
             known->inode = kGone;
         }
     };
-    const bool isListed = processes_.ForEach([&](pid_t pid, ino_t inode) {
+    const bool isListed = processes_.ForEach(after, newest, [&](pid_t pid, ino_t inode) {
         dropUpTo(pid);
         const bool isKnown = known != known_.end() && known->pid == pid;
         if (isKnown && known->inode == inode) {
@@ -82,10 +87,10 @@ void ProcessTable::ListProcesses() {
         born_.emplace_back(pid, inode);
     });
     if (isListed) {
-        dropUpTo(std::numeric_limits<pid_t>::max());
+        dropUpTo(after > 0 ? newest + 1 : std::numeric_limits<pid_t>::max());
     } else {
         WarnOnce(warned_.unlisted, "/proc cannot be listed: errno", static_cast<size_t>(errno));
-        listedAt_.reset();
+        listed_.reset();
     }
     std::erase_if(known_, [](const Known& one) { return one.inode == kGone; });
     AddBorn();

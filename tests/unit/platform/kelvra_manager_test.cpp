@@ -15,6 +15,7 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -496,6 +497,19 @@ TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
         }
     }
     GTEST_SKIP() << "a pid cannot be had again here";
+}
+
+TEST_F(RealProcesses, TheNewestAreFoundAtOnceAlsoWherePidsBeganAgainAtTheLowEnd) {
+    UseRules({Quota(first_, "mem", 1, 0)});
+    Sample();
+    std::list<Child> children;
+    for (size_t born = 1; born <= 6; ++born) {
+        if (born == 4) {
+            std::ofstream("/proc/sys/kernel/ns_last_pid") << children.front().Pid() - 200 << std::flush;
+        }
+        children.emplace_back(first_, directory_ / second_);
+        EXPECT_THAT(Sample(), SizeIs(born));
+    }
 }
 
 TEST_F(RealProcesses, OtherRulesStartEveryWindowAnew) {
