@@ -87,6 +87,35 @@ consteval Text<N> StripMarks(const char (&marked)[N]) {
     return stripped;
 }
 
+// The printf format of a whole line: "[UNIT(FUNCTION):LINE] MESSAGE". Put together while compiling, the
+// prefix costs a line nothing. Size is enough for unit, message and twice the function.
+template <size_t Size>
+consteval auto LineFormat(std::string_view unit, std::string_view function, int line,
+                          std::string_view message) {
+    constexpr size_t kFrame = 16;  // brackets, and the digits of a line's number
+    Text<Size + kFrame> format;
+    size_t length = 0;
+    const auto append = [&](std::string_view part) {
+        for (const char c : part) {
+            format.text[length++] = c;
+        }
+    };
+    append("[");
+    append(unit);
+    append("(");
+    for (const char& c : function) {
+        append(c == '%' ? std::string_view("%%") : std::string_view(&c, 1));  // of operator%
+    }
+    append("):");
+    for (int power = 1'000'000; power > 0; power /= 10) {
+        const char digit = static_cast<char>('0' + line / power % 10);
+        append({&digit, line >= power ? size_t{1} : size_t{0}});
+    }
+    append("] ");
+    append(message);
+    return format;
+}
+
 template <typename T>
 consteval std::string_view ConversionOf() {
     if constexpr (std::is_same_v<T, const char*> || std::is_same_v<T, char*>) {
@@ -139,12 +168,13 @@ consteval bool FormatMatches(std::string_view format, Arguments<Args...>) {
         if (::KITE::Log::IsLoggable(level)) {                                                         \
             static constexpr auto kLogUnit = ::KITE::Log::UnitName(__FILE__);                         \
             static constexpr auto kLogFormat =                                                        \
-                ::KITE::Log::StripMarks("[%{public}s(%{public}s):%{public}d] " message);              \
+                ::KITE::Log::LineFormat<sizeof(kLogUnit) + 2 * sizeof(__func__) + sizeof(message)>(   \
+                    kLogUnit.text, __func__, __LINE__, ::KITE::Log::StripMarks(message).text);        \
             static_assert(                                                                            \
                 ::KITE::Log::FormatMatches(::KITE::Log::StripMarks(message).text,                     \
                                            decltype(::KITE::Log::ArgumentsOf(__VA_ARGS__)){nullptr}), \
                 "the conversions do not match the arguments");                                        \
-            ::KITE::Log::Write(level, label, {kLogUnit.text, __func__, __LINE__}, kLogFormat.text,    \
-                               kLogUnit.text, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);         \
+            ::KITE::Log::Write(level, label, {kLogUnit.text, __func__, __LINE__},                     \
+                               kLogFormat.text __VA_OPT__(, ) __VA_ARGS__);                           \
         }                                                                                             \
     } while (false)

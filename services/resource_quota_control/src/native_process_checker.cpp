@@ -1,5 +1,7 @@
 #include "native_process_checker.h"
 
+#include <cstring>
+
 #include "file_utils.h"
 #include "resource_quota_control_log.h"
 
@@ -31,9 +33,10 @@ bool NatvieProcessChecker::GetProcessNameByPid(int32_t pid, std::string& name) c
 
 // The last '/' of the whole content counts, also one inside a later argument.
 void NatvieProcessChecker::ParseProcessName(const std::string& cmdline, std::string& name) const {
-    const size_t slash = cmdline.rfind('/');
-    const size_t start = slash == std::string::npos ? 0 : slash + 1;
-    name = cmdline.substr(start, kMaxNameLength).c_str();
+    // Not rfind, which looks at one byte at a time.
+    const void* slash = memrchr(cmdline.data(), '/', cmdline.size());
+    const char* start = slash == nullptr ? cmdline.data() : static_cast<const char*>(slash) + 1;
+    name.assign(start, strnlen(start, kMaxNameLength));
 }
 
 }  // namespace KITE::ResourceQuotaCtl

@@ -318,6 +318,7 @@ bool ResPolicyManager::HandleInheritInfo(ProcessQuotasMap& mergedQuotas, Inherit
         mergedInherit.erase(link);
     }
     MoveMissing(processQuotasMap_, mergedQuotas);
+    ruleCount_ = CountRules(processQuotasMap_);
     return true;
 }
 
@@ -355,7 +356,7 @@ std::string ResPolicyManager::GetTopInheritInfo(const InheritMap& inherit) const
 
 void ResPolicyManager::GetAllResQuotaInfos(std::vector<ResQuotaInfo>& infos) {
     const std::lock_guard lock(mutex_);
-    infos.reserve(infos.size() + CountRules(processQuotasMap_));
+    infos.reserve(infos.size() + ruleCount_);
     for (const auto& [name, processQuotas] : processQuotasMap_) {
         GetResQuotaInfosOfOneProcess(processQuotas, infos);
     }
