@@ -32,53 +32,28 @@ class AppManager : public IRemoteStub<IAppMgr> {
 
 }  // namespace
 
+sptr<IRemoteObject> NewAppManager() {
+    return MakeSptr<AppManager>();
+}
+
 Platform& Platform::Get() {
     static Platform platform;
     return platform;
 }
 
 Platform::Platform() {
-    SetDefaults();
-}
-
-void Platform::SetDefaults() {
     Log::minimumLevel = Log::Level::kDebug;
-    appManager = MakeSptr<AppManager>();
 }
 
 void Platform::Reset() {
-    ClearTrace();
-    isTraced = true;
-    {
-        const std::lock_guard lock(mutex_);
-        tasks_.clear();
-        now_ = {};
-        subscriber_.reset();
-    }
-    parameters.clear();
-    configDirectories.reset();
-    files.clear();
-    loadFile = nullptr;
-    canSave = true;
-    wallTimeMs = 0;
-    nativeProcesses.clear();
-    permissions.clear();
-    callingToken = firstToken = 0;
-    hasRegistry = isScreenOn = listenResult = publishResult = true;
-    runningProcesses.clear();
-    renderProcesses.clear();
-    foregroundApplications.clear();
-    windowOwners.clear();
-    continuousTasks.clear();
-    appResources.clear();
-    processResources.clear();
-    continuousTaskResult = setQuotaResult = subscribeResult = 0;
-    killResult = freezeResult = eventResult = 0;
-    duringSubscribe = duringListen = nullptr;
-    publishedObject = nullptr;
-    quotas.clear();
-    saved.clear();
-    SetDefaults();
+    static_cast<Script&>(*this) = {};
+    Log::minimumLevel = Log::Level::kDebug;
+    const std::lock_guard lock(mutex_);
+    trace_.clear();
+    lines_.clear();
+    tasks_.clear();
+    now_ = {};
+    subscriber_.reset();
 }
 
 std::vector<std::string> Platform::Entries(std::optional<bool> isLine) const {
@@ -90,18 +65,6 @@ std::vector<std::string> Platform::Entries(std::optional<bool> isLine) const {
         }
     }
     return texts;
-}
-
-std::vector<std::string> Platform::Calls() const {
-    return Entries(false);
-}
-
-std::vector<std::string> Platform::Log() const {
-    return Entries(true);
-}
-
-std::vector<std::string> Platform::Trace() const {
-    return Entries(std::nullopt);
 }
 
 std::vector<LogLine> Platform::Lines() const {

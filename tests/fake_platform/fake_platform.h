@@ -50,31 +50,11 @@ struct Task {
     std::function<void()> run;
 };
 
-class Platform {
-  public:
-    static Platform& Get();
+// One that answers from the script.
+sptr<IRemoteObject> NewAppManager();
 
-    // Forgets calls, lines, tasks and answers, but not what was registered.
-    void Reset();
-
-    // The recorded calls, the log lines, and both as one sequence. A line of the trace reads
-    // "I unit: text", with the level's first letter.
-    std::vector<std::string> Calls() const;
-    std::vector<std::string> Log() const;
-    std::vector<std::string> Trace() const;
-    std::vector<LogLine> Lines() const;
-    // Forgets the trace only.
-    void ClearTrace();
-
-    // Runs what is due, in order of time and then of submission, until nothing due is left; gives the number.
-    size_t RunTasks();
-    // Moves the clock step by step, running what becomes due.
-    void Advance(std::chrono::microseconds time);
-    std::vector<std::pair<std::string, std::chrono::microseconds>> PendingTasks() const;
-
-    // Reports to the subscriber, if it still exists; tells whether it did.
-    bool ReportAnomalies(const std::vector<Kelvra::ProcessAnomalyInfo>& infos);
-
+// The script. What a test does not set is as a device with nothing on it answers.
+struct Script {
     bool isTraced = true;  // without it calls are not recorded, and log lines are formatted and dropped
 
     // --- answers ---
@@ -91,7 +71,7 @@ class Platform {
     uint32_t firstToken = 0;
 
     bool hasRegistry = true;
-    sptr<IRemoteObject> appManager;  // the object of service 501; by default one that answers as follows
+    sptr<IRemoteObject> appManager = NewAppManager();  // the object of service 501
     std::vector<RunningProcessInfo> runningProcesses;
     std::vector<RenderProcessInfo> renderProcesses;
     std::vector<AppStateData> foregroundApplications;
@@ -113,10 +93,37 @@ class Platform {
     int32_t eventResult = 0;
 
     // --- what the code under test handed over ---
-    SystemAbility* registeredAbility = nullptr;
     sptr<IRemoteObject> publishedObject;
     std::vector<Kelvra::ResQuotaInfo> quotas;
     std::string saved;  // by SaveStringToFd
+};
+
+class Platform : public Script {
+  public:
+    static Platform& Get();
+
+    // Forgets calls, lines, tasks and answers, but not what was registered.
+    void Reset();
+
+    // The recorded calls, the log lines, and both as one sequence. A line of the trace reads
+    // "I unit: text", with the level's first letter.
+    std::vector<std::string> Calls() const { return Entries(false); }
+    std::vector<std::string> Log() const { return Entries(true); }
+    std::vector<std::string> Trace() const { return Entries(std::nullopt); }
+    std::vector<LogLine> Lines() const;
+    // Forgets the trace only.
+    void ClearTrace();
+
+    // Runs what is due, in order of time and then of submission, until nothing due is left; gives the number.
+    size_t RunTasks();
+    // Moves the clock step by step, running what becomes due.
+    void Advance(std::chrono::microseconds time);
+    std::vector<std::pair<std::string, std::chrono::microseconds>> PendingTasks() const;
+
+    // Reports to the subscriber, if it still exists; tells whether it did.
+    bool ReportAnomalies(const std::vector<Kelvra::ProcessAnomalyInfo>& infos);
+
+    SystemAbility* registeredAbility = nullptr;
 
     // --- for the operations of platform/include ---
     void RecordCall(const std::string& call);
@@ -131,7 +138,6 @@ class Platform {
     };
 
     Platform();
-    void SetDefaults();
     std::vector<std::string> Entries(std::optional<bool> isLine) const;
     std::chrono::microseconds Now() const;
     std::optional<Task> TakeDueTask(std::chrono::microseconds now);

@@ -37,13 +37,8 @@ TEST_F(BadFileTest, ABrokenPolicyKeepsTheServiceUnpublishedAndTheHostRunning) {
 }
 
 TEST_F(BadFileTest, AHostDoesNotStartWithTokensThatCannotBeTrusted) {
-    const std::string good = R"({"tokens": [{"uid": 0, "process_name": "svcdb"}]})";
-    const std::vector<std::pair<std::string, mode_t>> tables{
-        {good, 0666},
-        {good, 0664},
-        {"{", 0644},
-        {R"({"tokens": [{"uid": 0, "process_name": "svcdb"}, {"uid": 0, "process_name": "faultd"}]})", 0644},
-        {R"({"tokens": [{"uid": -1, "process_name": "svcdb"}]})", 0644}};
+    const std::pair<const char*, mode_t> tables[] = {
+        {R"({"tokens": [{"uid": 0, "process_name": "svcdb"}]})", 0664}, {"{", 0644}};
     for (const auto& [text, mode] : tables) {
         SetTokens(text, mode);
         EXPECT_EQ(1, StartQuotaHost().process.AwaitExit()) << text;
@@ -65,7 +60,6 @@ class BadClientTest : public PrivateSystem {
     void SetUp() override {
         PrivateSystem::SetUp();
         std::vector<std::string> rules;
-        rules.reserve(500);
         for (int i = 0; i < 500; ++i) {
             rules.push_back(Rule("extension_with_a_long_name_" + std::to_string(i), "cpu", 10, "kill", i));
         }
@@ -103,13 +97,13 @@ TEST_F(BadClientTest, AReportedProcessThatHasEndedIsForgotten) {
     }
 }
 
-TEST_F(BadClientTest, AMessageAboveTheBusesLimitCostsItsSenderTheConnection) {
-    MessageParcel huge = QuotaRequest();
-    huge.WriteInt32Vector(std::vector<int32_t>(size_t{9} << 20, 1));
-    EXPECT_NE("", Connect(kTrustedUid).Transact(kQuotaName, kQuotaPath, kWrittenBytes, huge).error);
-}
-
-TEST_F(BadClientTest, AMessageOfAnotherShapeIsAnError) {
+TEST_F(BadClientTest, AClientMayGoAwayAndSendWhatIsTooLargeOrOfAnotherShape) {
+    for (int i = 0; i < 20; ++i) {
+        Connect(kTrustedUid).Send(kWrittenBytes, PidRequest({getpid()}));
+    }
+    const MessageParcel huge = PidRequest(std::vector<int32_t>(size_t{9} << 20, 1));
+    EXPECT_NE("", Connect(kTrustedUid).Transact(kQuotaName, kQuotaPath, kWrittenBytes, huge).error)
+        << "it costs the connection";
     BusClient client = Connect(kTrustedUid);
     sd_bus_error error{};
     EXPECT_LT(sd_bus_call_method(client.Bus(), kQuotaName, kQuotaPath, "kite.Ability", "Transact", &error,
@@ -117,12 +111,6 @@ TEST_F(BadClientTest, AMessageOfAnotherShapeIsAnError) {
               0);
     EXPECT_STREQ(SD_BUS_ERROR_INVALID_ARGS, error.name);
     sd_bus_error_free(&error);
-}
-
-TEST_F(BadClientTest, AClientMayGoAwayInTheMiddleOfACall) {
-    for (int i = 0; i < 20; ++i) {
-        Connect(kTrustedUid).Send(kWrittenBytes, PidRequest({getpid()}));
-    }
 }
 
 TEST_F(BadClientTest, ADescriptorThatTakesNothingFailsTheDumpAndHoldsUpNobodyElse) {

@@ -24,12 +24,6 @@ constexpr bool kStopsWithoutDescriptors = false;  // the sanitizer opens some fo
 constexpr bool kStopsWithoutDescriptors = true;
 #endif
 
-bool StandsStill(const Process& process) {
-    const auto before = process.CpuTime();
-    process.HasEnded(milliseconds(300));
-    return process.CpuTime() == before;
-}
-
 }  // namespace
 
 class FaultyTest : public PrivateSystem {
@@ -138,7 +132,7 @@ class FaultyTest : public PrivateSystem {
         }
         const auto isDone = [&](size_t event) { return targets[event].told.starts_with("done"); };
         EXPECT_EQ(isDone(0), targets[0].process->Standing() != targets[0].before);
-        EXPECT_EQ(isDone(1), StandsStill(*targets[1].process));
+        EXPECT_EQ(isDone(1), targets[1].process->StandsStill());
         EXPECT_EQ(isDone(2), targets[2].process->HasEnded(isDone(2) ? kPatience : milliseconds(100)));
     }
     void ExpectNothingTreated(const std::vector<Target>& targets) {
@@ -216,28 +210,28 @@ TEST_P(FaultTest, TruthIsToldAndNothingStaysTreated) {
     Set(true);
     Report(late);
     EXPECT_TRUE(Eventually([&] { return !Told("THAW", early).empty(); }));
-    const auto earlyRuns = [&] { return !StandsStill(early); };
+    const auto earlyRuns = [&] { return !early.StandsStill(); };
     const bool isThawed = Told("THAW", early).starts_with("done");
     EXPECT_EQ(isThawed, isThawed ? Eventually(earlyRuns) : earlyRuns());
     Set(false);
     ExpectTold(late, GetParam().told);
     ExpectPromptAnswer();
     EXPECT_TRUE(Eventually(earlyRuns));
-    EXPECT_TRUE(StandsStill(kept));
+    EXPECT_TRUE(kept.StandsStill());
 
     Set(GetParam().isTriedAtStop);
     EXPECT_EQ(0, StopQuotaHost());
-    EXPECT_EQ(StandsStill(kept), log.Contains("(kept) could not be released"));
+    EXPECT_EQ(kept.StandsStill(), log.Contains("(kept) could not be released"));
     if (GetParam().reachesOtherHosts) {
         const bool areAllReleased = Release() == 0;
-        EXPECT_TRUE(!areAllReleased || !StandsStill(kept));
+        EXPECT_TRUE(!areAllReleased || !kept.StandsStill());
     }
     Set(false);
     if (!log.Contains("could not be released")) {
         ExpectNothingTreated(all);
     }
     EXPECT_EQ(0, Release());
-    EXPECT_FALSE(StandsStill(kept));
+    EXPECT_FALSE(kept.StandsStill());
     ExpectNothingTreated(all);
 }
 
@@ -245,8 +239,7 @@ TEST_F(FaultyTest, AProcessThatCannotBeInterruptedIsTreatedAsAnyOther) {
     StartWithFakeManager();
     std::vector<Target> hanging = StartOneForEachEvent("hang");
     for (const Target& target : hanging) {
-        const std::string stat = "/proc/" + std::to_string(target.process->Pid()) + "/stat";
-        ASSERT_TRUE(Eventually([&] { return ReadWholeFile(stat).find(") D ") != std::string::npos; }));
+        ASSERT_TRUE(target.process->AwaitState('D'));
     }
     Report(hanging);
     ExpectTold(hanging, {"done", "done", "done"});

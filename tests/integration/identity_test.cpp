@@ -37,7 +37,6 @@ class LateActionTest : public PrivateSystem {
         constexpr size_t kRecordsBefore = 3000;
         constexpr int kAttempts = 10;
         const Process& host = QuotaHost().process;
-        const std::string stat = "/proc/" + std::to_string(host.Pid()) + "/stat";
         std::vector<Kelvra::ProcessAnomalyInfo> batch(
             kRecordsBefore, Anomaly(StartTarget("harmless", {"idle"}), "cpu", "none"));
         for (int attempt = 1;; ++attempt) {
@@ -45,7 +44,7 @@ class LateActionTest : public PrivateSystem {
             batch.push_back(Anomaly(reported, "cpu", "kill"));
             EXPECT_EQ(0, Manager().Report(batch));
             host.Signal(SIGSTOP);
-            EXPECT_TRUE(Eventually([&] { return ReadWholeFile(stat).find(") T ") != std::string::npos; }));
+            EXPECT_TRUE(host.AwaitState('T'));
             if (!reported.HasEnded() || attempt == kAttempts) {
                 EXPECT_FALSE(reported.HasEnded()) << "the host was faster each time";
                 return reported;

@@ -11,17 +11,6 @@ namespace KITE::Integration {
 
 namespace {
 
-bool StandsStill(const Process& process) {
-    const auto before = process.CpuTime();
-    process.HasEnded(milliseconds(300));
-    return process.CpuTime() == before;
-}
-
-bool Runs(const Process& process) {
-    const auto before = process.CpuTime();
-    return Eventually([&] { return process.CpuTime() > before + milliseconds(1); });
-}
-
 std::vector<std::string> LinesOf(const std::string& text) {
     std::istringstream stream(text);
     std::vector<std::string> lines;
@@ -103,7 +92,7 @@ TEST_F(DryRunTest, EverythingIsDecidedAndToldAndNobodyIsTouched) {
     }
     Expect(0, {"treated"}, {"dry run, would be: frozen (pid " + std::to_string(frozen.Pid())});
     for (const Process* process : {&frozen, &killed, &staged}) {
-        EXPECT_TRUE(Runs(*process));
+        EXPECT_TRUE(process->Runs());
     }
     EXPECT_EQ(before, frozen.Standing() + killed.Standing() + staged.Standing());
     EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
@@ -138,7 +127,7 @@ TEST_F(TreatedTest, AnAdministratorLetsAProcessGoAndNobodyElseDoes) {
     for (const uid_t uid : {kUntrustedUid, kKelvraUid}) {
         Expect(4, {"release", pid}, {"may not"}, uid);
     }
-    EXPECT_TRUE(StandsStill(hog));
+    EXPECT_TRUE(hog.StandsStill());
     Expect(0, {"treated"},
            {"hog (pid " + pid + "), suppressed since 2", ", frozen since 2",
             ", without an end; "
@@ -147,7 +136,7 @@ TEST_F(TreatedTest, AnAdministratorLetsAProcessGoAndNobodyElseDoes) {
     Expect(7, {"release", std::to_string(getpid())}, {});
     Expect(6, {"release", std::to_string(INT32_MAX)}, {});
     Expect(0, {"release", pid}, {});
-    EXPECT_TRUE(Runs(hog));
+    EXPECT_TRUE(hog.Runs());
     EXPECT_EQ(before, hog.Standing());
     EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
     EXPECT_NE(std::string::npos, Events().find("\"RESULT\":0,\"BY_UID\":0}")) << Events();
@@ -167,11 +156,11 @@ TEST_F(TreatedTest, WhatAKilledHostLeftIsNamedAndADryRunLeavesItAlone) {
     ASSERT_TRUE(QuotaHost().process.AwaitEnd());
     Expect(3, {"treated"}, {"pid " + std::to_string(frozen.Pid()), "kite_host --release --run "});
     ASSERT_TRUE(StartQuotaHost({"--dry-run"}).log.Await("start."));
-    EXPECT_TRUE(StandsStill(frozen));
+    EXPECT_TRUE(frozen.StandsStill());
     EXPECT_EQ(0, StopQuotaHost());
-    EXPECT_TRUE(StandsStill(frozen));
+    EXPECT_TRUE(frozen.StandsStill());
     EXPECT_EQ(0, Release());
-    EXPECT_TRUE(Runs(frozen));
+    EXPECT_TRUE(frozen.Runs());
     EXPECT_NE(std::string::npos, Events().find("left by a host that was killed"));
 }
 

@@ -19,6 +19,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace KITE::Integration {
@@ -62,7 +63,7 @@ bool Prepare(const Launch& launch) {
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     CPU_SET(static_cast<size_t>(launch.cpu.value_or(0)), &cpus);
-    return setsid() >= 0 && chdir(launch.directory.c_str()) == 0 &&
+    return (!launch.hasOwnSession || setsid() >= 0) && chdir(launch.directory.c_str()) == 0 &&
            (!launch.cpu || sched_setaffinity(0, sizeof(cpus), &cpus) == 0) &&
            (launch.output < 0 ||
             (dup2(launch.output, STDOUT_FILENO) >= 0 && dup2(launch.output, STDERR_FILENO) >= 0)) &&
@@ -172,22 +173,34 @@ Process::Process(const Launch& launch) : name_(launch.arguments.front()) {
 
 Process::~Process() {
     if (pid_ > 0 && !waitStatus_) {
+        kill(-pid_, SIGKILL);  // its children
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
 }
 
-int64_t Process::StartTime() const {
-    constexpr int kFieldsAfterName = 19;
+std::vector<std::string> Process::Stat() const {
     const std::string stat = ReadWholeFile(ProcPath("stat"));
     std::istringstream fields(stat.substr(std::min(stat.rfind(')') + 1, stat.size())));
-    std::string skipped;
-    for (int i = 0; i < kFieldsAfterName; ++i) {
-        fields >> skipped;
-    }
-    int64_t startTime = 0;
-    fields >> startTime;
-    return startTime;
+    return {std::istream_iterator<std::string>(fields), {}};
+}
+
+bool Process::AwaitState(char state) const {
+    return Eventually([&] {
+        const std::vector<std::string> stat = Stat();
+        return !stat.empty() && stat[0][0] == state;
+    });
+}
+
+int64_t Process::StartTime() const {
+    constexpr size_t kField = 19;
+    const std::vector<std::string> stat = Stat();
+    return stat.size() > kField ? std::stoll(stat[kField]) : 0;
+}
+
+std::vector<pid_t> Process::Children() const {
+    std::istringstream pids(ReadWholeFile(ProcPath(("task/" + std::to_string(pid_) + "/children").c_str())));
+    return {std::istream_iterator<pid_t>(pids), {}};
 }
 
 std::chrono::nanoseconds Process::CpuTime() const {
@@ -206,6 +219,17 @@ double Process::CpuPercent(milliseconds stretch) const {
     const std::chrono::duration<double> used = CpuTime() - before;
     const std::chrono::duration<double> passed = Clock::now() - begin;
     return 100 * used.count() / passed.count();
+}
+
+bool Process::StandsStill() const {
+    HasEnded(milliseconds(10));  // one that counts as frozen may have a few instructions to go
+    const auto before = CpuTime();
+    HasEnded(milliseconds(300));
+    return CpuTime() == before;
+}
+
+bool Process::Runs() const {
+    return Eventually([this, before = CpuTime()] { return CpuTime() > before + milliseconds(1); });
 }
 
 std::string Process::Standing() const {

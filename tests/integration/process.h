@@ -65,9 +65,10 @@ struct Launch {
     int output = -1;  // standard output and error; nowhere if negative
     std::optional<int> cpu = std::nullopt;
     pid_t pid = 0;  // the pid that it must get; any if 0
+    bool hasOwnSession = true;
 };
 
-// A process of a login session of its own, which ends with this object and with the test.
+// A process, usually of a login session of its own, which ends with this object and with the test.
 class Process {
   public:
     explicit Process(const Launch& launch);
@@ -79,13 +80,20 @@ class Process {
     bool IsStarted() const { return static_cast<bool>(pidfd_); }
     pid_t Pid() const { return pid_; }
     const std::string& Name() const { return name_; }
+    // The letter of /proc/PID/stat.
+    bool AwaitState(char state) const;
     // In clock ticks since boot.
     int64_t StartTime() const;
     std::chrono::nanoseconds CpuTime() const;
     // CPU time of the next stretch of time, in percent of a core.
     double CpuPercent(milliseconds stretch) const;
+    // Whether it gets no processor time at all, or gets some before long.
+    bool StandsStill() const;
+    bool Runs() const;
     // What a suppression changes: every thread's policy and niceness, and the groups of the process.
     std::string Standing() const;
+    // Of its first thread.
+    std::vector<pid_t> Children() const;
     size_t DescriptorCount() const { return Count("fd"); }
     size_t ThreadCount() const { return Count("task"); }
     size_t ResidentKiB() const;
@@ -98,6 +106,8 @@ class Process {
     int AwaitExit(milliseconds limit = kPatience);
 
   private:
+    // The fields of /proc/PID/stat behind the name.
+    std::vector<std::string> Stat() const;
     size_t Count(const char* kind) const;
     std::string ProcPath(const char* file) const { return "/proc/" + std::to_string(pid_) + "/" + file; }
 

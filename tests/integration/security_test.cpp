@@ -119,8 +119,7 @@ TEST_F(SecurityTest, ASenderThatHasGoneIsNobody) {
     StartWithFakeManager();
     const Process& host = QuotaHost().process;
     host.Signal(SIGSTOP);
-    const std::string stat = "/proc/" + std::to_string(host.Pid()) + "/stat";
-    ASSERT_TRUE(Eventually([&] { return ReadWholeFile(stat).find(") T ") != std::string::npos; }));
+    ASSERT_TRUE(host.AwaitState('T'));
     Connect(kTrustedUid).Send(IResourceQuotaControl::GET_EXTENSION_RUNNING_TIME, QuotaRequest());
     host.Signal(SIGCONT);
     EXPECT_TRUE(QuotaHost().log.Await("Process  called GetExtensionRunningTime"));

@@ -1,14 +1,11 @@
 #include <csignal>
 
 #include "private_system.h"
-#include "resource_quota_control_errors.h"
 
 // Start-up, queries and dumps.
 namespace KITE::Integration {
 
 namespace {
-
-using namespace ResourceQuotaCtl;
 
 constexpr const char* kNobody = SD_BUS_ERROR_SERVICE_UNKNOWN;
 constexpr const char* kPublished = "publish resource quota control service successfully!";
@@ -61,19 +58,6 @@ TEST_F(QueryTest, WrittenBytesComeInOrderWithAllOnesForWhoCannotBeRead) {
     EXPECT_GE(bytes[1], before);
     EXPECT_LE(bytes[1], ownBytes());
     EXPECT_EQ(UINT64_MAX, bytes[2]);
-}
-
-using DumpTest = PrivateSystem;
-
-TEST_F(DumpTest, ShowsTheConfiguration) {
-    SetPolicy({Rule("foo", "mem", 100, "kill")});
-    StartWithFakeManager();
-    Pipe permitted;
-    EXPECT_EQ(ERR_OK, Connect(kTrustedUid).Dump({"DumpConfig"}, permitted.writeEnd.Get()).status);
-    EXPECT_EQ(
-        "process name is foo, resource is 100, duration is 1, id is 1, process type is 0, action is kill, "
-        "resType is mem, condition is \n",
-        permitted.Text());
 }
 
 }  // namespace KITE::Integration

@@ -101,14 +101,11 @@ TEST_F(StressTest, AFloodOfReportsQueriesAndDumpsLosesNothingAndGrowsNothing) {
     size_t descriptors = 0;
     size_t memoryKiB = 0;
     {
-        const std::vector<std::jthread> clients = [&] {
-            std::vector<std::jthread> all;
-            all.push_back(Client(askBytes));
-            all.push_back(Client(askBytes));
-            all.push_back(Client(askTimes));
-            all.push_back(Client(dump));
-            return all;
-        }();
+        std::vector<std::jthread> clients;
+        clients.push_back(Client(askBytes));
+        clients.push_back(Client(askBytes));
+        clients.push_back(Client(askTimes));
+        clients.push_back(Client(dump));
         const auto begin = std::chrono::steady_clock::now();
         for (auto now = begin; now < begin + kTime; now = std::chrono::steady_clock::now()) {
             for (int batch = 0; batch < kBatchesOfOneStay; ++batch) {

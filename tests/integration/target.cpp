@@ -4,8 +4,9 @@
 //   burn THREADS        uses all the processor time that it gets, in so many threads
 //   grow MEBIBYTES      takes that much memory and waits
 //   flood               writes into a file of its working directory all the time
-//   breed               burns in one thread; on SIGUSR1 has a child that burns too
-//   become              waits; on SIGUSR1 executes another program, sleep 1000, under the same name
+//   breed               burns in one thread; on SIGUSR1 has a child that burns too, for a minute at most
+//   thread              waits; has another thread that waits for each SIGUSR1
+//   become [NAME]       waits; on SIGUSR1 executes another program, sleep 1000, under that name or its own
 //   hang                waits where it cannot be interrupted, for a child that shares its memory
 
 #include <fcntl.h>
@@ -70,10 +71,17 @@ void Breed() {
     std::thread burner([] { Burn(); });
     AwaitSignal();
     if (fork() == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        alarm(60);
         Burn();
     }
     Wait();
+}
+
+[[noreturn]] void Thread() {
+    for (std::vector<std::thread> threads;;) {
+        AwaitSignal();
+        threads.emplace_back(Wait);
+    }
 }
 
 void Become(const char* name) {
@@ -103,8 +111,10 @@ int main(int argc, char** argv) {
         Flood();
     } else if (mode == "breed") {
         Breed();
+    } else if (mode == "thread") {
+        Thread();
     } else if (mode == "become") {
-        Become(argv[0]);
+        Become(argc > 2 ? argv[2] : argv[0]);
     } else if (mode == "hang") {
         Hang();
     }

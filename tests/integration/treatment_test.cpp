@@ -16,22 +16,6 @@ Launch OnOneCpu() {
     return {.uid = kUntrustedUid, .cpu = 0};
 }
 
-bool StandsStill(const Process& process) {
-    const auto before = process.CpuTime();
-    process.HasEnded(kLook);
-    return process.CpuTime() == before;
-}
-
-bool Runs(const Process& process) {
-    const auto before = process.CpuTime();
-    return Eventually([&] { return process.CpuTime() > before + milliseconds(1); });
-}
-
-std::string ApplicationState(const Process& process, bool foreground) {
-    return "{\"applications\": [{\"uid\": 20001, \"processes\": [" + std::to_string(process.Pid()) +
-           "], \"foreground\": " + (foreground ? "true" : "false") + "}]}";
-}
-
 }  // namespace
 
 using ManagerTest = PrivateSystem;
@@ -68,9 +52,9 @@ TEST_F(StagesTest, AHogIsSuppressedThenFrozenThenKilled) {
     ASSERT_EQ(0, manager.Report({Anomaly(hog, "cpu_ext", "kill")}));
     ASSERT_TRUE(log.Await("process is freezed, processName: hog"));
     competitor.Signal(SIGSTOP);
-    EXPECT_TRUE(StandsStill(hog));
+    EXPECT_TRUE(hog.StandsStill());
     ASSERT_TRUE(log.Await("THAW of pid"));
-    EXPECT_TRUE(Runs(hog));
+    EXPECT_TRUE(hog.Runs());
 
     ASSERT_EQ(0, manager.Report({Anomaly(hog, "cpu_ext", "kill")}));
     EXPECT_EQ(SIGKILL, hog.AwaitEnd());
@@ -110,9 +94,9 @@ TEST_F(ReleaseTest, WhatAKilledHostLeftTreatedIsReleasedByTheNextStartAndByTheCo
         QuotaHost().process.Signal(SIGKILL);
         ASSERT_TRUE(QuotaHost().process.AwaitEnd());
         manager.Leave();
-        EXPECT_TRUE(StandsStill(frozen));
+        EXPECT_TRUE(frozen.StandsStill());
         release();
-        EXPECT_TRUE(Runs(frozen));
+        EXPECT_TRUE(frozen.Runs());
         EXPECT_EQ(before, suppressed.Standing());
         EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
     }
@@ -129,7 +113,7 @@ TEST_F(ReleaseTest, WithTheBusBothHostsGoAndLeaveNothingTreatedAndCanStartAgain)
     BusDaemon().Signal(SIGKILL);
     EXPECT_EQ(75, QuotaHost().process.AwaitExit());
     EXPECT_EQ(75, KelvraHost().process.AwaitExit());
-    EXPECT_TRUE(Runs(frozen));
+    EXPECT_TRUE(frozen.Runs());
     EXPECT_EQ(before, suppressed.Standing());
     EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
     StartBus();
@@ -139,30 +123,30 @@ TEST_F(ReleaseTest, WithTheBusBothHostsGoAndLeaveNothingTreatedAndCanStartAgain)
 
 using DeviceStateTest = PrivateSystem;
 
-TEST_F(DeviceStateTest, ADataTransferExemptsFromIoQuotasUntilTheStateChanges) {
+TEST_F(DeviceStateTest, ADataTransferOrTheForegroundExemptsUntilTheStateChanges) {
     FakeManager& manager = StartWithFakeManager();
+    LogFile& log = QuotaHost().log;
     Process& transfer = StartTarget("transfer", {"idle"});
-    const std::string pid = std::to_string(transfer.Pid());
-    SetDeviceState(R"({"continuous_tasks": [{"uid": 20001, "pid": )" + pid + R"(, "types": [1]}]})");
-    ASSERT_EQ(0, manager.Report({Anomaly(transfer, "io", "kill")}));
-    EXPECT_TRUE(QuotaHost().log.Await("pid:" + pid + " has special continuous task, it can be exempted"));
-    EXPECT_FALSE(transfer.HasEnded());
-    SetDeviceState("{}");
-    ASSERT_EQ(0, manager.Report({Anomaly(transfer, "io", "kill")}));
-    EXPECT_EQ(SIGKILL, transfer.AwaitEnd());
-}
-
-TEST_F(DeviceStateTest, AnApplicationIsSuppressedOnlyOutOfTheForeground) {
-    FakeManager& manager = StartWithFakeManager();
     Process& application = StartTarget("application", {"burn"});
     const std::string before = application.Standing();
-    SetDeviceState(ApplicationState(application, true));
-    ASSERT_EQ(0, manager.Report({Anomaly(application, "cpu_ext", "kill")}));
-    EXPECT_TRUE(QuotaHost().log.Await("cancel suppress, 20001 is in foreground or has window visible"));
+    const std::string pid = std::to_string(transfer.Pid());
+    const auto setExempt = [&](bool isExempt) {
+        SetDeviceState(R"({"continuous_tasks": [{"uid": 20001, "pid": )" + pid + R"(, "types": [)" +
+                       (isExempt ? "1" : "2") + R"(]}], "applications": [{"uid": 20001, "processes": [)" +
+                       std::to_string(application.Pid()) + R"(], "foreground": )" +
+                       (isExempt ? "true}]}" : "false}]}"));
+    };
+    setExempt(true);
+    const std::vector batch{Anomaly(transfer, "io", "kill"), Anomaly(application, "cpu_ext", "kill")};
+    ASSERT_EQ(0, manager.Report(batch));
+    EXPECT_TRUE(log.Await("pid:" + pid + " has special continuous task, it can be exempted"));
+    EXPECT_TRUE(log.Await("cancel suppress, 20001 is in foreground or has window visible"));
+    EXPECT_FALSE(transfer.HasEnded());
     EXPECT_EQ(before, application.Standing());
-    SetDeviceState(ApplicationState(application, false));
-    ASSERT_EQ(0, manager.Report({Anomaly(application, "cpu_ext", "kill")}));
-    EXPECT_TRUE(QuotaHost().log.Await("process enter suppress"));
+    setExempt(false);
+    ASSERT_EQ(0, manager.Report(batch));
+    EXPECT_EQ(SIGKILL, transfer.AwaitEnd());
+    EXPECT_TRUE(log.Await("process enter suppress"));
     EXPECT_NE(before, application.Standing());
 }
 

@@ -1,38 +1,19 @@
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
-
 #include "app_manager.h"
 #include "background_task_manager.h"
 #include "device/device_state.h"
 #include "device/device_state_reader.h"
+#include "platform_fixture.h"
 #include "power_manager.h"
 #include "runtime/platform_log.h"
-#include "runtime/settings.h"
 #include "window_manager.h"
 
 namespace KITE::Linux {
 namespace {
 
-class DeviceTest : public testing::Test {
+class DeviceTest : public DirectoryTest {
   protected:
-    void SetUp() override {
-        std::string name = testing::TempDir() + "kite_device_XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory_ = name;
-        SetSettings({.etcDirectory = name, .stateDirectory = name});
-    }
-    void TearDown() override { std::filesystem::remove_all(directory_); }
-
-    std::string File() const { return directory_ / "device_state.json"; }
-    void Put(const std::string& text) const { std::ofstream(File(), std::ios::trunc) << text; }
-
-    std::filesystem::path directory_;
+    std::string File() const { return Path("device_state.json"); }
+    void Put(std::string_view text) const { DirectoryTest::Put("device_state.json", text); }
 };
 
 constexpr char kState[] = R"({
@@ -60,7 +41,6 @@ TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
     std::vector<RunningProcessInfo> running;
     ASSERT_EQ(manager->GetAllRunningProcesses(running), 0);
     std::vector<std::pair<int, int>> pairs;
-    pairs.reserve(running.size());
     for (const RunningProcessInfo& info : running) {
         pairs.emplace_back(info.uid, info.pid);
     }
@@ -68,8 +48,7 @@ TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
     std::vector<RenderProcessInfo> rendering;
     ASSERT_EQ(manager->GetAllRenderProcesses(rendering), 0);
     ASSERT_EQ(rendering.size(), 1U);
-    EXPECT_EQ(rendering[0].renderPid, 12);
-    EXPECT_EQ(rendering[0].uid, 1);
+    EXPECT_EQ(std::pair(rendering[0].renderPid, rendering[0].uid), std::pair(12, 1));
     std::vector<AppStateData> foreground;
     ASSERT_EQ(manager->GetForegroundApplications(foreground), 0);
     ASSERT_EQ(foreground.size(), 1U);
@@ -78,15 +57,10 @@ TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
     ASSERT_EQ(WindowManager::GetInstance().GetVisibilityWindowInfo(windows), 0);
     ASSERT_EQ(windows.size(), 1U);
     EXPECT_EQ(windows[0]->uid, 2);
-}
-
-TEST_F(DeviceTest, TheBackgroundTaskManagerAnswersFromTheFile) {
-    Put(kState);
     std::vector<std::shared_ptr<ContinuousTaskCallbackInfo>> tasks;
     ASSERT_EQ(BackgroundTaskMgrHelper::GetContinuousTaskApps(tasks), 0);
     ASSERT_EQ(tasks.size(), 1U);
-    EXPECT_EQ(tasks[0]->GetCreatorUid(), 1);
-    EXPECT_EQ(tasks[0]->GetCreatorPid(), 10);
+    EXPECT_EQ(std::pair(tasks[0]->GetCreatorUid(), tasks[0]->GetCreatorPid()), std::pair(1, 10));
     EXPECT_EQ(tasks[0]->GetTypeIds(), (std::vector<uint32_t>{1, 4294967295}));
     std::vector<std::shared_ptr<ResourceCallbackInfo>> applications;
     std::vector<std::shared_ptr<ResourceCallbackInfo>> processes;
@@ -94,13 +68,8 @@ TEST_F(DeviceTest, TheBackgroundTaskManagerAnswersFromTheFile) {
     ASSERT_EQ(applications.size(), 1U);
     EXPECT_EQ(applications[0]->GetResourceNumber(), 64U);
     ASSERT_EQ(processes.size(), 1U);
-    EXPECT_EQ(processes[0]->GetUid(), 2);
-    EXPECT_EQ(processes[0]->GetPid(), 20);
+    EXPECT_EQ(std::pair(processes[0]->GetUid(), processes[0]->GetPid()), std::pair(2, 20));
     EXPECT_EQ(processes[0]->GetResourceNumber(), 1U);
-}
-
-TEST_F(DeviceTest, TheGeneralTypeNeedsBothUidAndPid) {
-    Put(kState);
     EXPECT_EQ(GeneralTypeOf(1, 11), 1);
     EXPECT_EQ(GeneralTypeOf(1, 12), 1);
     EXPECT_EQ(GeneralTypeOf(2, 11), 0);
@@ -135,10 +104,8 @@ TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
 // In a process of its own, whose standard error is a pipe from its first log line on: exits with the number
 // of complaints.
 [[noreturn]] void ComplainAndCount(const std::string& file) {
-    int ends[2] = {-1, -1};
-    if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
-        _exit(99);
-    }
+    Integration::Pipe pipe;
+    dup2(pipe.writeEnd.Get(), STDERR_FILENO);
     for (const char* content : {"{", "{", R"({"screen_on": 1})", "{}", "{"}) {
         std::ofstream(file, std::ios::trunc) << content;
         for (int i = 0; i < 3; ++i) {
@@ -147,9 +114,7 @@ TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
     }
     std::filesystem::remove_all(std::filesystem::path(file).parent_path());
     StopLog();
-    char text[4096];
-    const ssize_t length = read(ends[0], text, sizeof(text));
-    const std::string_view log(text, length < 0 ? 0 : static_cast<size_t>(length));
+    const std::string log = pipe.Text();
     int count = 0;
     for (size_t at = 0; (at = log.find(" E KITE_PLATFORM: [device_state_file(Complain):", at)) != log.npos;
          ++at) {
@@ -159,9 +124,6 @@ TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
 }
 
 TEST_F(DeviceTest, EachBadContentIsToldOnce) {
-    if (std::filesystem::exists("/run/systemd/journal/socket")) {
-        GTEST_SKIP() << "the log goes to the journal";
-    }
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(ComplainAndCount(File()), testing::ExitedWithCode(3), "");
 }

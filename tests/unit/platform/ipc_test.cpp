@@ -1,24 +1,11 @@
-#include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <array>
-#include <atomic>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <memory>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
-#include <string>
 #include <string_view>
-#include <vector>
 
+#include "actions/never_treated.h"
+#include "integration/bus_client.h"
 #include "ipc/ability_names.h"
 #include "ipc/ability_registry.h"
 #include "ipc/bus.h"
@@ -27,124 +14,88 @@
 #include "ipc/outcome.h"
 #include "ipc/remote_proxy.h"
 #include "ipc/wire.h"
-#include "runtime/settings.h"
+#include "platform_fixture.h"
 #include "system_ability.h"
-
-extern char** environ;  // NOLINT
 
 namespace KITE::Linux {
 namespace {
 
-constexpr std::chrono::seconds kPatience{20};
 constexpr char kPath[] = "/kite/test";
 
 // A bus daemon in a directory of its own, at the same address for the process's life.
 class Daemon {
   public:
-    static const std::filesystem::path& Directory() {
-        static const std::filesystem::path directory = [] {
+    static const std::string& Directory() {
+        static const std::string directory = [] {
             std::string name = "/tmp/kite-ipc-test-XXXXXX";
-            return std::filesystem::path(mkdtemp(name.data()));
+            return std::string(mkdtemp(name.data()));
         }();
         return directory;
     }
-    static std::string Address() { return "unix:path=" + (Directory() / "bus").string(); }
+    static std::string Address() { return "unix:path=" + Directory() + "/bus"; }
 
-    Daemon() {
-        std::ofstream(Directory() / "bus.conf")
-            << "<busconfig><listen>" << Address() << "</listen><auth>EXTERNAL</auth>"
-            << "<policy context='default'><allow user='*'/><allow own='*'/>"
-            << "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/></policy>"
-            << "<limit name='max_replies_per_connection'>4096</limit>"
-            << "</busconfig>";
-        Spawn();
+    // With one more rule of whom it serves.
+    explicit Daemon(const std::string& rule = "") {
+        const std::string config = Directory() + "/bus.conf";
+        Integration::WriteWholeFile(
+            config, "<busconfig><listen>" + Address() +
+                        "</listen><auth>EXTERNAL</auth>"
+                        "<policy context='default'><allow user='*'/><allow own='*'/>"
+                        "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>" +
+                        rule + "</policy><limit name='max_replies_per_connection'>4096</limit></busconfig>");
+        Integration::LogFile output(Directory() + "/output");
+        process_.emplace(Integration::Launch{
+            .program = "/usr/bin/dbus-daemon",
+            .arguments = {"dbus-daemon", "--nofork", "--print-address", "--config-file=" + config},
+            .output = output.Fd()});
+        EXPECT_TRUE(output.Await("unix:path=")) << output.Text();
     }
-    ~Daemon() {
-        Kill();
-        std::filesystem::remove(Directory() / "bus.conf");
-    }
+    ~Daemon() { Kill(); }
 
     void Kill() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(std::exchange(pid_, -1), nullptr, 0);
-            std::filesystem::remove(Directory() / "bus");
-        }
+        process_.reset();
+        std::filesystem::remove(Directory() + "/bus");
     }
-
     // Frozen, it delivers and answers nothing.
     void Freeze() const {
-        kill(pid_, SIGSTOP);
-        waitpid(pid_, nullptr, WUNTRACED);
+        process_->Signal(SIGSTOP);
+        EXPECT_TRUE(process_->AwaitState('T'));
     }
 
   private:
-    void Spawn() {
-        std::array<int, 2> ends{};
-        ASSERT_EQ(pipe(ends.data()), 0);
-        const UniqueFd reading(ends[0]);
-        UniqueFd writing(ends[1]);
-        const std::string config = "--config-file=" + (Directory() / "bus.conf").string();
-        const std::string ready = "--print-address=" + std::to_string(writing.Get());
-        std::array<const char*, 5> arguments{"dbus-daemon", "--nofork", config.c_str(), ready.c_str(),
-                                             nullptr};
-        ASSERT_EQ(posix_spawnp(&pid_, arguments[0], nullptr, nullptr, const_cast<char**>(arguments.data()),
-                               environ),
-                  0);
-        writing = UniqueFd();
-        char ignored = 0;
-        ASSERT_EQ(read(reading.Get(), &ignored, 1), 1) << "the daemon did not start";
-    }
-
-    pid_t pid_ = -1;
+    std::optional<Process> process_;
 };
 
 // Another process as the bus sees it: a connection of its own, used on the test's thread.
 class Peer {
   public:
-    Peer() {
-        sd_bus* connection = nullptr;
-        sd_bus_new(&connection);
-        connection_.reset(connection);
-        sd_bus_set_address(connection, Daemon::Address().c_str());
-        sd_bus_set_bus_client(connection, 1);
-        sd_bus_start(connection);
-        const char* name = nullptr;
-        EXPECT_GE(sd_bus_get_unique_name(connection, &name), 0);
-        name_ = name == nullptr ? "" : name;
+    std::string Name() const {
+        const char* name = "";
+        EXPECT_GE(sd_bus_get_unique_name(client_.Bus(), &name), 0);
+        return name;
     }
-
-    const std::string& Name() const { return name_; }
     void Claim(int32_t id, uint64_t flags = 0) {
-        EXPECT_GE(sd_bus_request_name(connection_.get(), AbilityBusName(id).c_str(), flags), 0);
+        EXPECT_GE(sd_bus_request_name(client_.Bus(), AbilityBusName(id).c_str(), flags), 0);
     }
-    void Release(int32_t id) { sd_bus_release_name(connection_.get(), AbilityBusName(id).c_str()); }
+    void Release(int32_t id) { sd_bus_release_name(client_.Bus(), AbilityBusName(id).c_str()); }
 
     // Sends a request without waiting for its reply.
     void Send(const std::string& to, uint32_t code, std::string_view bytes,
               std::function<void(sd_bus_message*)> done) {
-        sd_bus_message* raw = nullptr;
-        ASSERT_GE(sd_bus_message_new_method_call(connection_.get(), &raw, to.c_str(), kPath,
-                                                 kAbilityInterface, "Transact"),
-                  0);
-        const MessageHandle call(raw);
-        sd_bus_message_append(raw, "u", code);
-        sd_bus_message_append_array(raw, 'y', bytes.data(), bytes.size());
-        SendCall(raw, std::move(done));
+        const MessageHandle call = NewCall(to, "Transact");
+        sd_bus_message_append(call.get(), "u", code);
+        sd_bus_message_append_array(call.get(), 'y', bytes.data(), bytes.size());
+        SendCall(call.get(), std::move(done));
     }
     void SendDump(const std::string& to, int fd, std::function<void(sd_bus_message*)> done) {
-        sd_bus_message* raw = nullptr;
-        ASSERT_GE(sd_bus_message_new_method_call(connection_.get(), &raw, to.c_str(), kPath,
-                                                 kAbilityInterface, "Dump"),
-                  0);
-        const MessageHandle call(raw);
-        sd_bus_message_append(raw, "ash", 1, "word", fd);
-        SendCall(raw, std::move(done));
+        const MessageHandle call = NewCall(to, "Dump");
+        sd_bus_message_append(call.get(), "ash", 1, "word", fd);
+        SendCall(call.get(), std::move(done));
     }
     bool Sees(const std::string& name) {
         sd_bus_message* raw = nullptr;
         int has = 0;
-        EXPECT_GE(sd_bus_call_method(connection_.get(), kDaemonName, kDaemonPath, kDaemonName, "NameHasOwner",
+        EXPECT_GE(sd_bus_call_method(client_.Bus(), kDaemonName, kDaemonPath, kDaemonName, "NameHasOwner",
                                      nullptr, &raw, "s", name.c_str()),
                   0);
         const MessageHandle reply(raw);
@@ -153,31 +104,32 @@ class Peer {
     }
     // Processes replies until the condition holds.
     bool WaitUntil(const std::function<bool()>& condition) {
-        const auto end = std::chrono::steady_clock::now() + kPatience;
-        bool holds = condition();
-        while (!holds && std::chrono::steady_clock::now() < end) {
-            if (sd_bus_process(connection_.get(), nullptr) == 0) {
-                sd_bus_wait(connection_.get(), 10'000);
+        return Eventually([&] {
+            while (sd_bus_process(client_.Bus(), nullptr) > 0) {
             }
-            holds = condition();
-        }
-        return holds;
+            return condition();
+        });
     }
 
   private:
+    MessageHandle NewCall(const std::string& to, const char* member) {
+        sd_bus_message* call = nullptr;
+        EXPECT_GE(sd_bus_message_new_method_call(client_.Bus(), &call, to.c_str(), kPath, kAbilityInterface,
+                                                 member),
+                  0);
+        return MessageHandle(call);
+    }
     void SendCall(sd_bus_message* call, std::function<void(sd_bus_message*)> done) {
         receivers_.push_back(std::make_unique<std::function<void(sd_bus_message*)>>(std::move(done)));
         const auto onReply = [](sd_bus_message* reply, void* receiver, sd_bus_error*) {
             (*static_cast<std::function<void(sd_bus_message*)>*>(receiver))(reply);
             return 1;
         };
-        EXPECT_GE(sd_bus_call_async(connection_.get(), nullptr, call, onReply, receivers_.back().get(), 0),
-                  0);
+        EXPECT_GE(sd_bus_call_async(client_.Bus(), nullptr, call, onReply, receivers_.back().get(), 0), 0);
     }
 
     std::vector<std::unique_ptr<std::function<void(sd_bus_message*)>>> receivers_;
-    BusHandle connection_;
-    std::string name_;
+    Integration::BusClient client_{Daemon::Address(), getuid()};
 };
 
 // Records what reaches it; a dump lasts until it is let go.
@@ -232,18 +184,16 @@ class Ipc : public testing::Test {
         settings.busAddress = Daemon::Address();
         SetSettings(settings);
     }
-    static void TearDownTestSuite() { std::filesystem::remove(Daemon::Directory()); }
+    static void TearDownTestSuite() { std::filesystem::remove_all(Daemon::Directory()); }
 
     void SetUp() override {
         std::string error;
         ASSERT_TRUE(bus.Start(error)) << error;
-        std::string name;
         bus.Run([&] {
             const char* unique = nullptr;
             sd_bus_get_unique_name(bus.Connection(), &unique);
-            name = unique;
+            self = unique;
         });
-        self = name;
         ASSERT_TRUE(bus.Export(kPath, recorder));
     }
     void TearDown() override {
@@ -261,14 +211,21 @@ class Ipc : public testing::Test {
         return status;
     }
 
-    Daemon daemon;
+    // The status of a call that nobody answers, once it has one.
+    void CallInVain(Outcome<int32_t>& status) {
+        RemoteProxy(peer.Name(), kPath).SendRequestAsync(1, {}, [&status](int32_t its, MessageParcel&) {
+            status.Set(its);
+        });
+    }
+
+    std::optional<Daemon> daemon{std::in_place};
+    Peer peer;
     Bus& bus = Bus::Instance();
     std::string self;
     sptr<Recorder> recorder = MakeSptr<Recorder>();
 };
 
 TEST_F(Ipc, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
-    Peer peer;
     peer.Claim(KELVRA_MANAGER_SERVICE_ID);
     int32_t status = 0;
     int32_t number = 0;
@@ -311,17 +268,13 @@ TEST_F(Ipc, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
 }
 
 TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot) {
-    Peer peer;
     auto leaving = std::make_unique<Peer>();
     bool isKnown = false;
     leaving->Send(self, 0, {}, [&](sd_bus_message*) { isKnown = true; });
     ASSERT_TRUE(leaving->WaitUntil([&] { return isKnown; }));
-    std::array<int, 2> ends{};
-    ASSERT_EQ(pipe(ends.data()), 0);
-    const UniqueFd reading(ends[0]);
-    const UniqueFd writing(ends[1]);
+    Integration::Pipe pipe;
     int32_t dumpStatus = 0;
-    peer.SendDump(self, writing.Get(),
+    peer.SendDump(self, pipe.writeEnd.Get(),
                   [&](sd_bus_message* reply) { sd_bus_message_read(reply, "i", &dumpStatus); });
     std::optional<bool> sawCaller;
     ASSERT_TRUE(peer.WaitUntil(
@@ -329,7 +282,7 @@ TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot
     EXPECT_TRUE(*sawCaller);
 
     const std::string leavingName = leaving->Name();
-    leaving->SendDump(self, writing.Get(), [](sd_bus_message*) {});
+    leaving->SendDump(self, pipe.writeEnd.Get(), [](sd_bus_message*) {});
     leaving.reset();
     ASSERT_TRUE(peer.WaitUntil([&] { return !peer.Sees(leavingName); }));
 
@@ -353,8 +306,7 @@ TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot
     EXPECT_EQ(refused, 10);
     EXPECT_EQ(dumpStatus, 11);
     EXPECT_EQ(recorder->dumps, 1) << "a dump was made for a client that had left";
-    std::array<char, 8> text{};
-    EXPECT_EQ(read(reading.Get(), text.data(), text.size()), 4);
+    EXPECT_EQ(pipe.Text(), "dump");
     bus.Run([&] { EXPECT_TRUE(std::ranges::is_sorted(recorder->order)); });
 }
 
@@ -392,8 +344,7 @@ TEST_F(Ipc, WhatTheBusDoesNotCarryIsRefusedBeforeItIsSent) {
 
 TEST_F(Ipc, AListenerHearsEachChangeOnceAndANewOwnerAsRemovalAndAddition) {
     constexpr int32_t kId = 77;
-    Peer first;
-    first.Claim(kId, SD_BUS_NAME_ALLOW_REPLACEMENT);
+    peer.Claim(kId, SD_BUS_NAME_ALLOW_REPLACEMENT);
     std::mutex mutex;
     std::string heard;
     ASSERT_TRUE(bus.Names().Listen(kId, [&](bool available) {
@@ -401,7 +352,7 @@ TEST_F(Ipc, AListenerHearsEachChangeOnceAndANewOwnerAsRemovalAndAddition) {
         heard += available ? '+' : '-';
     }));
     const auto hasHeard = [&](std::string_view expected) {
-        return first.WaitUntil([&] {
+        return peer.WaitUntil([&] {
             const std::lock_guard lock(mutex);
             return heard == expected;
         });
@@ -424,7 +375,6 @@ TEST_F(Ipc, AnAbilityIsPublishedAgainButNotUnderANameOfAnother) {
     };
     Publisher mine(78, false);
     Publisher taken(79, false);
-    Peer peer;
     peer.Claim(79);
     EXPECT_TRUE(mine.Publish(recorder.GetRefPtr()));
     EXPECT_TRUE(mine.Publish(recorder.GetRefPtr()));
@@ -438,7 +388,6 @@ TEST_F(Ipc, AnAbilityIsPublishedAgainButNotUnderANameOfAnother) {
 
 TEST_F(Ipc, TheBusAndTheServicesProcessesAreProtected) {
     using None = std::vector<pid_t>;
-    Peer peer;
     peer.Claim(kQuotaServiceId);
     EXPECT_TRUE(peer.WaitUntil([] { return BusProtectedPids().value_or(None{}).size() == 2; }));
     EXPECT_EQ(BusProtectedPids().value_or(None{1}).back(), getpid());
@@ -446,12 +395,21 @@ TEST_F(Ipc, TheBusAndTheServicesProcessesAreProtected) {
     EXPECT_TRUE(peer.WaitUntil([] { return BusProtectedPids().value_or(None{}).size() == 1; }));
 }
 
+TEST_F(Ipc, NothingIsTreatedOfABusThatDoesNotSayWhichProcessItIs) {
+    bus.Stop();
+    daemon.reset();
+    daemon.emplace("<deny send_destination='" + std::string(kDaemonName) +
+                   "' send_member='GetConnectionUnixProcessID'/>");
+    SetUp();
+    int32_t number = 1;
+    EXPECT_EQ(SendNumber({self, kPath}, 5, number), 5) << "the daemon has answered what was asked before";
+    EXPECT_EQ(BusProtectedPids(), std::nullopt);
+    EXPECT_NE(WhyNeverTreated(getppid()), "");
+}
+
 TEST_F(Ipc, StoppingEndsCallsWithoutAnAnswerAndRefusesWork) {
-    Peer silent;
     Outcome<int32_t> outcome;
-    RemoteProxy(silent.Name(), kPath).SendRequestAsync(1, {}, [&](int32_t status, MessageParcel&) {
-        outcome.Set(status);
-    });
+    CallInVain(outcome);
     bus.Stop();
     EXPECT_EQ(outcome.WaitFor({}), ERR_DEAD_OBJECT);
     EXPECT_FALSE(bus.Post([] {}));
@@ -470,12 +428,9 @@ TEST_F(Ipc, ALostBusIsToldOnceAndEndsThePendingCalls) {
     });
     std::string error;
     ASSERT_TRUE(bus.Start(error)) << error;
-    Peer silent;
     Outcome<int32_t> outcome;
-    RemoteProxy(silent.Name(), kPath).SendRequestAsync(1, {}, [&](int32_t status, MessageParcel&) {
-        outcome.Set(status);
-    });
-    daemon.Kill();
+    CallInVain(outcome);
+    daemon->Kill();
     EXPECT_TRUE(told.WaitFor(kPatience).has_value());
     EXPECT_EQ(outcome.WaitFor(kPatience), ERR_DEAD_OBJECT);
     EXPECT_FALSE(bus.IsConnected());
@@ -487,19 +442,16 @@ TEST_F(Ipc, ALostBusIsToldOnceAndEndsThePendingCalls) {
 }
 
 TEST_F(Ipc, ACallWithoutAnAnswerTimesOut) {
-    Peer silent;
     Outcome<int32_t> outcome;
-    RemoteProxy(silent.Name(), kPath).SendRequestAsync(1, {}, [&](int32_t status, MessageParcel&) {
-        outcome.Set(status);
-    });
+    CallInVain(outcome);
     bus.Run([] {});
-    daemon.Freeze();
+    daemon->Freeze();
     const auto begin = std::chrono::steady_clock::now();
     int32_t number = 1;
     EXPECT_EQ(SendNumber({self, kPath}, 5, number), ERR_TIMED_OUT);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, kCallTimeout + std::chrono::seconds(2));
     EXPECT_EQ(outcome.WaitFor(kPatience), ERR_TIMED_OUT);
-    daemon.Kill();
+    daemon->Kill();
 }
 
 }  // namespace
