@@ -82,7 +82,6 @@ struct Script {
     std::vector<std::shared_ptr<ResourceCallbackInfo>> appResources;
     std::vector<std::shared_ptr<ResourceCallbackInfo>> processResources;
 
-    bool listenResult = true;
     bool publishResult = true;
     int32_t setQuotaResult = 0;
     int32_t subscribeResult = 0;

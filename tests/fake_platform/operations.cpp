@@ -6,10 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <sstream>
-#include <string_view>
-#include <utility>
 
 #include "access_token.h"
 #include "config_policy.h"
@@ -116,7 +113,7 @@ bool SystemAbility::AddSystemAbilityListener(int32_t systemAbilityId) {
     if (const auto during = std::exchange(Platform::Get().duringListen, nullptr)) {
         during();
     }
-    return Platform::Get().listenResult;
+    return true;
 }
 
 bool SystemAbility::Publish(sptr<IRemoteObject> object) {

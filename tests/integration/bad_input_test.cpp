@@ -1,7 +1,5 @@
 #include <fcntl.h>
 
-#include <csignal>
-
 #include "private_system.h"
 #include "resource_quota_control_errors.h"
 
@@ -44,14 +42,6 @@ TEST_F(BadFileTest, AHostDoesNotStartWithTokensThatCannotBeTrusted) {
         EXPECT_EQ(1, StartQuotaHost().process.AwaitExit()) << text;
         EXPECT_TRUE(QuotaHost().log.Await("the host does not start")) << text;
     }
-}
-
-TEST_F(BadFileTest, BrokenParametersAreComplainedAboutAndCountAsAbsent) {
-    SetParameters("[");
-    StartWithFakeManager();
-    EXPECT_TRUE(QuotaHost().log.Contains("no parameters"));
-    EXPECT_EQ(ERR_RQC_DUMP_FAILED, Connect(kTrustedUid).Dump({"-h"}, STDERR_FILENO).status);
-    ExpectPromptAnswer();
 }
 
 // Remembers what the service's process holds, and sees to it that it holds no more in the end.

@@ -40,12 +40,9 @@ BusClient::BusClient(const std::string& address, uid_t uid) {
     sd_bus_set_address(bus, address.c_str());
     sd_bus_set_bus_client(bus, 1);
     const AsUser user(uid);
-    int result = sd_bus_start(bus);
-    while (result >= 0 && sd_bus_is_ready(bus) == 0) {
-        result = sd_bus_process(bus, nullptr);
-        if (result == 0) {
-            result = sd_bus_wait(bus, kCallLimitUs);
-        }
+    const char* name = nullptr;
+    if (sd_bus_start(bus) >= 0) {
+        sd_bus_get_unique_name(bus, &name);  // once it has been told, which ends what the user matters for
     }
 }
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
 
 #include "private_system.h"
 
@@ -88,7 +87,6 @@ class FaultyTest : public PrivateSystem {
         umount2(State().c_str(), MNT_DETACH);
         PrivateSystem::TearDown();
     }
-    std::string State() const { return Directory() + "/state"; }
 
     // What the log says of an event: "done, by ..." or "failed: ..."; "" when it says nothing.
     std::string Told(const std::string& event, const Process& process) {

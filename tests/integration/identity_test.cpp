@@ -1,5 +1,3 @@
-#include <csignal>
-
 #include "private_system.h"
 
 // Nobody's word is taken for what it is not: who reports, who asks, and which process is meant.
@@ -89,22 +87,6 @@ TEST_F(LateActionTest, AReportOfAnEarlierProcessDoesNotReachTheLaterOne) {
     ASSERT_EQ(0, manager.Report({earlier}));
     EXPECT_TRUE(QuotaHost().log.Await("KILL of pid " + std::to_string(present.Pid()) + " (present) failed"));
     EXPECT_FALSE(present.HasEnded(milliseconds(200)));
-}
-
-TEST_F(LateActionTest, TheBusAndTheHostsAreNeverTreated) {
-    FakeManager& manager = StartWithFakeManager();
-    ASSERT_FALSE(HasFailure());
-    // The hosts' and the daemon's names, as the service's own check sees them.
-    Kelvra::ProcessAnomalyInfo bus = Anomaly(BusDaemon(), "cpu", "kill");
-    bus.processName = "bus.conf";
-    Kelvra::ProcessAnomalyInfo host = Anomaly(QuotaHost().process, "cpu", "kill");
-    host.processName = "libresource_quo";
-    ASSERT_EQ(0, manager.Report({bus, host}));
-    for (const Process* process : {&BusDaemon(), &QuotaHost().process}) {
-        EXPECT_TRUE(QuotaHost().log.Await("KILL of pid " + std::to_string(process->Pid())));
-        EXPECT_FALSE(process->HasEnded());
-    }
-    ExpectPromptAnswer();
 }
 
 }  // namespace KITE::Integration

@@ -3,12 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <sstream>
 
 namespace KITE::Integration {
 

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <memory>
-#include <string>
-#include <vector>
+#include <sstream>
 
 #include "bus_client.h"
 #include "process.h"
@@ -70,6 +73,7 @@ class PrivateSystem : public testing::Test {
     BusClient Connect(uid_t uid) const { return BusClient(address_, uid); }
     const std::string& Address() const { return address_; }
     const std::string& Directory() const { return directory_; }
+    std::string State(const std::string& path = "") const { return state_ + path; }  // of the directory
 
     std::string quotaCapabilities_;  // as setpriv wants them; the unit's, unless a test changes them
 

@@ -42,7 +42,6 @@ class LogFile {
   private:
     const std::string path_;
     const Linux::UniqueFd file_;
-    const Linux::UniqueFd changes_;
     std::streamoff position_ = 0;
 };
 

@@ -1,53 +1,21 @@
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include <csignal>
-#include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "private_system.h"
+#include "rqctl_fixture.h"
 
-// The operator's command, as an operator sees it: what was typed, the exit status, what was printed.
 namespace KITE::Integration {
-
-namespace {
 
 namespace fs = std::filesystem;
 
-struct Outcome {
-    int status;
-    std::string text;  // standard output and error
-};
-
-}  // namespace
-
-class RqctlTest : public PrivateSystem {
+class RqctlTest : public RqctlFixture {
   protected:
-    std::string State() const { return Directory() + "/state"; }
     std::string DeviceState() const { return State() + "/device_state.json"; }
-
-    std::unique_ptr<Process> Begin(const std::vector<std::string>& words, int output,
-                                   uid_t uid = kTrustedUid) {
-        std::vector<std::string> arguments{"rqctl",   "--bus", Address(), "--etc", Directory() + "/etc",
-                                           "--state", State()};
-        arguments.insert(arguments.end(), words.begin(), words.end());
-        return std::make_unique<Process>(
-            Launch{.program = KITE_RQCTL, .arguments = arguments, .uid = uid, .output = output});
-    }
-    Outcome Rqctl(const std::vector<std::string>& words, uid_t uid = kTrustedUid) {
-        const std::string path = Directory() + "/output." + std::to_string(++outputs_);
-        LogFile output(path);
-        const int status = Begin(words, output.Fd(), uid)->AwaitExit();
-        return {status, output.Text()};
-    }
     std::string Plot() {
         const std::string page = Directory() + "/page.html";
         EXPECT_EQ(0, Rqctl({"plot", "--output", page}).status);
         return ReadWholeFile(page);
     }
-
-  private:
-    int outputs_ = 0;
 };
 
 TEST_F(RqctlTest, AsksTheServiceAndExplainsWhatItIsTold) {
@@ -143,12 +111,12 @@ TEST_F(RqctlTest, ReplacesTheDeviceStateAsAWhole) {
 }
 
 TEST_F(RqctlTest, SettersAtTheSameTimeLoseNothing) {
-    std::vector<std::unique_ptr<Process>> setters;
+    std::vector<Command*> setters;
     for (int uid = 1; uid <= 8; ++uid) {
-        setters.push_back(Begin({"device", "window:" + std::to_string(uid), "on"}, -1));
+        setters.push_back(&Begin({"device", "window:" + std::to_string(uid), "on"}));
     }
-    for (const auto& setter : setters) {
-        EXPECT_EQ(0, setter->AwaitExit());
+    for (Command* setter : setters) {
+        EXPECT_EQ(0, setter->process.AwaitExit());
     }
     EXPECT_EQ(8U, nlohmann::json::parse(ReadWholeFile(DeviceState())).at("applications").size());
 }

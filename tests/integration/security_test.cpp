@@ -1,5 +1,3 @@
-#include <csignal>
-#include <filesystem>
 #include <set>
 
 #include "kelvra_manager/protocol.h"
@@ -78,7 +76,6 @@ class SecurityTest : public PrivateSystem {
             EXPECT_EQ(deed.permitted.contains(user), deed.isDone(client)) << deed.name << " as " << user;
         }
     }
-    std::filesystem::path State(const char* file) const { return Directory() + "/state/" + file; }
 };
 
 TEST_F(SecurityTest, ANameCannotBeTakenBeforeItsHostStarts) {
@@ -101,18 +98,18 @@ TEST_F(SecurityTest, NobodyDoesWhatIsNotHis) {
     EXPECT_EQ(SIGKILL, StartTarget("hog", {"burn"}).AwaitEnd()) << "quotas and subscription are as they were";
     EXPECT_FALSE(victim.HasEnded());
     using std::filesystem::perms;
-    EXPECT_EQ(perms::none, status(State("events.jsonl")).permissions() & perms::others_all);
-    EXPECT_EQ(perms::owner_all, status(State("treated")).permissions());
+    EXPECT_EQ(perms::none, std::filesystem::status(State("/events.jsonl")).permissions() & perms::others_all);
+    EXPECT_EQ(perms::owner_all, std::filesystem::status(State("/treated")).permissions());
     TryAll(kQuotaUid, requests);
     TryAll(kQuotaUid, kQuestions);
 }
 
 TEST_F(SecurityTest, RecordsAreNotKeptInADirectoryOfAnotherUser) {
-    std::filesystem::create_directory(State("treated"));
+    std::filesystem::create_directory(State("/treated"));
     FakeManager& manager = StartWithFakeManager();
     EXPECT_EQ(0, manager.Report({Anomaly(StartTarget("target", {"idle"}), "cpu", "freeze")}));
     EXPECT_TRUE(QuotaHost().log.Await("(target) failed: Permission denied"));
-    EXPECT_TRUE(std::filesystem::is_empty(State("treated")));
+    EXPECT_TRUE(std::filesystem::is_empty(State("/treated")));
 }
 
 TEST_F(SecurityTest, ASenderThatHasGoneIsNobody) {

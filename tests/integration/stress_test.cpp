@@ -1,10 +1,5 @@
 #include <fcntl.h>
 
-#include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <cstdlib>
-#include <sstream>
 #include <thread>
 
 #include "private_system.h"

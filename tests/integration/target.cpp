@@ -15,9 +15,11 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -100,23 +102,21 @@ void Hang() {
 
 int main(int argc, char** argv) {
     const std::string_view mode = argc > 1 ? argv[1] : "";
-    const char* argument = argc > 2 ? argv[2] : "1";
-    if (mode == "idle") {
-        Wait();
-    } else if (mode == "burn") {
-        BurnInThreads(std::atoi(argument));
-    } else if (mode == "grow") {
-        Grow(static_cast<size_t>(std::atoi(argument)));
-    } else if (mode == "flood") {
-        Flood();
-    } else if (mode == "breed") {
-        Breed();
-    } else if (mode == "thread") {
-        Thread();
-    } else if (mode == "become") {
-        Become(argc > 2 ? argv[2] : argv[0]);
-    } else if (mode == "hang") {
-        Hang();
+    const char* argument = argc > 2 ? argv[2] : nullptr;
+    const int number = argument == nullptr ? 1 : std::atoi(argument);
+    const std::pair<std::string_view, std::function<void()>> modes[] = {
+        {"idle", Wait},
+        {"burn", [&] { BurnInThreads(number); }},
+        {"grow", [&] { Grow(static_cast<size_t>(number)); }},
+        {"flood", Flood},
+        {"breed", Breed},
+        {"thread", Thread},
+        {"become", [&] { Become(argument == nullptr ? argv[0] : argument); }},
+        {"hang", Hang}};
+    for (const auto& [name, run] : modes) {
+        if (name == mode) {
+            run();
+        }
     }
     return EXIT_FAILURE;
 }

@@ -1,7 +1,3 @@
-#include <csignal>
-#include <filesystem>
-#include <functional>
-
 #include "private_system.h"
 
 // What becomes of real processes.

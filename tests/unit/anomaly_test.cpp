@@ -20,21 +20,6 @@ class AnomalyTest : public ServiceTest {
         platform.runningProcesses = {{12, 34}};
     }
 
-    static ProcessAnomalyInfo Report(const std::string& resType, const std::string& action,
-                                     std::vector<uint32_t> conditions = {}, int32_t processType = 0) {
-        ProcessAnomalyInfo info;
-        info.duration = 60;
-        info.resource = 95;
-        info.uid = 34;
-        info.pid = 12;
-        info.id = 7;
-        info.processType = processType;
-        info.action = action;
-        info.resType = resType;
-        info.processName = "foo";
-        info.conditions = std::move(conditions);
-        return info;
-    }
     // What handling a report leads to, after the identity check.
     std::vector<std::string> Handle(const ProcessAnomalyInfo& info) {
         platform.ClearTrace();
@@ -55,21 +40,13 @@ class AnomalyTest : public ServiceTest {
     const std::shared_ptr<ResourceQuotaControlImpl> impl_ = std::make_shared<ResourceQuotaControlImpl>();
 };
 
-const std::vector<std::string> kKillForCpu{
-    "I resource_quota_control_execute_helper: process pid:12, resType:cpu, processName: foo",
-    "KillProcess({killReason=Kill Reason:CPU Highload, pid=12, processName=foo})",
-    "QuillRec::Write(FRAMEWORK, PROCESS_KILL, 1, PID=12 PROCESS_NAME=foo MSG=Kill Reason:CPU Highload)",
-    "I resource_quota_control_execute_helper: quillrec write result=0, send event [FRAMEWORK,PROCESS_KILL], "
-    "pid=12, "
-    "processName=foo, msg=Kill Reason:CPU Highload"};
+const std::vector<std::string> kKillForCpu = KillTrace("12", "cpu", "Kill Reason:CPU Highload");
 
 TEST_F(AnomalyTest, ABatchIsHandledByOneTaskAndSurvivesTheManagersDeath) {
     ASSERT_TRUE(impl_->InitKelvraTaskObserver());
     platform.ClearTrace();
-    auto stranger = Report("cpu", "kill");
-    stranger.pid = 13;
-    ASSERT_TRUE(platform.ReportAnomalies(
-        {stranger, Report("cpu", "kill", {}, 3000), Report("cpu", "kill"), Report("mem", "nothing")}));
+    ASSERT_TRUE(platform.ReportAnomalies({Report("cpu", "kill", {}, 0, 13), Report("cpu", "kill", {}, 3000),
+                                          Report("cpu", "kill"), Report("mem", "nothing")}));
     EXPECT_THAT(platform.Trace(),
                 ElementsAre("D kelvra_task_observer: OnReportAbnormalProcess called, abnormal size is 4",
                             "SubmitTask(SendHandlerEvent, 0)"));
@@ -256,10 +233,7 @@ class StagesTest : public AnomalyTest {
     StagesTest() { Handle(Report("cpu", "")); }
 
     static ProcessAnomalyInfo CpuExt(int32_t pid = 12, int32_t uid = 34) {
-        auto info = Report("cpu_ext", "warning", {24}, 2000);
-        info.pid = pid;
-        info.uid = uid;
-        return info;
+        return Report("cpu_ext", "warning", {24}, 2000, pid, uid);
     }
     // The requests and, in their places, the lines about the treatment.
     std::vector<std::string> Treat(const ProcessAnomalyInfo& info) {

@@ -26,13 +26,11 @@ TEST(ParcelTest, GivesBackWhatWasWrittenAndNothingMore) {
     int64_t number = 0;
     std::vector<uint64_t> numbers;
     std::vector<uint32_t> none{1};
-    EXPECT_TRUE(copy.ReadString(text) && copy.ReadBool(flag) && copy.ReadInt64(number) &&
-                copy.ReadUInt64Vector(&numbers) && copy.ReadUInt32Vector(&none));
-    EXPECT_EQ(text, "abcde");
-    EXPECT_TRUE(flag);
-    EXPECT_EQ(number, -5);
-    EXPECT_THAT(numbers, testing::ElementsAre(1, ~uint64_t{0}));
-    EXPECT_TRUE(none.empty());
+    EXPECT_TRUE(copy.ReadString(text) && text == "abcde");
+    EXPECT_TRUE(copy.ReadBool(flag) && flag);
+    EXPECT_TRUE(copy.ReadInt64(number) && number == -5);
+    EXPECT_TRUE(copy.ReadUInt64Vector(&numbers) && numbers == (std::vector{uint64_t{1}, ~uint64_t{0}}));
+    EXPECT_TRUE(copy.ReadUInt32Vector(&none) && none.empty());
     EXPECT_FALSE(copy.ReadBool(flag));
     EXPECT_EQ(copy.ReadInterfaceToken(), u"");
 }

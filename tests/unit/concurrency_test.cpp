@@ -1,8 +1,6 @@
-#include <barrier>
 #include <set>
 #include <thread>
 
-#include "iresource_quota_control.h"
 #include "resource_quota_control_impl.h"
 #include "service_fixture.h"
 #include "singleton.h"
@@ -27,31 +25,20 @@ struct Kind {
     std::vector<std::string> outcomes;  // beginnings of lines, one of which every report of the kind leads to
 };
 
-ProcessAnomalyInfo Report(const std::string& resType, const std::string& action, int32_t pid = 12,
-                          int32_t uid = 34, int32_t processType = 0) {
-    ProcessAnomalyInfo info;
-    info.processName = "foo";
-    info.resType = resType;
-    info.action = action;
-    info.pid = pid;
-    info.uid = uid;
-    info.processType = processType;
-    return info;
-}
-
 std::vector<Kind> Kinds() {
     const std::string impl = "resource_quota_control_impl: ";
     const std::vector<std::string> staged{
         "ReportData(72, 5", "ReportData(72, 0", "KillProcess({killReason=Kill Reason:CPU_EXT Highload",
         "D " + impl + "process not exit"};  // the last when a batch beside this one has killed the process
-    return {{Report("cpu", "kill"), {"KillProcess({killReason=Kill Reason:CPU Highload"}},
-            {Report("cpu", "freeze"), {"OperateOneNativeProcess("}},
-            {Report("mem", "warning"), {"I " + impl + "abnormal info"}},
-            {Report("cpu", "kill", 13), {"E " + impl + "cannot verify pid and process name"}},
-            {Report("cpu", "kill", 12, 34, 3000), {"E " + impl + "cannot get general type"}},
-            {Report("io", "kill", kTransferringPid), {"I " + impl + "pid:14 has special continuous task"}},
-            {Report("cpu_ext", "", 12, kApplicationInFront), {"I " + impl + "cancel suppress, 35"}},
-            {Report("cpu_ext", ""), staged}};
+    return {
+        {Report("cpu", "kill"), {"KillProcess({killReason=Kill Reason:CPU Highload"}},
+        {Report("cpu", "freeze"), {"OperateOneNativeProcess("}},
+        {Report("mem", "warning"), {"I " + impl + "abnormal info"}},
+        {Report("cpu", "kill", {}, 0, 13), {"E " + impl + "cannot verify pid and process name"}},
+        {Report("cpu", "kill", {}, 3000), {"E " + impl + "cannot get general type"}},
+        {Report("io", "kill", {}, 0, kTransferringPid), {"I " + impl + "pid:14 has special continuous task"}},
+        {Report("cpu_ext", "", {}, 0, 12, kApplicationInFront), {"I " + impl + "cancel suppress, 35"}},
+        {Report("cpu_ext", ""), staged}};
 }
 
 class ConcurrencyTest : public ServiceTest {
@@ -100,15 +87,9 @@ class ConcurrencyTest : public ServiceTest {
             }
         });
     }
-    void Query() {
+    static void Query() {
         for (const uint32_t code : {1U, 2U}) {
-            MessageParcel request;
-            MessageParcel reply;
-            MessageOption option;
-            request.WriteInterfaceToken(IResourceQuotaControl::GetDescriptor());
-            request.WriteInt32Vector({getpid()});
-            EXPECT_EQ(object_->SendRequest(code, request, reply, option), ERR_OK);
-            EXPECT_GE(reply.ReadableBytes(), sizeof(uint64_t));
+            EXPECT_GE(Ask(code, {getpid()}).ReadableBytes(), sizeof(uint64_t));
         }
     }
     void Dump() {
@@ -130,7 +111,7 @@ class ConcurrencyTest : public ServiceTest {
             core->HandleKelvraDied();
             core->InitKelvraTaskObserver();
         }));
-        threads.push_back(Beside([this] { Query(); }));
+        threads.push_back(Beside(Query));
         threads.push_back(Beside([this] { Dump(); }));
         threads.push_back(Beside([this] { platform.Advance(1s); }));  // in which suppressions end
         std::vector<std::jthread> reporters;
@@ -144,7 +125,6 @@ class ConcurrencyTest : public ServiceTest {
 
   private:
     SystemAbility& service_ = *platform.registeredAbility;
-    sptr<IRemoteObject> object_{dynamic_cast<IRemoteObject*>(platform.registeredAbility)};
 };
 
 TEST_F(ConcurrencyTest, EveryReportIsRecordedAndTreatedOrRefusedOnce) {
@@ -194,27 +174,20 @@ TEST_F(ConcurrencyTest, EveryReportIsRecordedAndTreatedOrRefusedOnce) {
     }
 }
 
-template <int>
-struct Counted {
-    Counted() { ++made; }
-    static inline std::atomic<int> made = 0;
-};
-
-template <int... kNumbers>
-void AskAtOnce(std::integer_sequence<int, kNumbers...>) {
-    std::barrier together(kReporters);
-    std::vector<std::jthread> users;
-    users.reserve(kReporters);
-    for (int user = 0; user < kReporters; ++user) {
-        users.emplace_back(
-            [&] { ((together.arrive_and_wait(), DelayedSingleton<Counted<kNumbers>>::GetInstance()), ...); });
-    }
-    users.clear();
-    EXPECT_EQ((Counted<kNumbers>::made + ...), int{sizeof...(kNumbers)});
-}
-
 TEST(SingletonTest, IsMadeOnceHoweverManyAskForItAtOnce) {
-    AskAtOnce(std::make_integer_sequence<int, 50>());
+    static std::atomic<int> made = 0;
+    struct Slow {
+        Slow() {
+            ++made;
+            std::this_thread::sleep_for(50ms);  // in which the others ask
+        }
+    };
+    {
+        std::vector<std::jthread> users(kReporters);
+        std::ranges::generate(users,
+                              [] { return std::jthread([] { DelayedSingleton<Slow>::GetInstance(); }); });
+    }
+    EXPECT_EQ(made, 1);
 }
 
 }  // namespace

@@ -32,19 +32,9 @@ class DumpTest : public ServiceTest {
         EXPECT_EQ(Dump(args), 0);
         return platform.saved;
     }
-    static void Handle(int pid, const std::string& action, const std::string& resType) {
-        Kelvra::ProcessAnomalyInfo info;
-        info.pid = pid;
-        info.uid = 20010;
-        info.processName = "foo";
-        info.processType = -1000;
-        info.action = action;
-        info.resType = resType;
-        info.duration = 60;
-        info.resource = 95;
-        info.id = 7;
-        info.conditions = {1, 3};
-        DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos({info});
+    int64_t CountOf(const std::u16string& dump) { return std::ranges::count(DumpText({dump}), '\n'); }
+    static void Handle(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) {
+        DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos(infos);
     }
 };
 
@@ -63,7 +53,6 @@ TEST_F(DumpTest, NeedsThePermissionOfTheFirstCaller) {
     EXPECT_EQ(Dump({u"-h"}), kRefused);
     EXPECT_THAT(platform.Trace(), ElementsAre("VerifyAccessToken(4, kite.permission.DUMP)",
                                               "E resource_quota_control_service: CheckPermission failed"));
-    EXPECT_EQ(platform.Lines().at(0).function, "AllowDump");
     platform.firstToken = kOperator;
     platform.canSave = false;
     EXPECT_EQ(Dump({u"-h"}), kRefused);
@@ -93,7 +82,7 @@ TEST_F(DumpTest, KeepsTheLast100RecordsOfEachHistory) {
     platform.registeredAbility->OnAddSystemAbility(1213, "");
     platform.wallTimeMs = 1700000000000;
     for (int pid = 1; pid <= 101; ++pid) {
-        Handle(pid, "kill", "cpu");
+        Handle({Report("cpu", "kill", {1, 3}, -1000, pid, 20010)});
     }
     const std::string all = DumpText({u"DumpReportedAbnormalInfo"});
     EXPECT_EQ(std::ranges::count(all, '\n'), 100);
@@ -110,32 +99,22 @@ TEST_F(DumpTest, KeepsTheLast100RecordsOfEachHistory) {
 
 TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
     platform.registeredAbility->OnAddSystemAbility(1213, "");
-    platform.files["/proc/5/cmdline"] = "foo";
-    Kelvra::ProcessAnomalyInfo info;
-    info.pid = 5;
-    info.processName = "foo";
-    info.action = "warning";
-    info.resType = "mem";
-    auto enhanced = info;
-    enhanced.resType = "cpu_ext";
-    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos(
-        {info, enhanced, enhanced, enhanced});
-    const std::string text = "pid_5 uid_0 processname_foo processtype_0 action_warning restype_";
-    const std::string stage = text + "cpu_ext duration_0 condition_ id_0 resource_0 timestamp_0\n";
+    platform.files["/proc/12/cmdline"] = "foo";
+    const auto enhanced = Report("cpu_ext", "warning");
+    Handle({Report("mem", "warning"), enhanced, enhanced, enhanced});
+    const std::string start = "pid_12 uid_34 processname_foo processtype_0 action_warning restype_";
+    const std::string end = " duration_60 condition_ id_7 resource_95 timestamp_0\n";
+    const std::string stage = start + "cpu_ext" + end;
     EXPECT_THAT(platform.Calls(), Contains(testing::StartsWith("KillProcess(")));
-    EXPECT_EQ(DumpText({u"DumpHandledAbnormalInfo"}),
-              text + "mem duration_0 condition_ id_0 resource_0 timestamp_0\n")
-        << "not the staged kill";
+    EXPECT_EQ(DumpText({u"DumpHandledAbnormalInfo"}), start + "mem" + end) << "not the staged kill";
     EXPECT_EQ(DumpText({u"DumpHandledAbnormalEnhanceInfo"}), stage + stage + stage);
-    EXPECT_EQ(std::ranges::count(DumpText({u"DumpReportedAbnormalInfo"}), '\n'), 4);
-    info.action = "no action";
-    info.conditions = {0, 8, 0};
-    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos({info});
-    EXPECT_EQ(std::ranges::count(DumpText({u"DumpHandledAbnormalInfo"}), '\n'), 3)
-        << "once for each condition";
+    EXPECT_EQ(CountOf(u"DumpReportedAbnormalInfo"), 4);
+    const auto thrice = Report("mem", "no action", {0, 8, 0});
+    Handle({thrice});
+    EXPECT_EQ(CountOf(u"DumpHandledAbnormalInfo"), 3) << "once for each condition that holds";
     platform.registeredAbility->OnRemoveSystemAbility(1213, "");
-    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->HandleAbnormalInfos({info});
-    EXPECT_EQ(std::ranges::count(DumpText({u"DumpReportedAbnormalInfo"}), '\n'), 6) << "recording goes on";
+    Handle({thrice});
+    EXPECT_EQ(CountOf(u"DumpReportedAbnormalInfo"), 6) << "recording goes on";
     std::string result = "replaced";
     ResourceQuotaControlDumper::Dump({"DumpConfig"}, result);
     EXPECT_EQ(result, "");
@@ -144,20 +123,21 @@ TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
 TEST_F(DumpTest, NothingIsRecordedBeforeTheManagerHasAcceptedASubscription) {
     platform.subscribeResult = 1;
     platform.registeredAbility->OnAddSystemAbility(1213, "");
-    Handle(1, "kill", "cpu");
+    Handle({Report("cpu", "kill")});
     EXPECT_EQ(DumpText({u"DumpReportedAbnormalInfo"}), "");
 }
 
 TEST_F(DumpTest, LogsTheBytesThatOneProcessHasWritten) {
     const std::string invalid =
         "E resource_quota_control_impl: input pid is invalid, please remember to enter the pid parameter.";
-    for (const std::u16string word :
-         {u"", u"0", u"abc", u"99999999999999999999", u"+-5", u"- 5", u"4294967301"}) {
-        EXPECT_EQ(DumpText({u"DumpGetIoWritebytesAbility", word}), "");
+    using Words = std::vector<std::u16string>;
+    for (const Words& words :
+         {Words{}, {u""}, {u"0"}, {u"abc"}, {u"99999999999999999999"}, {u"+-5"}, {u"- 5"}, {u"4294967301"}}) {
+        Words args{u"DumpGetIoWritebytesAbility"};
+        args.insert(args.end(), words.begin(), words.end());
+        EXPECT_EQ(DumpText(args), "");
         EXPECT_THAT(platform.Log(), ElementsAre(invalid));
     }
-    EXPECT_EQ(DumpText({u"DumpGetIoWritebytesAbility"}), "");
-    EXPECT_THAT(platform.Log(), ElementsAre(invalid));
     EXPECT_EQ(DumpText({u"DumpGetIoWritebytesAbility", u" \t-3 "}), "");
     EXPECT_THAT(
         platform.Log(),
@@ -179,9 +159,8 @@ TEST_F(ReleaseDumpTest, IsRefusedInSilenceWhateverThePermission) {
 
 TEST_F(ReleaseDumpTest, NothingIsRecorded) {
     platform.registeredAbility->OnAddSystemAbility(1213, "");
-    platform.files["/proc/1/cmdline"] = "foo";
-    Handle(1, "warning", "mem");
-    Handle(1, "warning", "cpu_ext");
+    platform.files["/proc/12/cmdline"] = "foo";
+    Handle({Report("mem", "warning"), Report("cpu_ext", "warning")});
     std::string result;
     const auto impl = DelayedSingleton<ResourceQuotaControlImpl>::GetInstance();
     impl->DumpAbnormalInfo(result, true);

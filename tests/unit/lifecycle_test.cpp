@@ -1,4 +1,3 @@
-#include "kelvra_task_observer.h"
 #include "resource_quota_control_impl.h"
 #include "resource_quota_control_service.h"
 #include "service_fixture.h"
@@ -135,6 +134,44 @@ TEST_F(LifecycleTest, TheManagerMayReportAndLeaveWhileItIsSubscribedTo) {
     EXPECT_TRUE(wasReported);
     EXPECT_EQ(platform.PendingTasks().size(), 1U);
     EXPECT_FALSE(platform.ReportAnomalies({{}}));
+}
+
+TEST_F(LifecycleTest, ALineBearsTheFunctionThatItsReadersKnow) {
+    const std::pair<std::string, std::string> functions[] = {
+        {"start.", "OnStart"},
+        {"Merge quota config failed!", "Init"},
+        {"init res policy manager failed", "OnStart"},
+        {"Add system ability", "OnAddSystemAbility"},
+        {"publish resource quota control service successfully!", "OnAddSystemAbility"},
+        {"abnormal info", "HandleAbnormalInfos"},
+        {"resource value", "HandleAbnormalProcessEnhance"},
+        {"process enter suppress", "ReportSuppressProcessInfo"},
+        {"pid:12 has special continuous task", "HandleAbnormalProcess"},
+        {"Process  called GetIoWriteBytes", "GetIoWriteBytes"},
+        {"pid vector size is invalid.", "HandleGetIoWriteBytes"},
+        {"illegal access", "GetExtensionRunningTime"},
+        {"CheckPermission failed", "AllowDump"},
+        {"process exit suppress", "EndSuppression"}};
+    AddLayer(Quotas(Entry("A", "A", Rule("cpu", 1))));
+    service.OnStart();
+    platform.configDirectories.reset();
+    AddOneRule();
+    service.OnStart();
+    service.OnAddSystemAbility(1213, "");
+    platform.files["/proc/12/cmdline"] = "foo";
+    platform.continuousTasks = {std::make_shared<ContinuousTaskCallbackInfo>(34, 12, std::vector{1U})};
+    platform.ReportAnomalies({Report("cpu", "kill", {}, 0, 13), Report("cpu_ext", ""), Report("io", "kill")});
+    platform.RunTasks();
+    Ask(1, {});
+    Ask(1, {1});
+    Ask(2, {});
+    service.Dump(1, {});
+    platform.Advance(std::chrono::seconds(6));
+    for (const auto& [start, function] : functions) {
+        EXPECT_THAT(platform.Lines(),
+                    Contains(testing::AllOf(testing::Field(&Fake::LogLine::text, testing::StartsWith(start)),
+                                            testing::Field(&Fake::LogLine::function, function))));
+    }
 }
 
 class DisabledServiceTest : public LifecycleTest {};

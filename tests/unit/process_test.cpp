@@ -48,16 +48,16 @@ TEST_F(IdentityTest, TheApplicationManagerIsReachedOnceItCanBe) {
         platform.ClearTrace();
         return helper.VerifyAppPidAndCheckForeground(2, 1);
     };
-    platform.hasRegistry = false;
-    EXPECT_EQ(verify(), std::pair(false, false));
-    EXPECT_THAT(platform.Log(), ElementsAre("E app_mgr_helper: get SystemAbilityManager failed"));
-    platform.hasRegistry = true;
-    platform.appManager = nullptr;
-    EXPECT_EQ(verify(), std::pair(false, false));
-    EXPECT_THAT(platform.Log(), ElementsAre("E app_mgr_helper: get App Manager Service failed"));
-    platform.appManager = MakeSptr<IPCObjectStub>(u"another interface", false);
-    EXPECT_EQ(verify(), std::pair(false, false));
-    EXPECT_THAT(platform.Log(), ElementsAre("E app_mgr_helper: get app mgr proxy failed!"));
+    const std::tuple<bool, sptr<IRemoteObject>, std::string> unreachable[] = {
+        {false, manager, "get SystemAbilityManager failed"},
+        {true, nullptr, "get App Manager Service failed"},
+        {true, MakeSptr<IPCObjectStub>(u"another interface", false), "get app mgr proxy failed!"}};
+    for (const auto& [hasRegistry, object, line] : unreachable) {
+        platform.hasRegistry = hasRegistry;
+        platform.appManager = object;
+        EXPECT_EQ(verify(), std::pair(false, false));
+        EXPECT_THAT(platform.Log(), ElementsAre("E app_mgr_helper: " + line));
+    }
     platform.appManager = manager;
     EXPECT_EQ(verify(), std::pair(true, true));
     platform.appManager = nullptr;
@@ -88,16 +88,7 @@ TEST_F(ActionTest, AKillSaysWhyAndIsRecordedWhenItWasAcceptedForAKnownReason) {
     for (const auto& [resType, reason] : reasons) {
         platform.ClearTrace();
         EXPECT_EQ(Helper::KillProcessByPid(1, resType, "foo"), 0);
-        const std::string helper = "I resource_quota_control_execute_helper: ";
-        EXPECT_THAT(platform.Trace(),
-                    ElementsAre(helper + "process pid:1, resType:" + resType + ", processName: foo",
-                                "KillProcess({killReason=" + reason + ", pid=1, processName=foo})",
-                                "QuillRec::Write(FRAMEWORK, PROCESS_KILL, 1, PID=1 PROCESS_NAME=foo MSG=" +
-                                    reason + ")",
-                                helper +
-                                    "quillrec write result=4, send event [FRAMEWORK,PROCESS_KILL], pid=1, "
-                                    "processName=foo, msg=" +
-                                    reason));
+        EXPECT_EQ(platform.Trace(), KillTrace("1", resType, reason, "4"));
     }
     for (const char* resType : {"IO", "cpu_extra", ""}) {
         platform.ClearTrace();
@@ -122,11 +113,6 @@ TEST_F(ActionTest, AKillSaysWhyAndIsRecordedWhenItWasAcceptedForAKnownReason) {
 
 class IoTest : public ServiceTest {
   protected:
-    static uint64_t ValueOf(const std::string& line) {
-        uint64_t value = 77;
-        EXPECT_TRUE(ResourceQuotaControlIoHelper::GetValueFromStr(line, value));
-        return value;
-    }
     std::vector<std::string> ReadOwn(bool expected) {
         platform.ClearTrace();
         uint64_t bytes = 0;
@@ -155,11 +141,16 @@ TEST_F(IoTest, ThereIsOneEntryForEachPidInOrder) {
 }
 
 TEST_F(IoTest, AValueIsWhatFollowsTheFirstColon) {
-    EXPECT_EQ(ValueOf("write_bytes: 4096"), 4096U);
-    EXPECT_EQ(ValueOf("write_bytes:"), 0U);
-    EXPECT_EQ(ValueOf(":12:34"), 12U);
-    EXPECT_EQ(ValueOf("a: \t7x8"), 7U);
-    EXPECT_EQ(ValueOf("a: 99999999999999999999"), kUnreadable);
+    const std::pair<const char*, uint64_t> cases[] = {{"write_bytes: 4096", 4096},
+                                                      {"write_bytes:", 0},
+                                                      {":12:34", 12},
+                                                      {"a: \t7x8", 7},
+                                                      {"a: 99999999999999999999", kUnreadable}};
+    for (const auto& [line, expected] : cases) {
+        uint64_t value = 77;
+        EXPECT_TRUE(ResourceQuotaControlIoHelper::GetValueFromStr(line, value));
+        EXPECT_EQ(value, expected) << line;
+    }
     uint64_t value = 77;
     EXPECT_FALSE(ResourceQuotaControlIoHelper::GetValueFromStr("", value));
     EXPECT_FALSE(ResourceQuotaControlIoHelper::GetValueFromStr("write_bytes 4", value));

@@ -1,18 +1,14 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "fake_platform.h"
+#include "iresource_quota_control.h"
 
 namespace KITE::ResourceQuotaCtl {
 
@@ -32,6 +28,36 @@ inline const std::vector<std::string>& LoadTimeCalls() {
 inline bool UnshareMounts() {
     return unshare(CLONE_NEWNS) == 0 &&
            (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 || errno == EINVAL);
+}
+
+// A report of a process that is no application unless the type says so.
+inline Kelvra::ProcessAnomalyInfo Report(const std::string& resType, const std::string& action,
+                                         std::vector<uint32_t> conditions = {}, int32_t processType = 0,
+                                         int32_t pid = 12, int32_t uid = 34) {
+    Kelvra::ProcessAnomalyInfo info;
+    info.duration = 60;
+    info.resource = 95;
+    info.uid = uid;
+    info.pid = pid;
+    info.id = 7;
+    info.processType = processType;
+    info.action = action;
+    info.resType = resType;
+    info.processName = "foo";
+    info.conditions = std::move(conditions);
+    return info;
+}
+
+// What a kill of a process "foo" that is accepted leads to.
+inline std::vector<std::string> KillTrace(const std::string& pid, const std::string& resType,
+                                          const std::string& reason, const std::string& eventResult = "0") {
+    const std::string line = "I resource_quota_control_execute_helper: ";
+    return {
+        line + "process pid:" + pid + ", resType:" + resType + ", processName: foo",
+        "KillProcess({killReason=" + reason + ", pid=" + pid + ", processName=foo})",
+        "QuillRec::Write(FRAMEWORK, PROCESS_KILL, 1, PID=" + pid + " PROCESS_NAME=foo MSG=" + reason + ")",
+        line + "quillrec write result=" + eventResult + ", send event [FRAMEWORK,PROCESS_KILL], pid=" + pid +
+            ", processName=foo, msg=" + reason};
 }
 
 // A clean platform, and a folder of configuration layers that are merged in the order of their creation.
@@ -69,6 +95,18 @@ class ServiceTest : public ::testing::Test {
     static std::string Rule(const std::string& resource, int id) {
         return "'" + resource + "':[{'condition':[],'id':" + std::to_string(id) +
                ",'resource_quota':100,'duration':60,'action':'kill'}]";
+    }
+
+    // A request to the service as the transport hands it over, with the pids that the first of the two takes.
+    static MessageParcel Ask(uint32_t code, const std::vector<int32_t>& pids) {
+        MessageParcel request;
+        MessageParcel reply;
+        MessageOption option;
+        request.WriteInterfaceToken(IResourceQuotaControl::GetDescriptor());
+        request.WriteInt32Vector(pids);
+        auto* service = dynamic_cast<IRemoteObject*>(Fake::Platform::Get().registeredAbility);
+        EXPECT_EQ(service->SendRequest(code, request, reply, option), ERR_OK);
+        return reply;
     }
 
     Fake::Platform& platform = Fake::Platform::Get();

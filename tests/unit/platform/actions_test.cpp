@@ -329,6 +329,7 @@ TEST_F(WithGroups, ChildrenGoBackAlsoWhenTheTreatedProcessIsGone) {
     const pid_t child = culprit.Children()[0];
     TreatmentTable& next = StartTable();
     culprit.Signal(SIGKILL);
+    ASSERT_TRUE(culprit.HasEnded(kPatience));
     ASSERT_TRUE(next.ReleaseLeft());
     EXPECT_EQ(groups_.GroupOf(child, Hierarchy::kUnified), home);
     EXPECT_FALSE(std::filesystem::exists(group.path));
@@ -546,6 +547,20 @@ TEST_F(Actions, ARecordOfGroupsThatAreNotMountedIsKept) {
     EXPECT_TRUE(HasRecords());
 }
 
+TEST_F(Actions, AReleaseWithoutOptionsFindsTheRecordsInTheirUsualPlace) {
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+    mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    ASSERT_EQ(mount("none", "/run", "tmpfs", 0, nullptr), 0);
+    std::filesystem::create_directories("/run/kite/treated");
+    std::filesystem::permissions("/run/kite/treated", std::filesystem::perms::owner_all);
+    TreatmentRecord record = RecordOf(Begin());
+    record.bootId = "of-another-boot";
+    ASSERT_EQ(TreatmentRecords("/run/kite").Write(record), 0);
+    EXPECT_EQ(Process({.program = KITE_HOST, .arguments = {"kite_host", "--release"}}).AwaitExit(), 0);
+    EXPECT_TRUE(std::filesystem::is_empty("/run/kite/treated"));
+    EXPECT_EQ(umount2("/run", MNT_DETACH), 0);
+}
+
 TEST_F(Actions, AReleaseThatLacksDescriptorsFailsAndKeepsTheRecord) {
     const Program& culprit = Begin();
     const std::string before = culprit.Standing();
@@ -628,12 +643,10 @@ TEST_F(Actions, TheOldestUnheldHandleMakesRoom) {
 }
 
 TEST(ProcText, ACommandNameCannotPassForOtherFields) {
-    const std::string fields = " 1 1 1 0 -1 2097216 0 0 0 0 0 0 0 0 20 0 1 0 4242 0 0";
-    const std::optional<ProcStat> stat = ParseProcStat("17 (a) R 9) (b)) T" + fields);
+    const auto stat =
+        ParseProcStat("17 (a) R 9) (b)) T 1 1 1 0 -1 2097216 0 0 0 0 0 0 0 0 20 0 1 0 4242 0 0");
     ASSERT_TRUE(stat.has_value());
-    EXPECT_TRUE(stat->IsStopped());
-    EXPECT_TRUE(stat->IsKernelThread());
-    EXPECT_EQ(stat->startTime, 4242);
+    EXPECT_TRUE(stat->IsStopped() && stat->IsKernelThread() && stat->startTime == 4242);
     EXPECT_FALSE(ParseProcStat("17 (a").has_value());
     EXPECT_FALSE(ParseProcStat("17 (a) S 1 2 3").has_value());
     for (const char* text : {"", " 1", "+1", "1 ", "0x1", "12a", "99999999999999999999"}) {

@@ -1,3 +1,5 @@
+#include <sstream>
+
 #include "app_manager.h"
 #include "background_task_manager.h"
 #include "device/device_state.h"
@@ -38,43 +40,47 @@ TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
     const sptr<IAppMgr> manager = iface_cast<IAppMgr>(AppManagerObject());
     ASSERT_TRUE(manager);
     EXPECT_TRUE(manager->AsObject() == AppManagerObject());
+    std::ostringstream told;
     std::vector<RunningProcessInfo> running;
-    ASSERT_EQ(manager->GetAllRunningProcesses(running), 0);
-    std::vector<std::pair<int, int>> pairs;
-    for (const RunningProcessInfo& info : running) {
-        pairs.emplace_back(info.uid, info.pid);
+    EXPECT_EQ(manager->GetAllRunningProcesses(running), 0);
+    for (const auto& info : running) {
+        told << " running " << info.uid << ':' << info.pid;
     }
-    EXPECT_EQ(pairs, (std::vector<std::pair<int, int>>{{1, 10}, {1, 11}, {2, 20}, {3, 30}}));
     std::vector<RenderProcessInfo> rendering;
-    ASSERT_EQ(manager->GetAllRenderProcesses(rendering), 0);
-    ASSERT_EQ(rendering.size(), 1U);
-    EXPECT_EQ(std::pair(rendering[0].renderPid, rendering[0].uid), std::pair(12, 1));
+    EXPECT_EQ(manager->GetAllRenderProcesses(rendering), 0);
+    for (const auto& info : rendering) {
+        told << " rendering " << info.uid << ':' << info.renderPid;
+    }
     std::vector<AppStateData> foreground;
-    ASSERT_EQ(manager->GetForegroundApplications(foreground), 0);
-    ASSERT_EQ(foreground.size(), 1U);
-    EXPECT_EQ(foreground[0].uid, 1);
+    EXPECT_EQ(manager->GetForegroundApplications(foreground), 0);
+    for (const auto& info : foreground) {
+        told << " foreground " << info.uid;
+    }
     std::vector<sptr<WindowVisibilityInfo>> windows;
-    ASSERT_EQ(WindowManager::GetInstance().GetVisibilityWindowInfo(windows), 0);
-    ASSERT_EQ(windows.size(), 1U);
-    EXPECT_EQ(windows[0]->uid, 2);
+    EXPECT_EQ(WindowManager::GetInstance().GetVisibilityWindowInfo(windows), 0);
+    for (const auto& info : windows) {
+        told << " window " << info->uid;
+    }
     std::vector<std::shared_ptr<ContinuousTaskCallbackInfo>> tasks;
-    ASSERT_EQ(BackgroundTaskMgrHelper::GetContinuousTaskApps(tasks), 0);
-    ASSERT_EQ(tasks.size(), 1U);
-    EXPECT_EQ(std::pair(tasks[0]->GetCreatorUid(), tasks[0]->GetCreatorPid()), std::pair(1, 10));
-    EXPECT_EQ(tasks[0]->GetTypeIds(), (std::vector<uint32_t>{1, 4294967295}));
-    std::vector<std::shared_ptr<ResourceCallbackInfo>> applications;
+    EXPECT_EQ(BackgroundTaskMgrHelper::GetContinuousTaskApps(tasks), 0);
+    for (const auto& info : tasks) {
+        told << " task " << info->GetCreatorUid() << ':' << info->GetCreatorPid() << ' '
+             << testing::PrintToString(info->GetTypeIds());
+    }
+    std::vector<std::shared_ptr<ResourceCallbackInfo>> resources;
     std::vector<std::shared_ptr<ResourceCallbackInfo>> processes;
-    ASSERT_EQ(BackgroundTaskMgrHelper::GetEfficiencyResourcesInfos(applications, processes), 0);
-    ASSERT_EQ(applications.size(), 1U);
-    EXPECT_EQ(applications[0]->GetResourceNumber(), 64U);
-    ASSERT_EQ(processes.size(), 1U);
-    EXPECT_EQ(std::pair(processes[0]->GetUid(), processes[0]->GetPid()), std::pair(2, 20));
-    EXPECT_EQ(processes[0]->GetResourceNumber(), 1U);
-    EXPECT_EQ(GeneralTypeOf(1, 11), 1);
-    EXPECT_EQ(GeneralTypeOf(1, 12), 1);
-    EXPECT_EQ(GeneralTypeOf(2, 11), 0);
-    EXPECT_EQ(GeneralTypeOf(3, 30), 2);
-    EXPECT_EQ(GeneralTypeOf(1, 30), 0);
+    EXPECT_EQ(BackgroundTaskMgrHelper::GetEfficiencyResourcesInfos(resources, processes), 0);
+    resources.insert(resources.end(), processes.begin(), processes.end());
+    for (const auto& info : resources) {
+        told << " resource " << info->GetUid() << ':' << info->GetPid() << ' ' << info->GetResourceNumber();
+    }
+    EXPECT_EQ(told.str(),
+              " running 1:10 running 1:11 running 2:20 running 3:30 rendering 1:12 foreground 1 window 2"
+              " task 1:10 { 1, 4294967295 } resource 1:10 64 resource 2:20 1");
+    const std::tuple<int, int, int> types[] = {{1, 11, 1}, {1, 12, 1}, {2, 11, 0}, {3, 30, 2}, {1, 30, 0}};
+    for (const auto& [uid, pid, type] : types) {
+        EXPECT_EQ(GeneralTypeOf(uid, pid), type) << uid << ':' << pid;
+    }
 }
 
 TEST_F(DeviceTest, EveryChangeIsSeenAtOnceAlsoOneOfTheSameSizeAndTime) {

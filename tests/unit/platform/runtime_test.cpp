@@ -1,12 +1,9 @@
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/vfs.h>
 
 #include <linux/magic.h>
-#include <cstdio>
-#include <cstring>
 #include <future>
 #include <nlohmann/json.hpp>
 #include <numeric>
@@ -39,22 +36,16 @@ extern "C" [[gnu::visibility("default")]] int fstatfs(int fd, struct statfs* sta
 namespace KITE::Linux {
 namespace {
 
+using Integration::Pipe;
 using RuntimeTest = DirectoryTest;
 
-struct Ends {
-    UniqueFd reader;
-    UniqueFd writer;
-};
-
-Ends MakePipe() {
-    Integration::Pipe pipe;
-    return {std::move(pipe.readEnd), std::move(pipe.writeEnd)};
-}
-
-Ends MakeSockets() {
+Pipe MakeSockets() {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+    Pipe sockets;
+    sockets.readEnd = UniqueFd(ends[0]);
+    sockets.writeEnd = UniqueFd(ends[1]);
+    return sockets;
 }
 
 std::string ReadAll(int fd) {
@@ -164,13 +155,13 @@ TEST_F(JournalTest, AJournalMayComeAndGoAndComeAgain) {
 }
 
 TEST(StderrLogTest, ALineHasTimeLevelAndTagAndCannotForgeAnother) {
-    Ends pipe = MakePipe();
+    Pipe pipe;
     {
-        StderrLog log(pipe.writer.Get());
+        StderrLog log(pipe.writeEnd.Get());
         log.Write(Line("one\n2024 E\x1b[2J \t\x7f\xc3\xa4", Log::Level::kWarning));
     }
-    pipe.writer = UniqueFd();
-    std::string text = ReadAll(pipe.reader.Get());
+    pipe.writeEnd = UniqueFd();
+    std::string text = ReadAll(pipe.readEnd.Get());
     ASSERT_GT(text.size(), 24U);
     std::replace_if(
         text.begin(), text.begin() + 24, [](char byte) { return byte >= '0' && byte <= '9'; }, '#');
@@ -186,8 +177,8 @@ size_t CountOf(const std::string& what, const std::string& text) {
 }
 
 TEST(StderrLogTest, AReaderThatStallsNeverHoldsACallerAndIsToldWhatItMissed) {
-    Ends pipe = MakePipe();
-    StderrLog log(pipe.writer.Get());
+    Pipe pipe;
+    StderrLog log(pipe.writeEnd.Get());
     const std::string text(200, 'x');
     const auto start = Clock::now();
     for (int i = 0; i < 20000; ++i) {
@@ -197,14 +188,14 @@ TEST(StderrLogTest, AReaderThatStallsNeverHoldsACallerAndIsToldWhatItMissed) {
     std::string all;
     while (all.find(" log lines were dropped\n") == std::string::npos) {
         char piece[65536];
-        const ssize_t length = read(pipe.reader.Get(), piece, sizeof(piece));
+        const ssize_t length = read(pipe.readEnd.Get(), piece, sizeof(piece));
         ASSERT_GT(length, 0);
         all.append(piece, static_cast<size_t>(length));
     }
     log.Stop();
     log.Write(Line("last"));
-    pipe.writer = UniqueFd();
-    all += ReadAll(pipe.reader.Get());
+    pipe.writeEnd = UniqueFd();
+    all += ReadAll(pipe.readEnd.Get());
     const size_t written = CountOf(text + "\n", all);
     EXPECT_GE(written, StderrLog::kMaxLines);
     EXPECT_EQ(CountOf("\n", all), written + 2);
@@ -215,8 +206,8 @@ TEST(StderrLogTest, AReaderThatStallsNeverHoldsACallerAndIsToldWhatItMissed) {
 }
 
 TEST(StderrLogTest, StoppingGivesAStalledReaderASecondAndLosesNoQueuedLine) {
-    Ends pipe = MakePipe();
-    StderrLog log(pipe.writer.Get());
+    Pipe pipe;
+    StderrLog log(pipe.writeEnd.Get());
     for (int i = 0; i < 2000; ++i) {
         log.Write(Line(std::string(100, 'x')));
     }
@@ -225,9 +216,9 @@ TEST(StderrLogTest, StoppingGivesAStalledReaderASecondAndLosesNoQueuedLine) {
     EXPECT_GE(Clock::now() - start, 900ms);
     EXPECT_LT(Clock::now() - start, 3s);
     std::string all;
-    fcntl(pipe.reader.Get(), F_SETFL, O_NONBLOCK);
+    fcntl(pipe.readEnd.Get(), F_SETFL, O_NONBLOCK);
     while (CountOf("\n", all) < 2000) {
-        const std::string more = ReadAll(pipe.reader.Get());
+        const std::string more = ReadAll(pipe.readEnd.Get());
         ASSERT_FALSE(more.empty());
         all += more;
         log.Write(Line("y"));
@@ -270,21 +261,21 @@ TEST_F(RuntimeTest, AReaderOfANamedPipeThatComesBackGetsNothingOfATextThatWasGiv
 
 TEST(SaveStringToFdTest, AReaderGetsTheWholeTextOrCostsTwoSecondsOrIsAnErrorAndNoSignal) {
     const std::string text = LargeText();
-    for (Ends& ends : std::array{MakePipe(), MakeSockets()}) {
+    for (Pipe& ends : std::array{Pipe(), MakeSockets()}) {
         std::future<std::string> slow =
-            std::async(std::launch::async, [fd = ends.reader.Get()] { return ReadAll(fd); });
-        EXPECT_TRUE(SaveStringToFd(ends.writer.Get(), text));
-        EXPECT_EQ(fcntl(ends.writer.Get(), F_GETFL) & O_NONBLOCK, 0);
-        ends.writer = UniqueFd();
+            std::async(std::launch::async, [fd = ends.readEnd.Get()] { return ReadAll(fd); });
+        EXPECT_TRUE(SaveStringToFd(ends.writeEnd.Get(), text));
+        EXPECT_EQ(fcntl(ends.writeEnd.Get(), F_GETFL) & O_NONBLOCK, 0);
+        ends.writeEnd = UniqueFd();
         EXPECT_EQ(slow.get(), text);
     }
-    for (Ends& ends : std::array{MakePipe(), MakeSockets()}) {
+    for (Pipe& ends : std::array{Pipe(), MakeSockets()}) {
         const auto start = Clock::now();
-        EXPECT_FALSE(SaveStringToFd(ends.writer.Get(), text));
+        EXPECT_FALSE(SaveStringToFd(ends.writeEnd.Get(), text));
         EXPECT_GE(Clock::now() - start, 1900ms);
         EXPECT_LT(Clock::now() - start, 4s);
-        ends.reader = UniqueFd();
-        EXPECT_FALSE(SaveStringToFd(ends.writer.Get(), "text"));
+        ends.readEnd = UniqueFd();
+        EXPECT_FALSE(SaveStringToFd(ends.writeEnd.Get(), "text"));
     }
 }
 
@@ -430,9 +421,7 @@ TEST_F(AccessTokenTest, AFileThatCannotBeTrustedIsRefusedWithItsPathAndPlace) {
          "tokens[1]: uid 0"},
         {R"({"tokens": [{"user": "nobody-of-that-name", "process_name": "a"}]})", "tokens[0].user: "},
         {R"({"tokens": [{"process_name": "a"}]})", "tokens[0]: must have either"},
-        {R"({"tokens": [{"uid": -1, "process_name": "a"}]})", "tokens[0].uid: must lie between"},
         {R"({"tokens": [{"uid": 4294967295, "process_name": "a"}]})", "tokens[0].uid: must lie between"},
-        {R"({"tokens": [{"uid": 18446744073709551615, "process_name": "a"}]})", "tokens[0].uid: must lie"},
         {R"({"tokens": [{"uid": 1}]})", "tokens[0].process_name: missing"},
         {R"({"tokens": [{"uid": 1, "process_name": ""}]})", "tokens[0].process_name: must not be empty"},
         {R"({"tokens": [{"uid": 1, "process_name": "a", "permissions": [1]}]})",

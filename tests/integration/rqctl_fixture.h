@@ -1,0 +1,40 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include "private_system.h"
+
+namespace KITE::Integration {
+
+// The operator's command, as an operator sees it: what was typed, the exit status, what was printed.
+class RqctlFixture : public PrivateSystem {
+  protected:
+    struct Command {
+        Command(const std::string& path, const std::vector<std::string>& words, uid_t uid)
+            : output(path),
+              process({.program = KITE_RQCTL, .arguments = words, .uid = uid, .output = output.Fd()}) {}
+        LogFile output;
+        Process process;
+    };
+    struct Outcome {
+        int status;
+        std::string text;  // standard output and error
+    };
+
+    Command& Begin(std::vector<std::string> words, uid_t uid = kTrustedUid) {
+        words.insert(words.begin(),
+                     {"rqctl", "--bus", Address(), "--etc", Directory() + "/etc", "--state", State()});
+        const std::string path = Directory() + "/rqctl." + std::to_string(commands_.size());
+        return commands_.emplace_back(path, words, uid);
+    }
+    Outcome Rqctl(const std::vector<std::string>& words, uid_t uid = kTrustedUid) {
+        Command& command = Begin(words, uid);
+        const int status = command.process.AwaitExit();
+        return {status, command.output.Text()};
+    }
+
+  private:
+    std::deque<Command> commands_;
+};
+
+}  // namespace KITE::Integration
