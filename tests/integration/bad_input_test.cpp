@@ -50,6 +50,7 @@ class BadClientTest : public PrivateSystem {
     void SetUp() override {
         PrivateSystem::SetUp();
         std::vector<std::string> rules;
+        rules.reserve(500);
         for (int i = 0; i < 500; ++i) {
             rules.push_back(Rule("extension_with_a_long_name_" + std::to_string(i), "cpu", 10, "kill", i));
         }

@@ -12,6 +12,10 @@ using Kelvra::ProcessAnomalyInfo;
 const std::string kImpl = "resource_quota_control_impl: ";
 constexpr int kScreenOn = 16;
 
+std::string Impl(const std::string& line) {
+    return "I " + kImpl + line;
+}
+
 // One process, pid 12 of uid 34, named "foo", that exists and is an application in the background.
 class AnomalyTest : public ServiceTest {
   protected:
@@ -64,19 +68,18 @@ TEST_F(AnomalyTest, AReportIsLoggedAndItsProcessVerified) {
     EXPECT_THAT(
         platform.Log(),
         testing::ElementsAreArray(
-            {"I " + kImpl +
-                 "abnormal info pid is 12, uid is 34, process name is foo, process type is 4294967295, "
-                 "action is kill, restype is cpu, duration is 60, condition is 1 3 id is 7",
+            {Impl("abnormal info pid is 12, uid is 34, process name is foo, process type is 4294967295, "
+                  "action is kill, restype is cpu, duration is 60, condition is 1 3 id is 7"),
              std::string("D native_process_checker: real name is foo")}));
     platform.files.clear();
     platform.ClearTrace();
     impl_->HandleAbnormalInfos({Report("cpu", "kill")});
-    EXPECT_THAT(platform.Trace(),
-                ElementsAre("I " + kImpl +
-                                "abnormal info pid is 12, uid is 34, process name is foo, process type is 0, "
-                                "action is kill, restype is cpu, duration is 60, condition is id is 7",
-                            "LoadStringFromFile(/proc/12/cmdline)",
-                            "E " + kImpl + "cannot verify pid and process name"));
+    EXPECT_THAT(
+        platform.Trace(),
+        ElementsAre(Impl("abnormal info pid is 12, uid is 34, process name is foo, process type is 0, "
+                         "action is kill, restype is cpu, duration is 60, condition is id is 7"),
+                    "LoadStringFromFile(/proc/12/cmdline)",
+                    "E " + kImpl + "cannot verify pid and process name"));
     platform.ClearTrace();
     impl_->HandleAbnormalInfos({});
     EXPECT_THAT(platform.Trace(), IsEmpty());
@@ -113,11 +116,11 @@ TEST_F(AnomalyTest, TheActionDecidesWhatIsDone) {
                     "I resource_quota_control_execute_helper: freeze process, pid is 12, uid is 34, process "
                     "name is foo result is 0"));
     EXPECT_THAT(Handle(Report("mem", "warning", {9})), testing::Each(Not(testing::HasSubstr("restype"))));
-    EXPECT_THAT(Handle(Report("mem", "warning", {0})),
-                ElementsAre("IsScreenOn()", "I " + kImpl + "current condition is 16, matched condition is 0",
-                            "I " + kImpl +
-                                "abnormal info pid is 12, uid is 34, process name is foo, process type is 0, "
-                                "action is warning, restype is mem, duration is 60, condition is 0 id is 7"));
+    EXPECT_THAT(
+        Handle(Report("mem", "warning", {0})),
+        ElementsAre("IsScreenOn()", Impl("current condition is 16, matched condition is 0"),
+                    Impl("abnormal info pid is 12, uid is 34, process name is foo, process type is 0, "
+                         "action is warning, restype is mem, duration is 60, condition is 0 id is 7")));
     EXPECT_THAT(Handle(Report("cpu", "Kill")), IsEmpty());
 }
 
@@ -139,15 +142,14 @@ TEST_F(AnomalyTest, AConditionMatchesWhenAllOfItsBitsAreSet) {
             << "extensions act whatever the condition";
     }
     EXPECT_THAT(Handle(Report("cpu", "", {8, 0})),
-                ElementsAre("IsScreenOn()", "I " + kImpl + "current condition is 8, matched condition is 8",
-                            "I " + kImpl + "current condition is 8, matched condition is 0"));
+                ElementsAre("IsScreenOn()", Impl("current condition is 8, matched condition is 8"),
+                            Impl("current condition is 8, matched condition is 0")));
 }
 
 TEST_F(AnomalyTest, ApplicationsAreInTheForegroundOrInTheBackground) {
     const auto report = Report("cpu", "", {kScreenOn}, 1000);
     const auto current = [&](int condition) {
-        return "I " + kImpl + "current condition is " + std::to_string(condition) +
-               ", matched condition is 16";
+        return Impl("current condition is ") + std::to_string(condition) + ", matched condition is 16";
     };
     const std::string matched = "I app_mgr_helper: 34 and 12 is matched";
     const std::vector<std::string> connect{"IsScreenOn()", "GetSystemAbilityManager()",
@@ -156,11 +158,11 @@ TEST_F(AnomalyTest, ApplicationsAreInTheForegroundOrInTheBackground) {
     EXPECT_THAT(Handle(report),
                 ElementsAre(connect[0], connect[1], connect[2], "GetAllRunningProcesses()", matched,
                             "GetForegroundApplications()", "GetVisibilityWindowInfo()",
-                            "I " + kImpl + "34 doesn't have visible window", current(18)));
+                            Impl("34 doesn't have visible window"), current(18)));
     platform.windowOwners = {-1, 34, 34};
     EXPECT_THAT(Handle(report), ElementsAre("IsScreenOn()", "GetAllRunningProcesses()", matched,
                                             "GetForegroundApplications()", "GetVisibilityWindowInfo()",
-                                            "I " + kImpl + "34 has visible window", current(17)));
+                                            Impl("34 has visible window"), current(17)));
     platform.foregroundApplications = {{33}, {34}};
     EXPECT_THAT(Handle(report), ElementsAre("IsScreenOn()", "GetAllRunningProcesses()", matched,
                                             "GetForegroundApplications()",
@@ -182,10 +184,9 @@ class ExemptionTest : public AnomalyTest {
 
 TEST_F(ExemptionTest, ADataTransferOfTheProcessExemptsFromIoQuotasOnly) {
     platform.continuousTasks = {nullptr, std::make_shared<Task>(34, 12, std::vector<uint32_t>{3, 1})};
-    EXPECT_THAT(
-        Handle(Report("io", "kill")),
-        ElementsAre("GetContinuousTaskApps()", "I " + kImpl + "pid 12 has data transfer continuous task",
-                    "I " + kImpl + "pid:12 has special continuous task, it can be exempted"));
+    EXPECT_THAT(Handle(Report("io", "kill")),
+                ElementsAre("GetContinuousTaskApps()", Impl("pid 12 has data transfer continuous task"),
+                            Impl("pid:12 has special continuous task, it can be exempted")));
     EXPECT_EQ(Handle(Report("cpu", "kill")), kKillForCpu);
     EXPECT_THAT(Handle(Report("io2", "")), IsEmpty());
     EXPECT_THAT(Handle(Report("cpu_ext2", "")), IsEmpty());
@@ -206,9 +207,8 @@ TEST_F(ExemptionTest, GrantedResourcesExemptByUidOrByPid) {
     EXPECT_THAT(
         Handle(Report("io", "kill")),
         ElementsAre("GetContinuousTaskApps()", "GetEfficiencyResourcesInfos()",
-                    "E " + kImpl + "app resource error!",
-                    "I " + kImpl + "uid 34 has proc resource Number: 64.",
-                    "I " + kImpl + "pid:12 has special efficiency resource type, it can be exempted"));
+                    "E " + kImpl + "app resource error!", Impl("uid 34 has proc resource Number: 64."),
+                    Impl("pid:12 has special efficiency resource type, it can be exempted")));
     platform.appResources = {std::make_shared<Resource>(34, 0, 3U)};
     EXPECT_FALSE(IsKilled());
     platform.appResources = {std::make_shared<Resource>(33, 12, 0x41U),
@@ -220,9 +220,8 @@ TEST_F(ExemptionTest, GrantedResourcesExemptByUidOrByPid) {
     EXPECT_THAT(
         Handle(Report("io", "kill")),
         ElementsAre("GetContinuousTaskApps()", "GetEfficiencyResourcesInfos()",
-                    "E " + kImpl + "process resource error!",
-                    "I " + kImpl + "pid 12 has proc resource Number: 129.",
-                    "I " + kImpl + "pid:12 has special efficiency resource type, it can be exempted"));
+                    "E " + kImpl + "process resource error!", Impl("pid 12 has proc resource Number: 129."),
+                    Impl("pid:12 has special efficiency resource type, it can be exempted")));
     platform.processResources = {std::make_shared<Resource>(34, 13, 0x1U)};
     EXPECT_TRUE(IsKilled());
 }
@@ -250,21 +249,19 @@ class StagesTest : public AnomalyTest {
         platform.Advance(time);
         return platform.Trace();
     }
-    static std::string Value(const std::string& line) { return "I " + kImpl + line; }
-
-    const std::string resource_ = Value("resource value, processName: foo, resource: 95");
+    const std::string resource_ = Impl("resource value, processName: foo, resource: 95");
     const std::vector<std::string> suppress_{
         resource_, "ReportData(72, 5, {extType=10005, pid=12, processName=foo, uid=34})",
-        Value("process enter suppress, processName: foo, uid: 34,pid: 12"),
+        Impl("process enter suppress, processName: foo, uid: 34,pid: 12"),
         "SubmitTask(ReportSuppressProcessInfo, 6000000)"};
     const std::vector<std::string> freeze_{
         resource_, "ReportData(72, 0, {extType=10005, freezeTime=2000, pid=12, processName=foo, uid=34})",
-        Value("process is freezed, processName: foo, uid: 34,pid: 12")};
+        Impl("process is freezed, processName: foo, uid: 34,pid: 12")};
     const std::vector<std::string> kill_{
         resource_, "KillProcess({killReason=Kill Reason:CPU_EXT Highload, pid=12, processName=foo})",
-        Value("kill process for quota exceed, processName: foo, uid: 34,pid: 12")};
+        Impl("kill process for quota exceed, processName: foo, uid: 34,pid: 12")};
     const std::vector<std::string> end_{"ReportData(72, 6, {extType=10005, pid=12, processName=foo, uid=34})",
-                                        Value("process exit suppress, processName: foo, uid: 34,pid: 12")};
+                                        Impl("process exit suppress, processName: foo, uid: 34,pid: 12")};
 };
 
 TEST_F(StagesTest, SuppressesThenFreezesThenKills) {
@@ -273,7 +270,7 @@ TEST_F(StagesTest, SuppressesThenFreezesThenKills) {
     EXPECT_EQ(Treat(CpuExt()), kill_);
     EXPECT_THAT(Advance(5'999'999us), IsEmpty());
     auto afterKill = end_;
-    afterKill[1] = Value("process exit suppress, processName: foo, uid: 0,pid: 0");
+    afterKill[1] = Impl("process exit suppress, processName: foo, uid: 0,pid: 0");
     EXPECT_EQ(Advance(1us), afterKill);
     EXPECT_EQ(Treat(CpuExt()), suppress_);
 }
@@ -328,7 +325,7 @@ TEST_F(StagesTest, ARestartedProcessIsSuppressedFirst) {
         Treat(CpuExt(13, 36)),
         Contains("ReportData(72, 0, {extType=10005, freezeTime=2000, pid=13, processName=foo, uid=35})"));
     EXPECT_THAT(Treat(CpuExt(13, 36)),
-                Contains(Value("kill process for quota exceed, processName: foo, uid: 36,pid: 13")));
+                Contains(Impl("kill process for quota exceed, processName: foo, uid: 36,pid: 13")));
 }
 
 TEST_F(StagesTest, AnEndOfAnEarlierPidReportsThatPidAndClearsTheName) {
@@ -336,13 +333,13 @@ TEST_F(StagesTest, AnEndOfAnEarlierPidReportsThatPidAndClearsTheName) {
     platform.files["/proc/13/cmdline"] = "foo";
     Treat(CpuExt(13));
     EXPECT_THAT(Advance(6s),
-                ElementsAre(end_[0], Value("process exit suppress, processName: foo, uid: 34,pid: 13"),
+                ElementsAre(end_[0], Impl("process exit suppress, processName: foo, uid: 34,pid: 13"),
                             "ReportData(72, 6, {extType=10005, pid=13, processName=foo, uid=34})",
-                            Value("process exit suppress, processName: foo, uid: 34,pid: 13")));
+                            Impl("process exit suppress, processName: foo, uid: 34,pid: 13")));
 }
 
 TEST_F(StagesTest, AProcessThatIsSeenIsLeftAlone) {
-    const std::string cancelled = Value("cancel suppress, 34 is in foreground or has window visible");
+    const std::string cancelled = Impl("cancel suppress, 34 is in foreground or has window visible");
     platform.windowOwners = {34};
     EXPECT_EQ(Treat(CpuExt()), (std::vector{resource_, cancelled}));
     platform.windowOwners.clear();

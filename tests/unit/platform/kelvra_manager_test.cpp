@@ -143,8 +143,9 @@ TEST(Windows, EachRuleIsReportedByItsOwnMeasureOnceForEachWindow) {
             sample.writtenBytes = second * 1000;
             windows.Add(sample);
             Ids taken;
+            const bool isHeld = second == heldBack;
             for (const Breach& breach : windows.TakeBreaches(
-                     [&](Resource resource) { return second == heldBack && resource == Resource::kIo; })) {
+                     [isHeld](Resource resource) { return isHeld && resource == Resource::kIo; })) {
                 taken.push_back(breach.rule->quota.id);
             }
             EXPECT_EQ(taken, expected[static_cast<size_t>(second)]) << name << ", second " << second;
@@ -489,6 +490,26 @@ TEST(Sampler, TakesThePlaceOnTheGridThatALateSampleCameTo) {
     EXPECT_EQ(NextSampleTime(Second(10), Second(11.01), 1s), Second(11));
     EXPECT_EQ(NextSampleTime(Second(10), Second(10.99), 1s), Second(11));
     EXPECT_EQ(NextSampleTime(Second(10), Second(13.5), 1s), Second(13));
+}
+
+TEST(Sampler, ReportsOnceThereAreQuotasAndASubscriberAndStopsAtOnce) {
+    const auto reporter = std::make_shared<Reporter>();
+    std::atomic<int> batches = 0;
+    Sampler sampler(100ms, 10, reporter);
+    sampler.Start();
+    char self[kProcBufferSize];
+    const std::string name(ProcessNameOf(ReadProcFileOnce(getpid(), "cmdline", self).text));
+    sampler.SetQuotas({Quota(name, "mem", 1, 0)});
+    reporter->SetSubscriber([&](const MessageParcel&, const std::function<void(int32_t)>& answered) {
+        answered(ERR_NONE);
+        ++batches;
+    });
+    sampler.SubscriberHasChanged();
+    EXPECT_TRUE(Eventually([&] { return batches >= 2; }));
+    sampler.Stop();
+    const int afterStop = batches;
+    sampler.SubscriberHasChanged();
+    EXPECT_EQ(batches, afterStop);
 }
 
 class CountingSubscriber : public Kelvra::KelvraManagerTaskSubscriber {
