@@ -4,6 +4,7 @@
 #include <linux/sched.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -26,6 +27,11 @@ namespace KITE::Integration {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+int MillisecondsUntil(Clock::time_point end) {
+    const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
+    return static_cast<int>(std::max<milliseconds::rep>(left.count(), 0));
+}
 
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
@@ -99,14 +105,28 @@ void WriteWholeFile(const std::string& path, std::string_view text, mode_t mode)
 
 LogFile::LogFile(std::string path)
     : path_(std::move(path)),
-      file_(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644)) {}
+      file_(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644)),
+      changes_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    inotify_add_watch(changes_.Get(), path_.c_str(), IN_MODIFY);
+}
 
 bool LogFile::Await(std::string_view text, milliseconds limit) {
-    size_t found = 0;
-    const bool isThere = Eventually(
-        [&] { return (found = ReadWholeFile(path_, position_).find(text)) != std::string::npos; }, limit);
-    position_ += isThere ? static_cast<std::streamoff>(found + text.size()) : 0;
-    return isThere;
+    const auto end = Clock::now() + limit;
+    while (true) {
+        const std::string news = ReadWholeFile(path_, position_);
+        const size_t found = news.find(text);
+        if (found != std::string::npos) {
+            position_ += static_cast<std::streamoff>(found + text.size());
+            return true;
+        }
+        pollfd changed{changes_.Get(), POLLIN, 0};
+        if (poll(&changed, 1, MillisecondsUntil(end)) <= 0) {
+            return false;
+        }
+        std::array<char, 4096> events;
+        while (read(changes_.Get(), events.data(), events.size()) > 0) {
+        }
+    }
 }
 
 Pipe::Pipe() {

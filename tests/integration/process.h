@@ -42,6 +42,7 @@ class LogFile {
   private:
     const std::string path_;
     const Linux::UniqueFd file_;
+    const Linux::UniqueFd changes_;
     std::streamoff position_ = 0;
 };
 
