@@ -48,12 +48,11 @@ double SecondsOfCpu(const char* who, const Process& process) {
     Linux::Sampling::BirthCounter births;
     std::this_thread::sleep_for(kUntilSteady);
     const auto before = process.CpuTime();
-    const int64_t bornBefore = births.Read().value_or(Linux::Sampling::Births{}).count;
+    const int64_t bornBefore = births.Read().value().count;
     std::this_thread::sleep_for(kTime);
     const double used = std::chrono::duration<double>(process.CpuTime() - before).count();
     std::printf("%s: %.1f ms of processor time in %ld s, in which the machine gave birth to %ld\n", who,
-                used * 1000, static_cast<long>(kTime.count()),
-                births.Read().value_or(Linux::Sampling::Births{}).count - bornBefore);
+                used * 1000, static_cast<long>(kTime.count()), births.Read().value().count - bornBefore);
     return used;
 }
 
