@@ -381,6 +381,15 @@ TEST_F(RealProcesses, TheNewestAreFoundAtOnceAlsoWherePidsBeganAgainAtTheLowEnd)
         children.emplace_back(first_, second_);
         EXPECT_THAT(Sample(), SizeIs(born));
     }
+    // One below its turn is found by the next listing of everything.
+    std::ofstream("/proc/sys/kernel/ns_last_pid") << children.front().Pid() - 400 << std::flush;
+    children.emplace_back(first_, second_);
+    std::ofstream("/proc/sys/kernel/ns_last_pid") << children.front().Pid() + 200 << std::flush;
+    uint32_t samples = 1;
+    while (Sample().size() < children.size() && samples <= ProcessTable::kCheckPeriod) {
+        ++samples;
+    }
+    EXPECT_LE(samples, ProcessTable::kCheckPeriod);
 }
 
 TEST_F(RealProcesses, OtherRulesStartEveryWindowAnew) {
