@@ -1,3 +1,5 @@
+#include <sys/file.h>
+
 #include <cstring>
 #include <limits>
 #include <list>
@@ -242,6 +244,19 @@ class Child : public Program {
     }
 };
 
+// The machine's counter of pids, for one test at a time.
+class PidCounter {
+  public:
+    PidCounter() { flock(file_.Get(), LOCK_EX); }
+    void GoOnAfter(pid_t pid) const {
+        const std::string text = std::to_string(pid);
+        static_cast<void>(!pwrite(file_.Get(), text.data(), text.size(), 0));
+    }
+
+  private:
+    const UniqueFd file_{open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC)};
+};
+
 class RealProcesses : public DirectoryTest {
   protected:
     void UseRules(std::vector<Kelvra::ResQuotaInfo> quotas) {
@@ -359,6 +374,7 @@ TEST_F(RealProcesses, AProblemDoesNotSilenceAnother) {
 }
 
 TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
+    const PidCounter pids;
     UseRules({Quota(first_, "mem", 1, 0)});
     Child other(second_, second_);
     for (int sample = 0; sample < 3; ++sample) {
@@ -371,20 +387,21 @@ TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
 }
 
 TEST_F(RealProcesses, TheNewestAreFoundAtOnceAlsoWherePidsBeganAgainAtTheLowEnd) {
+    const PidCounter pids;
     UseRules({Quota(first_, "mem", 1, 0)});
     Sample();
     std::list<Child> children;
     for (size_t born = 1; born <= 6; ++born) {
         if (born == 4) {
-            std::ofstream("/proc/sys/kernel/ns_last_pid") << children.front().Pid() - 200 << std::flush;
+            pids.GoOnAfter(children.front().Pid() - 200);
         }
         children.emplace_back(first_, second_);
         EXPECT_THAT(Sample(), SizeIs(born));
     }
     // One below its turn is found by the next listing of everything.
-    std::ofstream("/proc/sys/kernel/ns_last_pid") << children.front().Pid() - 400 << std::flush;
+    pids.GoOnAfter(children.front().Pid() - 400);
     children.emplace_back(first_, second_);
-    std::ofstream("/proc/sys/kernel/ns_last_pid") << children.front().Pid() + 200 << std::flush;
+    pids.GoOnAfter(children.front().Pid() + 200);
     uint32_t samples = 1;
     while (Sample().size() < children.size() && samples <= ProcessTable::kCheckPeriod) {
         ++samples;
