@@ -15,13 +15,13 @@
 #include <utility>
 #include <vector>
 
-#include "actions/treatment_table.h"
 #include "integration/process.h"
 #include "percentile.h"
 #include "ratio_table.h"
 #include "runtime/settings.h"
 #include "runtime/thread_signals.h"
 #include "system_log.h"
+#include "treatments/treatment_table.h"
 
 namespace KITE::Benchmarks {
 

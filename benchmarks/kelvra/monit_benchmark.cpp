@@ -12,7 +12,7 @@
 #include "kelvra/crowd.h"
 #include "kelvra/rows.h"
 #include "kelvra/whole_system.h"
-#include "kelvra_manager/proc_files.h"
+#include "proc/process_files.h"
 
 namespace KITE::Benchmarks {
 

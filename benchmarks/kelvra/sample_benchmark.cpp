@@ -17,11 +17,11 @@
 #include <utility>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "kelvra/crowd.h"
 #include "kelvra/rows.h"
 #include "kelvra_manager/process_table.h"
 #include "percentile.h"
-#include "runtime/unique_fd.h"
 
 namespace KITE::Benchmarks {
 

@@ -23,11 +23,11 @@
 #include <thread>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "integration/bus_client.h"
 #include "integration/process.h"
 #include "kelvra/crowd.h"
 #include "kelvra/whole_system.h"
-#include "runtime/unique_fd.h"
 
 namespace KITE::Benchmarks {
 

@@ -3,7 +3,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace KITE::Benchmarks {
 

@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "base/file.h"
 #include "fake_platform.h"
 #include "ratio_table.h"
 #include "resource_quota_control_impl.h"
 #include "rows.h"
-#include "runtime/file_reader.h"
 #include "sleepers.h"
 
 namespace KITE::Benchmarks {

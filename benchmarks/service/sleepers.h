@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace KITE::Benchmarks {
 

@@ -1,11 +1,11 @@
 // The platform's own files: the first byte of an input says which one the rest is.
 
 #include "access_token.h"
-#include "actions/treatment_records.h"
 #include "device/device_state_file.h"
 #include "fuzz.h"
 #include "runtime/access_tokens.h"
 #include "runtime/settings.h"
+#include "treatments/treatment_records.h"
 
 using namespace KITE;
 using namespace KITE::Fuzz;

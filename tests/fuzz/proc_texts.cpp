@@ -9,11 +9,11 @@
 #include <array>
 #include <cstdarg>
 
-#include "actions/proc_stat.h"
 #include "fuzz.h"
-#include "kelvra_manager/proc_parse.h"
 #include "kelvra_manager/watched_process.h"
 #include "native_process_checker.h"
+#include "proc/proc_texts.h"
+#include "proc/process_stat.h"
 #include "resource_quota_control_io_helper.h"
 #include "runtime/settings.h"
 

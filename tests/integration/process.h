@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 // Processes that a test starts, watched from outside: by pidfd, /proc and what they write.
 namespace KITE::Integration {

@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "base/file.h"
+#include "base/unique_fd.h"
 #include "parameters.h"
 #include "resource_quota_control_errors.h"
 #include "rqctl/command.h"
 #include "rqctl/output.h"
 #include "rqctl/service.h"
-#include "runtime/file_reader.h"
-#include "runtime/unique_fd.h"
 #include "string_utils.h"
 
 namespace KITE::Rqctl {

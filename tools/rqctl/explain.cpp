@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "file_utils.h"
-#include "kelvra_manager/proc_parse.h"
 #include "native_process_checker.h"
+#include "proc/proc_texts.h"
 #include "rqctl/check/explanation.h"
 #include "rqctl/check/layers.h"
 #include "rqctl/check/quiet_log.h"

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "runtime/file_reader.h"
+#include "base/file.h"
 
 namespace KITE::Rqctl {
 

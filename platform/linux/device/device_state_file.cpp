@@ -8,10 +8,10 @@
 #include <ctime>
 #include <utility>
 
+#include "base/file.h"
+#include "base/unique_fd.h"
 #include "device/device_state_reader.h"
-#include "runtime/file_reader.h"
 #include "runtime/platform_log.h"
-#include "runtime/unique_fd.h"
 
 namespace KITE::Linux {
 

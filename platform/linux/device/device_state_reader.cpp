@@ -1,6 +1,6 @@
 #include "device/device_state_reader.h"
 
-#include "runtime/json_node.h"
+#include "base/json_node.h"
 
 namespace KITE::Linux {
 

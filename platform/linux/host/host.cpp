@@ -14,7 +14,6 @@
 #include <csignal>
 #include <utility>
 
-#include "actions/treatments.h"
 #include "host/treatments_object.h"
 #include "ipc/ability_names.h"
 #include "ipc/ability_registry.h"
@@ -23,6 +22,7 @@
 #include "runtime/access_tokens.h"
 #include "runtime/platform_log.h"
 #include "runtime/task_runtime.h"
+#include "treatments/treatments.h"
 
 namespace KITE::Linux {
 

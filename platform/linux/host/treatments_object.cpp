@@ -6,14 +6,14 @@
 #include <vector>
 
 #include "access_token.h"
-#include "actions/proc_stat.h"
-#include "actions/treatments.h"
 #include "ipc/bus.h"
 #include "ipc/guard.h"
+#include "proc/process_stat.h"
 #include "runtime/access_tokens.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 #include "task_runtime.h"
+#include "treatments/treatments.h"
 
 namespace KITE::Linux {
 

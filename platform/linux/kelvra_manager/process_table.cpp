@@ -7,7 +7,7 @@
 #include <limits>
 #include <utility>
 
-#include "kelvra_manager/proc_parse.h"
+#include "proc/proc_texts.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "kelvra_manager/cpu_clock.h"
-#include "kelvra_manager/proc_files.h"
 #include "kelvra_manager/report.h"
 #include "kelvra_manager/watched_process.h"
+#include "proc/process_files.h"
 
 namespace KITE::Linux::Sampling {
 

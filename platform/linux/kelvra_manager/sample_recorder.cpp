@@ -3,7 +3,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "runtime/line_file.h"
+#include "base/line_file.h"
 #include "runtime/platform_log.h"
 #include "time_service.h"
 

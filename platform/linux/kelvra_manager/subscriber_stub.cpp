@@ -5,7 +5,6 @@
 #include <utility>
 #include <vector>
 
-#include "actions/process_handles.h"
 #include "ipc/calling_context.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
@@ -13,6 +12,7 @@
 #include "runtime/platform_log.h"
 #include "system_ability.h"
 #include "task_runtime.h"
+#include "treatments/reported_processes.h"
 
 namespace KITE::Linux {
 

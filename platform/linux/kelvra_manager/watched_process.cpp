@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "device/device_state.h"
-#include "kelvra_manager/proc_parse.h"
+#include "proc/proc_texts.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "kelvra_manager/cpu_clock.h"
-#include "kelvra_manager/proc_files.h"
 #include "kelvra_manager/process_windows.h"
 #include "kelvra_manager/report.h"
 #include "kelvra_manager/sample_recorder.h"
+#include "proc/process_files.h"
 
 namespace KITE::Linux::Sampling {
 

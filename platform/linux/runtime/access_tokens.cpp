@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "access_token.h"
-#include "runtime/file_reader.h"
-#include "runtime/json_node.h"
+#include "base/file.h"
+#include "base/json_node.h"
+#include "base/unique_fd.h"
 #include "runtime/settings.h"
-#include "runtime/unique_fd.h"
 
 namespace KITE {
 

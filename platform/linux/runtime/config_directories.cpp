@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "base/json_node.h"
 #include "config_policy.h"
-#include "runtime/json_node.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 

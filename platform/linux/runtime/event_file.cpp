@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
+#include "base/line_file.h"
 #include "runtime/immortal.h"
-#include "runtime/line_file.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 #include "system_event.h"

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "runtime/file_reader.h"
+#include "base/file.h"
 #include "runtime/nonblocking_writer.h"
 #include "runtime/platform_log.h"
 

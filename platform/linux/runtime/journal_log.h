@@ -6,8 +6,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "base/unique_fd.h"
 #include "runtime/log_line.h"
-#include "runtime/unique_fd.h"
 
 namespace KITE::Linux {
 

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <string_view>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace KITE::Linux {
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string_view>
 
-#include "runtime/json_node.h"
+#include "base/json_node.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "runtime/log_line.h"
 #include "runtime/nonblocking_writer.h"
-#include "runtime/unique_fd.h"
 
 namespace KITE::Linux {
 

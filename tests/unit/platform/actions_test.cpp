@@ -10,14 +10,14 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "actions/process_handles.h"
-#include "actions/thread_policies.h"
-#include "actions/treatment_records.h"
-#include "actions/treatment_table.h"
 #include "platform_fixture.h"
 #include "resource_schedule.h"
 #include "suspend_manager.h"
 #include "system_log.h"
+#include "treatments/reported_processes.h"
+#include "treatments/thread_policies.h"
+#include "treatments/treatment_records.h"
+#include "treatments/treatment_table.h"
 
 namespace KITE::Linux {
 

@@ -4,7 +4,6 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "actions/never_treated.h"
 #include "integration/bus_client.h"
 #include "ipc/ability_names.h"
 #include "ipc/ability_registry.h"
@@ -16,6 +15,7 @@
 #include "ipc/wire.h"
 #include "platform_fixture.h"
 #include "system_ability.h"
+#include "treatments/never_treated.h"
 
 namespace KITE::Linux {
 namespace {

@@ -5,7 +5,6 @@
 #include <list>
 #include <set>
 
-#include "kelvra_manager/proc_parse.h"
 #include "kelvra_manager/process_table.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
@@ -13,6 +12,7 @@
 #include "kelvra_manager/sampler.h"
 #include "kelvra_manager/subscriber_stub.h"
 #include "platform_fixture.h"
+#include "proc/proc_texts.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {

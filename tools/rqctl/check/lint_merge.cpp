@@ -4,7 +4,7 @@
 #include <tuple>
 #include <utility>
 
-#include "kelvra_manager/proc_parse.h"
+#include "proc/proc_texts.h"
 #include "rqctl/check/findings.h"
 
 namespace KITE::Rqctl {

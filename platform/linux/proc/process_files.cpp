@@ -1,4 +1,4 @@
-#include "kelvra_manager/proc_files.h"
+#include "proc/process_files.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <utility>
 
-#include "kelvra_manager/proc_parse.h"
+#include "proc/proc_texts.h"
 
 namespace KITE::Linux::Sampling {
 

@@ -1,4 +1,4 @@
-#include "actions/thread_policies.h"
+#include "treatments/thread_policies.h"
 
 #include <sched.h>
 #include <sys/syscall.h>
@@ -10,9 +10,9 @@
 #include <map>
 #include <optional>
 
-#include "actions/proc_stat.h"
-#include "actions/process_handles.h"
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
+#include "proc/process_stat.h"
+#include "treatments/reported_processes.h"
 
 namespace KITE::Linux {
 

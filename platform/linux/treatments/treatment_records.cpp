@@ -1,4 +1,4 @@
-#include "actions/treatment_records.h"
+#include "treatments/treatment_records.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,8 +14,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "actions/proc_stat.h"
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
+#include "proc/process_stat.h"
 
 namespace KITE::Linux {
 

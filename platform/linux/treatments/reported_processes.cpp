@@ -1,4 +1,4 @@
-#include "actions/process_handles.h"
+#include "treatments/reported_processes.h"
 
 #include <poll.h>
 #include <sys/resource.h>

@@ -1,14 +1,14 @@
-#include "actions/treatment_table.h"
+#include "treatments/treatment_table.h"
 
 #include <algorithm>
 #include <cerrno>
 
-#include "actions/never_treated.h"
-#include "actions/proc_stat.h"
+#include "proc/process_stat.h"
 #include "runtime/event_file.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 #include "time_service.h"
+#include "treatments/never_treated.h"
 
 namespace KITE::Linux {
 

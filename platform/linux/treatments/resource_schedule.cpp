@@ -5,9 +5,9 @@
 #include <limits>
 #include <optional>
 
-#include "actions/proc_stat.h"
-#include "actions/treatment_table.h"
+#include "proc/process_stat.h"
 #include "runtime/platform_log.h"
+#include "treatments/treatment_table.h"
 
 namespace KITE {
 

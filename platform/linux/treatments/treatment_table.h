@@ -12,10 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include "actions/process_handles.h"
-#include "actions/treatment_steps.h"
-#include "actions/treatments.h"
-#include "actions/watcher.h"
+#include "treatments/reported_processes.h"
+#include "treatments/treatment_steps.h"
+#include "treatments/treatments.h"
+#include "treatments/watcher.h"
 
 namespace KITE::Linux {
 

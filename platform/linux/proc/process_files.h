@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace KITE::Linux::Sampling {
 

@@ -6,8 +6,8 @@
 #include <limits>
 #include <optional>
 
-#include "actions/treatment_table.h"
 #include "runtime/platform_log.h"
+#include "treatments/treatment_table.h"
 
 namespace KITE {
 

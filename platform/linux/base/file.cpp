@@ -1,10 +1,10 @@
-#include "runtime/file_reader.h"
+#include "base/file.h"
 
 #include <fcntl.h>
 
 #include <cerrno>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace KITE::Linux {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "actions/proc_stat.h"
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
+#include "proc/process_stat.h"
 #include "visibility.h"
 
 namespace KITE::Linux {

@@ -8,7 +8,7 @@
 #include <optional>
 #include <thread>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace KITE::Linux {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-#include "actions/cgroup.h"
-#include "actions/treatment_records.h"
+#include "treatments/control_groups.h"
+#include "treatments/treatment_records.h"
 
 namespace KITE::Linux {
 

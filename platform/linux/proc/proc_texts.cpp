@@ -1,9 +1,9 @@
-#include "kelvra_manager/proc_parse.h"
+#include "proc/proc_texts.h"
 
 #include <algorithm>
 #include <charconv>
 
-#include "kelvra_manager/proc_files.h"
+#include "proc/process_files.h"
 
 namespace KITE::Linux::Sampling {
 

@@ -1,4 +1,4 @@
-#include "runtime/line_file.h"
+#include "base/line_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <mutex>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace KITE::Linux {
 

@@ -1,10 +1,10 @@
-#include "runtime/json_node.h"
+#include "base/json_node.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include "runtime/file_reader.h"
+#include "base/file.h"
 
 namespace KITE::Linux {
 

@@ -1,4 +1,4 @@
-#include "actions/watcher.h"
+#include "treatments/watcher.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>

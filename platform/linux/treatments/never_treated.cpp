@@ -1,4 +1,4 @@
-#include "actions/never_treated.h"
+#include "treatments/never_treated.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,8 +7,8 @@
 #include <optional>
 #include <vector>
 
-#include "actions/proc_stat.h"
 #include "ipc/bus.h"
+#include "proc/process_stat.h"
 
 namespace KITE::Linux {
 

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "actions/cgroup.h"
-#include "actions/thread_policies.h"
+#include "treatments/control_groups.h"
+#include "treatments/thread_policies.h"
 
 namespace KITE::Linux {
 

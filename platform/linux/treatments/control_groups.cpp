@@ -1,4 +1,4 @@
-#include "actions/cgroup.h"
+#include "treatments/control_groups.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,8 +14,8 @@
 #include <system_error>
 #include <thread>
 
-#include "actions/proc_stat.h"
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
+#include "proc/process_stat.h"
 
 namespace KITE::Linux {
 

@@ -1,4 +1,4 @@
-#include "actions/treatment_steps.h"
+#include "treatments/treatment_steps.h"
 
 #include <signal.h>
 #include <sys/syscall.h>
@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "actions/proc_stat.h"
-#include "actions/process_handles.h"
+#include "proc/process_stat.h"
 #include "runtime/platform_log.h"
+#include "treatments/reported_processes.h"
 
 namespace KITE::Linux {
 

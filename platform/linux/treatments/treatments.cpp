@@ -1,8 +1,8 @@
-#include "actions/treatments.h"
+#include "treatments/treatments.h"
 
 #include <utility>
 
-#include "actions/treatment_table.h"
+#include "treatments/treatment_table.h"
 
 namespace KITE::Linux {
 

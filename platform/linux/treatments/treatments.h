@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "actions/process_handles.h"
+#include "treatments/reported_processes.h"
 #include "visibility.h"
 
 namespace KITE::Linux {

@@ -1,4 +1,4 @@
-#include "actions/proc_stat.h"
+#include "proc/process_stat.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "runtime/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace KITE::Linux {
 
