@@ -12,7 +12,7 @@
 #include "kelvra/crowd.h"
 #include "kelvra/rows.h"
 #include "kelvra/whole_system.h"
-#include "proc/process_files.h"
+#include "proc/process_list.h"
 
 namespace KITE::Benchmarks {
 
@@ -45,14 +45,14 @@ std::string WriteMonitConfiguration(const std::string& directory) {
 
 // Births on the machine count: the Kelvra manager lists /proc after them alone, monit at every cycle.
 double SecondsOfCpu(const char* who, const Process& process) {
-    Linux::Sampling::BirthCounter births;
+    Linux::BirthCounter births;
     std::this_thread::sleep_for(kUntilSteady);
     const auto before = process.CpuTime();
-    const int64_t bornBefore = births.Read().value().count;
+    const int64_t bornBefore = births.Read().value();
     std::this_thread::sleep_for(kTime);
     const double used = std::chrono::duration<double>(process.CpuTime() - before).count();
     std::printf("%s: %.1f ms of processor time in %ld s, in which the machine gave birth to %ld\n", who,
-                used * 1000, static_cast<long>(kTime.count()), births.Read().value().count - bornBefore);
+                used * 1000, static_cast<long>(kTime.count()), births.Read().value() - bornBefore);
     return used;
 }
 

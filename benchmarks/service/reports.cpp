@@ -36,7 +36,8 @@ Kelvra::ProcessAnomalyInfo Report(int32_t pid) {
 void HandleByService(benchmark::State& state) {
     Fake::Platform& platform = Fake::Platform::Get();
     platform.loadFile = [](const std::string& path, std::string& content) {
-        return Linux::ReadWholeFile(path, content) == 0;
+        content = Linux::ReadFile(path).ValueOr({});
+        return !content.empty();
     };
     const Sleepers process(1);
     const auto core = std::make_shared<ResourceQuotaCtl::ResourceQuotaControlImpl>();

@@ -9,22 +9,20 @@
 #include <string_view>
 #include <vector>
 
+#include "base/file.h"
 #include "parcel.h"
 
 // Fuzzers write into the directory that they are started in.
 namespace KITE::Fuzz {
 
 using Input = FuzzedDataProvider;
+using Linux::WriteFile;
 
 // What must hold beside the sanitizers' demands; the finding's stack tells what did not.
 inline void Require(bool holds) {
     if (!holds) {
         std::abort();
     }
-}
-
-inline void WriteFile(const std::filesystem::path& path, std::string_view content) {
-    std::ofstream(path, std::ios::binary) << content;
 }
 
 inline std::vector<std::string> Split(std::string_view text, char separator, size_t most) {

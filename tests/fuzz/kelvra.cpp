@@ -65,8 +65,7 @@ void TakeBatch(Input& input) {
 bool GiveTheQuotaServiceItsToken() {
     SetSettings({".", ".", "unix:path=./none"});
     WriteFile("tokens.json", R"({"tokens": [{"uid": 1001, "process_name": "resource_quota_control"}]})");
-    std::string error;
-    return LoadAccessTokens(error);
+    return static_cast<bool>(LoadAccessTokens());
 }
 
 }  // namespace

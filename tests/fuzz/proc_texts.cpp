@@ -12,13 +12,15 @@
 #include "fuzz.h"
 #include "kelvra_manager/watched_process.h"
 #include "native_process_checker.h"
-#include "proc/proc_texts.h"
+#include "proc/command_line.h"
+#include "proc/process_file.h"
 #include "proc/process_stat.h"
 #include "resource_quota_control_io_helper.h"
 #include "runtime/settings.h"
 
 using namespace KITE;
 using namespace KITE::Fuzz;
+using namespace KITE::Linux;
 using namespace KITE::Linux::Sampling;
 
 namespace {
@@ -41,14 +43,14 @@ void Put(size_t place, std::string_view text) {
 void CheckStartTime(const std::string& command) {
     const std::string stat = "7 (" + command.substr(0, 15) +
                              ") S 1 2 3 0 -1 64 0 0 0 0 0 0 0 0 20 0 1 0 4711 0 0 18446744073709551615 0 0\n";
-    const auto parsed = Linux::ParseProcStat(stat);
-    Require(parsed && parsed->startTime == 4711 && StartTimeOf(stat) == 4711);
-    static_cast<void>(Linux::ReadProcStat(kPid));
+    const auto parsed = ParseProcessStat(stat);
+    Require(parsed && parsed->startTime == 4711);
+    static_cast<void>(ReadProcessStat(kPid));
 }
 
 void CheckNames(std::string_view cmdline) {
     const std::string name(ProcessNameOf(cmdline));
-    Require(cmdline.size() >= kProcBufferSize - 1 || Linux::ReadProcessName(kPid) == name);
+    Require(cmdline.size() >= kCommandLineBuffer - 1 || Linux::ReadProcessName(kPid) == name);
     SeenName seen;
     seen.Add(cmdline.substr(0, cmdline.size() / 2));
     seen.Add(cmdline.substr(cmdline.size() / 2));
@@ -73,7 +75,7 @@ RuleBook Rules() {
 
 void Watch(const std::vector<std::string>& texts) {
     static const RuleBook rules = Rules();
-    const auto process = WatchedProcess::Open(kPid, OpenProcFile(kPid, "cmdline"), ProcessNameOf(texts[0]),
+    const auto process = WatchedProcess::Open(kPid, OpenProcessFile(kPid, "cmdline"), ProcessNameOf(texts[0]),
                                               rules.RulesFor("daemon"));
     for (int second = 0; process && second < 3; ++second) {
         process->Sample(TimePoint(std::chrono::seconds(second)));
@@ -105,7 +107,7 @@ extern "C" int open(const char* path, int flags, ...) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Linux::SetSettings({".", ".", ""});
-    auto texts = Split({reinterpret_cast<const char*>(data), size}, '\xff', 2 * kNames.size());
+    auto texts = Fuzz::Split({reinterpret_cast<const char*>(data), size}, '\xff', 2 * kNames.size());
     texts.resize(std::max(texts.size(), kNames.size()));
     for (size_t place = 0; place < kNames.size(); ++place) {
         Put(place, texts[place]);

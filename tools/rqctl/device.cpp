@@ -235,22 +235,22 @@ ExitStatus Run(const Context& context, const std::vector<Setting>& settings) {
     if (!file.Open(error)) {
         return Fail(kFailed, error);
     }
-    Linux::DeviceState state;
     std::string text = file.Exists() ? file.Content() : R"({"screen_on": true})";
-    if (!Linux::ReadDeviceState(text, state, error)) {
-        return Fail(kFailed, path + ": " + error);
+    const Linux::Result<Linux::DeviceState> state = Linux::ReadDeviceState(text);
+    if (!state) {
+        return Fail(kFailed, state.Why().In(path).Text());
     }
     auto document = ordered_json::parse(text);
     if (settings.empty()) {
-        context.wantsJson ? SayJson(document) : Show(state);
+        context.wantsJson ? SayJson(document) : Show(*state);
         return kDone;
     }
     for (const Setting& setting : settings) {
         Apply(setting, document);
     }
     text = document.dump(4) + '\n';
-    if (!Linux::ReadDeviceState(text, state, error)) {
-        return Fail(kFailed, "nothing is set: this would not be a device state: " + error);
+    if (const auto changed = Linux::ReadDeviceState(text); !changed) {
+        return Fail(kFailed, "nothing is set: this would not be a device state: " + changed.Why().Text());
     }
     return file.Replace(text, error) ? kDone : Fail(kFailed, error);
 }

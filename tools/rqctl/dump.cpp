@@ -71,12 +71,12 @@ ExitStatus Run(const Context& context, const std::array<std::string, 2>& words) 
         return result == ResourceQuotaCtl::ERR_RQC_DUMP_FAILED ? ExplainRefusal(context)
                                                                : service.Explain(result);
     }
-    std::string dump;
-    if (lseek(file.Get(), 0, SEEK_SET) != 0 ||
-        Linux::ReadToEnd(file.Get(), Linux::EndOfFile::kEmptyRead, dump) != 0) {
-        return Fail(kFailed, "the dump cannot be read back");
+    lseek(file.Get(), 0, SEEK_SET);
+    const Linux::Result<std::string> dump = Linux::ReadFile(file.Get());
+    if (!dump) {
+        return Fail(kFailed, "the dump cannot be read back: " + dump.Why().Text());
     }
-    Show(dump);
+    Show(*dump);
     return kDone;
 }
 

@@ -8,7 +8,7 @@
 
 #include "file_utils.h"
 #include "native_process_checker.h"
-#include "proc/proc_texts.h"
+#include "proc/command_line.h"
 #include "rqctl/check/explanation.h"
 #include "rqctl/check/layers.h"
 #include "rqctl/check/quiet_log.h"
@@ -50,7 +50,7 @@ std::optional<Identity> IdentityOf(int32_t pid) {
         !checker.GetProcessNameByPid(pid, identity.seenAs)) {
         return std::nullopt;
     }
-    identity.watchedAs = Linux::Sampling::ProcessNameOf(cmdline);
+    identity.watchedAs = Linux::ProcessNameOf(cmdline);
     identity.isAccepted =
         !identity.watchedAs.empty() && checker.VerifyPidAndProcessName(pid, identity.watchedAs);
     return identity;

@@ -55,9 +55,12 @@ bool FileReplacement::ReadOld(std::string& error) {
         error = path_ + ": is not a regular file";
         return false;
     }
-    if ((errno = Linux::ReadToEnd(file.Get(), Linux::EndOfFile::kEmptyRead, content_)) != 0) {
-        return Fail(path_, error);
+    Linux::Result<std::string> content = Linux::ReadFile(file.Get());
+    if (!content) {
+        error = content.Why().In(path_).Text();
+        return false;
     }
+    content_ = std::move(*content);
     exists_ = true;
     owner_ = status.st_uid;
     group_ = status.st_gid;

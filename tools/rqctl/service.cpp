@@ -73,8 +73,7 @@ bool IsTold(const Context& context, const std::string& file) {
 }
 
 Self LookUpSelf(const Context& context) {
-    std::string error;
-    if (!IsTold(context, "tokens.json") || !Linux::LoadAccessTokens(error)) {
+    if (!IsTold(context, "tokens.json") || !Linux::LoadAccessTokens()) {
         return {};
     }
     const uint32_t token = Linux::TokenOfUid(geteuid());

@@ -1,25 +1,26 @@
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
+#include <string_view>
+#include <system_error>
 
-#include "visibility.h"
+#include "base/result.h"
 
+// Whole files and whole texts. Any thread.
 namespace KITE::Linux {
 
-// Larger files are refused (EFBIG).
-inline constexpr size_t kMaxFileBytes = size_t{64} << 20;
+inline constexpr size_t kLargestFile = size_t{64} << 20;
 
-// Whether a read that returns less than was asked for tells the end of the file. Only an empty one does in
-// general: some files below /proc hand out a few of their records per read.
-enum class EndOfFile { kEmptyRead, kShortRead };
+// The content of a file, whatever size the file system tells; EFBIG when it is longer than the limit. Does
+// not wait for the other end of a named pipe.
+Result<std::string> ReadFile(const std::string& path, size_t limit = kLargestFile);
+// Likewise, from the descriptor's position to the end.
+Result<std::string> ReadFile(int fd, size_t limit = kLargestFile);
 
-// Reads from the descriptor's position to the end, also where the file does not know its size. 0, or the
-// error number with the content as it was.
-KITE_API int32_t ReadToEnd(int fd, EndOfFile end, std::string& content);
-
-// Reads the whole file. 0, or the error number with the content as it was. Does not wait for the other end of
-// a named pipe.
-int32_t ReadWholeFile(const std::string& path, std::string& content);
+// Writes all of the text, however many calls that takes. Waits as the descriptor does.
+std::error_code WriteAll(int fd, std::string_view text);
+// Makes the file hold this text alone. A new file gets the mode 0644, cut by the process's umask. Not atomic.
+std::error_code WriteFile(const std::string& path, std::string_view text);
 
 }  // namespace KITE::Linux

@@ -1,10 +1,6 @@
 #include "base/json_node.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-
-#include "base/file.h"
 
 namespace KITE::Linux {
 
@@ -12,7 +8,7 @@ namespace {
 
 using nlohmann::json;
 
-// Takes nothing but the first syntax error.
+// Takes nothing of a text but the first syntax error: the parser that builds a document does not tell it.
 class SyntaxErrorFinder : public nlohmann::json_sax<json> {
   public:
     explicit SyntaxErrorFinder(std::string& error) : error_(error) {}
@@ -45,33 +41,15 @@ class SyntaxErrorFinder : public nlohmann::json_sax<json> {
 
 }  // namespace
 
-json ParseJson(const std::string& text, std::string& error) {
+Result<json> ParseJson(std::string_view text) {
     json document = json::parse(text, nullptr, false);
     if (document.is_discarded()) {
-        SyntaxErrorFinder finder(error);
+        std::string reason;
+        SyntaxErrorFinder finder(reason);
         json::sax_parse(text, &finder);
+        return Failure(std::move(reason));
     }
     return document;
-}
-
-bool LoadJsonFile(const std::string& path, json& document, std::string& error) {
-    std::string text;
-    const int32_t failure = ReadWholeFile(path, text);
-    if (failure == ENOENT) {
-        document = nullptr;
-        return true;
-    }
-    if (failure != 0) {
-        error = path + ": " + strerrordesc_np(failure);
-        return false;
-    }
-    json parsed = ParseJson(text, error);
-    if (parsed.is_discarded()) {
-        error = path + ": " + error;
-        return false;
-    }
-    document = std::move(parsed);
-    return true;
 }
 
 void JsonNode::AllowKeys(std::initializer_list<std::string_view> keys) const {
@@ -84,7 +62,7 @@ void JsonNode::AllowKeys(std::initializer_list<std::string_view> keys) const {
     }
     for (const auto& [key, value] : value_->items()) {
         if (std::ranges::find(keys, key) == keys.end()) {
-            JsonNode(nullptr, PathOf(key), error_).Fail("unknown key");
+            JsonNode(nullptr, PathOf(key), fault_).Fail("unknown key");
         }
     }
 }
@@ -102,10 +80,10 @@ JsonNode JsonNode::Member(std::string_view key, std::string_view faultWhenAbsent
         Fail("must be an object");
     } else if (IsPresent()) {
         if (const auto member = value_->find(key); member != value_->end()) {
-            return {&*member, PathOf(key), error_};
+            return {&*member, PathOf(key), fault_};
         }
     }
-    JsonNode absent(nullptr, PathOf(key), error_);
+    JsonNode absent(nullptr, PathOf(key), fault_);
     if (!faultWhenAbsent.empty()) {
         absent.Fail(faultWhenAbsent);
     }
@@ -123,9 +101,24 @@ std::vector<JsonNode> JsonNode::Elements() const {
     }
     elements.reserve(value_->size());
     for (size_t i = 0; i < value_->size(); ++i) {
-        elements.push_back(JsonNode(&(*value_)[i], path_ + '[' + std::to_string(i) + ']', error_));
+        elements.push_back(JsonNode(&(*value_)[i], path_ + '[' + std::to_string(i) + ']', fault_));
     }
     return elements;
+}
+
+std::vector<std::pair<std::string, JsonNode>> JsonNode::Members() const {
+    std::vector<std::pair<std::string, JsonNode>> members;
+    if (!IsPresent()) {
+        return members;
+    }
+    if (!value_->is_object()) {
+        Fail("must be an object");
+        return members;
+    }
+    for (const auto& [key, value] : value_->items()) {
+        members.emplace_back(key, JsonNode(&value, PathOf(key), fault_));
+    }
+    return members;
 }
 
 bool JsonNode::Bool(bool absent) const {
@@ -169,10 +162,10 @@ int64_t JsonNode::Integer(int64_t minimum, int64_t maximum) const {
 }
 
 void JsonNode::Fail(std::string_view fault) const {
-    if (error_->empty()) {
-        *error_ = path_.empty() ? "the document" : path_;
-        *error_ += ": ";
-        *error_ += fault;
+    if (fault_->empty()) {
+        *fault_ = path_.empty() ? "the document" : path_;
+        *fault_ += ": ";
+        *fault_ += fault;
     }
 }
 

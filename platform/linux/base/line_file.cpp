@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <mutex>
 
+#include "base/result.h"
 #include "base/unique_fd.h"
 
 namespace KITE::Linux {
@@ -16,46 +16,49 @@ namespace {
 
 constexpr size_t kMaxLineFileBytes = size_t{8} << 20;
 
-// Opens the file for appending and finds its size; fails (errno) for what is not a regular file.
-UniqueFd OpenForAppending(const std::string& path, size_t& size) {
+struct OpenLineFile {
+    UniqueFd fd;
+    size_t size = 0;
+};
+
+// EINVAL for what is not a regular file.
+Result<OpenLineFile> OpenForAppending(const std::string& path) {
     constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-    UniqueFd file(open(path.c_str(), kFlags, 0640));
+    UniqueFd fd(open(path.c_str(), kFlags, 0640));
     struct stat status {};
-    if (!file || fstat(file.Get(), &status) != 0) {
-        return {};
+    if (!fd || fstat(fd.Get(), &status) != 0) {
+        return LastError();
     }
     if (!S_ISREG(status.st_mode)) {
-        errno = EINVAL;
-        return {};
+        return ErrorOf(EINVAL);
     }
-    size = static_cast<size_t>(status.st_size);
-    return file;
+    return OpenLineFile{std::move(fd), static_cast<size_t>(status.st_size)};
 }
 
-// They are there as a whole or not at all.
-int32_t WriteLines(int fd, size_t sizeBefore, std::string_view lines) {
-    const ssize_t written = write(fd, lines.data(), lines.size());
+// A part that was written is taken back: whoever reads the file finds whole lines.
+std::error_code WriteLines(const OpenLineFile& file, std::string_view lines) {
+    const ssize_t written = write(file.fd.Get(), lines.data(), lines.size());
     if (written == static_cast<ssize_t>(lines.size())) {
-        return 0;
+        return {};
     }
-    const int32_t failure = written < 0 ? errno : ENOSPC;
-    return ftruncate(fd, static_cast<off_t>(sizeBefore)) != 0 && written > 0 ? EIO : failure;
+    const std::error_code error = written < 0 ? LastError() : ErrorOf(ENOSPC);
+    const bool isTakenBack = ftruncate(file.fd.Get(), static_cast<off_t>(file.size)) == 0;
+    return written > 0 && !isTakenBack ? ErrorOf(EIO) : error;
 }
 
 }  // namespace
 
-int32_t AppendLines(const std::string& path, std::string_view lines) {
+std::error_code AppendLines(const std::string& path, std::string_view lines) {
     static std::mutex rotation;
     const std::lock_guard lock(rotation);
-    size_t size = 0;
-    UniqueFd file = OpenForAppending(path, size);
-    if (file && size != 0 && size + lines.size() > kMaxLineFileBytes) {
+    Result<OpenLineFile> file = OpenForAppending(path);
+    if (file && file->size != 0 && file->size + lines.size() > kMaxLineFileBytes) {
         if (std::rename(path.c_str(), (path + ".1").c_str()) != 0) {
-            return errno;
+            return LastError();
         }
-        file = OpenForAppending(path, size);
+        file = OpenForAppending(path);
     }
-    return file ? WriteLines(file.Get(), size, lines) : errno;
+    return file ? WriteLines(*file, lines) : file.Code();
 }
 
 }  // namespace KITE::Linux

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/file_names.h"
 #include "device/device_state_file.h"
 #include "runtime/immortal.h"
 #include "runtime/settings.h"
@@ -18,7 +19,7 @@ bool Contains(const std::vector<int32_t>& pids, int32_t pid) {
 
 std::shared_ptr<const DeviceState> CurrentDeviceState() {
     static Immortal<DeviceStateFile> file;
-    return file.value.Current(GetSettings().stateDirectory + "/device_state.json");
+    return file.value.Current(GetSettings().stateDirectory + FileName::kDeviceState);
 }
 
 int32_t GeneralTypeOf(int32_t uid, int32_t pid) {

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <utility>
 
@@ -55,7 +54,7 @@ void DeviceStateFile::Refresh(const std::string& path) {
     } else if (errno == ENOENT) {
         Forget();
     } else {
-        Complain(path, strerrordesc_np(errno));
+        Complain(path, LastError().message());
     }
 }
 
@@ -66,28 +65,26 @@ void DeviceStateFile::Read(const std::string& path, int fd) {
         Complain(path, "is not a regular file");
         return;
     }
-    std::string text;
-    if (const int32_t failure = ReadToEnd(fd, EndOfFile::kEmptyRead, text)) {
-        Complain(path, strerrordesc_np(failure));
+    Result<std::string> text = ReadFile(fd);
+    if (!text) {
+        Complain(path, text.Why().Text());
         return;
     }
     const Version version = VersionOf(status);
     if (HasSettled(version.changed)) {
         version_ = version;
     }
-    if (text != text_) {
-        Use(path, std::move(text));
+    if (*text != text_) {
+        Use(path, std::move(*text));
     }
 }
 
 void DeviceStateFile::Use(const std::string& path, std::string text) {
     complaint_.clear();
-    DeviceState state;
-    std::string error;
-    if (ReadDeviceState(text, state, error)) {
-        state_ = std::make_shared<const DeviceState>(std::move(state));
+    if (Result<DeviceState> state = ReadDeviceState(text)) {
+        state_ = std::make_shared<const DeviceState>(std::move(*state));
     } else {
-        Complain(path, error);
+        Complain(path, state.Why().Text());
     }
     text_ = std::move(text);
 }

@@ -54,15 +54,8 @@ std::vector<T> ReadList(const JsonNode& list, T (*read)(const JsonNode&)) {
     return entries;
 }
 
-}  // namespace
-
-bool ReadDeviceState(const std::string& text, DeviceState& state, std::string& error) {
-    error.clear();
-    const nlohmann::json document = ParseJson(text, error);
-    if (document.is_discarded()) {
-        return false;
-    }
-    const JsonNode root(document, error);
+DeviceState ReadState(const JsonNode& root) {
+    DeviceState state;
     root.AllowKeys({"screen_on", "applications", "extensions", "continuous_tasks", "efficiency_resources"});
     state.screenOn = root.Optional("screen_on").Bool(true);
     state.applications = ReadList(root.Optional("applications"), ReadApplication);
@@ -72,7 +65,13 @@ bool ReadDeviceState(const std::string& text, DeviceState& state, std::string& e
     resources.AllowKeys({"applications", "processes"});
     state.applicationResources = ReadList(resources.Optional("applications"), ReadEfficiencyResource);
     state.processResources = ReadList(resources.Optional("processes"), ReadEfficiencyResource);
-    return error.empty();
+    return state;
+}
+
+}  // namespace
+
+Result<DeviceState> ReadDeviceState(std::string_view text) {
+    return ReadJson(text, ReadState);
 }
 
 }  // namespace KITE::Linux

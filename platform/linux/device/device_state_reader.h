@@ -1,13 +1,13 @@
 #pragma once
 
-#include <string>
+#include <string_view>
 
+#include "base/result.h"
 #include "device/device_state.h"
 
 namespace KITE::Linux {
 
-// Reads a state from its JSON text. False, with the state unspecified and the first fault and its place in
-// `error`, when the text is not a device state.
-KITE_API bool ReadDeviceState(const std::string& text, DeviceState& state, std::string& error);
+// Reads a state from its JSON text. Fails with the first fault and its place.
+KITE_API Result<DeviceState> ReadDeviceState(std::string_view text);
 
 }  // namespace KITE::Linux

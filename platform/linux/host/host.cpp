@@ -90,9 +90,8 @@ class Host {
 };
 
 bool Host::Start() {
-    std::string error;
-    if (!LoadAccessTokens(error)) {
-        PLATFORM_LOGE("the host does not start: %{public}s", error.c_str());
+    if (const Result<void> tokens = LoadAccessTokens(); !tokens) {
+        PLATFORM_LOGE("the host does not start: %{public}s", tokens.Why().Text().c_str());
         return false;
     }
     if (options_.settings.isDryRun) {

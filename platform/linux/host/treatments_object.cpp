@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "access_token.h"
+#include "base/text.h"
 #include "ipc/bus.h"
 #include "ipc/guard.h"
 #include "proc/process_stat.h"
@@ -63,7 +64,7 @@ int AnswerRelease(sd_bus_message* call, int32_t result) {
         default:
             return sd_bus_reply_method_errorf(call, TreatmentsObject::kNotReleasedError,
                                               "Not all could be undone yet, it is tried again: %s",
-                                              ErrorText(result).c_str());
+                                              ErrorOf(result).message().c_str());
     }
 }
 
@@ -97,7 +98,8 @@ void TreatmentsObject::Serve() {
             sd_bus_add_object_vtable(bus_.Connection(), &slot, kPath, kInterface, Vtable(), this);
         slot_.reset(slot);
         if (result < 0) {
-            PLATFORM_LOGE("%{public}s cannot be served: %{public}s", kPath, ErrorText(-result).c_str());
+            PLATFORM_LOGE("%{public}s cannot be served: %{public}s", kPath,
+                          ErrorOf(-result).message().c_str());
         }
     });
 }
@@ -168,7 +170,7 @@ void TreatmentsObject::Reply(uint64_t id, const Answer& answer) {
     const MessageHandle call = std::move(found->second);
     calls_.erase(found);
     if (const int result = answer(call.get()); result < 0) {
-        PLATFORM_LOGW("no answer about treatments: %{public}s", ErrorText(-result).c_str());
+        PLATFORM_LOGW("no answer about treatments: %{public}s", ErrorOf(-result).message().c_str());
     }
 }
 

@@ -7,7 +7,8 @@
 #include <limits>
 #include <utility>
 
-#include "proc/proc_texts.h"
+#include "proc/command_line.h"
+#include "proc/process_file.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
@@ -28,7 +29,7 @@ void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
         return;
     }
     known_.clear();
-    listed_.reset();
+    birthsListed_.reset();
     watchedCount_ = 0;
     warned_ = {};
     book_ = book;
@@ -51,32 +52,28 @@ std::vector<Report> ProcessTable::Sample(TimePoint at,
     return reports;
 }
 
-// Without a birth since the last listing there is nobody to be found, and after a few births only those. Who
-// has gone is then noticed when it is measured or checked. A listing of everything now and then finds also
-// who got a pid below its turn, and who had a pid but was not to be seen yet.
+// Where nothing was born since the last listing there is nothing to be found. A process that has ended is
+// then noticed when it is measured or checked. When births cannot be counted, each sample lists.
 void ProcessTable::FindProcesses() {
-    const std::optional<Births> births = births_.Read();
-    const bool isWholeDue = !births || !listed_ || (isListedInPart_ && sample_ % kCheckPeriod == 0);
-    if (!isWholeDue && births->count == listed_->count) {
+    const std::optional<int64_t> births = births_.Read();
+    if (births && births == birthsListed_) {
         return;
     }
-    isListedInPart_ = !isWholeDue && births->AreAllAbove(*listed_);
-    const pid_t after = isListedInPart_ ? listed_->newest : 0;
-    listed_ = births;
-    ListProcesses(after, births ? births->newest : 0);
+    birthsListed_ = births;
+    ListProcesses();
 }
 
 // The listing comes in the order of the pids, as known_ is kept: one walk through both.
-void ProcessTable::ListProcesses(pid_t after, pid_t newest) {
+void ProcessTable::ListProcesses() {
     constexpr ino_t kGone = 0;
-    auto known = std::ranges::upper_bound(known_, after, {}, &Known::pid);
+    auto known = known_.begin();
     const auto dropUpTo = [&](pid_t pid) {
         for (; known != known_.end() && known->pid < pid; ++known) {
             Forget(*known);
             known->inode = kGone;
         }
     };
-    const bool isListed = processes_.ForEach(after, newest, [&](pid_t pid, ino_t inode) {
+    const std::error_code error = processes_.ForEach([&](pid_t pid, ino_t inode) {
         dropUpTo(pid);
         const bool isKnown = known != known_.end() && known->pid == pid;
         if (isKnown && known->inode == inode) {
@@ -86,11 +83,11 @@ void ProcessTable::ListProcesses(pid_t after, pid_t newest) {
         dropUpTo(isKnown ? pid + 1 : pid);
         born_.emplace_back(pid, inode);
     });
-    if (isListed) {
-        dropUpTo(after > 0 ? newest + 1 : std::numeric_limits<pid_t>::max());
+    if (error) {
+        WarnOnce(warned_.unlisted, "/proc cannot be listed: errno", static_cast<size_t>(error.value()));
+        birthsListed_.reset();
     } else {
-        WarnOnce(warned_.unlisted, "/proc cannot be listed: errno", static_cast<size_t>(errno));
-        listed_.reset();
+        dropUpTo(std::numeric_limits<pid_t>::max());
     }
     std::erase_if(known_, [](const Known& one) { return one.inode == kGone; });
     AddBorn();
@@ -116,16 +113,19 @@ void ProcessTable::CheckName(Known& known) {
 }
 
 void ProcessTable::Look(Known& known) {
-    UniqueFd cmdline = OpenProcFile(known.pid, "cmdline");
+    UniqueFd cmdline = OpenProcessFile(known.pid, "cmdline");
     if (!cmdline) {
+        const std::error_code error = LastError();
         known.ruledOutAt.reset();
-        if (!MeansGone(errno)) {
-            WarnOnce(warned_.unreadable, "a process cannot be looked at: errno", static_cast<size_t>(errno));
+        if (!MeansGone(error)) {
+            WarnOnce(warned_.unreadable, "a process cannot be looked at: errno",
+                     static_cast<size_t>(error.value()));
         }
         return;
     }
-    std::array<char, kProcBufferSize> buffer;
-    const std::string_view name = ProcessNameOf(ReadProcFile(cmdline, buffer).text);
+    std::array<char, kCommandLineBuffer> buffer;
+    const Result<std::string_view> text = ReadOpenFile(cmdline, buffer);
+    const std::string_view name = text ? ProcessNameOf(*text) : std::string_view();
     const std::span<const Rule> rules = book_->RulesFor(name);
     if (rules.empty()) {
         return;

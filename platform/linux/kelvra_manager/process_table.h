@@ -9,10 +9,10 @@
 #include <optional>
 #include <vector>
 
-#include "kelvra_manager/cpu_clock.h"
 #include "kelvra_manager/report.h"
 #include "kelvra_manager/watched_process.h"
-#include "proc/process_files.h"
+#include "proc/cpu_clock.h"
+#include "proc/process_list.h"
 
 namespace KITE::Linux::Sampling {
 
@@ -22,8 +22,8 @@ namespace KITE::Linux::Sampling {
 // but not without moving its CPU clock. So that is looked at, in every sample while the process is young,
 // since a fork is often seen before its exec, and in every kCheckPeriod-th later on; the name is read only
 // when the clock has moved. For a process that sleeps that takes a tenth of what reading the name does, and
-// all of it less than a listing of /proc. That is made only when the machine has given birth to somebody
-// since the last one, and is mostly one of the new pids alone.
+// all of it less than a listing of /proc. That is made only when a process or thread was born since the last
+// one.
 class ProcessTable {
   public:
     static constexpr size_t kMostWatched = 2048;
@@ -65,7 +65,7 @@ class ProcessTable {
     };
 
     void FindProcesses();
-    void ListProcesses(pid_t after, pid_t newest);
+    void ListProcesses();
     void AddBorn();
     void CheckName(Known& known);
     void Look(Known& known);
@@ -78,8 +78,7 @@ class ProcessTable {
     SampleRecorder* const recorder_;
     std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>());
     BirthCounter births_;
-    std::optional<Births> listed_;  // what the counter said before the last listing
-    bool isListedInPart_ = false;   // and whether that was one of the newest only
+    std::optional<int64_t> birthsListed_;  // what the counter said before the last listing
     ProcessList processes_;
     std::vector<Known> known_;  // by pid; after book_, whose rules the watched ones refer to
     std::vector<Known> born_;   // those of the last listing that are not in known_ yet

@@ -62,7 +62,7 @@ ProcessWindows::Judged* ProcessWindows::NextBreachOf(Resource resource) {
 
 std::vector<Breach> ProcessWindows::TakeBreaches(const std::function<bool(Resource)>& isHeldBack) {
     std::vector<Breach> taken;
-    for (const Resource resource : kResources) {
+    for (const auto& [resource, name, unit, measure, span, most, isStaged] : kResourceTypes) {
         Judged* next = NextBreachOf(resource);
         if (next == nullptr || isHeldBack(resource)) {
             continue;

@@ -16,7 +16,7 @@ constexpr size_t kMostWarnings = 20;
 
 // What keeps a quota from ever applying; null when nothing does.
 const char* FlawOf(const Kelvra::ResQuotaInfo& quota) {
-    if (!ResourceOf(quota.resType)) {
+    if (FindResourceType(quota.resType) == nullptr) {
         return "unknown resource type";
     }
     const bool canBeBorne = !quota.processName.empty() && quota.processName.find('/') == std::string::npos;
@@ -24,19 +24,6 @@ const char* FlawOf(const Kelvra::ResQuotaInfo& quota) {
 }
 
 }  // namespace
-
-std::optional<Resource> ResourceOf(std::string_view resType) {
-    constexpr std::pair<std::string_view, Resource> kNames[] = {{"mem", Resource::kMemory},
-                                                                {"cpu", Resource::kCpu},
-                                                                {"cpu_ext", Resource::kCpuExt},
-                                                                {"io", Resource::kIo}};
-    for (const auto& [name, resource] : kNames) {
-        if (name == resType) {
-            return resource;
-        }
-    }
-    return std::nullopt;
-}
 
 RuleBook::RuleBook(std::vector<Kelvra::ResQuotaInfo> quotas) {
     size_t flawed = 0;
@@ -55,7 +42,7 @@ RuleBook::RuleBook(std::vector<Kelvra::ResQuotaInfo> quotas) {
 }
 
 void RuleBook::Add(Kelvra::ResQuotaInfo quota) {
-    const Resource resource = *ResourceOf(quota.resType);
+    const Resource resource = FindResourceType(quota.resType)->resource;
     const std::chrono::seconds duration(std::clamp(quota.duration, int64_t{0}, kLongestDurationSeconds));
     std::vector<Rule>& rules = rules_[quota.processName];
     rules.push_back({resource, duration, std::move(quota)});

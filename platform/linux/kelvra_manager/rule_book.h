@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/resource_types.h"
 #include "kelvra_manager_client.h"
 
 namespace KITE::Linux::Sampling {
@@ -18,13 +19,6 @@ namespace KITE::Linux::Sampling {
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
 using std::chrono::nanoseconds;
-
-enum class Resource : uint8_t { kMemory, kCpu, kCpuExt, kIo };
-inline constexpr Resource kResources[] = {Resource::kMemory, Resource::kCpu, Resource::kCpuExt,
-                                          Resource::kIo};
-
-// The resource that a type's name means; names are exact.
-std::optional<Resource> ResourceOf(std::string_view resType);
 
 // One quota, ready to be judged.
 struct Rule {

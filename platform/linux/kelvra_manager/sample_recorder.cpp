@@ -1,6 +1,5 @@
 #include "kelvra_manager/sample_recorder.h"
 
-#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "base/line_file.h"
@@ -36,12 +35,12 @@ void SampleRecorder::Write() {
     if (lines_.empty()) {
         return;
     }
-    const int32_t failure = AppendLines(path_, lines_);
-    if (failure != 0 && failure != failure_) {
+    const std::error_code error = AppendLines(path_, lines_);
+    if (error && error != error_) {
         PLATFORM_LOGE("samples are not recorded in %{public}s: %{public}s", path_.c_str(),
-                      strerrordesc_np(failure));
+                      error.message().c_str());
     }
-    failure_ = failure;
+    error_ = error;
     lines_.clear();
 }
 

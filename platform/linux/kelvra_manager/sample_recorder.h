@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <system_error>
 
 #include "kelvra_manager/process_windows.h"
 #include "kelvra_manager/rule_book.h"
@@ -25,7 +26,7 @@ class SampleRecorder {
   private:
     const std::string path_;
     std::string lines_;
-    int32_t failure_ = 0;
+    std::error_code error_;
 };
 
 }  // namespace KITE::Linux::Sampling

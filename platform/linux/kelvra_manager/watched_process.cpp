@@ -8,15 +8,18 @@
 #include <limits>
 #include <utility>
 
+#include "base/text.h"
 #include "device/device_state.h"
-#include "proc/proc_texts.h"
+#include "proc/command_line.h"
+#include "proc/process_file.h"
+#include "proc/process_stat.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
 
 namespace {
 
-using Buffer = std::array<char, kProcBufferSize>;
+using Buffer = std::array<char, kCommandLineBuffer>;
 
 const int64_t kPageKiB = sysconf(_SC_PAGESIZE) / 1024;
 const int64_t kMostPages = std::numeric_limits<int64_t>::max() / kPageKiB;
@@ -25,12 +28,11 @@ const int64_t kMostPages = std::numeric_limits<int64_t>::max() / kPageKiB;
 
 std::unique_ptr<WatchedProcess> WatchedProcess::Open(pid_t pid, UniqueFd cmdline, std::string_view name,
                                                      std::span<const Rule> rules) {
-    Buffer buffer;
-    const std::optional<int64_t> startTime = StartTimeOf(ReadProcFileOnce(pid, "stat", buffer).text);
-    if (!startTime) {
+    const Result<ProcessStat> stat = ReadProcessStat(pid);
+    if (!stat) {
         return nullptr;
     }
-    auto process = std::make_unique<WatchedProcess>(pid, *startTime, std::move(cmdline), name, rules);
+    auto process = std::make_unique<WatchedProcess>(pid, stat->startTime, std::move(cmdline), name, rules);
     process->OpenWhatRulesNeed(rules);
     process->WarnIfServiceSeesAnother();
     return process;
@@ -66,9 +68,9 @@ void WatchedProcess::OpenWhatRulesNeed(std::span<const Rule> rules) {
 }
 
 UniqueFd WatchedProcess::OpenOrWarn(const char* name) {
-    UniqueFd file = OpenProcFile(pid_, name);
+    UniqueFd file = OpenProcessFile(pid_, name);
     if (!file) {
-        WarnUnreadable(name, errno);
+        WarnUnreadable(name, LastError());
     }
     return file;
 }
@@ -77,13 +79,13 @@ void WatchedProcess::WarnIfServiceSeesAnother() const {
     Buffer buffer;
     SeenName seen;
     off_t offset = 0;
-    ReadText read;
-    do {
-        read = ReadProcFile(cmdline_, buffer, offset);
-        seen.Add(read.text);
-        offset += static_cast<off_t>(read.text.size());
-    } while (!read.text.empty());
-    const bool isRead = read.IsRead() && CurrentStanding() == Standing::kSame;
+    Result<std::string_view> piece = ReadOpenFile(cmdline_, buffer);
+    while (piece && !piece->empty()) {
+        seen.Add(*piece);
+        offset += static_cast<off_t>(piece->size());
+        piece = ReadOpenFile(cmdline_, buffer, offset);
+    }
+    const bool isRead = piece && CurrentStanding() == Standing::kSame;
     if (isRead && !IsAcceptedAs(seen.Text(), name_)) {
         PLATFORM_LOGW(
             "reports of process %{public}d, %{public}s, will not be believed: a slash in its "
@@ -119,50 +121,48 @@ bool WatchedProcess::HasRun() {
 // number that the kernel has, and never smaller.
 std::optional<int64_t> WatchedProcess::ReadMemoryKiB() {
     Buffer buffer;
-    const ReadText statm = ReadProcFile(statm_, buffer);
-    const std::optional<int64_t> pages = ResidentPagesOf(statm.text);
-    if (!IsReadable(statm, "statm") || !pages || *pages > kMostPages) {
+    const std::optional<int64_t> pages = ResidentPagesOf(Readable(ReadOpenFile(statm_, buffer), "statm"));
+    if (!pages || *pages > kMostPages) {
         return std::nullopt;
     }
     const int64_t residentKiB = *pages * kPageKiB;
     if (residentKiB <= smallestMemoryQuota_) {
         return residentKiB;
     }
-    const ReadText rollup = ReadProcFileOnce(pid_, "smaps_rollup", buffer);
-    return IsReadable(rollup, "smaps_rollup") ? NumberOfLine(rollup.text, "Pss:") : std::nullopt;
+    const auto rollup = ReadProcessFile(pid_, "smaps_rollup", buffer);
+    return NumberOfLine(Readable(rollup, "smaps_rollup"), "Pss:");
 }
 
 std::optional<int64_t> WatchedProcess::ReadWrittenBytes() {
     Buffer buffer;
-    const ReadText io = ReadProcFile(io_, buffer);
-    return IsReadable(io, "io") ? NumberOfLine(io.text, "write_bytes:") : std::nullopt;
+    return NumberOfLine(Readable(ReadOpenFile(io_, buffer), "io"), "write_bytes:");
 }
 
 WatchedProcess::Standing WatchedProcess::CurrentStanding() const {
     Buffer buffer;
-    const ReadText cmdline = ReadProcFile(cmdline_, buffer);
-    if (!cmdline.IsRead()) {
+    const Result<std::string_view> commandLine = ReadOpenFile(cmdline_, buffer);
+    if (!commandLine) {
         return Standing::kGone;
     }
-    return ProcessNameOf(cmdline.text) == name_ ? Standing::kSame : Standing::kRenamed;
+    return ProcessNameOf(*commandLine) == name_ ? Standing::kSame : Standing::kRenamed;
 }
 
-bool WatchedProcess::IsReadable(const ReadText& read, const char* name) {
-    if (!read.IsRead()) {
-        WarnUnreadable(name, read.error);
+std::string_view WatchedProcess::Readable(const Result<std::string_view>& text, const char* name) {
+    if (!text) {
+        WarnUnreadable(name, text.Code());
     }
-    return read.IsRead();
+    return text ? *text : std::string_view();
 }
 
 // Once for each process: without a word its quotas would never apply, with one per sample the log would fill.
-void WatchedProcess::WarnUnreadable(const char* name, int error) {
+void WatchedProcess::WarnUnreadable(const char* name, const std::error_code& error) {
     if (MeansGone(error) || warnedUnreadable_) {
         return;
     }
     warnedUnreadable_ = true;
     PLATFORM_LOGW(
-        "process %{public}d, %{public}s, cannot be measured: /proc/%{public}d/%{public}s: errno %{public}d",
-        pid_, name_.c_str(), pid_, name, error);
+        "process %{public}d, %{public}s, cannot be measured: /proc/%{public}d/%{public}s: %{public}s", pid_,
+        name_.c_str(), pid_, name, error.message().c_str());
 }
 
 std::vector<Report> WatchedProcess::TakeReports(const std::function<bool(const ReportKey&)>& isOnTheWay) {
@@ -173,7 +173,8 @@ std::vector<Report> WatchedProcess::TakeReports(const std::function<bool(const R
         return {};
     }
     Buffer buffer;
-    const std::optional<int64_t> uid = NumberOfLine(ReadProcFileOnce(pid_, "status", buffer).text, "Uid:");
+    const std::optional<int64_t> uid =
+        NumberOfLine(Readable(ReadProcessFile(pid_, "status", buffer), "status"), "Uid:");
     if (!uid) {
         return {};
     }

@@ -10,11 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include "kelvra_manager/cpu_clock.h"
+#include "base/result.h"
+#include "base/unique_fd.h"
 #include "kelvra_manager/process_windows.h"
 #include "kelvra_manager/report.h"
 #include "kelvra_manager/sample_recorder.h"
-#include "proc/process_files.h"
+#include "proc/cpu_clock.h"
 
 namespace KITE::Linux::Sampling {
 
@@ -56,8 +57,9 @@ class WatchedProcess {
     bool HasRun();
     Standing CurrentStanding() const;
     UniqueFd OpenOrWarn(const char* name);
-    bool IsReadable(const ReadText& read, const char* name);
-    void WarnUnreadable(const char* name, int error);
+    // Empty, with a warning, when it could not be read.
+    std::string_view Readable(const Result<std::string_view>& text, const char* name);
+    void WarnUnreadable(const char* name, const std::error_code& error);
     Report ReportOf(const Breach& breach, int32_t uid, int32_t generalType) const;
 
     const pid_t pid_;

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -14,6 +13,7 @@
 
 #include "access_token.h"
 #include "base/file.h"
+#include "base/file_names.h"
 #include "base/json_node.h"
 #include "base/unique_fd.h"
 #include "runtime/settings.h"
@@ -22,7 +22,9 @@ namespace KITE {
 
 namespace {
 
+using Linux::Failure;
 using Linux::JsonNode;
+using Linux::Result;
 
 struct Token {
     uid_t uid = 0;
@@ -93,8 +95,7 @@ Token ReadToken(const JsonNode& entry) {
     return token;
 }
 
-TokenTable ReadTable(const nlohmann::json& document, std::string& error) {
-    const JsonNode root(document, error);
+TokenTable ReadTable(const JsonNode& root) {
     root.AllowKeys({"tokens"});
     TokenTable table;
     for (const JsonNode& entry : root.Required("tokens").Elements()) {
@@ -107,41 +108,37 @@ TokenTable ReadTable(const nlohmann::json& document, std::string& error) {
     return table;
 }
 
-// Whether only root can have written what the descriptor reads.
-const char* FaultOf(int fd) {
+// Fails unless only root can have written what the descriptor reads.
+Result<void> RequireRootOwned(int fd) {
     struct stat status {};
     if (fstat(fd, &status) != 0) {
-        return strerrordesc_np(errno);
+        return Linux::LastError();
     }
     if (!S_ISREG(status.st_mode)) {
-        return "is not a regular file";
+        return Failure("is not a regular file");
     }
     if (status.st_uid != 0) {
-        return "does not belong to root";
+        return Failure("does not belong to root");
     }
-    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "others than root may write it" : nullptr;
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return Failure("others than root may write it");
+    }
+    return {};
 }
 
-bool LoadTable(const std::string& path, TokenTable& table, std::string& error) {
+Result<TokenTable> LoadTable(const std::string& path) {
     const Linux::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!file && errno == ENOENT) {
+        return TokenTable();
+    }
     if (!file) {
-        error = errno == ENOENT ? "" : strerrordesc_np(errno);
-        return errno == ENOENT;
+        return Linux::LastError();
     }
-    if (const char* fault = FaultOf(file.Get())) {
-        error = fault;
-        return false;
+    if (const Result<void> owned = RequireRootOwned(file.Get()); !owned) {
+        return owned.Why();
     }
-    std::string text;
-    if (const int32_t failure = Linux::ReadToEnd(file.Get(), Linux::EndOfFile::kEmptyRead, text)) {
-        error = strerrordesc_np(failure);
-        return false;
-    }
-    error.clear();
-    if (const nlohmann::json document = Linux::ParseJson(text, error); !document.is_discarded()) {
-        table = ReadTable(document, error);
-    }
-    return error.empty();
+    const Result<std::string> text = Linux::ReadFile(file.Get());
+    return text ? Linux::ReadJson(*text, ReadTable) : text.Why();
 }
 
 // Null for an id that names nobody.
@@ -151,15 +148,14 @@ const Token* FindToken(const TokenTable& table, uint32_t tokenId) {
 
 }  // namespace
 
-bool Linux::LoadAccessTokens(std::string& error) {
-    const std::string path = GetSettings().etcDirectory + "/tokens.json";
-    TokenTable table;
-    if (!LoadTable(path, table, error)) {
-        error = path + ": " + error;
-        return false;
+Result<void> Linux::LoadAccessTokens() {
+    const std::string path = GetSettings().etcDirectory + FileName::kTokens;
+    Result<TokenTable> table = LoadTable(path);
+    if (!table) {
+        return table.Why().In(path);
     }
-    TokenStore::Instance().Replace(std::move(table));
-    return true;
+    TokenStore::Instance().Replace(std::move(*table));
+    return {};
 }
 
 uint32_t Linux::TokenOfUid(uid_t uid) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/file_names.h"
 #include "base/json_node.h"
 #include "config_policy.h"
 #include "runtime/platform_log.h"
@@ -20,20 +21,8 @@ struct ListDeleter {
     void operator()(CfgDir* list) const noexcept { FreeCfgDirList(list); }
 };
 
-std::string ConfigFile() {
-    return GetSettings().etcDirectory + "/config_directories.json";
-}
-
-bool ReadDirectories(std::vector<std::string>& directories, std::string& error) {
-    nlohmann::json document;
-    if (!LoadJsonFile(ConfigFile(), document, error)) {
-        return false;
-    }
-    if (document.is_null()) {
-        return true;
-    }
-    std::string fault;
-    const JsonNode root(document, fault);
+std::vector<std::string> ReadDirectories(const JsonNode& root) {
+    std::vector<std::string> directories;
     root.AllowKeys({"directories"});
     for (const JsonNode& element : root.Required("directories").Elements()) {
         directories.push_back(element.Text());
@@ -41,20 +30,22 @@ bool ReadDirectories(std::vector<std::string>& directories, std::string& error) 
             element.Fail("must be an absolute path");
         }
     }
-    error = fault.empty() ? "" : ConfigFile() + ": " + fault;
-    return fault.empty();
+    return directories;
 }
 
-// Why the directory cannot be searched; null when it can.
-const char* FaultOf(const std::string& directory) {
+// Fails when the directory cannot be searched, or when its files may be anybody's.
+Result<void> RequireUsable(const std::string& directory) {
     struct stat status {};
     if (stat(directory.c_str(), &status) != 0) {
-        return strerrordesc_np(errno);
+        return LastError();
     }
     if (!S_ISDIR(status.st_mode)) {
-        return strerrordesc_np(ENOTDIR);
+        return ErrorOf(ENOTDIR);
     }
-    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "others than its owner may write in it" : nullptr;
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return Failure("others than its owner may write in it");
+    }
+    return {};
 }
 
 // A list that would lack entries for want of memory is no list.
@@ -72,17 +63,19 @@ CfgDir* MakeList(const std::vector<std::string>& directories) {
 }  // namespace
 
 CfgDir* GetCfgDirList() {
-    std::vector<std::string> named;
-    std::string error;
-    if (!ReadDirectories(named, error)) {
-        PLATFORM_LOGE("no configuration directories: %{public}s", error.c_str());
+    const auto named =
+        ReadJsonFile(GetSettings().etcDirectory + FileName::kConfigDirectories, ReadDirectories);
+    if (!named) {
+        if (named.Code() != ErrorOf(ENOENT)) {
+            PLATFORM_LOGE("no configuration directories: %{public}s", named.Why().Text().c_str());
+        }
         return nullptr;
     }
     std::vector<std::string> usable;
-    for (const std::string& directory : named) {
-        if (const char* fault = FaultOf(directory)) {
+    for (const std::string& directory : *named) {
+        if (const Result<void> isUsable = RequireUsable(directory); !isUsable) {
             PLATFORM_LOGW("configuration directory %{public}s is left out: %{public}s", directory.c_str(),
-                          fault);
+                          isUsable.Why().Text().c_str());
         } else if (usable.size() == MAX_CFG_POLICY_DIRS_CNT) {
             PLATFORM_LOGW("configuration directory %{public}s is left out: there are %{public}d before it",
                           directory.c_str(), int{MAX_CFG_POLICY_DIRS_CNT});

@@ -1,13 +1,13 @@
 #include "runtime/event_file.h"
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 
+#include "base/file_names.h"
 #include "base/line_file.h"
 #include "runtime/immortal.h"
 #include "runtime/platform_log.h"
@@ -37,14 +37,14 @@ std::string LineOf(const Event& event) {
 }
 
 int32_t AppendOrComplain(std::string_view lines) {
-    const std::string path = GetSettings().stateDirectory + "/events.jsonl";
-    const int32_t failure = AppendLines(path, lines);
-    if (failure != 0) {
+    const std::string path = GetSettings().stateDirectory + FileName::kEvents;
+    const std::error_code error = AppendLines(path, lines);
+    if (error) {
         const auto count = static_cast<long>(std::ranges::count(lines, '\n'));
         PLATFORM_LOGE("%{public}ld events are not in %{public}s: %{public}s", count, path.c_str(),
-                      strerrordesc_np(failure));
+                      error.message().c_str());
     }
-    return failure;
+    return error.value();
 }
 
 // The way of events into the file. Whoever writes, writes first what is queued: events stand in the file in

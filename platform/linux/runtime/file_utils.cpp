@@ -16,7 +16,11 @@ constexpr std::chrono::seconds kReaderPatience{2};
 }  // namespace
 
 bool LoadStringFromFile(const std::string& path, std::string& content) {
-    return Linux::ReadWholeFile(path, content) == 0;
+    Linux::Result<std::string> text = Linux::ReadFile(path);
+    if (text) {
+        content = std::move(*text);
+    }
+    return static_cast<bool>(text);
 }
 
 bool SaveStringToFd(int fd, const std::string& content) {

@@ -1,10 +1,12 @@
 #include "parameters.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <optional>
 #include <string_view>
 
+#include "base/file_names.h"
 #include "base/json_node.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
@@ -13,11 +15,13 @@ namespace KITE {
 
 namespace {
 
+using Linux::JsonNode;
 using nlohmann::json;
 
 constexpr std::string_view kTrueTexts[] = {"1", "y", "yes", "on", "true"};
 constexpr std::string_view kFalseTexts[] = {"0", "n", "no", "off", "false"};
 
+// Absent for a value that is neither a text, a number nor a truth value.
 std::optional<std::string> TextOf(const json& value) {
     if (value.is_string()) {
         return value.get<std::string>();
@@ -28,31 +32,28 @@ std::optional<std::string> TextOf(const json& value) {
     return std::nullopt;
 }
 
-// The store is small and asked a few times in a process's life, so it is read for each question.
-std::optional<std::string> FindParameter(const std::string& key) {
-    const std::string path = Linux::GetSettings().etcDirectory + "/parameters.json";
-    json parameters;
-    std::string error;
-    if (!Linux::LoadJsonFile(path, parameters, error)) {
-        PLATFORM_LOGE("no parameters: %{public}s", error.c_str());
+// Whatever other parameters hold, the one that is asked for is told.
+std::optional<std::string> FindIn(const JsonNode& parameters, const std::string& key) {
+    const JsonNode parameter = parameters.Optional(key);
+    if (!parameter.IsPresent()) {
         return std::nullopt;
     }
-    if (!parameters.is_object()) {
-        if (!parameters.is_null()) {
-            PLATFORM_LOGE("no parameters: %{public}s: must be an object", path.c_str());
-        }
-        return std::nullopt;
-    }
-    const auto found = parameters.find(key);
-    if (found == parameters.end()) {
-        return std::nullopt;
-    }
-    std::optional<std::string> text = TextOf(*found);
+    std::optional<std::string> text = TextOf(*parameter.Value());
     if (!text) {
-        PLATFORM_LOGE("%{public}s: %{public}s: must be a string, a number, true or false", path.c_str(),
-                      key.c_str());
+        parameter.Fail("must be a string, a number, true or false");
     }
     return text;
+}
+
+// The store is small and asked a few times in a process's life, so it is read for each question.
+std::optional<std::string> FindParameter(const std::string& key) {
+    const auto found = Linux::ReadJsonFile(Linux::GetSettings().etcDirectory + Linux::FileName::kParameters,
+                                           [&](const JsonNode& root) { return FindIn(root, key); });
+    if (!found && found.Code() != Linux::ErrorOf(ENOENT)) {
+        PLATFORM_LOGE("parameter %{public}s cannot be read: %{public}s", key.c_str(),
+                      found.Why().Text().c_str());
+    }
+    return found ? *found : std::nullopt;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/file_names.h"
 #include "runtime/immortal.h"
 
 namespace KITE::Linux {
@@ -39,7 +40,7 @@ const std::string& RunDirectory() {
 
 std::string SamplesPath() {
     const std::string& state = GetSettings().stateDirectory;
-    return state.substr(0, state.find_last_not_of('/') + 1) + "-samples/samples.jsonl";
+    return state.substr(0, state.find_last_not_of('/') + 1) + "-samples" + FileName::kSamples;
 }
 
 }  // namespace KITE::Linux

@@ -14,8 +14,11 @@
 #include <system_error>
 #include <thread>
 
+#include "base/file.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
-#include "proc/process_stat.h"
+#include "proc/pidfd.h"
+#include "proc/process_file.h"
 
 namespace KITE::Linux {
 
@@ -23,18 +26,6 @@ namespace {
 
 constexpr size_t kProcFileLimit = 4 << 20;
 constexpr const char* kProcsFile = "cgroup.procs";
-
-std::vector<std::string_view> Split(std::string_view text, char separator) {
-    std::vector<std::string_view> parts;
-    for (size_t end = text.find(separator); end != std::string_view::npos; end = text.find(separator)) {
-        parts.push_back(text.substr(0, end));
-        text.remove_prefix(end + 1);
-    }
-    if (!text.empty()) {
-        parts.push_back(text);
-    }
-    return parts;
-}
 
 bool HasPart(std::string_view text, char separator, std::string_view part) {
     const std::vector<std::string_view> parts = Split(text, separator);
@@ -105,14 +96,12 @@ int WriteAsRoot(const std::string& path, std::string_view value) {
 
 std::vector<pid_t> ProcessesIn(const Group& group) {
     std::vector<pid_t> processes;
-    std::string text;
-    if (ReadTextFile(FilePath(group, kProcsFile), kProcFileLimit, text) == 0) {
-        for (const std::string_view line : Split(text, '\n')) {
-            // A process of a foreign pid namespace reads as 0.
-            const std::optional<int64_t> pid = ParseDecimal(line);
-            if (pid && *pid > 0) {
-                processes.push_back(static_cast<pid_t>(*pid));
-            }
+    const std::string text = ReadFile(FilePath(group, kProcsFile), kProcFileLimit).ValueOr({});
+    for (const std::string_view line : Split(text, '\n')) {
+        // A process of a foreign pid namespace reads as 0.
+        const std::optional<int64_t> pid = ParseDecimal(line);
+        if (pid && *pid > 0) {
+            processes.push_back(static_cast<pid_t>(*pid));
         }
     }
     return processes;
@@ -144,9 +133,8 @@ bool IsMarkedDelegated(const std::string& path) {
 }  // namespace
 
 Cgroups Cgroups::OfThisMachine() {
-    std::string mountinfo;
     // Without the file there are no groups to use, and the forms without groups remain.
-    static_cast<void>(ReadTextFile("/proc/self/mountinfo", kProcFileLimit, mountinfo));
+    const std::string mountinfo = ReadFile("/proc/self/mountinfo", kProcFileLimit).ValueOr({});
     return {mountinfo, access("/run/systemd/system", F_OK) == 0};
 }
 
@@ -191,11 +179,11 @@ std::optional<Group> Cgroups::GroupAt(Hierarchy hierarchy, std::string_view path
 }
 
 std::optional<Group> Cgroups::GroupOf(pid_t pid, Hierarchy hierarchy) const {
-    std::string text;
-    if (ReadTextFile("/proc/" + std::to_string(pid) + "/cgroup", kProcFileLimit, text) != 0) {
+    const Result<std::string> text = ReadFile(ProcessFilePath(pid, "cgroup"), kProcFileLimit);
+    if (!text) {
         return std::nullopt;
     }
-    for (const std::string_view line : Split(text, '\n')) {
+    for (const std::string_view line : Split(*text, '\n')) {
         const size_t first = line.find(':');
         const size_t second = first == std::string_view::npos ? first : line.find(':', first + 1);
         if (second != std::string_view::npos &&
@@ -243,14 +231,14 @@ bool IsAloneIn(const Group& group, pid_t pid) {
 }
 
 std::optional<std::string> ReadGroupFile(const Group& group, std::string_view file) {
-    std::string text;
-    if (ReadTextFile(FilePath(group, file), kProcFileLimit, text) != 0) {
+    Result<std::string> text = ReadFile(FilePath(group, file), kProcFileLimit);
+    if (!text) {
         return std::nullopt;
     }
-    while (text.ends_with('\n')) {
-        text.pop_back();
+    while (text->ends_with('\n')) {
+        text->pop_back();
     }
-    return text;
+    return *text;
 }
 
 int WriteGroupFile(const Group& group, std::string_view file, std::string_view value) {

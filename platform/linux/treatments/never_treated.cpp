@@ -1,6 +1,5 @@
 #include "treatments/never_treated.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +7,7 @@
 #include <vector>
 
 #include "ipc/bus.h"
+#include "proc/executable.h"
 #include "proc/process_stat.h"
 
 namespace KITE::Linux {
@@ -16,12 +16,10 @@ namespace {
 
 constexpr pid_t kInitPid = 1;
 
-// Anybody can give a program that name, but not to a file of root's.
+// Any program can be called that, but only root can make a file that belongs to root.
 bool IsJournal(pid_t pid) {
-    struct stat program {};
-    const std::string path = "/proc/" + std::to_string(pid) + "/exe";
-    return ReadExecutableName(pid) == "systemd-journald" && stat(path.c_str(), &program) == 0 &&
-           program.st_uid == 0;
+    const std::optional<ExecutableIdentity> program = ReadExecutableIdentity(pid);
+    return ReadExecutableName(pid) == "systemd-journald" && program && program->owner == 0;
 }
 
 }  // namespace
@@ -40,7 +38,7 @@ std::string WhyNeverTreated(pid_t pid) {
     if (std::ranges::find(*isProtected, pid) != isProtected->end()) {
         return "it is the bus daemon or a host of the quota service or of the Kelvra manager";
     }
-    const std::optional<ProcStat> stat = ReadProcStat(pid);
+    const Result<ProcessStat> stat = ReadProcessStat(pid);
     if (stat && stat->IsKernelThread()) {
         return "it is a kernel thread";
     }

@@ -1,43 +1,24 @@
 #include "treatments/reported_processes.h"
 
-#include <poll.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <optional>
 
+#include "base/text.h"
+#include "proc/command_line.h"
+#include "proc/pidfd.h"
+#include "proc/process_stat.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux {
-
-bool HasExited(int pidfd) {
-    pollfd wait{pidfd, POLLIN, 0};
-    return poll(&wait, 1, 0) > 0 && wait.revents != 0;
-}
-
-UniqueFd OpenProcess(pid_t pid, int64_t startTime) {
-    UniqueFd pidfd(pid > 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1);
-    if (!pidfd) {
-        return {};
-    }
-    ProcStat stat;
-    const int error = ReadProcStat(pid, stat);
-    if (error != 0 || stat.startTime != startTime || HasExited(pidfd.Get())) {
-        // A process that is there and that /proc does not show is not gone.
-        const bool isHidden = error == ESRCH && !HasExited(pidfd.Get());
-        errno = isHidden ? EACCES : (error != 0 ? error : ESRCH);
-        return {};
-    }
-    return pidfd;
-}
 
 std::string ProcessHandle::Difference(const std::string& requestedName) const {
     if (requestedName != name_) {
         return "it was reported as " + Printable(name_);
     }
-    const std::optional<ProcStat> stat = ReadProcStat(pid_);
+    const Result<ProcessStat> stat = ReadProcessStat(pid_);
     const std::string name = ReadProcessName(pid_);
     const std::optional<ExecutableIdentity> executable = ReadExecutableIdentity(pid_);
     // Looked at last: a process that is there now was there during all the reads.
@@ -70,21 +51,21 @@ size_t ProcessHandles::UsualCapacity() {
 
 ProcessHandlePtr ProcessHandles::Remember(pid_t pid, int64_t startTime, const std::string& name,
                                           Breach breach) {
-    UniqueFd pidfd = OpenProcess(pid, startTime);
-    const int error = errno;
+    Result<UniqueFd> pidfd = OpenProcess(pid, startTime);
     if (!pidfd) {
+        const bool isGone = pidfd.Code() == ErrorOf(ESRCH);
         PLATFORM_LOGE("no handle of reported pid %{public}d (%{public}s): %{public}s", pid,
                       Printable(name).c_str(),
-                      error == ESRCH ? "gone or another process" : ErrorText(error).c_str());
+                      isGone ? "gone or another process" : pidfd.Why().Text().c_str());
         return nullptr;
     }
     const std::optional<ExecutableIdentity> executable = ReadExecutableIdentity(pid);
-    if (!executable || HasExited(pidfd.Get())) {
+    if (!executable || HasExited(pidfd->Get())) {
         PLATFORM_LOGE("no handle of reported pid %{public}d (%{public}s): its program cannot be read", pid,
                       Printable(name).c_str());
         return nullptr;
     }
-    return Keep(std::make_shared<ProcessHandle>(std::move(pidfd), pid, startTime, name, *executable),
+    return Keep(std::make_shared<ProcessHandle>(std::move(*pidfd), pid, startTime, name, *executable),
                 std::move(breach));
 }
 

@@ -10,7 +10,7 @@
 #include <unordered_map>
 
 #include "base/unique_fd.h"
-#include "proc/process_stat.h"
+#include "proc/executable.h"
 #include "visibility.h"
 
 namespace KITE::Linux {
@@ -30,12 +30,6 @@ struct Breach {
 // Waits for nothing but /proc; called on the serving thread.
 KITE_API bool RememberReportedProcess(int32_t pid, int64_t startTime, const std::string& processName,
                                       Breach breach = {});
-
-// Whether the process that a pidfd names has ended.
-bool HasExited(int pidfd);
-// A pidfd of the process that bears the pid and started at that time. Not open, with errno set, when there is
-// none such (ESRCH, or EINVAL for a thread's id) or when that cannot be known (another).
-UniqueFd OpenProcess(pid_t pid, int64_t startTime);
 
 // One reported process. Not changed once made.
 class ProcessHandle {

@@ -5,7 +5,7 @@
 #include <limits>
 #include <optional>
 
-#include "proc/process_stat.h"
+#include "base/text.h"
 #include "runtime/platform_log.h"
 #include "treatments/treatment_table.h"
 
@@ -13,7 +13,6 @@ namespace KITE {
 
 namespace {
 
-using Linux::ErrorText;
 using Linux::ParseDecimal;
 using Linux::Printable;
 using Linux::TreatmentTable;

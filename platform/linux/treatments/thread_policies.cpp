@@ -11,8 +11,9 @@
 #include <optional>
 
 #include "base/unique_fd.h"
+#include "proc/pidfd.h"
+#include "proc/process_list.h"
 #include "proc/process_stat.h"
-#include "treatments/reported_processes.h"
 
 namespace KITE::Linux {
 
@@ -34,7 +35,7 @@ static_assert(sizeof(SchedulingAttributes) == 48);
 constexpr int kMostRounds = 50;
 
 std::optional<ThreadPolicy> ReadPolicy(pid_t pid, pid_t tid) {
-    const std::optional<ProcStat> stat = ReadThreadStat(pid, tid);
+    const Result<ProcessStat> stat = ReadThreadStat(pid, tid);
     SchedulingAttributes attributes{};
     if (!stat || syscall(SYS_sched_getattr, tid, &attributes, sizeof(attributes), 0) != 0) {
         return std::nullopt;
@@ -56,26 +57,25 @@ ThreadPolicy ForThread(ThreadPolicy policy, const ThreadPolicy& thread) {
     return policy;
 }
 
-int ReadProcesses(std::map<pid_t, ProcStat>& processes) {
-    std::vector<pid_t> pids;
-    if (const int error = ReadProcessIds(pids); error != 0) {
-        return error;
+int ReadProcesses(std::map<pid_t, ProcessStat>& processes) {
+    const Result<std::vector<pid_t>> pids = ListProcesses();
+    if (!pids) {
+        return pids.Code().value();
     }
-    for (const pid_t pid : pids) {
-        ProcStat stat;
-        const int error = ReadProcStat(pid, stat);
-        if (error != 0 && error != ESRCH) {
-            return error;
+    for (const pid_t pid : *pids) {
+        const Result<ProcessStat> stat = ReadProcessStat(pid);
+        if (!stat && stat.Code() != ErrorOf(ESRCH)) {
+            return stat.Code().value();
         }
-        if (error == 0 && !stat.HasEnded()) {
-            processes.emplace(pid, stat);
+        if (stat && !stat->HasEnded()) {
+            processes.emplace(pid, *stat);
         }
     }
     // A listing without this process is none of all.
     return processes.contains(getpid()) ? 0 : EIO;
 }
 
-bool Descends(const std::map<pid_t, ProcStat>& processes, pid_t pid, pid_t ancestor) {
+bool Descends(const std::map<pid_t, ProcessStat>& processes, pid_t pid, pid_t ancestor) {
     auto child = processes.find(pid);
     while (child != processes.end()) {
         const auto parent = processes.find(child->second.parent);
@@ -91,26 +91,27 @@ bool Descends(const std::map<pid_t, ProcStat>& processes, pid_t pid, pid_t ances
     return false;
 }
 
-bool IsOfFamily(const std::map<pid_t, ProcStat>& processes, pid_t pid, const IdleFamily& family,
+bool IsOfFamily(const std::map<pid_t, ProcessStat>& processes, pid_t pid, const IdleFamily& family,
                 bool isThere) {
     if (isThere) {
         return pid != family.pid && Descends(processes, pid, family.pid);
     }
-    const ProcStat& stat = processes.at(pid);
+    const ProcessStat& stat = processes.at(pid);
     return (family.session > 0 && stat.session == family.session) ||
            (family.processGroup > 0 && stat.processGroup == family.processGroup);
 }
 
 int RestoreMember(pid_t pid, int64_t startTime, const ThreadPolicy& policy, bool& isChanged) {
-    const UniqueFd pidfd = OpenProcess(pid, startTime);
+    const Result<UniqueFd> pidfd = OpenProcess(pid, startTime);
     if (!pidfd) {
-        return errno == ESRCH || errno == EINVAL ? 0 : errno;
+        const int error = pidfd.Code().value();
+        return error == ESRCH || error == EINVAL ? 0 : error;
     }
     int firstError = 0;
     const std::vector<ThreadPolicy> threads = ReadThreadPolicies(pid);
     for (const ThreadPolicy& thread : threads) {
         // What was read was this process's, and its threads are told from later ones by their start times.
-        if (!thread.IsIdle() || HasExited(pidfd.Get())) {
+        if (!thread.IsIdle() || HasExited(pidfd->Get())) {
             continue;
         }
         const int error = SetPolicy(pid, ForThread(policy, thread));
@@ -128,7 +129,7 @@ bool ThreadPolicy::IsIdle() const {
 
 std::vector<ThreadPolicy> ReadThreadPolicies(pid_t pid) {
     std::vector<ThreadPolicy> policies;
-    for (const pid_t tid : ThreadsOf(pid)) {
+    for (const pid_t tid : ListThreads(pid)) {
         if (const std::optional<ThreadPolicy> policy = ReadPolicy(pid, tid)) {
             policies.push_back(*policy);
         }
@@ -137,7 +138,7 @@ std::vector<ThreadPolicy> ReadThreadPolicies(pid_t pid) {
 }
 
 int SetPolicy(pid_t pid, const ThreadPolicy& thread) {
-    const std::optional<ProcStat> stat = ReadThreadStat(pid, thread.tid);
+    const Result<ProcessStat> stat = ReadThreadStat(pid, thread.tid);
     if (!stat || stat->startTime != thread.startTime) {
         return ESRCH;
     }
@@ -182,10 +183,10 @@ int RestorePolicies(pid_t pid, const std::vector<ThreadPolicy>& saved) {
 }
 
 int BeginIdleFamily(pid_t pid, IdleFamily& family) {
-    ProcStat stat;
+    const Result<ProcessStat> stat = ReadProcessStat(pid);
     timespec now{};
-    if (const int error = ReadProcStat(pid, stat); error != 0) {
-        return error;
+    if (!stat) {
+        return stat.Code().value();
     }
     if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) {
         return errno;
@@ -193,7 +194,7 @@ int BeginIdleFamily(pid_t pid, IdleFamily& family) {
     constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
     const int64_t ticksPerSecond = sysconf(_SC_CLK_TCK);
     const int64_t ticks = now.tv_sec * ticksPerSecond + now.tv_nsec * ticksPerSecond / kNanosecondsPerSecond;
-    family = {.pid = pid, .session = stat.session, .processGroup = stat.processGroup, .since = ticks};
+    family = {.pid = pid, .session = stat->session, .processGroup = stat->processGroup, .since = ticks};
     return 0;
 }
 
@@ -202,7 +203,7 @@ int RestoreFamily(const IdleFamily& family, bool isThere, const ThreadPolicy& po
     int firstError = 0;
     bool isStable = policy.IsIdle();
     for (int round = 0; round < kMostRounds && !isStable; ++round) {
-        std::map<pid_t, ProcStat> processes;
+        std::map<pid_t, ProcessStat> processes;
         if (const int error = ReadProcesses(processes); error != 0) {
             return error;
         }

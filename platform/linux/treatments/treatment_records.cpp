@@ -14,6 +14,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "base/file.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
 #include "proc/process_stat.h"
 
@@ -283,9 +285,8 @@ std::string FileNameOf(const TreatmentRecord& record) {
 }  // namespace
 
 std::string CurrentBootId() {
-    std::string text;
     constexpr size_t kBootIdLimit = 64;
-    static_cast<void>(ReadTextFile("/proc/sys/kernel/random/boot_id", kBootIdLimit, text));
+    const std::string text = ReadFile("/proc/sys/kernel/random/boot_id", kBootIdLimit).ValueOr({});
     return text.substr(0, text.find('\n'));
 }
 
@@ -293,10 +294,11 @@ bool TreatmentRecord::IsInOtherHands() const {
     if (hostPid == getpid() || bootId != CurrentBootId()) {
         return false;
     }
-    ProcStat host;
-    const int error = ReadProcStat(hostPid, host);
-    const bool isTheHost = error == 0 && !host.HasEnded() && host.startTime == hostStartTime;
-    return isTheHost || (error != 0 && error != ESRCH);
+    const Result<ProcessStat> host = ReadProcessStat(hostPid);
+    if (!host) {
+        return host.Code() != ErrorOf(ESRCH);
+    }
+    return !host->HasEnded() && host->startTime == hostStartTime;
 }
 
 std::string WriteRecord(const TreatmentRecord& record) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "proc/pidfd.h"
 #include "proc/process_stat.h"
 #include "runtime/platform_log.h"
 #include "treatments/reported_processes.h"
@@ -30,10 +31,6 @@ Step Unrecorded(int error) {
     step.error = error;
     step.isFinal = true;
     return step;
-}
-
-int SendSignal(int pidfd, int signal) {
-    return syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) == 0 ? 0 : errno;
 }
 
 const char* WeightFile(Hierarchy hierarchy) {
@@ -122,7 +119,7 @@ TreatmentSteps::TreatmentSteps(Cgroups cgroups, std::string stateDirectory, bool
       records_(std::move(stateDirectory)),
       isDryRun_(isDryRun),
       bootId_(CurrentBootId()),
-      hostStartTime_(ReadProcStat(getpid()).value_or(ProcStat{}).startTime) {}
+      hostStartTime_(ReadProcessStat(getpid()).ValueOr({}).startTime) {}
 
 TreatmentRecord TreatmentSteps::NewRecord(pid_t pid, int64_t startTime, const std::string& name) const {
     TreatmentRecord record;
@@ -185,7 +182,7 @@ int TreatmentSteps::Save(const TreatmentRecord& record) const {
     const int error = records_.Write(record);
     if (error != 0) {
         PLATFORM_LOGE("no record of pid %{public}d can be written, nothing is done to it: %{public}s",
-                      record.pid, ErrorText(error).c_str());
+                      record.pid, ErrorOf(error).message().c_str());
     }
     return error;
 }
@@ -202,7 +199,7 @@ void TreatmentSteps::TidyIfEmpty(TreatmentRecord& record, const Step& step) cons
     const int error = record.IsEmpty() && !step.isFinal ? Tidy(record) : 0;
     if (error != 0) {
         PLATFORM_LOGE("the empty record of pid %{public}d cannot be removed: %{public}s", record.pid,
-                      ErrorText(error).c_str());
+                      ErrorOf(error).message().c_str());
     }
 }
 
@@ -279,7 +276,7 @@ Step TreatmentSteps::SuppressInAnyForm(TreatmentRecord& record, int pidfd) const
             return step;
         }
         untidy = FirstError(untidy, step.untidy);
-        refusals += (hierarchy == Hierarchy::kUnified ? "v2: " : ", v1: ") + ErrorText(step.error);
+        refusals += (hierarchy == Hierarchy::kUnified ? "v2: " : ", v1: ") + ErrorOf(step.error).message();
     }
     PLATFORM_LOGI("no cpu.idle group for pid %{public}d (%{public}s)", record.pid, refusals.c_str());
     Step step = SuppressThreads(record, pidfd);
@@ -354,7 +351,7 @@ Step TreatmentSteps::FreezeInGroup(TreatmentRecord& record, int pidfd) const {
 }
 
 Step TreatmentSteps::StopBySignal(TreatmentRecord& record, int pidfd) const {
-    const std::optional<ProcStat> stat = ReadProcStat(record.pid);
+    const Result<ProcessStat> stat = ReadProcessStat(record.pid);
     if (!stat || HasExited(pidfd)) {
         return {ESRCH, "SIGSTOP"};
     }
@@ -363,7 +360,7 @@ Step TreatmentSteps::StopBySignal(TreatmentRecord& record, int pidfd) const {
     if (const int error = Plan(record, std::move(planned)); error != 0) {
         return Unrecorded(error);
     }
-    const int error = stat->IsStopped() ? 0 : SendSignal(pidfd, SIGSTOP);
+    const int error = stat->IsStopped() ? 0 : SendSignal(pidfd, SIGSTOP).value();
     int untidy = 0;
     if (error != 0) {
         record.freeze.reset();
@@ -388,7 +385,8 @@ Step TreatmentSteps::FreezeInAnyForm(TreatmentRecord& record, int pidfd) const {
     if (isFinal || record.freeze || HasExited(pidfd)) {
         return step;
     }
-    PLATFORM_LOGI("no freezer for pid %{public}d: %{public}s", record.pid, ErrorText(step.error).c_str());
+    PLATFORM_LOGI("no freezer for pid %{public}d: %{public}s", record.pid,
+                  ErrorOf(step.error).message().c_str());
     const int untidy = step.untidy;
     step = StopBySignal(record, pidfd);
     step.untidy = FirstError(step.untidy, untidy);
@@ -412,7 +410,7 @@ Step TreatmentSteps::Thaw(TreatmentRecord& record, int pidfd) const {
     } else if (freeze.wasStopped) {
         step = {0, "nothing: it was stopped before"};
     } else {
-        const int error = pidfd < 0 ? ESRCH : SendSignal(pidfd, SIGCONT);
+        const int error = pidfd < 0 ? ESRCH : SendSignal(pidfd, SIGCONT).value();
         step = {error == ESRCH ? 0 : error, "SIGCONT"};
     }
     if (step.error == 0) {
@@ -423,7 +421,7 @@ Step TreatmentSteps::Thaw(TreatmentRecord& record, int pidfd) const {
 }
 
 Step TreatmentSteps::Kill(int pidfd) const {
-    return isDryRun_ ? kNothingDone : Step{SendSignal(pidfd, SIGKILL), "SIGKILL"};
+    return isDryRun_ ? kNothingDone : Step{SendSignal(pidfd, SIGKILL).value(), "SIGKILL"};
 }
 
 int TreatmentSteps::UndoAll(TreatmentRecord& record, int pidfd) const {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "base/text.h"
+#include "proc/pidfd.h"
 #include "proc/process_stat.h"
 #include "runtime/event_file.h"
 #include "runtime/platform_log.h"
@@ -71,13 +73,13 @@ int32_t TreatmentTable::Announce(const Result& result) const {
         PLATFORM_LOGE(
             "%{public}s%{public}s of pid %{public}d (%{public}s) failed: "
             "%{public}s%{public}s%{public}s%{public}s%{public}s",
-            dryRun, result.event, result.pid, name.c_str(), ErrorText(result.step.error).c_str(),
+            dryRun, result.event, result.pid, name.c_str(), ErrorOf(result.step.error).message().c_str(),
             result.reason.empty() ? "" : ", ", result.reason.c_str(), result.step.form.empty() ? "" : ", by ",
             result.step.form.c_str());
     }
     if (result.step.untidy != 0) {
         PLATFORM_LOGW("its record or group cannot be tidied up yet: %{public}s",
-                      ErrorText(result.step.untidy).c_str());
+                      ErrorOf(result.step.untidy).message().c_str());
     }
     Record(result);
     return result.step.error;
@@ -103,7 +105,7 @@ bool TreatmentTable::Remember(pid_t pid, int64_t startTime, const std::string& n
     const ProcessHandlePtr handle = handles_.Remember(pid, startTime, name, std::move(breach));
     const int error = handle ? watcher_.Watch(handle->Pidfd(), pid) : 0;
     if (error != 0) {
-        PLATFORM_LOGE("pid %{public}d cannot be watched: %{public}s", pid, ErrorText(error).c_str());
+        PLATFORM_LOGE("pid %{public}d cannot be watched: %{public}s", pid, ErrorOf(error).message().c_str());
     }
     return handle && error == 0;
 }
@@ -371,7 +373,7 @@ void TreatmentTable::UndoEnded(pid_t pid, std::vector<TreatmentRecord>& ended) {
             const int error = Undo(entry->second, true);
             PLATFORM_LOGI("treated pid %{public}d (%{public}s) has ended: %{public}s", pid,
                           Printable(entry->second.record.processName).c_str(),
-                          error == 0 ? "nothing is left of its treatment" : ErrorText(error).c_str());
+                          error == 0 ? "nothing is left of its treatment" : ErrorOf(error).message().c_str());
             entry->second.thawAt.reset();
             if (error == 0) {
                 ended.push_back(entry->second.record);
@@ -485,8 +487,7 @@ int32_t TreatmentTable::Release(pid_t pid, uid_t releasedBy) {
     });
     if (entry == treated_.end()) {
         lock.unlock();
-        ProcStat stat;
-        const bool isThere = ReadProcStat(pid, stat) != ESRCH;
+        const bool isThere = ReadProcessStat(pid).Code() != ErrorOf(ESRCH);
         PLATFORM_LOGI("uid %{public}u asks to release pid %{public}d, which is not %{public}s", releasedBy,
                       pid, isThere ? "treated" : "there");
         return isThere ? kNotTreated : ESRCH;
@@ -527,11 +528,12 @@ int TreatmentTable::ReleaseOne(TreatmentRecord& record) {
     if (record.bootId != bootId) {
         return steps_.Records().Remove(record);
     }
-    const UniqueFd pidfd = OpenProcess(record.pid, record.startTime);
-    if (!pidfd && errno != ESRCH && errno != EINVAL) {
-        return errno;
+    const Linux::Result<UniqueFd> pidfd = OpenProcess(record.pid, record.startTime);
+    const int failure = pidfd.Code().value();
+    if (failure != 0 && failure != ESRCH && failure != EINVAL) {
+        return failure;
     }
-    const int error = steps_.UndoAll(record, pidfd.Get());
+    const int error = steps_.UndoAll(record, pidfd ? pidfd->Get() : -1);
     if (error == 0) {
         PLATFORM_LOGI("pid %{public}d (%{public}s) was left treated and is released%{public}s", record.pid,
                       Printable(record.processName).c_str(), pidfd ? "" : "; it has ended");
@@ -543,16 +545,17 @@ int TreatmentTable::ReleaseOne(TreatmentRecord& record) {
 bool TreatmentTable::ReadLeft(std::vector<TreatmentRecord>& records) {
     TreatmentRecords::Left left = steps_.Records().ReadAll(steps_.Groups());
     if (left.error != 0) {
-        PLATFORM_LOGE("records of treatments cannot be read: %{public}s", ErrorText(left.error).c_str());
+        PLATFORM_LOGE("records of treatments cannot be read: %{public}s",
+                      ErrorOf(left.error).message().c_str());
     }
     for (const auto& [name, error] : left.unclear) {
         PLATFORM_LOGE("what %{public}s tells of a treatment cannot be undone: %{public}s; it stays",
-                      Printable(name).c_str(), ErrorText(error).c_str());
+                      Printable(name).c_str(), ErrorOf(error).message().c_str());
     }
     for (const std::string& name : left.malformed) {
         const int error = steps_.Records().SetAside(name);
         PLATFORM_LOGE("%{public}s is no record of a treatment, it is set aside: %{public}s",
-                      Printable(name).c_str(), ErrorText(error).c_str());
+                      Printable(name).c_str(), ErrorOf(error).message().c_str());
     }
     records = std::move(left.records);
     return left.error == 0 && left.unclear.empty() && left.malformed.empty();

@@ -10,7 +10,12 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "base/text.h"
 #include "platform_fixture.h"
+#include "proc/command_line.h"
+#include "proc/pidfd.h"
+#include "proc/process_list.h"
+#include "proc/process_stat.h"
 #include "resource_schedule.h"
 #include "suspend_manager.h"
 #include "system_log.h"
@@ -138,7 +143,7 @@ TEST_F(Actions, EveryThreadGetsItsPolicyBackAndANewOneTheMainThreads) {
     const pid_t pid = culprit.Pid();
     ASSERT_TRUE(Eventually([&] { return culprit.ThreadCount() == 2; }));
     const sched_param none{};
-    ASSERT_EQ(sched_setscheduler(ThreadsOf(pid).back(), SCHED_BATCH, &none), 0);
+    ASSERT_EQ(sched_setscheduler(ListThreads(pid).back(), SCHED_BATCH, &none), 0);
     ASSERT_EQ(setpriority(PRIO_PROCESS, static_cast<id_t>(pid), 7), 0);
     const std::string before = culprit.Standing();
     ASSERT_EQ(Suppress(), 0);
@@ -276,15 +281,15 @@ bool KillBeforeCall(int number, const std::function<void()>& work) {
 TEST_P(EveryForm, AHostKilledAtAnyStepLeavesNothingThatTheNextDoesNotRelease) {
     Log::minimumLevel = Log::Level::kError;  // a logging thread would be missing in the worker
     const Program culprit({kName, "burn"});
-    const UniqueFd pidfd = OpenProcess(culprit.Pid(), culprit.StartTime());
+    const Result<UniqueFd> pidfd = OpenProcess(culprit.Pid(), culprit.StartTime());
     const std::string before = culprit.Standing();
     const auto treat = [&] {
         const TreatmentSteps steps(groups_, directory_);
         TreatmentRecord record = steps.NewRecord(culprit.Pid(), culprit.StartTime(), kName);
-        const bool isDone = steps.Suppress(record, pidfd.Get()).error == 0 &&
-                            steps.Freeze(record, pidfd.Get()).error == 0 &&
-                            steps.Thaw(record, pidfd.Get()).Unfinished() == 0 &&
-                            steps.EndSuppression(record, pidfd.Get()).Unfinished() == 0;
+        const bool isDone = steps.Suppress(record, pidfd->Get()).error == 0 &&
+                            steps.Freeze(record, pidfd->Get()).error == 0 &&
+                            steps.Thaw(record, pidfd->Get()).Unfinished() == 0 &&
+                            steps.EndSuppression(record, pidfd->Get()).Unfinished() == 0;
         _exit(isDone && record.IsEmpty() ? 0 : 1);
     };
     int calls = 1;
@@ -481,27 +486,25 @@ TEST_F(Actions, AProcessThatCannotBeReadIsNotTakenForGone) {
         EXPECT_EQ(RestorePolicies(pid, policies), EAGAIN);
         EXPECT_EQ(handle->Difference(kName), "it cannot be looked at");
         const DescriptorLimit one(unused + 1);
-        EXPECT_FALSE(OpenProcess(pid, startTime));
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_EQ(OpenProcess(pid, startTime).Code(), ErrorOf(EMFILE));
     }
     ASSERT_EQ(unshare(CLONE_NEWNS), 0);
     ASSERT_EQ(mount("none", "/proc", nullptr, MS_PRIVATE, nullptr), 0);
     ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
-    EXPECT_FALSE(OpenProcess(pid, startTime));
-    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(OpenProcess(pid, startTime).Code(), ErrorOf(EACCES));
     EXPECT_EQ(RestoreFamily({.pid = pid}, true, policies.front(), {}), EIO);
     EXPECT_EQ(umount("/proc"), 0);
 }
 
 TEST_P(EveryForm, AStepThatFindsTheProcessGoneLeavesNoRecord) {
     const Program& culprit = Begin();
-    const UniqueFd pidfd = OpenProcess(culprit.Pid(), culprit.StartTime());
+    const Result<UniqueFd> pidfd = OpenProcess(culprit.Pid(), culprit.StartTime());
     const TreatmentSteps steps(groups_, directory_);
     TreatmentRecord record = steps.NewRecord(culprit.Pid(), culprit.StartTime(), kName);
     culprit_.reset();
-    EXPECT_NE(steps.Suppress(record, pidfd.Get()).error, 0);
+    EXPECT_NE(steps.Suppress(record, pidfd->Get()).error, 0);
     EXPECT_FALSE(HasRecords());
-    EXPECT_NE(steps.Freeze(record, pidfd.Get()).error, 0);
+    EXPECT_NE(steps.Freeze(record, pidfd->Get()).error, 0);
     EXPECT_FALSE(HasRecords());
 }
 
@@ -510,7 +513,7 @@ TEST_F(Actions, WhatTheSystemStandsOnIsNeverTreated) {
     constexpr pid_t kKernelThreadDaemon = 2;
     EXPECT_EQ(table.Kill(1, "init", ""), EPERM);
     EXPECT_EQ(table.Suppress(getpid(), "self"), EPERM);
-    if (const std::optional<ProcStat> stat = ReadProcStat(kKernelThreadDaemon);
+    if (const Result<ProcessStat> stat = ReadProcessStat(kKernelThreadDaemon);
         stat && stat->IsKernelThread()) {
         EXPECT_EQ(table.Freeze(kKernelThreadDaemon, "kthreadd", std::nullopt), EPERM);
     }
@@ -652,11 +655,13 @@ TEST_F(Actions, TheOldestUnheldHandleMakesRoom) {
 
 TEST(ProcText, ACommandNameCannotPassForOtherFields) {
     const auto stat =
-        ParseProcStat("17 (a) R 9) (b)) T 1 1 1 0 -1 2097216 0 0 0 0 0 0 0 0 20 0 1 0 4242 0 0");
+        ParseProcessStat("17 (a) R 9) (b)) T 1 1 1 0 -1 2097216 0 0 0 0 0 0 0 0 20 0 1 0 4242 0 0");
     ASSERT_TRUE(stat.has_value());
     EXPECT_TRUE(stat->IsStopped() && stat->IsKernelThread() && stat->startTime == 4242);
-    EXPECT_FALSE(ParseProcStat("17 (a").has_value());
-    EXPECT_FALSE(ParseProcStat("17 (a) S 1 2 3").has_value());
+    EXPECT_FALSE(ParseProcessStat("17 (a").has_value());
+    EXPECT_FALSE(ParseProcessStat("17 (a) S 1 2 3").has_value());
+    // Cut off in the middle of the start time.
+    EXPECT_FALSE(ParseProcessStat("17 (a) S 1 1 1 0 -1 2097216 0 0 0 0 0 0 0 0 20 0 1 0 42").has_value());
     for (const char* text : {"", " 1", "+1", "1 ", "0x1", "12a", "99999999999999999999"}) {
         EXPECT_FALSE(ParseDecimal(text).has_value()) << text;
     }

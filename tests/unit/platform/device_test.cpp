@@ -157,16 +157,14 @@ TEST(DeviceStateReaderTest, AFaultIsNamedWithItsPlace) {
         {R"({"efficiency_resources": {"other": []}})", "efficiency_resources.other: unknown key"},
     };
     for (const auto& [text, fault] : cases) {
-        DeviceState state;
-        std::string error;
-        EXPECT_FALSE(ReadDeviceState(text, state, error)) << text;
-        EXPECT_EQ(error, fault) << text;
+        const Result<DeviceState> state = ReadDeviceState(text);
+        ASSERT_FALSE(state) << text;
+        EXPECT_EQ(state.Why().Text(), fault) << text;
     }
-    DeviceState state;
-    std::string error;
-    EXPECT_FALSE(ReadDeviceState("{\"screen_on\":\n tru}", state, error));
-    EXPECT_NE(error.find("line 2, column"), std::string::npos) << error;
-    EXPECT_FALSE(ReadDeviceState(std::string(1000000, '['), state, error));
+    const Result<DeviceState> state = ReadDeviceState("{\"screen_on\":\n tru}");
+    ASSERT_FALSE(state);
+    EXPECT_NE(state.Why().Text().find("line 2, column"), std::string::npos) << state.Why().Text();
+    EXPECT_FALSE(ReadDeviceState(std::string(1000000, '[')));
 }
 
 }  // namespace

@@ -12,7 +12,9 @@
 #include "kelvra_manager/sampler.h"
 #include "kelvra_manager/subscriber_stub.h"
 #include "platform_fixture.h"
-#include "proc/proc_texts.h"
+#include "proc/command_line.h"
+#include "proc/process_file.h"
+#include "proc/process_stat.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
@@ -171,7 +173,7 @@ TEST(ProcParse, TheNameIsTheLastComponentOfTheFirstArgument) {
     EXPECT_EQ(ProcessNameOf("plain"sv), "plain");
     EXPECT_EQ(ProcessNameOf("/ends/with/\0x\0"sv), "");
     EXPECT_EQ(ProcessNameOf(""sv), "");
-    const std::string cutOff = "/" + std::string(kProcBufferSize - 5, 'd') + "/foo";
+    const std::string cutOff = "/" + std::string(kCommandLineBuffer - 5, 'd') + "/foo";
     EXPECT_EQ(ProcessNameOf(cutOff), "");
     EXPECT_EQ(ProcessNameOf(cutOff.substr(1) + '\0'), "foo");
 }
@@ -195,14 +197,6 @@ TEST(ProcParse, TheServiceSeesWhatFollowsTheLastSlashOfAllArguments) {
     EXPECT_TRUE(IsAcceptedAs("sixteen_bytes_x", "sixteen_bytes_xy"));
     EXPECT_FALSE(IsAcceptedAs("conf", "foo"));
     EXPECT_FALSE(IsAcceptedAs("", "foo"));
-}
-
-TEST(ProcParse, TheStartTimeIsFoundBehindAnyCommandName) {
-    const std::string fields = "S 1 1 1 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 4711";
-    EXPECT_THAT(StartTimeOf("12 (a) (b) S 1 2) " + fields + " 46223360 3693\n"), Optional(4711));
-    for (const std::string& cut : {"12 (foo) " + fields, std::string("12 (foo")}) {
-        EXPECT_EQ(StartTimeOf(cut), std::nullopt) << cut;
-    }
 }
 
 TEST(ProcParse, NumbersThatAreNotWholeAreAbsent) {
@@ -235,10 +229,7 @@ class Child : public Program {
 
   private:
     void AwaitName(const std::string& name) const {
-        EXPECT_TRUE(Eventually([&] {
-            char buffer[kProcBufferSize];
-            return ProcessNameOf(ReadProcFileOnce(Pid(), "cmdline", buffer).text) == name;
-        }));
+        EXPECT_TRUE(Eventually([&] { return ReadProcessName(Pid()) == name; }));
         // A running process may have moved its CPU clock or not yet.
         EXPECT_TRUE(AwaitState('S'));
     }
@@ -293,8 +284,7 @@ TEST_F(RealProcesses, AReportSaysWhatTheQuotaSaysAndWhatWasMeasured) {
     EXPECT_EQ(info.resType, "mem");
     EXPECT_EQ(info.processName, first_);
     EXPECT_THAT(info.conditions, ElementsAre(8, 1));
-    char stat[kProcBufferSize];
-    EXPECT_THAT(StartTimeOf(ReadProcFileOnce(child.Pid(), "stat", stat).text), Optional(info.startTime));
+    EXPECT_EQ(ReadProcessStat(child.Pid()).ValueOr({}).startTime, info.startTime);
     EXPECT_GT(info.sampleTime, 0);
 }
 
@@ -366,8 +356,7 @@ void MeetTwoProblems(const std::string& name) {
 
 TEST_F(RealProcesses, AProblemDoesNotSilenceAnother) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    char self[kProcBufferSize];
-    const std::string name(ProcessNameOf(ReadProcFileOnce(getpid(), "cmdline", self).text));
+    const std::string name = ReadProcessName(getpid());
     const std::string wanted =
         "cannot be looked at: errno " + std::to_string(EMFILE) + ".*more processes have quotas";
     EXPECT_EXIT(MeetTwoProblems(name), ::testing::ExitedWithCode(0), wanted);
@@ -384,29 +373,6 @@ TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
     const Process again({.program = KITE_TARGET, .arguments = {first_, "idle"}, .pid = other.Pid()});
     ASSERT_EQ(again.Pid(), other.Pid());
     EXPECT_THAT(Sample(), SizeIs(1));
-}
-
-TEST_F(RealProcesses, TheNewestAreFoundAtOnceAlsoWherePidsBeganAgainAtTheLowEnd) {
-    const PidCounter pids;
-    UseRules({Quota(first_, "mem", 1, 0)});
-    Sample();
-    std::list<Child> children;
-    for (size_t born = 1; born <= 6; ++born) {
-        if (born == 4) {
-            pids.GoOnAfter(children.front().Pid() - 200);
-        }
-        children.emplace_back(first_, second_);
-        EXPECT_THAT(Sample(), SizeIs(born));
-    }
-    // One below its turn is found by the next listing of everything.
-    pids.GoOnAfter(children.front().Pid() - 400);
-    children.emplace_back(first_, second_);
-    pids.GoOnAfter(children.front().Pid() + 200);
-    uint32_t samples = 1;
-    while (Sample().size() < children.size() && samples <= ProcessTable::kCheckPeriod) {
-        ++samples;
-    }
-    EXPECT_LE(samples, ProcessTable::kCheckPeriod);
 }
 
 TEST_F(RealProcesses, OtherRulesStartEveryWindowAnew) {
@@ -523,8 +489,7 @@ TEST(Sampler, ReportsOnceThereAreQuotasAndASubscriberAndStopsAtOnce) {
     std::atomic<int> batches = 0;
     Sampler sampler(100ms, 10, reporter);
     sampler.Start();
-    char self[kProcBufferSize];
-    const std::string name(ProcessNameOf(ReadProcFileOnce(getpid(), "cmdline", self).text));
+    const std::string name = ReadProcessName(getpid());
     sampler.SetQuotas({Quota(name, "mem", 1, 0)});
     reporter->SetSubscriber([&](const MessageParcel&, const std::function<void(int32_t)>& answered) {
         answered(ERR_NONE);

@@ -383,7 +383,12 @@ class AccessTokenTest : public RuntimeTest {
     bool Load(const std::string& text) {
         Put("tokens.json", text);
         chmod(Path("tokens.json").c_str(), 0644);
-        return LoadAccessTokens(error_);
+        return Load();
+    }
+    bool Load() {
+        const Result<void> loaded = LoadAccessTokens();
+        error_ = loaded ? "" : loaded.Why().Text();
+        return static_cast<bool>(loaded);
     }
 
     std::string error_;
@@ -435,13 +440,13 @@ TEST_F(AccessTokenTest, AFileThatCannotBeTrustedIsRefusedWithItsPathAndPlace) {
     }
     Put("tokens.json", good);
     chmod(Path("tokens.json").c_str(), 0664);
-    EXPECT_FALSE(LoadAccessTokens(error_));
+    EXPECT_FALSE(Load());
     chmod(Path("tokens.json").c_str(), 0644);
     ASSERT_EQ(chown(Path("tokens.json").c_str(), 1, 0), 0);
-    EXPECT_FALSE(LoadAccessTokens(error_));
+    EXPECT_FALSE(Load());
     EXPECT_NE(TokenOfUid(7), 0U);
     std::filesystem::remove(Path("tokens.json"));
-    EXPECT_TRUE(LoadAccessTokens(error_)) << error_;
+    EXPECT_TRUE(Load()) << error_;
     EXPECT_EQ(TokenOfUid(7), 0U);
 }
 

@@ -4,7 +4,7 @@
 #include <tuple>
 #include <utility>
 
-#include "proc/proc_texts.h"
+#include "proc/command_line.h"
 #include "rqctl/check/findings.h"
 
 namespace KITE::Rqctl {
@@ -14,7 +14,7 @@ namespace {
 // Whether a process can bear the name: what the Kelvra manager reads of a first argument, and the service,
 // which cuts it, finds in the name again.
 bool CanBeBorne(const std::string& name) {
-    return !name.empty() && Linux::Sampling::ProcessNameOf(name) == name;
+    return !name.empty() && Linux::ProcessNameOf(name) == name;
 }
 
 class MergeLint {

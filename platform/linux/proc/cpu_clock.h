@@ -3,11 +3,10 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <chrono>
 #include <optional>
 
-#include "kelvra_manager/rule_book.h"
-
-namespace KITE::Linux::Sampling {
+namespace KITE::Linux {
 
 // The CPU clock of whatever process bears a pid: the time of all its threads, ended ones included, in
 // nanoseconds, where "stat" has ticks of 10 ms. What a thread has run that runs right now counts from the
@@ -18,12 +17,12 @@ class CpuClock {
     explicit CpuClock(pid_t pid) : isThere_(clock_getcpuclockid(pid, &id_) == 0) {}
 
     // Absent when there is no such process.
-    std::optional<nanoseconds> Read() const {
+    std::optional<std::chrono::nanoseconds> Read() const {
         timespec time{};
         if (!isThere_ || clock_gettime(id_, &time) != 0) {
             return std::nullopt;
         }
-        return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+        return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
     }
 
   private:
@@ -31,4 +30,4 @@ class CpuClock {
     bool isThere_;
 };
 
-}  // namespace KITE::Linux::Sampling
+}  // namespace KITE::Linux

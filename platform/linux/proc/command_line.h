@@ -1,0 +1,36 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+
+// The names that a process's command line gives it. A process chooses its arguments: a name proves nothing.
+// Any thread.
+namespace KITE::Linux {
+
+// Enough for the first 4095 bytes of a command line; a longer first argument gives no name.
+inline constexpr size_t kCommandLineBuffer = 4096;
+
+// The process name: the last path component of the first argument, whole. Empty for kernel threads and
+// zombies, and when a read of kCommandLineBuffer bytes may have cut the argument off.
+std::string_view ProcessNameOf(std::string_view commandLine);
+// Of the command line that the process has now; empty when that cannot be read.
+std::string ReadProcessName(pid_t pid);
+
+// The name that the quota service sees when it verifies a process that was reported to it: what follows the
+// last slash of all arguments, cut at 15 bytes and at the first NUL.
+class SeenName {
+  public:
+    // Takes the next piece of the command line.
+    void Add(std::string_view piece);
+    std::string Text() const { return tail_.substr(0, tail_.find('\0')); }
+
+  private:
+    std::string tail_;
+};
+
+// Whether the service would accept a report under that name.
+bool IsAcceptedAs(std::string_view seenName, std::string_view reportedName);
+
+}  // namespace KITE::Linux

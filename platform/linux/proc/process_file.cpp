@@ -1,0 +1,82 @@
+#include "proc/process_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+
+namespace KITE::Linux {
+
+namespace {
+
+// A number at the front, which something must follow: at the very end it may have been cut off.
+std::optional<int64_t> LeadingNumber(std::string_view text) {
+    int64_t number = 0;
+    const char* end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    const bool isWhole =
+        error == std::errc() && rest != end && (*rest == ' ' || *rest == '\n' || *rest == '\t');
+    return isWhole && number >= 0 ? std::optional(number) : std::nullopt;
+}
+
+}  // namespace
+
+std::string ProcessFilePath(pid_t pid, std::string_view name) {
+    return "/proc/" + std::to_string(pid) + "/" + std::string(name);
+}
+
+bool MeansGone(const std::error_code& error) {
+    return error == ErrorOf(ESRCH) || error == ErrorOf(ENOENT);
+}
+
+UniqueFd OpenProcessFile(pid_t pid, const char* name) {
+    return UniqueFd(open(ProcessFilePath(pid, name).c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+Result<std::string_view> ReadOpenFile(const UniqueFd& file, std::span<char> buffer, off_t offset) {
+    ssize_t length = -1;
+    do {
+        length = pread(file.Get(), buffer.data(), buffer.size(), offset);
+    } while (length < 0 && errno == EINTR);
+    if (length < 0) {
+        return LastError();
+    }
+    return std::string_view(buffer.data(), static_cast<size_t>(length));
+}
+
+Result<std::string_view> ReadProcessFile(pid_t pid, const char* name, std::span<char> buffer) {
+    const UniqueFd file = OpenProcessFile(pid, name);
+    return file ? ReadOpenFile(file, buffer) : LastError();
+}
+
+std::optional<int64_t> NumberOfField(std::string_view text, int index) {
+    for (; index > 0; --index) {
+        const size_t blank = text.find(' ');
+        if (blank == std::string_view::npos) {
+            return std::nullopt;
+        }
+        text.remove_prefix(blank + 1);
+    }
+    return LeadingNumber(text);
+}
+
+std::optional<int64_t> NumberOfLine(std::string_view text, std::string_view key) {
+    while (!text.starts_with(key)) {
+        const size_t lineEnd = text.find('\n');
+        if (lineEnd == std::string_view::npos) {
+            return std::nullopt;
+        }
+        text.remove_prefix(lineEnd + 1);
+    }
+    text.remove_prefix(key.size());
+    text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
+    return LeadingNumber(text);
+}
+
+std::optional<int64_t> ResidentPagesOf(std::string_view statm) {
+    return NumberOfField(statm, 1);
+}
+
+}  // namespace KITE::Linux
