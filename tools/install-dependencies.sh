@@ -4,7 +4,7 @@
 #   install-dependencies.sh run|bench|package|test|ci
 set -euo pipefail
 
-packages=(g++-12 cmake ninja-build pkg-config libsystemd-dev libasio-dev nlohmann-json3-dev libcli11-dev
+packages=(g++-12 cmake ninja-build pkg-config libsystemd-dev libasio-dev nlohmann-json3-dev libcli11-dev libfmt-dev
           dbus-daemon libnss-wrapper)
 optional=()
 case "${1:-}" in

@@ -50,8 +50,8 @@ void PrintFinding(const Finding& finding) {
                               std::to_string(at.column) + ": " +
                               (finding.pointer.empty() ? "(document)" : finding.pointer) + ": ";
     const Tone tone = finding.severity == Severity::kError ? Tone::kBad : Tone::kWarning;
-    Say(Printable(where) + Paint(tone, SeverityText(finding) + ": ") +
-        Printable(finding.found + ", allowed: " + finding.allowed));
+    Say(Escaped(where) + Paint(tone, SeverityText(finding) + ": ") +
+        Escaped(finding.found + ", allowed: " + finding.allowed));
 }
 
 std::string Counted(size_t count, const std::string& noun) {

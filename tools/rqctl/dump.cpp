@@ -49,7 +49,7 @@ ExitStatus ExplainRefusal(const Context& context) {
 void Show(const std::string& dump) {
     std::istringstream lines(dump);
     for (std::string line; std::getline(lines, line);) {
-        Say(Printable(line));
+        Say(Escaped(line));
     }
 }
 

@@ -61,8 +61,8 @@ std::string IdentityInWords(const Identity& identity) {
     if (identity.watchedAs.empty()) {
         return pid + " has no name that the Kelvra manager could watch: nothing applies";
     }
-    return pid + ": the Kelvra manager watches it as \"" + Printable(identity.watchedAs) +
-           "\"; the service sees \"" + Printable(identity.seenAs) +
+    return pid + ": the Kelvra manager watches it as \"" + Escaped(identity.watchedAs) +
+           "\"; the service sees \"" + Escaped(identity.seenAs) +
            (identity.isAccepted ? "\" and accepts reports of it"
                                 : "\", a name that a slash in an argument makes, and accepts no report of "
                                   "it: nothing is done");
@@ -70,19 +70,19 @@ std::string IdentityInWords(const Identity& identity) {
 
 std::string Place(const Element& element, const JsonValue& value) {
     const Position at = element.layer->json.PositionOf(value.begin);
-    return Printable(element.layer->path) + ':' + std::to_string(at.line);
+    return Escaped(element.layer->path) + ':' + std::to_string(at.line);
 }
 
 std::string OriginInWords(const Explanation& explanation, const Origin& origin) {
     const bool isOwn = origin.element == explanation.line.front()->record;
     return Place(*origin.element, *origin.value) +
-           (isOwn ? "" : ", from template " + Printable(origin.element->Name().text));
+           (isOwn ? "" : ", from template " + Escaped(origin.element->Name().text));
 }
 
 void PrintLine(const Explanation& explanation) {
     for (const Entry* entry : explanation.line) {
         const Element& element = *entry->record;
-        const std::string name = Printable(element.Name().text);
+        const std::string name = Escaped(element.Name().text);
         const bool isFirst = entry == explanation.line.front();
         Say((isFirst ? Paint(Tone::kNotice, name) : "  inherits from " + name) + " (" +
             Place(element, element.Name()) + ')');

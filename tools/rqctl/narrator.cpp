@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "rqctl/output.h"
-#include "rqctl/wording.h"
+#include "shared/wording.h"
 
 namespace KITE::Rqctl {
 
@@ -59,7 +59,7 @@ std::string RequestOf(const ordered_json& event) {
         return "treated in stages";
     }
     const std::string action = TextAt(event, "ACTION");
-    return action == "warning" ? "a warning, nothing is done" : "action \"" + Printable(action) + "\"";
+    return action == "warning" ? "a warning, nothing is done" : "action \"" + Escaped(action) + "\"";
 }
 
 bool MayLeadToAction(const ordered_json& event) {
@@ -72,7 +72,7 @@ bool MayLeadToAction(const ordered_json& event) {
 void Narrator::Tell(const ordered_json& event) {
     // Of events that are long past the clock does not tell what was a moment, they themselves do.
     const int64_t time = NumberAt(event, "time");
-    if (!IsMoment(time)) {
+    if (time < 0 || time > kLatestMoment) {
         return;
     }
     while (!open_.empty() && open_.front().time + kMoment.count() < time) {
@@ -82,8 +82,8 @@ void Narrator::Tell(const ordered_json& event) {
     const std::string name = TextAt(event, "name");
     if (TextAt(event, "domain") != "KITE") {
         SayAt(time, Tone::kQuiet, "event",
-              DryRunMark(event) + Printable(name) + " of " + ProcessOf(event) + ": " +
-                  Printable(TextAt(event, "MSG")));
+              DryRunMark(event) + Escaped(name) + " of " + ProcessOf(event) + ": " +
+                  Escaped(TextAt(event, "MSG")));
     } else if (name == "REPORT") {
         TellReport(event);
     } else {
@@ -111,16 +111,16 @@ void Narrator::TellOutcome(const ordered_json& event) {
     const auto known = std::ranges::find(kOutcomes, name, &Outcome::name);
     const bool isKnown = known != kOutcomes.end();
     const int64_t error = NumberAt(event, "RESULT");
-    std::string line = DryRunMark(event) + (isKnown ? "" : Printable(name) + " of ") + ProcessOf(event);
+    std::string line = DryRunMark(event) + (isKnown ? "" : Escaped(name) + " of ") + ProcessOf(event);
     if (error != 0) {
         const char* text = strerrordesc_np(static_cast<int>(error));
         line += std::string(": ") + (text == nullptr ? "unknown error" : text);
     }
     if (const std::string form = TextAt(event, "FORM"); !form.empty()) {
-        line += ", by " + Printable(form);
+        line += ", by " + Escaped(form);
     }
     if (const std::string reason = TextAt(event, "REASON"); !reason.empty()) {
-        line += ", " + Printable(reason);
+        line += ", " + Escaped(reason);
     }
     if (event.contains("BY_UID")) {
         line += " by uid " + std::to_string(NumberAt(event, "BY_UID"));

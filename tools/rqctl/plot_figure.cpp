@@ -65,7 +65,7 @@ std::string CaptionOf(const std::string& resource, int64_t duration) {
     if (resource == "io") {
         return "io: written to storage in the last " + over;
     }
-    return Escaped(resource) + ": processor time, percent of one core over the last " + over;
+    return HtmlEscaped(resource) + ": processor time, percent of one core over the last " + over;
 }
 
 // The distance of lines that are round numbers, at most `most` of them.
@@ -258,9 +258,9 @@ void Figure::DrawNote(const char* text) {
 
 }  // namespace
 
-std::string Escaped(std::string_view text) {
+std::string HtmlEscaped(std::string_view text) {
     std::string escaped;
-    for (const char character : Printable(text)) {
+    for (const char character : Escaped(text)) {
         switch (character) {
             case '&':
                 escaped += "&amp;";

@@ -11,7 +11,7 @@
 namespace KITE::Rqctl {
 
 // Texts of a page, escaped for HTML; control characters and what is not UTF-8 become visible.
-std::string Escaped(std::string_view text);
+std::string HtmlEscaped(std::string_view text);
 // "22:31:04" and "22:31:04.120", local time.
 std::string ClockText(int64_t time);
 std::string ExactClockText(int64_t time);

@@ -99,7 +99,7 @@ std::string DateText(int64_t time) {
     localtime_r(&seconds, &local);
     std::array<char, 64> text{};
     std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S %Z", &local);
-    return Escaped(text.data());
+    return HtmlEscaped(text.data());
 }
 
 std::string Introduction(const RunRecord& record, const std::vector<Panel>& panels, size_t omitted) {
@@ -141,14 +141,14 @@ std::string ListOf(const std::vector<Treatment>& treatments) {
             const char* reason = strerrordesc_np(static_cast<int>(treatment.error));
             list += std::string(" (") + (reason == nullptr ? "unknown error" : reason) + ")";
         }
-        list += treatment.detail.empty() ? "" : ", <bdi>" + Escaped(treatment.detail) + "</bdi>";
+        list += treatment.detail.empty() ? "" : ", <bdi>" + HtmlEscaped(treatment.detail) + "</bdi>";
         list += "</li>\n";
     }
     return list + "</ol></details>\n";
 }
 
 std::string SectionOf(const Panel& panel) {
-    std::string section = "<section><h2><bdi>" + Escaped(panel.name) + "</bdi> <small>pid " +
+    std::string section = "<section><h2><bdi>" + HtmlEscaped(panel.name) + "</bdi> <small>pid " +
                           std::to_string(panel.pid) + ", first treated " +
                           DateText(panel.treatments.front().time) + "</small></h2>\n";
     std::vector<std::string> figures;

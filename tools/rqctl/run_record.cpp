@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "file_utils.h"
-#include "rqctl/wording.h"
+#include "shared/wording.h"
 
 namespace KITE::Rqctl {
 
@@ -31,7 +31,7 @@ std::string TextAt(const json& object, const char* key) {
 
 std::optional<int64_t> TimeAt(const json& object) {
     const std::optional<int64_t> time = NumberAt(object, "time");
-    return time && IsMoment(*time) ? time : std::nullopt;
+    return time && *time >= 0 && *time <= Tools::kLatestMoment ? time : std::nullopt;
 }
 
 std::optional<int32_t> PidAt(const json& object, const char* key) {

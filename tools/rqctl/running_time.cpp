@@ -16,10 +16,10 @@ namespace {
 void Show(const std::map<std::string, int32_t>& times) {
     size_t width = 0;
     for (const auto& [name, time] : times) {
-        width = std::max(width, Printable(name).size());
+        width = std::max(width, Escaped(name).size());
     }
     for (const auto& [name, time] : times) {
-        std::string line = Printable(name);
+        std::string line = Escaped(name);
         line.resize(width + 2, ' ');
         Say(line + std::to_string(time));
     }

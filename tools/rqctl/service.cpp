@@ -63,7 +63,7 @@ ExitStatus Service::ExplainDenial() const {
     if (self.isKnown) {
         text += "\nAs far as " + context_.settings.etcDirectory + " tells, uid " + std::to_string(geteuid()) +
                 (self.processName.empty() ? " is none of the known processes."
-                                          : " is \"" + Printable(self.processName) + "\".");
+                                          : " is \"" + Escaped(self.processName) + "\".");
     }
     return Fail(kDenied, text);
 }

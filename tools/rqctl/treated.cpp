@@ -9,7 +9,7 @@
 #include "rqctl/command.h"
 #include "rqctl/output.h"
 #include "rqctl/treatments.h"
-#include "rqctl/wording.h"
+#include "shared/wording.h"
 
 namespace KITE::Rqctl {
 
@@ -113,9 +113,9 @@ void TellOfRecords() {
         const std::string name = entry.path().filename();
         if (!name.starts_with('.')) {
             Fail(kUnreachable, "a record says that a host treats pid " +
-                                   Printable(name.substr(0, name.find('-'))) +
+                                   Escaped(name.substr(0, name.find('-'))) +
                                    "; if that was killed, \"kite_host --release --run " +
-                                   Printable(Linux::RunDirectory()) + "\" releases it");
+                                   Escaped(Linux::RunDirectory()) + "\" releases it");
         }
     }
 }

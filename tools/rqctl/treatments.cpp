@@ -39,7 +39,7 @@ ExitStatus Explain(std::string_view name, const std::string& text) {
         name == SD_BUS_ERROR_UNKNOWN_OBJECT) {
         return Fail(kUnreachable, "the quota host does not run or does not answer");
     }
-    return Fail(kFailed, Printable(text));
+    return Fail(kFailed, Escaped(text));
 }
 
 // On the serving thread, which has nothing else to do.

@@ -11,9 +11,9 @@
 #include <string>
 
 #include "rqctl/command.h"
-#include "rqctl/event_follower.h"
 #include "rqctl/narrator.h"
 #include "rqctl/output.h"
+#include "shared/event_follower.h"
 
 namespace KITE::Rqctl {
 
@@ -37,10 +37,9 @@ bool IsEvent(const nlohmann::ordered_json& line) {
 
 ExitStatus Run(const Context& context, bool withHistory) {
     const Linux::UniqueFd stop = OpenStopSignal();
-    EventFollower follower;
-    std::string error;
-    if (!follower.Open(context.settings.stateDirectory, withHistory, error)) {
-        return Fail(kFailed, error);
+    auto follower = EventFollower::Open(context.settings.stateDirectory, withHistory);
+    if (!follower) {
+        return Fail(kFailed, follower.Why().Text());
     }
     Narrator narrator;
     const auto take = [&](std::string_view line) {
@@ -53,9 +52,9 @@ ExitStatus Run(const Context& context, bool withHistory) {
             narrator.Tell(event);
         }
     };
-    std::array<pollfd, 2> waited{{{stop.Get(), POLLIN, 0}, {follower.Descriptor(), POLLIN, 0}}};
+    std::array<pollfd, 2> waited{{{stop.Get(), POLLIN, 0}, {follower->Descriptor(), POLLIN, 0}}};
     while (waited[0].revents == 0) {
-        if (!follower.Read(take)) {
+        if (!follower->Read(take)) {
             return Fail(kFailed, context.settings.stateDirectory + " has gone");
         }
         const auto pause = narrator.TellOfSilence();

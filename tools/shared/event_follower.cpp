@@ -1,4 +1,4 @@
-#include "rqctl/event_follower.h"
+#include "shared/event_follower.h"
 
 #include <fcntl.h>
 #include <sys/inotify.h>
@@ -12,7 +12,9 @@
 #include <tuple>
 #include <utility>
 
-namespace KITE::Rqctl {
+#include "base/file_names.h"
+
+namespace KITE::Tools {
 
 namespace {
 
@@ -21,12 +23,15 @@ using Linux::UniqueFd;
 // No file is longer, nor can a line be.
 constexpr size_t kLongestLine = size_t{16} << 20;
 
-UniqueFd OpenFile(const std::string& path) {
+// EINVAL for what is not a regular file.
+Linux::Result<UniqueFd> OpenFile(const std::string& path) {
     UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
-    if (file && (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
-        errno = EINVAL;
-        return {};
+    if (!file || fstat(file.Get(), &status) != 0) {
+        return Linux::LastError();
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return Linux::ErrorOf(EINVAL);
     }
     return file;
 }
@@ -51,26 +56,27 @@ bool IsOlder(const UniqueFd& one, const UniqueFd& other) {
 
 }  // namespace
 
-bool EventFollower::Open(const std::string& stateDirectory, bool withHistory, std::string& error) {
-    path_ = stateDirectory + "/events.jsonl";
+Linux::Result<EventFollower> EventFollower::Open(const std::string& stateDirectory, bool withHistory) {
+    EventFollower follower;
+    follower.path_ = stateDirectory + Linux::FileName::kEvents;
     // Watched before the first look, so that no change falls between the two.
-    changes_ = UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (inotify_add_watch(changes_.Get(), stateDirectory.c_str(),
+    follower.changes_ = UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (inotify_add_watch(follower.changes_.Get(), stateDirectory.c_str(),
                           IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) < 0) {
-        error = stateDirectory + ": " + strerrordesc_np(errno);
-        return false;
+        return Linux::Failure(stateDirectory, Linux::LastError());
     }
-    UniqueFd file = OpenFile(path_);
-    if (!file && errno != ENOENT) {
-        error = path_ + ": " + strerrordesc_np(errno);
-        return false;
+    auto file = OpenFile(follower.path_);
+    if (!file && !Linux::Is(file.Code(), ENOENT)) {
+        return file.Why().In(follower.path_);
     }
-    UniqueFd predecessor = withHistory ? OpenFile(path_ + ".1") : UniqueFd();
-    Begin(std::move(predecessor ? predecessor : file));
-    if (file_ && !withHistory) {
-        position_ = StatusOf(file_).st_size;
+    auto predecessor = withHistory ? OpenFile(follower.path_ + ".1") : Linux::ErrorOf(ENOENT);
+    if (predecessor) {
+        follower.Begin(std::move(*predecessor));
+    } else if (file) {
+        follower.Begin(std::move(*file));
+        follower.position_ = withHistory ? 0 : StatusOf(follower.file_).st_size;
     }
-    return true;
+    return follower;
 }
 
 bool EventFollower::Read(const Take& take) {
@@ -117,21 +123,21 @@ void EventFollower::ReadToEnd(const Take& take) {
 }
 
 bool EventFollower::Advance(const Take& take) {
-    UniqueFd current = OpenFile(path_);
-    if (!current || (file_ && IsSame(current, file_))) {
+    auto current = OpenFile(path_);
+    if (!current || (file_ && IsSame(*current, file_))) {
         return false;
     }
     if (!file_) {
-        Begin(std::move(current));
+        Begin(std::move(*current));
         return true;
     }
     // The last line may have come between the look at the file and its end.
     ReadToEnd(take);
     // A whole file came and went since the last look, unless the predecessor is what has been read, or is
     // from before that.
-    UniqueFd predecessor = OpenFile(path_ + ".1");
-    const bool isNews = predecessor && !IsSame(predecessor, file_) && IsOlder(file_, predecessor);
-    Begin(std::move(isNews ? predecessor : current));
+    auto predecessor = OpenFile(path_ + ".1");
+    const bool isNews = predecessor && !IsSame(*predecessor, file_) && IsOlder(file_, *predecessor);
+    Begin(std::move(isNews ? *predecessor : *current));
     return true;
 }
 
@@ -141,4 +147,4 @@ void EventFollower::Begin(UniqueFd file) {
     unfinished_.clear();
 }
 
-}  // namespace KITE::Rqctl
+}  // namespace KITE::Tools

@@ -1,0 +1,27 @@
+#include "shared/wording.h"
+
+#include <fmt/chrono.h>
+
+#include "base/resource_types.h"
+#include "shared/terminal.h"
+
+namespace KITE::Tools {
+
+std::string MomentText(int64_t time) {
+    return time >= 0 && time <= kLatestMoment
+               ? fmt::format("{:%F %T}.{:03}", fmt::localtime(time / 1000), time % 1000)
+               : fmt::to_string(time);
+}
+
+std::string MeasureText(std::string_view resourceType, int64_t resource, int64_t duration) {
+    const Linux::ResourceType* type = Linux::FindResourceType(resourceType);
+    return type == nullptr
+               ? fmt::format("{} {} over {} s", Escaped(resourceType), resource, duration)
+               : fmt::format("{} {} {} {} {} s", type->name, resource, type->measure, type->span, duration);
+}
+
+std::string ProcessText(std::string_view name, int64_t pid) {
+    return fmt::format("{} (pid {})", Escaped(name), pid);
+}
+
+}  // namespace KITE::Tools
