@@ -5,7 +5,7 @@
 #include "fuzz.h"
 #include "runtime/access_tokens.h"
 #include "runtime/settings.h"
-#include "treatments/treatment_records.h"
+#include "treatments/treatment_record.h"
 
 using namespace KITE;
 using namespace KITE::Fuzz;

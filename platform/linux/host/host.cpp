@@ -96,7 +96,7 @@ bool Host::Start() {
     }
     if (options_.settings.isDryRun) {
         PLATFORM_LOGW("dry run: no process is touched, and what an earlier host left treated stays so");
-    } else if (!ReleaseLeftTreatments()) {
+    } else if (!Treatments::Instance().ReleaseLeft()) {
         PLATFORM_LOGE("not everything that an earlier host left treated could be released");
     }
     if (!StartBus() || !LoadLibraries()) {
@@ -156,7 +156,7 @@ void Host::Stop() {
     }
     treatments_.Withdraw();
     TaskRuntime::Instance().Stop();
-    ReleaseAllTreatments();
+    Treatments::Instance().ReleaseAll();
     ForgetPublishedObjects();
     Bus::Instance().Stop();
     Bus::Instance().SetLostHandler(nullptr);
@@ -171,7 +171,7 @@ int RunHost(const HostOptions& options) {
     Log::minimumLevel = options.logLevel;
     int exitStatus = kExitFailed;
     if (options.release) {
-        exitStatus = ReleaseLeftTreatments() ? kExitStopped : kExitFailed;
+        exitStatus = Treatments::Instance().ReleaseLeft() ? kExitStopped : kExitFailed;
     } else {
         exitStatus = Host(options).Run();
     }

@@ -31,11 +31,11 @@ bool IsPermitted(std::optional<uid_t> caller, bool isReading) {
 }
 
 int Append(sd_bus_message* reply, const TreatedProcess& process) {
-    const Breach& breach = process.breach;
+    const BrokenQuota& quota = process.brokenQuota;
     return sd_bus_message_append(reply, "(isxxxsixx)", process.pid, Printable(process.name).c_str(),
                                  process.suppressedSince, process.frozenSince, process.frozenUntil,
-                                 Printable(breach.resourceType).c_str(), breach.ruleId, breach.resource,
-                                 breach.duration);
+                                 Printable(quota.resourceType).c_str(), quota.ruleId, quota.resource,
+                                 quota.duration);
 }
 
 int AnswerList(sd_bus_message* call, const std::vector<TreatedProcess>& treated) {
@@ -55,7 +55,7 @@ int AnswerRelease(sd_bus_message* call, int32_t result) {
     switch (result) {
         case 0:
             return sd_bus_reply_method_return(call, nullptr);
-        case kNotTreated:
+        case Treatments::kNotTreated:
             return sd_bus_reply_method_errorf(call, TreatmentsObject::kNotTreatedError,
                                               "The process is not treated");
         case ESRCH:
@@ -116,7 +116,9 @@ void TreatmentsObject::Withdraw() {
 
 int TreatmentsObject::OnList(sd_bus_message* call, void* self, sd_bus_error* error) {
     return static_cast<TreatmentsObject*>(self)->Accept(call, error, true, [](uid_t) -> Answer {
-        return [treated = ListTreatments()](sd_bus_message* asked) { return AnswerList(asked, treated); };
+        return [treated = Treatments::Instance().List()](sd_bus_message* asked) {
+            return AnswerList(asked, treated);
+        };
     });
 }
 
@@ -127,7 +129,7 @@ int TreatmentsObject::OnRelease(sd_bus_message* call, void* self, sd_bus_error* 
         return result;
     }
     return static_cast<TreatmentsObject*>(self)->Accept(call, error, false, [pid](uid_t caller) -> Answer {
-        return [result = ReleaseTreatment(pid, caller)](sd_bus_message* asked) {
+        return [result = Treatments::Instance().Release(pid, caller)](sd_bus_message* asked) {
             return AnswerRelease(asked, result);
         };
     });

@@ -25,7 +25,7 @@ class Bus;
 //       id, the measured resource and the quota's duration. Bytes of names that are not printable ASCII are
 //       question marks.
 //   Release(i pid)
-//       See ReleaseTreatment. Errors: kNotTreatedError, kNoSuchProcessError, kNotReleasedError.
+//       See Treatments::Release. Errors: kNotTreatedError, kNoSuchProcessError, kNotReleasedError.
 //
 // Both need the permission kManagePermission of the caller's token; List is content with kReadPermission.
 // Otherwise, and for a caller that the bus does not vouch for, AccessDenied. Treatments may take time, so the

@@ -12,7 +12,7 @@
 #include "runtime/platform_log.h"
 #include "system_ability.h"
 #include "task_runtime.h"
-#include "treatments/reported_processes.h"
+#include "treatments/treatments.h"
 
 namespace KITE::Linux {
 
@@ -82,8 +82,8 @@ int32_t SubscriberStub::TakeBatch(MessageParcel& data) {
     }
     for (const Kelvra::ProcessAnomalyInfo& info : infos) {
         // A process that has gone is still reported: the service records it and finds that out itself.
-        RememberReportedProcess(info.pid, info.startTime, info.processName,
-                                {info.resType, info.id, info.resource, info.duration});
+        Treatments::Instance().Remember(info.pid, info.startTime, info.processName,
+                                        {info.resType, info.id, info.resource, info.duration});
     }
     // Queued before the service can act, so that a report's event comes before its outcome's; written once
     // the service has the reports, since a decision must not wait for a disk.

@@ -42,15 +42,15 @@ bool ProcessHandle::IsSameAs(const ProcessHandle& other) const {
            executable_ == other.executable_;
 }
 
-size_t ProcessHandles::UsualCapacity() {
+size_t ReportedProcesses::UsualCapacity() {
     constexpr size_t kMost = 4096;
     rlimit limit{};
     const bool isKnown = getrlimit(RLIMIT_NOFILE, &limit) == 0;
     return isKnown ? std::clamp<size_t>(limit.rlim_cur / 2, 1, kMost) : 1;
 }
 
-ProcessHandlePtr ProcessHandles::Remember(pid_t pid, int64_t startTime, const std::string& name,
-                                          Breach breach) {
+ProcessHandlePtr ReportedProcesses::Remember(pid_t pid, int64_t startTime, const std::string& name,
+                                             BrokenQuota brokenQuota) {
     Result<UniqueFd> pidfd = OpenProcess(pid, startTime);
     if (!pidfd) {
         const bool isGone = pidfd.Code() == ErrorOf(ESRCH);
@@ -66,10 +66,10 @@ ProcessHandlePtr ProcessHandles::Remember(pid_t pid, int64_t startTime, const st
         return nullptr;
     }
     return Keep(std::make_shared<ProcessHandle>(std::move(*pidfd), pid, startTime, name, *executable),
-                std::move(breach));
+                std::move(brokenQuota));
 }
 
-ProcessHandlePtr ProcessHandles::Keep(ProcessHandlePtr handle, Breach breach) {
+ProcessHandlePtr ReportedProcesses::Keep(ProcessHandlePtr handle, BrokenQuota brokenQuota) {
     const std::lock_guard lock(mutex_);
     const pid_t pid = handle->Pid();
     const auto [place, isNew] = entries_.try_emplace(pid);
@@ -80,7 +80,7 @@ ProcessHandlePtr ProcessHandles::Keep(ProcessHandlePtr handle, Breach breach) {
     if (isNew || !entry.handle->IsSameAs(*handle)) {
         entry.handle = std::move(handle);
     }
-    entry.breach = std::move(breach);
+    entry.brokenQuota = std::move(brokenQuota);
     entry.order = nextOrder_++;
     byAge_.emplace(entry.order, pid);
     ProcessHandlePtr kept = entry.handle;
@@ -88,7 +88,7 @@ ProcessHandlePtr ProcessHandles::Keep(ProcessHandlePtr handle, Breach breach) {
     return kept;
 }
 
-void ProcessHandles::MakeRoom() {
+void ReportedProcesses::MakeRoom() {
     for (auto oldest = byAge_.begin(); entries_.size() > capacity_ && oldest != byAge_.end();) {
         const auto entry = entries_.find(oldest->second);
         // Copies are made under the lock only, so that a single owner stays single.
@@ -103,19 +103,19 @@ void ProcessHandles::MakeRoom() {
     }
 }
 
-ProcessHandlePtr ProcessHandles::Find(pid_t pid) const {
+ProcessHandlePtr ReportedProcesses::Find(pid_t pid) const {
     const std::lock_guard lock(mutex_);
     const auto entry = entries_.find(pid);
     return entry == entries_.end() ? nullptr : entry->second.handle;
 }
 
-Breach ProcessHandles::LastBreach(pid_t pid) const {
+BrokenQuota ReportedProcesses::LastBrokenQuota(pid_t pid) const {
     const std::lock_guard lock(mutex_);
     const auto entry = entries_.find(pid);
-    return entry == entries_.end() ? Breach{} : entry->second.breach;
+    return entry == entries_.end() ? BrokenQuota{} : entry->second.brokenQuota;
 }
 
-void ProcessHandles::DropExited(pid_t pid) {
+void ReportedProcesses::DropExited(pid_t pid) {
     const std::lock_guard lock(mutex_);
     const auto entry = entries_.find(pid);
     if (entry != entries_.end() && HasExited(entry->second.handle->Pidfd())) {

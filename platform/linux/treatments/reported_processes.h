@@ -11,25 +11,16 @@
 
 #include "base/unique_fd.h"
 #include "proc/executable.h"
-#include "visibility.h"
 
 namespace KITE::Linux {
 
 // What a report says of the quota that was broken.
-struct Breach {
+struct BrokenQuota {
     std::string resourceType;
     int32_t ruleId = 0;
     int64_t resource = 0;  // measured
     int64_t duration = 0;  // of the quota
 };
-
-// Keeps hold of a process that a report has named, so that what is decided about it later reaches this
-// process or none. The process must exist when a report of it arrives, must have started at that time (clock
-// ticks since boot), and is known under that name from then on. A new report of the same process replaces
-// name, executable and breach. False, with an error line, when the process is not there or another by now.
-// Waits for nothing but /proc; called on the serving thread.
-KITE_API bool RememberReportedProcess(int32_t pid, int64_t startTime, const std::string& processName,
-                                      Breach breach = {});
 
 // One reported process. Not changed once made.
 class ProcessHandle {
@@ -64,19 +55,23 @@ using ProcessHandlePtr = std::shared_ptr<const ProcessHandle>;
 
 // The reported processes, at most so many: when there are more, the one whose report is oldest and that
 // nobody else holds is forgotten. Any thread.
-class ProcessHandles {
+class ReportedProcesses {
   public:
-    explicit ProcessHandles(size_t capacity) : capacity_(capacity) {}
+    explicit ReportedProcesses(size_t capacity) : capacity_(capacity) {}
 
     // As many as the process may open descriptors for, and leave as many to others.
     static size_t UsualCapacity();
 
-    // The handle that is kept; null when the process is not that one. See RememberReportedProcess.
-    ProcessHandlePtr Remember(pid_t pid, int64_t startTime, const std::string& name, Breach breach = {});
+    // The process must exist when a report of it arrives, must have started at that time (clock ticks since
+    // boot), and is known under that name from then on. A new report of the same process replaces name,
+    // executable and broken quota. Null, with an error line, when the process is not there or another by
+    // now. Waits for nothing but /proc.
+    ProcessHandlePtr Remember(pid_t pid, int64_t startTime, const std::string& name,
+                              BrokenQuota brokenQuota = {});
     // Null when there is none.
     ProcessHandlePtr Find(pid_t pid) const;
     // The last reported one; empty when there is none.
-    Breach LastBreach(pid_t pid) const;
+    BrokenQuota LastBrokenQuota(pid_t pid) const;
     // Forgets the process of that pid if it has ended.
     void DropExited(pid_t pid);
 
@@ -84,10 +79,10 @@ class ProcessHandles {
     struct Entry {
         ProcessHandlePtr handle;
         uint64_t order;
-        Breach breach;
+        BrokenQuota brokenQuota;
     };
 
-    ProcessHandlePtr Keep(ProcessHandlePtr handle, Breach breach);
+    ProcessHandlePtr Keep(ProcessHandlePtr handle, BrokenQuota brokenQuota);
     void MakeRoom();
 
     const size_t capacity_;

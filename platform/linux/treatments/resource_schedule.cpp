@@ -7,7 +7,7 @@
 
 #include "base/text.h"
 #include "runtime/platform_log.h"
-#include "treatments/treatment_table.h"
+#include "treatments/treatments.h"
 
 namespace KITE {
 
@@ -15,7 +15,7 @@ namespace {
 
 using Linux::ParseDecimal;
 using Linux::Printable;
-using Linux::TreatmentTable;
+using Linux::Treatments;
 
 using Payload = std::unordered_map<std::string, std::string>;
 
@@ -65,7 +65,7 @@ std::optional<Target> TargetOf(const Payload& payload) {
 void FreezeForAWhile(const Target& target, const Payload& payload) {
     const std::optional<int64_t> time = NumberOf(payload, "freezeTime", 1, kLongestFreezeMs);
     if (time) {
-        TreatmentTable::Instance().Freeze(target.pid, target.name, std::chrono::milliseconds(*time));
+        Treatments::Instance().Freeze(target.pid, target.name, std::chrono::milliseconds(*time));
     }
 }
 
@@ -90,9 +90,9 @@ void ResSchedClient::ReportData(uint32_t resType, int64_t value, const Payload& 
     if (value == kFreezeForAWhile) {
         FreezeForAWhile(*target, payload);
     } else if (value == kSuppressionStarts) {
-        TreatmentTable::Instance().Suppress(target->pid, target->name);
+        Treatments::Instance().Suppress(target->pid, target->name);
     } else {
-        TreatmentTable::Instance().EndSuppression(target->pid, target->name);
+        Treatments::Instance().EndSuppression(target->pid, target->name);
     }
 }
 
@@ -102,7 +102,7 @@ int32_t ResSchedClient::KillProcess(const Payload& payload) {
         return EINVAL;
     }
     const std::string* reason = TextOf(payload, "killReason");
-    return TreatmentTable::Instance().Kill(target->pid, target->name, reason == nullptr ? "" : *reason);
+    return Treatments::Instance().Kill(target->pid, target->name, reason == nullptr ? "" : *reason);
 }
 
 }  // namespace KITE

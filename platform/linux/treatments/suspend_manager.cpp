@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "runtime/platform_log.h"
-#include "treatments/treatment_table.h"
+#include "treatments/treatments.h"
 
 namespace KITE {
 
@@ -29,7 +29,7 @@ int32_t SuspendManagerClient::OperateOneNativeProcess(const NativeProcessInfo& p
                       process.processName.size());
         return EINVAL;
     }
-    Linux::TreatmentTable& table = Linux::TreatmentTable::Instance();
+    Linux::Treatments& table = Linux::Treatments::Instance();
     if (!process.isFreeze) {
         return table.Thaw(process.pid, process.processName);
     }

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "treatments/control_groups.h"
-#include "treatments/treatment_records.h"
+#include "treatments/treatment_record.h"
 
 namespace KITE::Linux {
 
@@ -60,7 +60,7 @@ class TreatmentSteps {
 
     bool IsDryRun() const { return isDryRun_; }
     const Cgroups& Groups() const { return cgroups_; }
-    const TreatmentRecords& Records() const { return records_; }
+    const RecordStore& Records() const { return records_; }
 
   private:
     // Where a value is to be changed for a process.
@@ -91,7 +91,7 @@ class TreatmentSteps {
     int RemoveUnusedGroups(TreatmentRecord& record) const;
 
     const Cgroups cgroups_;
-    const TreatmentRecords records_;
+    const RecordStore records_;
     const bool isDryRun_;
     const std::string bootId_;
     const int64_t hostStartTime_;

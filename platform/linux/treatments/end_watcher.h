@@ -13,14 +13,14 @@
 namespace KITE::Linux {
 
 // One thread that waits for processes to end and for a moment to come. It starts with the first process.
-class Watcher {
+class EndWatcher {
   public:
     // Called on the watcher's thread, one at a time: `exited` at least once after a watched process ended,
     // with the pid it was watched by, which may mean another process by then; `timeUp` when the moment came.
-    Watcher(std::function<void(pid_t)> exited, std::function<void()> timeUp);
-    ~Watcher();
-    Watcher(const Watcher&) = delete;
-    Watcher& operator=(const Watcher&) = delete;
+    EndWatcher(std::function<void(pid_t)> exited, std::function<void()> timeUp);
+    ~EndWatcher();
+    EndWatcher(const EndWatcher&) = delete;
+    EndWatcher& operator=(const EndWatcher&) = delete;
 
     // Watches until the process has ended or its descriptor is closed. 0 or an error number. Any thread.
     int Watch(int pidfd, pid_t pid);

@@ -1,4 +1,4 @@
-#include "treatments/treatment_records.h"
+#include "treatments/treatment_record.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -342,7 +342,7 @@ bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups) {
            (!record.freeze || isBelow(record.freeze->frozenGroup));
 }
 
-int TreatmentRecords::Write(const TreatmentRecord& record) const {
+int RecordStore::Write(const TreatmentRecord& record) const {
     const UniqueFd directory = OpenDirectory(stateDirectory_);
     if (!directory) {
         return errno;
@@ -355,13 +355,13 @@ int TreatmentRecords::Write(const TreatmentRecord& record) const {
     return renameat(directory.Get(), kUnfinishedName, directory.Get(), name.c_str()) == 0 ? 0 : errno;
 }
 
-int TreatmentRecords::Remove(const TreatmentRecord& record) const {
+int RecordStore::Remove(const TreatmentRecord& record) const {
     const UniqueFd directory = OpenDirectory(stateDirectory_);
     const std::string name = FileNameOf(record);
     return directory && (unlinkat(directory.Get(), name.c_str(), 0) == 0 || errno == ENOENT) ? 0 : errno;
 }
 
-int TreatmentRecords::SetAside(const std::string& name) const {
+int RecordStore::SetAside(const std::string& name) const {
     const UniqueFd directory = OpenDirectory(stateDirectory_);
     const std::string aside = "." + name + ".bad";
     const bool isDone =
@@ -369,7 +369,7 @@ int TreatmentRecords::SetAside(const std::string& name) const {
     return isDone ? 0 : errno;
 }
 
-TreatmentRecords::Left TreatmentRecords::ReadAll(const Cgroups& cgroups) const {
+RecordStore::Left RecordStore::ReadAll(const Cgroups& cgroups) const {
     Left left;
     const std::string path = stateDirectory_ + "/" + kDirectoryName;
     if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) {

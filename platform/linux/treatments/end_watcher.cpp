@@ -1,4 +1,4 @@
-#include "treatments/watcher.h"
+#include "treatments/end_watcher.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -38,18 +38,18 @@ itimerspec TimerOf(std::optional<std::chrono::steady_clock::time_point> moment) 
 
 }  // namespace
 
-Watcher::Watcher(std::function<void(pid_t)> exited, std::function<void()> timeUp)
+EndWatcher::EndWatcher(std::function<void(pid_t)> exited, std::function<void()> timeUp)
     : exited_(std::move(exited)),
       timeUp_(std::move(timeUp)),
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-Watcher::~Watcher() {
+EndWatcher::~EndWatcher() {
     Stop();
 }
 
-int Watcher::Start() {
+int EndWatcher::Start() {
     const std::lock_guard lock(mutex_);
     if (stopped_) {
         return ECANCELED;
@@ -72,18 +72,18 @@ int Watcher::Start() {
     return 0;
 }
 
-int Watcher::Watch(int pidfd, pid_t pid) {
+int EndWatcher::Watch(int pidfd, pid_t pid) {
     const int error = Start();
     // The descriptor of an ended process stays readable: one event is enough.
     return error != 0 ? error : AddTo(epoll_, pidfd, EPOLLIN | EPOLLONESHOT, static_cast<uint64_t>(pid));
 }
 
-void Watcher::WakeAt(std::optional<std::chrono::steady_clock::time_point> moment) {
+void EndWatcher::WakeAt(std::optional<std::chrono::steady_clock::time_point> moment) {
     const itimerspec timer = TimerOf(moment);
     timerfd_settime(timer_.Get(), TFD_TIMER_ABSTIME, &timer, nullptr);
 }
 
-void Watcher::Stop() {
+void EndWatcher::Stop() {
     std::thread thread;
     {
         const std::lock_guard lock(mutex_);
@@ -96,7 +96,7 @@ void Watcher::Stop() {
     }
 }
 
-void Watcher::Run() {
+void EndWatcher::Run() {
     std::array<epoll_event, 16> events;
     while (true) {
         const int count = epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), -1);

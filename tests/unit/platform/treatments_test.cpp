@@ -21,8 +21,8 @@
 #include "system_log.h"
 #include "treatments/reported_processes.h"
 #include "treatments/thread_policies.h"
-#include "treatments/treatment_records.h"
-#include "treatments/treatment_table.h"
+#include "treatments/treatment_record.h"
+#include "treatments/treatments.h"
 
 namespace KITE::Linux {
 
@@ -43,8 +43,8 @@ Cgroups GroupsOwnedByAManager() {
 class Actions : public DirectoryTest {
   protected:
     // A host starts, in place of the one before, which dies without a word.
-    TreatmentTable& StartTable() {
-        table_ = std::make_unique<TreatmentTable>(TreatmentTable::Options{groups_, directory_});
+    Treatments& StartTable() {
+        table_ = std::make_unique<Treatments>(Treatments::Options{groups_, directory_});
         return *table_;
     }
     // The process starts, and a host that it is reported to.
@@ -88,7 +88,7 @@ class Actions : public DirectoryTest {
     bool Release(const TreatmentRecord& record) {
         std::filesystem::create_directory(Path("treated"));
         std::filesystem::permissions(Path("treated"), std::filesystem::perms::owner_all);
-        EXPECT_EQ(TreatmentRecords(directory_).Write(record), 0);
+        EXPECT_EQ(RecordStore(directory_).Write(record), 0);
         return table_->ReleaseLeft();
     }
     // What was told of treatments, as "FREEZE 0", with the result.
@@ -113,7 +113,7 @@ class Actions : public DirectoryTest {
 
     Cgroups groups_{"", false};
     std::optional<Program> culprit_;
-    std::unique_ptr<TreatmentTable> table_;
+    std::unique_ptr<Treatments> table_;
 };
 
 class WithGroups : public Actions {
@@ -340,7 +340,7 @@ TEST_F(WithGroups, ChildrenGoBackAlsoWhenTheTreatedProcessIsGone) {
     culprit.Signal(SIGUSR1);
     ASSERT_TRUE(Eventually([&] { return !culprit.Children().empty(); }));
     const pid_t child = culprit.Children()[0];
-    TreatmentTable& next = StartTable();
+    Treatments& next = StartTable();
     culprit.Signal(SIGKILL);
     ASSERT_TRUE(culprit.HasEnded(kPatience));
     ASSERT_TRUE(next.ReleaseLeft());
@@ -394,7 +394,7 @@ TEST_F(Actions, AManagersGroupIsLeftAloneAndAHostThatStopsRefusesMore) {
 TEST_F(Actions, OnlyTheReportedProcessUnderItsNameAndProgramIsTouched) {
     const Program culprit({kName, "burn"});
     const pid_t pid = culprit.Pid();
-    TreatmentTable& table = StartTable();
+    Treatments& table = StartTable();
     EXPECT_EQ(table.Kill(pid, kName, ""), ESRCH) << "never reported";
     EXPECT_FALSE(table.Remember(pid, culprit.StartTime() + 1, kName)) << "of another start time";
     EXPECT_EQ(table.Kill(pid, kName, ""), ESRCH);
@@ -460,7 +460,7 @@ TEST_F(Actions, ChildrenOfAnIdleProcessGetItsPolicyBackAlsoWhenItIsGone) {
 }
 
 TEST_F(Actions, TheEndOfOneSuppressionLeavesAnotherOfTheSameSession) {
-    TreatmentTable& table = StartTable();
+    Treatments& table = StartTable();
     const Program first({kName, "burn"}, false);
     const Program second({kName, "burn"}, false);
     for (const Program* program : {&first, &second}) {
@@ -479,7 +479,7 @@ TEST_F(Actions, AProcessThatCannotBeReadIsNotTakenForGone) {
     const pid_t pid = culprit.Pid();
     const int64_t startTime = culprit.StartTime();
     const std::vector<ThreadPolicy> policies = ReadThreadPolicies(pid);
-    const ProcessHandlePtr handle = ProcessHandles(1).Remember(pid, startTime, kName);
+    const ProcessHandlePtr handle = ReportedProcesses(1).Remember(pid, startTime, kName);
     const auto unused = static_cast<rlim_t>(UniqueFd(dup(STDERR_FILENO)).Get());
     {
         const DescriptorLimit none(unused);
@@ -509,7 +509,7 @@ TEST_P(EveryForm, AStepThatFindsTheProcessGoneLeavesNoRecord) {
 }
 
 TEST_F(Actions, WhatTheSystemStandsOnIsNeverTreated) {
-    TreatmentTable& table = StartTable();
+    Treatments& table = StartTable();
     constexpr pid_t kKernelThreadDaemon = 2;
     EXPECT_EQ(table.Kill(1, "init", ""), EPERM);
     EXPECT_EQ(table.Suppress(getpid(), "self"), EPERM);
@@ -566,7 +566,7 @@ TEST_F(Actions, AReleaseWithoutOptionsFindsTheRecordsInTheirUsualPlace) {
     std::filesystem::permissions("/run/kite/treated", std::filesystem::perms::owner_all);
     TreatmentRecord record = RecordOf(Begin());
     record.bootId = "of-another-boot";
-    ASSERT_EQ(TreatmentRecords("/run/kite").Write(record), 0);
+    ASSERT_EQ(RecordStore("/run/kite").Write(record), 0);
     EXPECT_EQ(Process({.program = KITE_HOST, .arguments = {"kite_host", "--release"}}).AwaitExit(), 0);
     EXPECT_TRUE(std::filesystem::is_empty("/run/kite/treated"));
     EXPECT_EQ(umount2("/run", MNT_DETACH), 0);
@@ -578,7 +578,7 @@ TEST_F(Actions, AReleaseThatLacksDescriptorsFailsAndKeepsTheRecord) {
     ASSERT_EQ(Suppress(), 0);
     ASSERT_EQ(Freeze(), 0);
     ASSERT_TRUE(StandsStill(culprit));
-    TreatmentTable& next = StartTable();
+    Treatments& next = StartTable();
     const auto releaseWith = [&](rlim_t descriptors) {
         const DescriptorLimit few(descriptors);
         return next.ReleaseLeft();
@@ -641,7 +641,7 @@ TEST_F(Actions, ARecordNamesOnlyGroupsThatATreatmentCouldHaveChanged) {
 
 TEST_F(Actions, TheOldestUnheldHandleMakesRoom) {
     const Program programs[] = {Program({kName, "idle"}), Program({kName, "idle"}), Program({kName, "idle"})};
-    ProcessHandles handles(2);
+    ReportedProcesses handles(2);
     ProcessHandlePtr held;
     for (const Program& program : programs) {
         const ProcessHandlePtr handle = handles.Remember(program.Pid(), program.StartTime(), kName);
@@ -676,7 +676,7 @@ TEST_F(Actions, TheClientsTakeAFreezeOfAnyLengthAndNoMalformedRequest) {
     request.processName = kName;
     request.isFreeze = true;
     request.durationMs = std::numeric_limits<int64_t>::max();
-    ASSERT_TRUE(RememberReportedProcess(culprit.Pid(), culprit.StartTime(), kName));
+    ASSERT_TRUE(Treatments::Instance().Remember(culprit.Pid(), culprit.StartTime(), kName));
     ASSERT_EQ(suspender.OperateOneNativeProcess(request), 0);
     EXPECT_TRUE(StandsStill(culprit));
     request.isFreeze = false;

@@ -21,7 +21,7 @@
 #include "runtime/settings.h"
 #include "runtime/thread_signals.h"
 #include "system_log.h"
-#include "treatments/treatment_table.h"
+#include "treatments/treatments.h"
 
 namespace KITE::Benchmarks {
 
@@ -139,7 +139,7 @@ BareTimes TimeWrites(const Group& group, const Burner& burner) {
 }
 
 // Times from the call to where the kernel has said that all threads stand still.
-std::vector<double> TimeFreezes(Linux::TreatmentTable& table, const Burner& burner) {
+std::vector<double> TimeFreezes(Linux::Treatments& table, const Burner& burner) {
     const Integration::Process& process = burner.Get();
     std::vector<double> times;
     for (int round = 0; round < kRounds; ++round) {
@@ -159,7 +159,7 @@ std::vector<Figure> MeasureFreeze() {
     const StateDirectory state;
     const Linux::Cgroups cgroups = Linux::Cgroups::OfThisMachine();
     const Burner burner;
-    Linux::TreatmentTable table({cgroups, state.Path()});
+    Linux::Treatments table({cgroups, state.Path()});
     Require(table.Remember(burner.Get().Pid(), burner.Get().StartTime(), kName), "the burner is not known");
     const std::vector<double> moved = TimeFreezes(table, burner);
     const GroupOfItsOwn group(cgroups, burner);

@@ -69,9 +69,9 @@ bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups);
 
 // The records in <state>/treated, one file each. Operations return 0 or an error number. One process at a
 // time may use the directory.
-class TreatmentRecords {
+class RecordStore {
   public:
-    explicit TreatmentRecords(std::string stateDirectory) : stateDirectory_(std::move(stateDirectory)) {}
+    explicit RecordStore(std::string stateDirectory) : stateDirectory_(std::move(stateDirectory)) {}
 
     int Write(const TreatmentRecord& record) const;
     int Remove(const TreatmentRecord& record) const;
