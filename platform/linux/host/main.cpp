@@ -3,6 +3,7 @@
 //   kite_host [--etc DIR] [--state DIR] [--run DIR] [--bus ADDRESS] [--log-level LEVEL] [--log-to-stderr]
 //             [--dry-run] LIBRARY...
 //   kite_host --release [--state DIR] [--run DIR] [--log-level LEVEL] [--log-to-stderr]
+//   kite_host --version
 //
 // KITE_ETC, KITE_STATE, KITE_RUN and KITE_BUS stand in for the options of those names.
 //
@@ -16,6 +17,7 @@
 #include <iostream>
 #include <map>
 
+#include "base/version.h"
 #include "host/host.h"
 
 namespace {
@@ -51,6 +53,7 @@ void Describe(CLI::App& app, HostOptions& options) {
     CLI::Option* dryRun = app.add_flag("--dry-run", options.settings.isDryRun,
                                        "decide, log and record as always, but touch no process");
     release->excludes(libraries)->excludes(dryRun);
+    app.set_version_flag("--version", std::string("kite_host ") + KITE::Linux::kVersion);
     app.callback([libraries, &options] {
         if (!options.release && libraries->count() == 0) {
             throw CLI::RequiredError("LIBRARY");
