@@ -20,7 +20,7 @@
 #include "base/unique_fd.h"
 #include "kelvra/crowd.h"
 #include "kelvra/rows.h"
-#include "kelvra_manager/process_table.h"
+#include "kelvra_manager/manager/process_table.h"
 #include "percentile.h"
 
 namespace KITE::Benchmarks {

@@ -4,10 +4,10 @@
 
 #include "fuzz.h"
 #include "ipc/calling_context.h"
-#include "kelvra_manager/manager_stub.h"
+#include "kelvra_manager/manager/manager_stub.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
-#include "kelvra_manager/subscriber_stub.h"
+#include "kelvra_manager/client/subscriber_stub.h"
 #include "runtime/access_tokens.h"
 #include "runtime/settings.h"
 

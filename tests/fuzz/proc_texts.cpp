@@ -10,7 +10,7 @@
 #include <cstdarg>
 
 #include "fuzz.h"
-#include "kelvra_manager/watched_process.h"
+#include "kelvra_manager/manager/watched_process.h"
 #include "native_process_checker.h"
 #include "proc/command_line.h"
 #include "proc/process_file.h"

@@ -6,7 +6,7 @@
 #include <string_view>
 
 // What the resource types of quotas mean on Linux. A new type is a row here, a way to measure it in the
-// Kelvra manager (kelvra_manager/watched_process.cpp), and a name that the service's policy accepts.
+// Kelvra manager (kelvra_manager/manager/process_meter.cpp), and a name that the service's policy accepts.
 namespace KITE::Linux {
 
 enum class Resource : uint8_t { kMemory, kCpu, kCpuExt, kIo };

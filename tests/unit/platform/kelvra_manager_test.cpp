@@ -5,12 +5,12 @@
 #include <list>
 #include <set>
 
-#include "kelvra_manager/process_table.h"
+#include "kelvra_manager/manager/process_table.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
-#include "kelvra_manager/reporter.h"
-#include "kelvra_manager/sampler.h"
-#include "kelvra_manager/subscriber_stub.h"
+#include "kelvra_manager/manager/reporter.h"
+#include "kelvra_manager/manager/sampler.h"
+#include "kelvra_manager/client/subscriber_stub.h"
 #include "platform_fixture.h"
 #include "proc/command_line.h"
 #include "proc/process_file.h"

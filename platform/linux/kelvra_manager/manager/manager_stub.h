@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "kelvra_manager/repeat_limit.h"
-#include "kelvra_manager/reporter.h"
-#include "kelvra_manager/sampler.h"
+#include "kelvra_manager/manager/reporter.h"
+#include "kelvra_manager/manager/sampler.h"
 #include "remote_object.h"
 
 namespace KITE::Linux::Sampling {

@@ -9,8 +9,8 @@
 #include <optional>
 #include <vector>
 
-#include "kelvra_manager/report.h"
-#include "kelvra_manager/watched_process.h"
+#include "kelvra_manager/manager/report.h"
+#include "kelvra_manager/manager/watched_process.h"
 #include "proc/cpu_clock.h"
 #include "proc/process_list.h"
 

@@ -9,7 +9,7 @@
 #include <set>
 #include <vector>
 
-#include "kelvra_manager/report.h"
+#include "kelvra_manager/manager/report.h"
 
 namespace KITE::Linux::Sampling {
 

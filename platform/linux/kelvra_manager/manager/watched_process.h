@@ -12,9 +12,9 @@
 
 #include "base/result.h"
 #include "base/unique_fd.h"
-#include "kelvra_manager/process_windows.h"
-#include "kelvra_manager/report.h"
-#include "kelvra_manager/sample_recorder.h"
+#include "kelvra_manager/manager/process_windows.h"
+#include "kelvra_manager/manager/report.h"
+#include "kelvra_manager/manager/sample_recorder.h"
 #include "proc/cpu_clock.h"
 
 namespace KITE::Linux::Sampling {

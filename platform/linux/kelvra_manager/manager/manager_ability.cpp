@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "kelvra_manager/manager_stub.h"
+#include "kelvra_manager/manager/manager_stub.h"
 #include "parameters.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"

@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "kelvra_manager/rule_book.h"
+#include "kelvra_manager/manager/rule_book.h"
 
 // The judgement of one rule over time. Pure: fed with readings, tells breaches. One thread.
 namespace KITE::Linux::Sampling {

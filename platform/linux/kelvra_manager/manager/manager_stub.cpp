@@ -1,4 +1,4 @@
-#include "kelvra_manager/manager_stub.h"
+#include "kelvra_manager/manager/manager_stub.h"
 
 #include <systemd/sd-bus.h>
 

@@ -1,4 +1,4 @@
-#include "kelvra_manager/process_table.h"
+#include "kelvra_manager/manager/process_table.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "kelvra_manager/watched_process.h"
+#include "kelvra_manager/manager/watched_process.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "kelvra_manager/process_windows.h"
+#include "kelvra_manager/manager/process_windows.h"
 
 namespace KITE::Linux::Sampling {
 

@@ -7,7 +7,7 @@
 #include <variant>
 #include <vector>
 
-#include "kelvra_manager/window.h"
+#include "kelvra_manager/manager/window.h"
 
 namespace KITE::Linux::Sampling {
 

@@ -7,8 +7,8 @@
 #include <mutex>
 #include <thread>
 
-#include "kelvra_manager/process_table.h"
-#include "kelvra_manager/reporter.h"
+#include "kelvra_manager/manager/process_table.h"
+#include "kelvra_manager/manager/reporter.h"
 
 namespace KITE::Linux::Sampling {
 

@@ -1,4 +1,4 @@
-#include "kelvra_manager/subscriber_stub.h"
+#include "kelvra_manager/client/subscriber_stub.h"
 
 #include <optional>
 #include <string>

@@ -1,4 +1,4 @@
-#include "kelvra_manager/sample_recorder.h"
+#include "kelvra_manager/manager/sample_recorder.h"
 
 #include <nlohmann/json.hpp>
 

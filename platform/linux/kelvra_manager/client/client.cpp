@@ -5,7 +5,7 @@
 #include "ipc/bus.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
-#include "kelvra_manager/subscriber_stub.h"
+#include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager_client.h"
 #include "runtime/platform_log.h"
 #include "system_ability.h"

@@ -1,4 +1,4 @@
-#include "kelvra_manager/sampler.h"
+#include "kelvra_manager/manager/sampler.h"
 
 #include <algorithm>
 #include <utility>

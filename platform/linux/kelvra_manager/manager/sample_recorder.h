@@ -7,8 +7,8 @@
 #include <string>
 #include <system_error>
 
-#include "kelvra_manager/process_windows.h"
-#include "kelvra_manager/rule_book.h"
+#include "kelvra_manager/manager/process_windows.h"
+#include "kelvra_manager/manager/rule_book.h"
 
 namespace KITE::Linux::Sampling {
 

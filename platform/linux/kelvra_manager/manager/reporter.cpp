@@ -1,4 +1,4 @@
-#include "kelvra_manager/reporter.h"
+#include "kelvra_manager/manager/reporter.h"
 
 #include <algorithm>
 #include <utility>

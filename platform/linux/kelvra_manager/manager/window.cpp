@@ -1,4 +1,4 @@
-#include "kelvra_manager/window.h"
+#include "kelvra_manager/manager/window.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "kelvra_manager/rule_book.h"
+#include "kelvra_manager/manager/rule_book.h"
 
 #include <algorithm>
 #include <utility>

@@ -5,7 +5,7 @@
 #include <compare>
 #include <cstdint>
 
-#include "kelvra_manager/rule_book.h"
+#include "kelvra_manager/manager/rule_book.h"
 
 namespace KITE::Linux::Sampling {
 
