@@ -78,8 +78,6 @@ class KITE_API Parcel {
 
     std::span<const std::byte> Bytes() const noexcept { return {begin_, size_}; }
     size_t ReadableBytes() const noexcept { return size_ - position_; }
-    // Makes room for that many bytes in all, so that a large record list is written without regrowth.
-    void Reserve(size_t bytes);
 
   private:
     static constexpr size_t kAlignment = 4;
@@ -94,6 +92,7 @@ class KITE_API Parcel {
     static std::byte* Put(std::byte* place, const Field& field);
 
     void Swap(Parcel& other) noexcept;
+    void Reserve(size_t bytes);
     bool Grow(size_t size);
     bool Take(void* data, size_t size);
     bool TakeCount(size_t elementSize, uint32_t& count);

@@ -4,10 +4,10 @@
 
 #include "fuzz.h"
 #include "ipc/calling_context.h"
+#include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager/manager/manager_stub.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
-#include "kelvra_manager/client/subscriber_stub.h"
 #include "runtime/access_tokens.h"
 #include "runtime/settings.h"
 
@@ -25,16 +25,13 @@ void Request(Input& input) {
     const auto manager = MakeSptr<Sampling::ManagerStub>(sampler, reporter);
     const bool isTrusted = input.ConsumeIntegralInRange(0, 7) != 0;
     const Caller caller{":1.1", isTrusted ? std::optional(kQuotaService) : std::nullopt};
-    std::optional<int32_t> early;
-    const CallingScope scope(caller, [&early](int32_t status) { early = status; });
+    const CallingScope scope(caller);
     const auto code = input.ConsumeIntegralInRange<uint32_t>(1, 3);
     MessageParcel request = TheRest(input);
     MessageParcel reply;
     MessageOption option;
     const int32_t status = manager->OnRemoteRequest(code, request, reply, option);
     const bool isDone = status == ERR_NONE;
-    Require(early.has_value() == (isDone && code == KelvraProtocol::kSetProcessQuota) &&
-            early.value_or(status) == status);
     Require((isTrusted || status == ERR_REFUSED) && reply.ReadableBytes() == 0);
     Require(reporter->HasSubscriber() == (isDone && code == KelvraProtocol::kSubscribe));
     Require(!isDone || code == KelvraProtocol::kSubscribe || request.ReadableBytes() == 0);

@@ -162,7 +162,9 @@ void FakeManager::Take(uint32_t code, MessageParcel request, const char* sender)
         subscriber_ = sender;
         hasSubscribed_ = true;
     } else if (code == Protocol::kSetProcessQuota && request.ReadInt32(reserved)) {
-        hasQuotas_ = Linux::ReadRecordList(request, quotas_).empty();
+        auto quotas = Linux::ReadRecordList<Kelvra::ResQuotaInfo>(request);
+        hasQuotas_ = static_cast<bool>(quotas);
+        quotas_ = std::move(quotas).ValueOr({});
     }
 }
 

@@ -1,7 +1,5 @@
 #include "ipc/calling_context.h"
 
-#include <utility>
-
 #include "ipc/ability_names.h"
 #include "ipc/bus.h"
 #include "runtime/access_tokens.h"
@@ -16,8 +14,7 @@ thread_local CallingScope* current = nullptr;
 
 }  // namespace
 
-CallingScope::CallingScope(const Caller& caller, Answer answer) noexcept
-    : caller_(caller), answer_(std::move(answer)), outer_(current) {
+CallingScope::CallingScope(const Caller& caller) noexcept : caller_(caller), outer_(current) {
     current = this;
 }
 
@@ -31,12 +28,6 @@ std::string CallerName() {
 
 std::optional<uid_t> CallerUid() {
     return current == nullptr ? std::nullopt : current->caller_.uid;
-}
-
-void AnswerNow(int32_t status) {
-    if (current != nullptr && current->answer_) {
-        current->answer_(status);
-    }
 }
 
 bool CallerOwnsAbility(int32_t abilityId) {

@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -25,10 +24,6 @@ KITE_API bool CallerOwnsAbility(int32_t abilityId);
 // An object of the sender, addressed by its unique name; null where nobody is calling.
 KITE_API sptr<RemoteProxy> CallerObject(const std::string& path);
 
-// Answers the request that this thread is handling with what its reply holds by now; what the handler writes
-// or returns afterwards counts no more. For work that the caller need not wait for. Nothing elsewhere.
-KITE_API void AnswerNow(int32_t status);
-
 struct Caller {
     std::string name;
     std::optional<uid_t> uid;
@@ -37,9 +32,7 @@ struct Caller {
 // Makes the caller known on this thread for the scope's duration; the record must live as long.
 class CallingScope {
   public:
-    using Answer = std::function<void(int32_t status)>;
-
-    explicit CallingScope(const Caller& caller, Answer answer = nullptr) noexcept;
+    explicit CallingScope(const Caller& caller) noexcept;
     ~CallingScope();
     CallingScope(const CallingScope&) = delete;
     CallingScope& operator=(const CallingScope&) = delete;
@@ -47,10 +40,8 @@ class CallingScope {
   private:
     friend std::string CallerName();
     friend std::optional<uid_t> CallerUid();
-    friend void AnswerNow(int32_t status);
 
     const Caller& caller_;
-    Answer answer_;
     CallingScope* const outer_;
 };
 

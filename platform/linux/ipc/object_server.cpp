@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <deque>
-#include <functional>
 #include <span>
 #include <utility>
 
@@ -234,20 +233,14 @@ void ObjectServer::Run(const RequestPtr& request) {
 
 void ObjectServer::Transact(const RequestPtr& request) {
     MessageParcel reply;
-    bool isAnswered = false;
-    const auto answerOnce = [&](int32_t status) {
-        if (!std::exchange(isAnswered, true)) {
-            Reply(request, status, &reply);
-        }
-    };
     int32_t status = ERR_REFUSED;
     RunGuarded("a request's handler", [&] {
         MessageParcel data(Parcel::InPlace{request->payload});
         MessageOption option;
-        const CallingScope scope(request->caller, std::ref(answerOnce));
+        const CallingScope scope(request->caller);
         status = request->served->object->OnRemoteRequest(request->code, data, reply, option);
     });
-    answerOnce(status);
+    Reply(request, status, &reply);
 }
 
 // The worker gets what it needs by value; the message stays here, since its count of references is not

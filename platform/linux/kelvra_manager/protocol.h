@@ -11,9 +11,6 @@ inline constexpr char16_t kManagerDescriptor[] = u"KITE.PowerManager.KelvraManag
 inline constexpr uint32_t kSetProcessQuota = 1;  // int32 reserved, uint32 count, the quota records
 inline constexpr uint32_t kSubscribe = 2;        // string: path of the subscriber on the caller's connection
 
-// The only native process that may set quotas and subscribe.
-inline constexpr char kTrustedProcess[] = "resource_quota_control";
-
 // Requests to a subscriber.
 inline constexpr char16_t kSubscriberDescriptor[] = u"KITE.PowerManager.KelvraSubscriber";
 inline constexpr char kSubscriberPath[] = "/kite/kelvra/subscriber";

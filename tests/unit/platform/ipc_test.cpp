@@ -238,16 +238,6 @@ TEST_F(Ipc, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
     EXPECT_EQ(CallerName(), "");
     EXPECT_EQ(CallerUid(), std::nullopt);
     EXPECT_EQ(IPCSkeleton::GetCallingTokenID(), 0U);
-
-    recorder->onRequest = [](MessageParcel& reply) {
-        AnswerNow(reply.WriteInt32(43) ? 9 : 0);
-        AnswerNow(10);
-        return reply.WriteInt32(44) ? 11 : 0;
-    };
-    answer = peer.Transact(self, kPath, 7, request);
-    EXPECT_EQ(answer.status, 9) << "the first answer counts";
-    EXPECT_TRUE(answer.reply.ReadInt32(number) && number == 43);
-    EXPECT_EQ(answer.reply.ReadableBytes(), 0U);
 }
 
 TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot) {

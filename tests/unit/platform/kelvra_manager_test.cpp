@@ -5,12 +5,12 @@
 #include <list>
 #include <set>
 
+#include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager/manager/process_table.h"
-#include "kelvra_manager/protocol.h"
-#include "kelvra_manager/record_list.h"
 #include "kelvra_manager/manager/reporter.h"
 #include "kelvra_manager/manager/sampler.h"
-#include "kelvra_manager/client/subscriber_stub.h"
+#include "kelvra_manager/protocol.h"
+#include "kelvra_manager/record_list.h"
 #include "platform_fixture.h"
 #include "proc/command_line.h"
 #include "proc/process_file.h"
@@ -417,26 +417,24 @@ TEST_F(RealProcesses, BusyThreadsAreMeasuredInPercentOfOneCore) {
     EXPECT_GE(static_cast<double>(reports_[0].info.resource), used * 0.8);
 }
 
-TEST(QuotaList, IsToldByItsLengthsAsItIsByReadingIt) {
+// Cut or padded anywhere, or with a false count, a list is refused as a whole.
+TEST(RecordList, IsReadWholeOrRefused) {
     MessageParcel list;
     ASSERT_TRUE(WriteRecordList<Kelvra::ResQuotaInfo>({Quota("some_daemon", "io", 1, 2), {}}, list));
-    ASSERT_TRUE(IsQuotaList(list.Bytes()));
-    list.WriteInt32(0);
-    for (size_t size = 0; size <= list.Bytes().size(); ++size) {
-        std::vector<std::byte> bytes(list.Bytes().begin(),
-                                     list.Bytes().begin() + static_cast<ptrdiff_t>(size));
-        const auto expectAgreement = [&] {
-            MessageParcel parcel(bytes);
-            std::vector<Kelvra::ResQuotaInfo> quotas;
-            EXPECT_EQ(IsQuotaList(bytes), ReadRecordList(parcel, quotas).empty()) << size;
-        };
-        expectAgreement();
-        for (size_t word = 0; word + sizeof(uint32_t) <= size; word += sizeof(uint32_t)) {
-            std::memset(&bytes[word], 0xFF, sizeof(uint32_t));
-            expectAgreement();
-            std::memcpy(&bytes[word], &list.Bytes()[word], sizeof(uint32_t));
-        }
+    const std::vector<std::byte> whole(list.Bytes().begin(), list.Bytes().end());
+    const auto isRead = [](const std::vector<std::byte>& bytes) {
+        MessageParcel parcel(bytes);
+        return static_cast<bool>(ReadRecordList<Kelvra::ResQuotaInfo>(parcel));
+    };
+    EXPECT_TRUE(isRead(whole));
+    for (size_t size = 0; size < whole.size() + 8; size += 4) {
+        std::vector<std::byte> other = whole;
+        other.resize(size);
+        EXPECT_EQ(isRead(other), size == whole.size()) << size;
     }
+    std::vector<std::byte> falseCount = whole;
+    std::memset(falseCount.data(), 0xFF, sizeof(uint32_t));
+    EXPECT_FALSE(isRead(falseCount));
 }
 
 TEST(Reporter, SendsBatchesOfBoundedSizeAndKnowsWhatIsOnItsWay) {
@@ -445,9 +443,8 @@ TEST(Reporter, SendsBatchesOfBoundedSizeAndKnowsWhatIsOnItsWay) {
     std::vector<size_t> sizes;
     reporter->SetSubscriber([&](const MessageParcel& batch, std::function<void(int32_t)> answered) {
         MessageParcel copy(batch);
-        std::vector<Kelvra::ProcessAnomalyInfo> infos;
-        EXPECT_EQ(ReadRecordList(copy, infos), "");
-        sizes.push_back(infos.size());
+        const auto infos = ReadRecordList<Kelvra::ProcessAnomalyInfo>(copy);
+        sizes.push_back(infos ? infos->size() : 0);
         answers.push_back(std::move(answered));
     });
     std::vector<Report> reports(1001);

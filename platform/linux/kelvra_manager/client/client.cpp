@@ -3,9 +3,9 @@
 #include <string>
 
 #include "ipc/bus.h"
+#include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
-#include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager_client.h"
 #include "runtime/platform_log.h"
 #include "system_ability.h"
@@ -22,7 +22,7 @@ int32_t CallManager(uint32_t code, MessageParcel& data) {
     const sptr<IRemoteObject> manager =
         registry ? registry->GetSystemAbility(KELVRA_MANAGER_SERVICE_ID) : nullptr;
     if (!manager) {
-        PLATFORM_LOGE("the Kelvra manager is not there");
+        PLATFORM_LOGE("a request to the Kelvra manager failed: it does not run");
         return ERR_DEAD_OBJECT;
     }
     MessageParcel reply;
@@ -34,9 +34,9 @@ int32_t CallManager(uint32_t code, MessageParcel& data) {
     return status;
 }
 
-// The one object for all subscriptions of the process, and the lock under which they come one by one.
+// The one object for all subscriptions of the process.
 struct Subscription {
-    std::mutex mutex;  // held until the manager has answered
+    std::mutex mutex;  // one subscription at a time: held until the manager has answered
     sptr<Linux::SubscriberStub> stub = MakeSptr<Linux::SubscriberStub>();
     bool isExported = false;
 
@@ -51,9 +51,8 @@ Subscription& TheSubscription() {
     return subscription;
 }
 
-// The interface takes a subscriber that it may not change, and the report call is not const: whoever hands
-// its subscriber over means it to be called, and a subscriber that is owned by a shared pointer is no
-// constant.
+// The interface takes a const subscriber, and the report call is not const. The cast is sound: a subscriber
+// is owned by a shared pointer, so it was not defined as a constant.
 std::weak_ptr<KelvraManagerTaskSubscriber> WeakPointerTo(const KelvraManagerTaskSubscriber& subscriber) {
     return std::const_pointer_cast<KelvraManagerTaskSubscriber>(subscriber.weak_from_this().lock());
 }
@@ -66,12 +65,10 @@ KelvraManagerClient& KelvraManagerClient::GetInstance() {
 }
 
 int32_t KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas) {
-    constexpr size_t kHeaderBytes = 256;
     MessageParcel data;
-    data.Reserve(kHeaderBytes + Linux::UsualListBytes<ResQuotaInfo>(quotas.size()));
     if (!data.WriteInterfaceToken(Protocol::kManagerDescriptor) || !data.WriteInt32(reserved) ||
         !Linux::WriteRecordList(quotas, data)) {
-        PLATFORM_LOGE("%{public}lu quotas are too many for one message", quotas.size());
+        PLATFORM_LOGE("the quotas are not sent: %{public}lu are too many for one message", quotas.size());
         return ERR_TOO_LARGE;
     }
     return CallManager(Protocol::kSetProcessQuota, data);
@@ -82,7 +79,7 @@ int32_t KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscrib
     Subscription& subscription = TheSubscription();
     const std::lock_guard lock(subscription.mutex);
     if (weak.expired() || !subscription.Export()) {
-        PLATFORM_LOGE("a subscriber of anomaly reports cannot be made reachable");
+        PLATFORM_LOGE("no subscription to anomaly reports: the bus does not serve the subscriber");
         return Protocol::kNotReachable;
     }
     subscription.stub->SetSubscriber(weak);
@@ -91,7 +88,7 @@ int32_t KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscrib
     data.WriteString(Protocol::kSubscriberPath);
     const int32_t status = CallManager(Protocol::kSubscribe, data);
     if (status != ERR_NONE) {
-        // Who was told that the subscription failed gets no report, even if the manager came to know of it.
+        // The manager may have subscribed it all the same; after a failure no report must come.
         subscription.stub->SetSubscriber({});
     }
     return status;

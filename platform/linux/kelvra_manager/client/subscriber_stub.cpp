@@ -1,11 +1,9 @@
 #include "kelvra_manager/client/subscriber_stub.h"
 
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "ipc/calling_context.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
 #include "runtime/event_file.h"
@@ -17,14 +15,6 @@
 namespace KITE::Linux {
 
 namespace {
-
-std::string ReadBatch(MessageParcel& data, std::vector<Kelvra::ProcessAnomalyInfo>& infos) {
-    std::string fault = ReadRecordList(data, infos);
-    if (fault.empty() && infos.empty()) {
-        fault = "no record in it";
-    }
-    return fault;
-}
 
 std::vector<Event> EventsOf(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) {
     std::vector<Event> events;
@@ -55,8 +45,7 @@ void SubscriberStub::SetSubscriber(std::weak_ptr<Kelvra::KelvraManagerTaskSubscr
 
 int32_t SubscriberStub::OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                                         MessageOption& option) {
-    if (!CallerOwnsAbility(KELVRA_MANAGER_SERVICE_ID)) {
-        WarnOfForgery();
+    if (!callers_.IsKelvraManager(code)) {
         return ERR_REFUSED;
     }
     if (code != KelvraProtocol::kReport) {
@@ -66,10 +55,11 @@ int32_t SubscriberStub::OnRemoteRequest(uint32_t code, MessageParcel& data, Mess
 }
 
 int32_t SubscriberStub::TakeBatch(MessageParcel& data) {
-    std::vector<Kelvra::ProcessAnomalyInfo> infos;
-    const std::string fault = ReadBatch(data, infos);
-    if (!fault.empty()) {
-        PLATFORM_LOGE("a batch of anomaly reports is refused: %{public}s", fault.c_str());
+    const Result<std::vector<Kelvra::ProcessAnomalyInfo>> infos =
+        ReadRecordList<Kelvra::ProcessAnomalyInfo>(data);
+    if (!infos || infos->empty()) {
+        PLATFORM_LOGE("a batch of anomaly reports is refused: %{public}s",
+                      infos ? "it is empty" : infos.Why().Text().c_str());
         return KelvraProtocol::kBadReport;
     }
     std::shared_ptr<Kelvra::KelvraManagerTaskSubscriber> subscriber;
@@ -80,26 +70,17 @@ int32_t SubscriberStub::TakeBatch(MessageParcel& data) {
     if (!subscriber) {
         return ERR_DEAD_OBJECT;
     }
-    for (const Kelvra::ProcessAnomalyInfo& info : infos) {
-        // A process that has gone is still reported: the service records it and finds that out itself.
+    for (const Kelvra::ProcessAnomalyInfo& info : *infos) {
+        // One that has gone is reported all the same: the service records it and then finds it gone.
         Treatments::Instance().Remember(info.pid, info.startTime, info.processName,
                                         {info.resType, info.id, info.resource, info.duration});
     }
-    // Queued before the service can act, so that a report's event comes before its outcome's; written once
-    // the service has the reports, since a decision must not wait for a disk.
-    QueueEvents(EventsOf(infos));
-    subscriber->OnReportAbnormalProcess(infos);
+    // Queued before the service can act, so that a report's event comes before the event of what was done
+    // about it; written after the service has the reports, since its decision must not wait for a disk.
+    QueueEvents(EventsOf(*infos));
+    subscriber->OnReportAbnormalProcess(*infos);
     SubmitTask(WriteQueuedEvents, {.name = "WriteQueuedEvents", .delay = {}});
     return ERR_NONE;
-}
-
-void SubscriberStub::WarnOfForgery() {
-    if (const std::optional<unsigned> unwritten = forgeries_.MayWrite()) {
-        PLATFORM_LOGW(
-            "a report of %{public}s, which is not the Kelvra manager, is refused; %{public}u more were since "
-            "the last such line",
-            CallerName().c_str(), *unwritten);
-    }
 }
 
 }  // namespace KITE::Linux

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 
-#include "kelvra_manager/repeat_limit.h"
+#include "kelvra_manager/access.h"
 #include "kelvra_manager_client.h"
 #include "remote_object.h"
 
@@ -23,17 +22,15 @@ class SubscriberStub : public IPCObjectStub {
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                             MessageOption& option) override;
 
-    // Hands over a batch whose sender has been verified: every reported process is made known to the actions
-    // first, while its start time can still be checked. The status is 0 when the subscriber took it,
-    // ERR_DEAD_OBJECT when there is none any more, and a faulty batch is refused whole.
+    // Hands over a batch whose sender has been verified: every reported process is remembered for its
+    // treatment first, while its start time can still be checked. The status is 0 when the subscriber took
+    // the batch, ERR_DEAD_OBJECT when there is no subscriber any more; a faulty batch is refused whole.
     int32_t TakeBatch(MessageParcel& data);
 
   private:
-    void WarnOfForgery();
-
     std::mutex mutex_;  // of the subscriber; not held while it is called
     std::weak_ptr<Kelvra::KelvraManagerTaskSubscriber> subscriber_;
-    RepeatLimit forgeries_{std::chrono::seconds(60)};  // of the serving thread
+    CallerCheck callers_;
 };
 
 }  // namespace KITE::Linux

@@ -2,12 +2,10 @@
 
 #include <systemd/sd-bus.h>
 
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "access_token.h"
 #include "ipc/calling_context.h"
 #include "ipc/remote_proxy.h"
 #include "kelvra_manager/protocol.h"
@@ -16,17 +14,6 @@
 
 namespace KITE::Linux::Sampling {
 
-namespace {
-
-bool IsCallerTrusted() {
-    NativeTokenInfo caller;
-    const uint32_t token = IPCSkeleton::GetCallingTokenID();
-    return token != 0 && AccessTokenKit::GetNativeTokenInfo(token, caller) == 0 &&
-           caller.processName == KelvraProtocol::kTrustedProcess;
-}
-
-}  // namespace
-
 ManagerStub::ManagerStub(std::shared_ptr<Sampler> sampler, std::shared_ptr<Reporter> reporter)
     : IPCObjectStub(KelvraProtocol::kManagerDescriptor, true),
       sampler_(std::move(sampler)),
@@ -34,12 +21,11 @@ ManagerStub::ManagerStub(std::shared_ptr<Sampler> sampler, std::shared_ptr<Repor
 
 int32_t ManagerStub::OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                                      MessageOption& option) {
-    if (!IsCallerTrusted()) {
-        WarnOfRefusal(code);
+    if (!callers_.IsQuotaService(code)) {
         return ERR_REFUSED;
     }
     if (data.ReadInterfaceToken() != GetObjectDescriptor()) {
-        PLATFORM_LOGE("request %{public}u is not for this interface", code);
+        PLATFORM_LOGE("request %{public}u is refused: it is for another interface", code);
         return ERR_INVALID_TOKEN;
     }
     switch (code) {
@@ -52,31 +38,16 @@ int32_t ManagerStub::OnRemoteRequest(uint32_t code, MessageParcel& data, Message
     }
 }
 
-void ManagerStub::WarnOfRefusal(uint32_t code) {
-    if (const std::optional<unsigned> unwritten = refusals_.MayWrite()) {
-        const std::optional<uid_t> uid = CallerUid();
-        PLATFORM_LOGE(
-            "request %{public}u of %{public}s, uid %{public}ld, is refused: not the quota service; "
-            "%{public}u more were since the last such line",
-            code, CallerName().c_str(), uid ? long{*uid} : -1L, *unwritten);
-    }
-}
-
-// To read 80,000 quotas and find the processes' rules in them takes several times as long as their way here,
-// and who sent them need not wait for it. Further requests do, so they find the quotas in force.
 int32_t ManagerStub::SetProcessQuota(MessageParcel& data) {
     int32_t reserved = 0;
-    if (data.ReadInt32(reserved) && IsQuotaList(data.Bytes().last(data.ReadableBytes()))) {
-        AnswerNow(ERR_NONE);
-    }
-    std::vector<Kelvra::ResQuotaInfo> quotas;
-    const std::string fault = ReadRecordList(data, quotas);
-    if (!fault.empty()) {
-        PLATFORM_LOGE("a list of quotas is refused: %{public}s", fault.c_str());
+    data.ReadInt32(reserved);
+    Result<std::vector<Kelvra::ResQuotaInfo>> quotas = ReadRecordList<Kelvra::ResQuotaInfo>(data);
+    if (!quotas) {
+        PLATFORM_LOGE("a list of quotas is refused: %{public}s", quotas.Why().Text().c_str());
         return KelvraProtocol::kBadQuotaList;
     }
-    PLATFORM_LOGI("%{public}lu quotas replace all earlier ones", quotas.size());
-    sampler_->SetQuotas(std::move(quotas));
+    PLATFORM_LOGI("%{public}lu quotas replace all earlier ones", quotas->size());
+    sampler_->SetQuotas(std::move(*quotas));
     return ERR_NONE;
 }
 
@@ -85,7 +56,7 @@ int32_t ManagerStub::Subscribe(MessageParcel& data) {
     const bool isPath = data.ReadString(path) && sd_bus_object_path_is_valid(path.c_str()) > 0;
     const sptr<RemoteProxy> subscriber = isPath ? CallerObject(path) : nullptr;
     if (!subscriber) {
-        PLATFORM_LOGE("a subscription without a proper path is refused");
+        PLATFORM_LOGE("a subscription is refused: it names no object path");
         return KelvraProtocol::kBadSubscriberPath;
     }
     reporter_->SetSubscriber([subscriber](const MessageParcel& batch, std::function<void(int32_t)> answered) {

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 
-#include "kelvra_manager/repeat_limit.h"
+#include "kelvra_manager/access.h"
 #include "kelvra_manager/manager/reporter.h"
 #include "kelvra_manager/manager/sampler.h"
 #include "remote_object.h"
@@ -21,13 +20,12 @@ class ManagerStub : public IPCObjectStub {
                             MessageOption& option) override;
 
   private:
-    void WarnOfRefusal(uint32_t code);
     int32_t SetProcessQuota(MessageParcel& data);
     int32_t Subscribe(MessageParcel& data);
 
     const std::shared_ptr<Sampler> sampler_;
     const std::shared_ptr<Reporter> reporter_;
-    RepeatLimit refusals_{std::chrono::seconds(1)};  // of the serving thread
+    CallerCheck callers_;
 };
 
 }  // namespace KITE::Linux::Sampling

@@ -34,7 +34,6 @@ void Reporter::SendBatch(const Subscriber& subscriber, const Report* first, size
         infos.push_back(first[i].info);
     }
     MessageParcel batch;
-    batch.Reserve(UsualListBytes<Kelvra::ProcessAnomalyInfo>(infos.size()));
     if (!WriteRecordList(infos, batch)) {
         PLATFORM_LOGE("a batch of %{public}lu reports is too large for a message", count);
         return;
