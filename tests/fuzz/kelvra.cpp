@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "fuzz.h"
-#include "ipc/calling_context.h"
+#include "ipc/access.h"
 #include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager/manager/manager_stub.h"
 #include "kelvra_manager/protocol.h"

@@ -15,11 +15,11 @@
 #include <utility>
 
 #include "host/treatments_object.h"
-#include "ipc/ability_names.h"
 #include "ipc/ability_registry.h"
+#include "ipc/availability.h"
 #include "ipc/bus.h"
-#include "ipc/guard.h"
 #include "runtime/access_tokens.h"
+#include "runtime/guard.h"
 #include "runtime/platform_log.h"
 #include "runtime/task_runtime.h"
 #include "treatments/treatments.h"

@@ -9,7 +9,7 @@
 #include <map>
 #include <optional>
 
-#include "ipc/caller_identities.h"
+#include "ipc/caller_uids.h"
 #include "ipc/handles.h"
 
 namespace KITE::Linux {

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "device/device_state.h"
-#include "ipc/ability_names.h"
+#include "ipc/availability.h"
 #include "ipc/bus.h"
 #include "ipc/outcome.h"
 #include "ipc/remote_proxy.h"

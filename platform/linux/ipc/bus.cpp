@@ -9,11 +9,11 @@
 #include <system_error>
 #include <utility>
 
-#include "ipc/ability_names.h"
-#include "ipc/guard.h"
+#include "ipc/availability.h"
 #include "ipc/object_server.h"
 #include "ipc/outcome.h"
 #include "ipc/wire.h"
+#include "runtime/guard.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 

@@ -3,8 +3,8 @@
 #include <string_view>
 #include <utility>
 
-#include "ipc/guard.h"
 #include "ipc/wire.h"
+#include "runtime/guard.h"
 
 namespace KITE::Linux {
 

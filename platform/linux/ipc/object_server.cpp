@@ -7,10 +7,10 @@
 #include <span>
 #include <utility>
 
+#include "ipc/access.h"
 #include "ipc/bus.h"
-#include "ipc/calling_context.h"
-#include "ipc/guard.h"
 #include "ipc/wire.h"
+#include "runtime/guard.h"
 #include "runtime/platform_log.h"
 #include "string_utils.h"
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "ipc/caller_identities.h"
+#include "ipc/caller_uids.h"
 #include "ipc/handles.h"
 #include "ipc/worker.h"
 #include "remote_object.h"

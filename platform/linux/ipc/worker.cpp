@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "ipc/guard.h"
+#include "runtime/guard.h"
 
 namespace KITE::Linux {
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "access_token.h"
-#include "ipc/calling_context.h"
+#include "ipc/access.h"
 #include "runtime/platform_log.h"
 #include "system_ability.h"
 

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "ipc/guard.h"
+#include "runtime/guard.h"
 
 namespace KITE::Linux {
 

@@ -5,10 +5,10 @@
 #include <string_view>
 
 #include "integration/bus_client.h"
-#include "ipc/ability_names.h"
 #include "ipc/ability_registry.h"
+#include "ipc/access.h"
+#include "ipc/availability.h"
 #include "ipc/bus.h"
-#include "ipc/calling_context.h"
 #include "ipc/object_server.h"
 #include "ipc/outcome.h"
 #include "ipc/remote_proxy.h"

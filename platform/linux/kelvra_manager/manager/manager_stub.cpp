@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "ipc/calling_context.h"
+#include "ipc/access.h"
 #include "ipc/remote_proxy.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"

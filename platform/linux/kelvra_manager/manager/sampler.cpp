@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "ipc/guard.h"
+#include "runtime/guard.h"
 
 namespace KITE::Linux::Sampling {
 

@@ -1,4 +1,4 @@
-#include "ipc/caller_identities.h"
+#include "ipc/caller_uids.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "ipc/guard.h"
+#include "runtime/guard.h"
 
 #include "runtime/platform_log.h"
 

@@ -1,6 +1,6 @@
-#include "ipc/calling_context.h"
+#include "ipc/access.h"
 
-#include "ipc/ability_names.h"
+#include "ipc/availability.h"
 #include "ipc/bus.h"
 #include "runtime/access_tokens.h"
 

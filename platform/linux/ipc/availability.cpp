@@ -1,4 +1,4 @@
-#include "ipc/ability_names.h"
+#include "ipc/availability.h"
 
 #include <array>
 #include <utility>
