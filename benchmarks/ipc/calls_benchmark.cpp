@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
+#include "integration/tested_system.h"
 #include "ipc/bus.h"
 #include "ipc/echo.h"
 #include "ipc/rows.h"
-#include "ipc/system.h"
 #include "kelvra_manager/record_list.h"
 #include "ratio_table.h"
 #include "runtime/settings.h"
@@ -21,6 +21,7 @@ namespace KITE::Benchmarks {
 namespace {
 
 using Integration::BusClient;
+using Integration::TestedSystem;
 using Records = std::vector<Kelvra::ResQuotaInfo>;
 
 constexpr size_t kRecords = 80'000;
@@ -103,7 +104,7 @@ struct QuotaExport {
 
     Records records = ManyRecords();
     MessageParcel message;
-    System system;
+    TestedSystem system;
     Echo echo;
     BusClient client;
 };
@@ -114,11 +115,11 @@ struct Queries {
         rules.reserve(kExtensions);
         for (int i = 0; i < kExtensions; ++i) {
             rules.push_back(
-                System::Rule("com.example.extension" + std::to_string(i), "cpu", 50, "warning", 60));
+                TestedSystem::Rule("com.example.extension" + std::to_string(i), "cpu", 50, "warning", 60));
         }
         system.SetPolicy(rules);
         system.SetParameters(R"({"kelvra.sample_period_ms": 60000})");
-        system.LogToJournal();
+        system.Parts().logOptions.clear();
         system.StartKelvraHost();
         system.StartQuotaHost();
         client.emplace(system.Connect(Integration::kTrustedUid));
@@ -132,7 +133,7 @@ struct Queries {
 
     size_t Ask() { return client->AskRunningTimes().reply.Bytes().size(); }
 
-    System system;
+    TestedSystem system;
     size_t replySize = 0;
     std::optional<BusClient> client;
     std::optional<BusClient> echoClient;

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "integration/tested_system.h"
 #include "ipc/rows.h"
-#include "ipc/system.h"
 #include "ratio_table.h"
 
 namespace KITE::Benchmarks {
@@ -18,6 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Integration::Process;
+using Integration::TestedSystem;
 
 constexpr double kMostPrivateKiB = 2048;
 
@@ -71,8 +72,8 @@ double PrivateKiBAboveBare(const Process& host, const std::string& library, cons
 }
 
 // Both hosts, until the service answers.
-void Start(System& system) {
-    system.LogToJournal();
+void Start(TestedSystem& system) {
+    system.Parts().logOptions.clear();
     system.StartKelvraHost();
     system.StartQuotaHost();
     Integration::BusClient client = system.Connect(Integration::kTrustedUid);
@@ -84,7 +85,7 @@ void Start(System& system) {
 std::vector<Figure> MeasureIdle() {
     constexpr int kSamples = 20;
     constexpr std::chrono::seconds kPeriod = 1s;
-    System system;
+    TestedSystem system;
     system.SetParameters("{}");
     Start(system);
     const Process& quota = system.QuotaHost().process;
@@ -110,7 +111,7 @@ std::vector<Figure> MeasureIdle() {
 }
 
 // Reports, queries of as many processes as one may ask for, and dumps.
-void Load(System& system, Integration::FakeManager& manager, JournalStandIn& journal) {
+void Load(TestedSystem& system, Integration::FakeManager& manager, JournalStandIn& journal) {
     constexpr int kRounds = 500;
     constexpr size_t kReports = 100;
     constexpr size_t kPids = 2048;
@@ -131,8 +132,8 @@ void Load(System& system, Integration::FakeManager& manager, JournalStandIn& jou
 }
 
 std::vector<Figure> MeasureAfterLoad(JournalStandIn& journal) {
-    System system;
-    system.LogToJournal();
+    TestedSystem system;
+    system.Parts().logOptions.clear();
     Integration::FakeManager manager(system.Address());
     system.StartQuotaHost();
     if (!manager.AwaitSubscription()) {

@@ -47,7 +47,7 @@ void Crowd::GrowTo(size_t processes) {
         const size_t index = members_.size();
         const std::string name = index < watched_ ? WatchedName(index) : "other_" + std::to_string(index);
         members_.emplace_back(Integration::Launch{.program = "/bin/sleep", .arguments = {name, "1000000"}});
-        if (!members_.back().IsStarted()) {
+        if (members_.back().StartError()) {
             throw std::runtime_error("only " + std::to_string(index) + " processes could be started");
         }
     }

@@ -9,9 +9,9 @@
 #include <thread>
 
 #include "integration/process.h"
+#include "integration/tested_system.h"
 #include "kelvra/crowd.h"
 #include "kelvra/rows.h"
-#include "kelvra/whole_system.h"
 #include "proc/process_list.h"
 
 namespace KITE::Benchmarks {
@@ -19,6 +19,7 @@ namespace KITE::Benchmarks {
 namespace {
 
 using Integration::Process;
+using Integration::TestedSystem;
 using std::chrono::seconds;
 
 constexpr const char* kMonit = "/usr/bin/monit";
@@ -57,7 +58,7 @@ double SecondsOfCpu(const char* who, const Process& process) {
 }
 
 double MeasureManager() {
-    WholeSystem system;
+    TestedSystem system;
     system.SetParameters("{}");  // samples every second
     system.SetPolicy({WatchedPolicy(kWatched)});
     system.StartWhole();

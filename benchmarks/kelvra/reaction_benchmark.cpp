@@ -17,10 +17,10 @@
 
 #include "integration/bus_client.h"
 #include "integration/process.h"
+#include "integration/tested_system.h"
 #include "ipc/echo.h"
 #include "kelvra/crowd.h"
 #include "kelvra/rows.h"
-#include "kelvra/whole_system.h"
 #include "percentile.h"
 
 namespace KITE::Benchmarks {
@@ -28,6 +28,7 @@ namespace KITE::Benchmarks {
 namespace {
 
 using Integration::Process;
+using Integration::TestedSystem;
 using std::chrono::nanoseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -88,7 +89,7 @@ Integration::Launch Small(const std::string& name) {
 // A signal and a bus message each way: what lies between a breach and a death, but for all thinking.
 class BareReaction {
   public:
-    explicit BareReaction(const System& system)
+    explicit BareReaction(const TestedSystem& system)
         : echo_(system.Address(), system.Directory(), 0), client_(system.Address(), Integration::kKelvraUid) {
         const Process process(Small(kName));
         request_ = Integration::ReportOf({Integration::Anomaly(process, "mem", "kill")});
@@ -116,7 +117,7 @@ class BareReaction {
 };
 
 // When a breach of each process was seen.
-std::map<pid_t, nanoseconds> ReadSightings(const System& system) {
+std::map<pid_t, nanoseconds> ReadSightings(const TestedSystem& system) {
     std::map<pid_t, nanoseconds> sightings;
     std::ifstream events(system.Directory() + "/state/events.jsonl");
     for (std::string line; std::getline(events, line);) {
@@ -131,7 +132,7 @@ std::map<pid_t, nanoseconds> ReadSightings(const System& system) {
 std::vector<Figure> MeasureReaction() {
     RunOn(kObserver);  // throws here rather than in a thread
     RunOn(kMeasured);
-    WholeSystem system;
+    TestedSystem system;
     system.SetPolicy({kRule});
     system.StartWhole();
     BareReaction bare(system);

@@ -26,14 +26,15 @@
 #include "base/unique_fd.h"
 #include "integration/bus_client.h"
 #include "integration/process.h"
+#include "integration/tested_system.h"
 #include "kelvra/crowd.h"
-#include "kelvra/whole_system.h"
 
 namespace KITE::Benchmarks {
 
 namespace {
 
 using Integration::Process;
+using Integration::TestedSystem;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -84,7 +85,7 @@ class Watch {
 class Asker {
   public:
     template <typename Ask>
-    Asker(const System& system, Ask ask)
+    Asker(const TestedSystem& system, Ask ask)
         : thread_([this, &system, ask](const std::stop_token& stop) {
               Integration::BusClient client = system.Connect(Integration::kTrustedUid);
               for (auto next = Clock::now(); !stop.stop_requested(); std::this_thread::sleep_until(next)) {
@@ -228,7 +229,7 @@ class LoadRun {
         const int32_t sent = reports_->Sent();
         // A host that stops handles what it has accepted.
         const bool isStopped = reporting_.StopQuotaHost() == 0;
-        const Counts counts = ReadLog(reporting_.Directory() + "/log.0", sent);
+        const Counts counts = ReadLog(reporting_.QuotaHost().log.Path(), sent);
         const size_t recorded = Counts::Once(counts.recorded);
         const size_t handled = Counts::Once(counts.handled);
         std::printf("%d reports sent, %d batches refused, %zu recorded once, %zu handled once%s\n", sent,
@@ -239,8 +240,8 @@ class LoadRun {
 
     const std::chrono::seconds time_;
     Crowd crowd_{kWatched};
-    WholeSystem reporting_;
-    WholeSystem sampling_;
+    TestedSystem reporting_;
+    TestedSystem sampling_;
     std::optional<Reports> reports_;
     std::vector<Watch> watches_;
     size_t dumps_ = 0;

@@ -1,6 +1,6 @@
 #include <fcntl.h>
 
-#include "private_system.h"
+#include "fixture.h"
 #include "resource_quota_control_errors.h"
 
 // Whatever comes in gets its defined error, and the service goes on as if nothing had happened.
@@ -21,7 +21,7 @@ MessageParcel PidRequest(const std::vector<int32_t>& pids) {
 
 }  // namespace
 
-using BadFileTest = PrivateSystem;
+using BadFileTest = SystemTest;
 
 TEST_F(BadFileTest, ABrokenPolicyKeepsTheServiceUnpublishedAndTheHostRunning) {
     SetPolicy({"{"});
@@ -45,10 +45,10 @@ TEST_F(BadFileTest, AHostDoesNotStartWithTokensThatCannotBeTrusted) {
 }
 
 // Remembers what the service's process holds, and sees to it that it holds no more in the end.
-class BadClientTest : public PrivateSystem {
+class BadClientTest : public SystemTest {
   protected:
     void SetUp() override {
-        PrivateSystem::SetUp();
+        SystemTest::SetUp();
         std::vector<std::string> rules;
         rules.reserve(500);
         for (int i = 0; i < 500; ++i) {
@@ -72,7 +72,7 @@ class BadClientTest : public PrivateSystem {
         })) << Service().DescriptorCount()
             << " descriptors after " << descriptors_ << ", " << Service().ThreadCount() << " threads after "
             << threads_;
-        PrivateSystem::TearDown();
+        SystemTest::TearDown();
     }
     Process& Service() { return QuotaHost().process; }
 

@@ -8,18 +8,19 @@
 #include "ipc/handles.h"
 #include "iresource_quota_control.h"
 #include "kelvra_manager_client.h"
+#include "private_system/private_system.h"
 #include "process.h"
 
 namespace KITE::Integration {
 
 inline constexpr uid_t kTrustedUid = 0;  // of the native process "svcdb", with the dump permission
 inline constexpr uid_t kUntrustedUid = 20001;
-inline constexpr uid_t kQuotaUid = 61913;
-inline constexpr uid_t kKelvraUid = 61214;
+using Tools::kKelvraUid;
+using Tools::kQuotaUid;
 
-inline constexpr const char* kQuotaName = "kite.ability.SA1913";
+using Tools::kKelvraName;
+using Tools::kQuotaName;
 inline constexpr const char* kQuotaPath = "/kite/ability/SA1913";
-inline constexpr const char* kKelvraName = "kite.ability.SA1213";
 inline constexpr const char* kKelvraPath = "/kite/ability/SA1213";
 
 // What came of a call: the bus's or the library's error, or the status and the reply.

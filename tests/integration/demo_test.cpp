@@ -1,8 +1,8 @@
-#include "private_system.h"
+#include "fixture.h"
 
 namespace KITE::Integration {
 
-using DemoTest = PrivateSystem;
+using DemoTest = SystemTest;
 
 TEST_F(DemoTest, FailsWhenThePolicyDoesNotStopTheHogs) {
     SetPolicy({Rule("nobody", "cpu", 10, "warning")});

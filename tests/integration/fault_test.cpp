@@ -7,7 +7,7 @@
 
 #include <array>
 
-#include "private_system.h"
+#include "fixture.h"
 
 // What a host relies on fails under it: while reports arrive, while treatments begin, while they end, and
 // while it stops. The log tells the truth about each, and nothing stays treated. The whole table is
@@ -25,7 +25,7 @@ constexpr bool kStopsWithoutDescriptors = true;
 
 }  // namespace
 
-class FaultyTest : public PrivateSystem {
+class FaultyTest : public SystemTest {
   public:
     void SetManager(bool isThere) {
         isThere ? Manager().Return() : Manager().Leave();
@@ -72,7 +72,7 @@ class FaultyTest : public PrivateSystem {
 
     // In a mount namespace of this process's own, with a state directory that is easily filled.
     void SetUp() override {
-        PrivateSystem::SetUp();
+        SystemTest::SetUp();
         ASSERT_EQ(0, unshare(CLONE_NEWNS));
         for (const char* point : {"/", "/proc", "/sys/fs/cgroup"}) {
             mount("none", point, nullptr, MS_REC | MS_PRIVATE, nullptr);  // the root may be no mount point
@@ -85,7 +85,7 @@ class FaultyTest : public PrivateSystem {
     void TearDown() override {
         Release();  // whatever a test that failed has left, as long as its records are there
         umount2(State().c_str(), MNT_DETACH);
-        PrivateSystem::TearDown();
+        SystemTest::TearDown();
     }
 
     // What the log says of an event: "done, by ..." or "failed: ..."; "" when it says nothing.
@@ -246,7 +246,7 @@ TEST_F(FaultyTest, AProcessThatCannotBeInterruptedIsTreatedAsAnyOther) {
 }
 
 TEST_F(FaultyTest, AHostThatMayNotTreatAnotherUsersProcessSaysSo) {
-    quotaCapabilities_ = "+sys_ptrace,+dac_read_search";
+    Parts().quotaCapabilities = "+sys_ptrace,+dac_read_search";
     StartWithFakeManager();
     std::vector<Target> foreign = StartOneForEachEvent("burn");
     Report(foreign);

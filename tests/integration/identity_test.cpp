@@ -1,9 +1,9 @@
-#include "private_system.h"
+#include "fixture.h"
 
 // Nobody's word is taken for what it is not: who reports, who asks, and which process is meant.
 namespace KITE::Integration {
 
-using ForgeryTest = PrivateSystem;
+using ForgeryTest = SystemTest;
 
 TEST_F(ForgeryTest, NobodyButTheBusTellsWhoOwnsAName) {
     FakeManager& manager = StartWithFakeManager();
@@ -26,7 +26,7 @@ TEST_F(ForgeryTest, NobodyButTheBusTellsWhoOwnsAName) {
 }
 
 // Something happens to a process after its report has arrived and before it is acted upon.
-class LateActionTest : public PrivateSystem {
+class LateActionTest : public SystemTest {
   protected:
     // A process whose report has arrived, and that the host, stopped now, has not come to: many records stand
     // before it, which ask for no known action and cost one log line each. Tried again when the host was

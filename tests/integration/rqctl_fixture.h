@@ -2,12 +2,12 @@
 
 #include <gmock/gmock.h>
 
-#include "private_system.h"
+#include "fixture.h"
 
 namespace KITE::Integration {
 
 // The operator's command, as an operator sees it: what was typed, the exit status, what was printed.
-class RqctlFixture : public PrivateSystem {
+class RqctlFixture : public SystemTest {
   protected:
     struct Command {
         Command(const std::string& path, const std::vector<std::string>& words, uid_t uid)

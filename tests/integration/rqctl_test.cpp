@@ -10,7 +10,6 @@ namespace fs = std::filesystem;
 
 class RqctlTest : public RqctlFixture {
   protected:
-    std::string DeviceState() const { return State() + "/device_state.json"; }
     std::string Plot() {
         const std::string page = Directory() + "/page.html";
         EXPECT_EQ(0, Rqctl({"plot", "--output", page}).status);

@@ -1,7 +1,7 @@
 #include <set>
 
+#include "fixture.h"
 #include "kelvra_manager/protocol.h"
-#include "private_system.h"
 #include "resource_quota_control_errors.h"
 
 // Who may do what: each user tries everything. The whole table is docs/security.md.
@@ -68,7 +68,7 @@ const std::vector<Deed> kOwnings{{"own the service's name",
 
 }  // namespace
 
-class SecurityTest : public PrivateSystem {
+class SecurityTest : public SystemTest {
   protected:
     void TryAll(uid_t user, const std::vector<Deed>& deeds) {
         for (const Deed& deed : deeds) {

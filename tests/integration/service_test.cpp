@@ -1,9 +1,9 @@
-#include "private_system.h"
+#include "fixture.h"
 
 // Start-up, queries and dumps.
 namespace KITE::Integration {
 
-using StartTest = PrivateSystem;
+using StartTest = SystemTest;
 
 TEST_F(StartTest, TheServiceIsPublishedOnceAManagerHasItsQuotasAndServesTheNextOneAnew) {
     SetPolicy({Rule("hog", "cpu", 10, "kill")});

@@ -1,8 +1,10 @@
 #include <fcntl.h>
 
+#include <algorithm>
+#include <sstream>
 #include <thread>
 
-#include "private_system.h"
+#include "fixture.h"
 #include "resource_quota_control_errors.h"
 
 // Everything at once, above all for hosts that are built with the thread sanitizer.
@@ -23,7 +25,7 @@ constexpr size_t kSpareKiB = 2048;
 
 }  // namespace
 
-class StressTest : public PrivateSystem {
+class StressTest : public SystemTest {
   protected:
     // Asks, again and again until the end, and counts the answers that are right.
     template <typename Ask>

@@ -1,4 +1,4 @@
-#include "private_system.h"
+#include "fixture.h"
 
 // What becomes of real processes.
 namespace KITE::Integration {
@@ -14,7 +14,7 @@ Launch OnOneCpu() {
 
 }  // namespace
 
-using ManagerTest = PrivateSystem;
+using ManagerTest = SystemTest;
 
 TEST_F(ManagerTest, EachKindOfHogIsKilledAndOthersAreLeftAlone) {
     SetPolicy({Rule("spinner", "cpu", 10, "kill"), Rule("eater", "mem", 100'000, "kill"),
@@ -32,7 +32,7 @@ TEST_F(ManagerTest, EachKindOfHogIsKilledAndOthersAreLeftAlone) {
     EXPECT_FALSE(stranger.HasEnded());
 }
 
-using StagesTest = PrivateSystem;
+using StagesTest = SystemTest;
 
 TEST_F(StagesTest, AHogIsSuppressedThenFrozenThenKilled) {
     FakeManager& manager = StartWithFakeManager();
@@ -74,7 +74,7 @@ TEST_F(StagesTest, AfterASuppressionAllIsAsBeforeAlsoForAChildBornMeanwhile) {
     EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
 }
 
-using ReleaseTest = PrivateSystem;
+using ReleaseTest = SystemTest;
 
 TEST_F(ReleaseTest, WhatAKilledHostLeftTreatedIsReleasedByTheNextStartAndByTheCommand) {
     const std::function<void()> ways[] = {[this] { EXPECT_TRUE(StartQuotaHost().log.Await("start.")); },
@@ -112,12 +112,12 @@ TEST_F(ReleaseTest, WithTheBusBothHostsGoAndLeaveNothingTreatedAndCanStartAgain)
     EXPECT_TRUE(frozen.Runs());
     EXPECT_EQ(before, suppressed.Standing());
     EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
-    StartBus();
+    ASSERT_TRUE(StartBus());
     StartWhole();
     ExpectPromptAnswer();
 }
 
-using DeviceStateTest = PrivateSystem;
+using DeviceStateTest = SystemTest;
 
 TEST_F(DeviceStateTest, ADataTransferOrTheForegroundExemptsUntilTheStateChanges) {
     FakeManager& manager = StartWithFakeManager();

@@ -51,6 +51,7 @@ struct Program : Process {
         : Process({.program = KITE_TARGET,
                    .arguments = std::move(arguments),
                    .cpu = 0,
+                   .blockedSignal = SIGUSR1,
                    .hasOwnSession = ownSession}) {}
 };
 
