@@ -1,7 +1,7 @@
 #include <random>
 
 #include "res_policy_manager.h"
-#include "rqctl/check/explanation.h"
+#include "rqctl/check/policy_in_force.h"
 #include "rqctl/check/findings.h"
 #include "service_fixture.h"
 

@@ -4,7 +4,7 @@
 
 #include <exception>
 
-#include "rqctl/command.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
 #include "runtime/platform_log.h"
 

@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "rqctl/command.h"
+#include "rqctl/commands/command.h"
 
 namespace KITE::Rqctl {
 

@@ -1,4 +1,4 @@
-#include "rqctl/plot_curve.h"
+#include "rqctl/plot/curve.h"
 
 #include <algorithm>
 

@@ -10,9 +10,9 @@
 #include <optional>
 #include <string>
 
-#include "rqctl/command.h"
-#include "rqctl/narrator.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
+#include "rqctl/watch/narrator.h"
 #include "shared/event_follower.h"
 
 namespace KITE::Rqctl {

@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "rqctl/check/explanation.h"
 #include "rqctl/check/findings.h"
 #include "rqctl/check/layers.h"
+#include "rqctl/check/policy_in_force.h"
 #include "rqctl/check/quiet_log.h"
-#include "rqctl/command.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
 
 namespace KITE::Rqctl {

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "resource_quota_control_errors.h"
-#include "rqctl/command.h"
+#include "rqctl/bus/ask_service.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
-#include "rqctl/service.h"
 
 namespace KITE::Rqctl {
 

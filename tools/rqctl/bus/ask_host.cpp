@@ -1,4 +1,4 @@
-#include "rqctl/treatments.h"
+#include "rqctl/bus/ask_host.h"
 
 #include <unistd.h>
 

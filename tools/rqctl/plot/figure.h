@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
-#include "rqctl/plot_curve.h"
-#include "rqctl/plot_panel.h"
+#include "rqctl/plot/curve.h"
+#include "rqctl/plot/panel.h"
 
 namespace KITE::Rqctl {
 

@@ -1,4 +1,4 @@
-#include "rqctl/command.h"
+#include "rqctl/commands/command.h"
 
 #include <utility>
 

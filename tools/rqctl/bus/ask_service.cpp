@@ -1,4 +1,4 @@
-#include "rqctl/service.h"
+#include "rqctl/bus/ask_service.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "rqctl/run_record.h"
+#include "rqctl/plot/run_record.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "rqctl/plot_page.h"
+#include "rqctl/plot/page.h"
 
 #include <algorithm>
 #include <array>
@@ -6,8 +6,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "rqctl/plot_figure.h"
-#include "rqctl/plot_panel.h"
+#include "rqctl/plot/figure.h"
+#include "rqctl/plot/panel.h"
 
 namespace KITE::Rqctl {
 

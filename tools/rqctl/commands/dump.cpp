@@ -13,9 +13,9 @@
 #include "base/unique_fd.h"
 #include "parameters.h"
 #include "resource_quota_control_errors.h"
-#include "rqctl/command.h"
+#include "rqctl/bus/ask_service.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
-#include "rqctl/service.h"
 #include "string_utils.h"
 
 namespace KITE::Rqctl {

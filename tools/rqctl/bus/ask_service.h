@@ -4,7 +4,7 @@
 
 #include "ipc/bus_connection.h"
 #include "resource_quota_control_proxy.h"
-#include "rqctl/command.h"
+#include "rqctl/commands/command.h"
 
 namespace KITE::Rqctl {
 

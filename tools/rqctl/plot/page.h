@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "rqctl/run_record.h"
+#include "rqctl/plot/run_record.h"
 
 namespace KITE::Rqctl {
 

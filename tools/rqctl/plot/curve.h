@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "rqctl/run_record.h"
+#include "rqctl/plot/run_record.h"
 
 namespace KITE::Rqctl {
 

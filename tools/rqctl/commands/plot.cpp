@@ -5,10 +5,10 @@
 #include <memory>
 #include <string>
 
-#include "rqctl/command.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
-#include "rqctl/plot_page.h"
-#include "rqctl/run_record.h"
+#include "rqctl/plot/page.h"
+#include "rqctl/plot/run_record.h"
 
 namespace KITE::Rqctl {
 

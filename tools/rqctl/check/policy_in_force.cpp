@@ -1,4 +1,4 @@
-#include "rqctl/check/explanation.h"
+#include "rqctl/check/policy_in_force.h"
 
 #include <algorithm>
 #include <iomanip>

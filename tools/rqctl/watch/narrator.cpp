@@ -1,4 +1,4 @@
-#include "rqctl/narrator.h"
+#include "rqctl/watch/narrator.h"
 
 #include <algorithm>
 #include <array>

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "device/device_state_reader.h"
-#include "rqctl/command.h"
-#include "rqctl/file_replacement.h"
+#include "rqctl/commands/command.h"
+#include "rqctl/device/file_replacement.h"
 #include "rqctl/output.h"
 
 namespace KITE::Rqctl {

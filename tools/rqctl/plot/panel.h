@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "rqctl/run_record.h"
+#include "rqctl/plot/run_record.h"
 
 namespace KITE::Rqctl {
 

@@ -6,14 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "file_utils.h"
-#include "native_process_checker.h"
+#include "base/file.h"
 #include "proc/command_line.h"
-#include "rqctl/check/explanation.h"
+#include "proc/process_file.h"
 #include "rqctl/check/layers.h"
+#include "rqctl/check/policy_in_force.h"
 #include "rqctl/check/quiet_log.h"
 #include "rqctl/check/units.h"
-#include "rqctl/command.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
 
 namespace KITE::Rqctl {
@@ -43,17 +43,14 @@ std::optional<int32_t> AsPid(const std::string& subject) {
 }
 
 std::optional<Identity> IdentityOf(int32_t pid) {
-    const ResourceQuotaCtl::NatvieProcessChecker checker;
-    Identity identity{pid, "", "", false};
-    std::string cmdline;
-    if (!LoadStringFromFile("/proc/" + std::to_string(pid) + "/cmdline", cmdline) ||
-        !checker.GetProcessNameByPid(pid, identity.seenAs)) {
+    const auto commandLine = Linux::ReadFile(Linux::ProcessFilePath(pid, "cmdline"));
+    if (!commandLine) {
         return std::nullopt;
     }
-    identity.watchedAs = Linux::ProcessNameOf(cmdline);
-    identity.isAccepted =
-        !identity.watchedAs.empty() && checker.VerifyPidAndProcessName(pid, identity.watchedAs);
-    return identity;
+    Linux::SeenName seen;
+    seen.Add(*commandLine);
+    const std::string name(Linux::ProcessNameOf(*commandLine));
+    return Identity{pid, name, seen.Text(), !name.empty() && Linux::IsAcceptedAs(seen.Text(), name)};
 }
 
 std::string IdentityInWords(const Identity& identity) {

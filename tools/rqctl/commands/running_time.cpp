@@ -5,9 +5,9 @@
 #include <string>
 
 #include "resource_quota_control_errors.h"
-#include "rqctl/command.h"
+#include "rqctl/bus/ask_service.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
-#include "rqctl/service.h"
 
 namespace KITE::Rqctl {
 

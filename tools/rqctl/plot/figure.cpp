@@ -1,4 +1,4 @@
-#include "rqctl/plot_figure.h"
+#include "rqctl/plot/figure.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "rqctl/plot_panel.h"
+#include "rqctl/plot/panel.h"
 
 #include <algorithm>
 #include <limits>

@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "rqctl/command.h"
+#include "rqctl/bus/ask_host.h"
+#include "rqctl/commands/command.h"
 #include "rqctl/output.h"
-#include "rqctl/treatments.h"
 #include "shared/wording.h"
 
 namespace KITE::Rqctl {

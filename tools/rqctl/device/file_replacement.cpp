@@ -1,4 +1,4 @@
-#include "rqctl/file_replacement.h"
+#include "rqctl/device/file_replacement.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

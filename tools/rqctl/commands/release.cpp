@@ -4,8 +4,8 @@
 #include <limits>
 #include <memory>
 
-#include "rqctl/command.h"
-#include "rqctl/treatments.h"
+#include "rqctl/bus/ask_host.h"
+#include "rqctl/commands/command.h"
 
 namespace KITE::Rqctl {
 
