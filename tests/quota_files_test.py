@@ -124,9 +124,11 @@ class QuotaFiles(unittest.TestCase):
             '{"quotas": [{"process_name": "a_name_of_19_bytes_", "inherit": "", "process_quotas": {}}]}')
         (self.folder / "config_directories.json").write_text(json.dumps({"directories": [str(self.folder / "layer")]}))
         for argument, seen in ("", "a_name_of_19_by"), ("/to/the_file", "the_file"):
-            target = subprocess.Popen(["/bin/a_name_of_19_bytes_", "-c", "input()", argument], executable=sys.executable,
-                                      stdin=subprocess.PIPE)
+            target = subprocess.Popen(["/bin/a_name_of_19_bytes_", "-c", "print(flush=True); input()", argument],
+                                      executable=sys.executable, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
             with target:
+                # Until its program runs, a process may have no name.
+                target.stdout.readline()
                 status, lines = self.rqctl("--etc", ".", "explain", str(target.pid), "--json")
                 target.stdin.write(b"\n")
             told = json.loads("\n".join(lines))
