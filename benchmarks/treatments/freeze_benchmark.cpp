@@ -19,7 +19,7 @@
 #include "percentile.h"
 #include "ratio_table.h"
 #include "runtime/settings.h"
-#include "runtime/thread_signals.h"
+#include "base/thread_signals.h"
 #include "system_log.h"
 #include "treatments/treatments.h"
 

@@ -4,7 +4,7 @@
 
 #include "base/file_names.h"
 #include "device/device_state_file.h"
-#include "runtime/immortal.h"
+#include "base/immortal.h"
 #include "runtime/settings.h"
 
 namespace KITE::Linux {

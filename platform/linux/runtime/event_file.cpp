@@ -9,7 +9,7 @@
 
 #include "base/file_names.h"
 #include "base/line_file.h"
-#include "runtime/immortal.h"
+#include "base/immortal.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 #include "system_event.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "base/file.h"
-#include "runtime/nonblocking_writer.h"
+#include "base/nonblocking_writer.h"
 #include "runtime/platform_log.h"
 
 namespace KITE {

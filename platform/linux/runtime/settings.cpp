@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "base/file_names.h"
-#include "runtime/immortal.h"
+#include "base/immortal.h"
 
 namespace KITE::Linux {
 

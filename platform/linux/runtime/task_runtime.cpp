@@ -13,9 +13,9 @@
 #include <thread>
 #include <utility>
 
-#include "runtime/immortal.h"
+#include "base/immortal.h"
 #include "runtime/platform_log.h"
-#include "runtime/thread_signals.h"
+#include "base/thread_signals.h"
 
 namespace KITE::Linux {
 

@@ -16,10 +16,10 @@
 #include "platform_fixture.h"
 #include "runtime/access_tokens.h"
 #include "runtime/event_file.h"
-#include "runtime/journal_log.h"
-#include "runtime/nonblocking_writer.h"
+#include "runtime/log/journal_log.h"
+#include "base/nonblocking_writer.h"
 #include "runtime/platform_log.h"
-#include "runtime/stderr_log.h"
+#include "runtime/log/stderr_log.h"
 #include "runtime/task_runtime.h"
 #include "system_event.h"
 

@@ -1,4 +1,4 @@
-#include "runtime/stderr_log.h"
+#include "runtime/log/stderr_log.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "runtime/thread_signals.h"
+#include "base/thread_signals.h"
 
 namespace KITE::Linux {
 

@@ -5,12 +5,12 @@
 #include <cerrno>
 #include <exception>
 
-#include "runtime/immortal.h"
-#include "runtime/journal_log.h"
-#include "runtime/log_line.h"
+#include "base/immortal.h"
+#include "runtime/log/journal_log.h"
+#include "runtime/log/log_line.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
-#include "runtime/stderr_log.h"
+#include "runtime/log/stderr_log.h"
 
 namespace KITE {
 

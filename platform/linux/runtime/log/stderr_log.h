@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "base/unique_fd.h"
-#include "runtime/log_line.h"
-#include "runtime/nonblocking_writer.h"
+#include "runtime/log/log_line.h"
+#include "base/nonblocking_writer.h"
 
 namespace KITE::Linux {
 

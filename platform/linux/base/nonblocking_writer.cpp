@@ -1,4 +1,4 @@
-#include "runtime/nonblocking_writer.h"
+#include "base/nonblocking_writer.h"
 
 #include <fcntl.h>
 #include <linux/magic.h>

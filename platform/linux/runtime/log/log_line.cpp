@@ -1,4 +1,4 @@
-#include "runtime/log_line.h"
+#include "runtime/log/log_line.h"
 
 #include <algorithm>
 #include <cstdio>

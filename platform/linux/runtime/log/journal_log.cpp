@@ -1,4 +1,4 @@
-#include "runtime/journal_log.h"
+#include "runtime/log/journal_log.h"
 
 #include <endian.h>
 #include <sys/socket.h>

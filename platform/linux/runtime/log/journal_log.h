@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "base/unique_fd.h"
-#include "runtime/log_line.h"
+#include "runtime/log/log_line.h"
 
 namespace KITE::Linux {
 

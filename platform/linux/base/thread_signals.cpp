@@ -1,4 +1,4 @@
-#include "runtime/thread_signals.h"
+#include "base/thread_signals.h"
 
 #include <initializer_list>
 
