@@ -1,7 +1,7 @@
 // The platform's own files: the first byte of an input says which one the rest is.
 
 #include "access_token.h"
-#include "device/device_state_file.h"
+#include "device/device_state.h"
 #include "fuzz.h"
 #include "runtime/access_tokens.h"
 #include "runtime/settings.h"
@@ -14,17 +14,16 @@ using namespace KITE::Linux;
 namespace {
 
 void ReadDeviceState(const std::string& text) {
-    DeviceStateFile file;
     const std::string path = "device_state.json";
     WriteFile(path, R"({"extensions": [{"uid": 1, "pid": 2}]})");
-    Require(file.Current(path)->extensions.size() == 1);
+    Require(CurrentDeviceState()->extensions.size() == 1);
     WriteFile(path, text);
-    const auto state = file.Current(path);
+    const auto state = CurrentDeviceState();
     const auto isPossible = [](const auto& entry) { return entry.uid >= 0 && entry.pid > 0; };
     Require(std::ranges::all_of(state->extensions, isPossible) &&
             std::ranges::all_of(state->continuousTasks, isPossible) &&
             std::ranges::all_of(state->processResources, isPossible));
-    Require(file.Current(path) == state);
+    Require(CurrentDeviceState() == state);
 }
 
 void ReadTokens(const std::string& text) {

@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <vector>
 
+#include "base/result.h"
 #include "remote_object.h"
 #include "visibility.h"
 
@@ -52,9 +54,11 @@ struct DeviceState {
     std::vector<EfficiencyResource> processResources;
 };
 
+// Reads a state from its JSON text. The failure names the first faulty place. Any thread.
+KITE_API Result<DeviceState> ReadDeviceState(std::string_view text);
+
 // The state as the file has it now; never null. Without a file the screen is on and there is nothing else.
-// While the file cannot be used the last good state stays, and each new content is complained about once. Any
-// thread.
+// While the file cannot be used the last good state stays, and the log tells each new fault once. Any thread.
 KITE_API std::shared_ptr<const DeviceState> CurrentDeviceState();
 
 // 1 for a process that the state lists under an application of that uid, 2 for one that it lists as an

@@ -3,7 +3,6 @@
 #include "app_manager.h"
 #include "background_task_manager.h"
 #include "device/device_state.h"
-#include "device/device_state_reader.h"
 #include "platform_fixture.h"
 #include "power_manager.h"
 #include "runtime/platform_log.h"
@@ -122,7 +121,7 @@ TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
     StopLog();
     const std::string log = pipe.Text();
     int count = 0;
-    for (size_t at = 0; (at = log.find(" E KITE_PLATFORM: [device_state_file(Complain):", at)) != log.npos;
+    for (size_t at = 0; (at = log.find(" E KITE_PLATFORM: [device_state(Complain):", at)) != log.npos;
          ++at) {
         ++count;
     }

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "device/device_state_reader.h"
+#include "device/device_state.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/device/file_replacement.h"
 #include "rqctl/output.h"
