@@ -4,8 +4,9 @@
 
 namespace KITE::Linux {
 
-// A static object that is never destroyed, for what must still work while the process exits. Declared static
-// within a function, it also works before main.
+// A static object that is never destroyed. Threads still log and record events while the process runs its
+// exit handlers, and load-time initialisers do so before main: declared static within a function, it works
+// for both.
 template <typename T>
 union Immortal {
     template <typename... Args>

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <string>
 
@@ -18,7 +17,7 @@ namespace KITE::Linux {
 
 namespace {
 
-constexpr size_t kStagingBytes = 65536;  // a pipe's size unless somebody changes it
+constexpr size_t kStagingBytes = 65536;  // the usual size of a pipe
 constexpr size_t kFileBytes = size_t{1} << 20;
 constexpr size_t kTerminalBytes = 64;
 constexpr unsigned kMemoryDevices = 1;  // major number of /dev/null, /dev/full and so on
@@ -33,21 +32,21 @@ bool IsServedElsewhere(int fd) {
            std::ranges::find(kFileSystems, static_cast<uint32_t>(status.f_type)) != kFileSystems.end();
 }
 
-ssize_t ResultOf(ssize_t written) {
-    return written < 0 ? -errno : written;
+Result<size_t> Counted(ssize_t written) {
+    return written < 0 ? Result<size_t>(LastError()) : static_cast<size_t>(written);
 }
 
-// 0 when a write would succeed at least in part, else the negative error number. Asking first also spares the
-// process the SIGPIPE of a pipe that nobody reads.
-int Readiness(int fd) {
+// Zero when a write would succeed at least in part. Asking first also spares the process the SIGPIPE of a
+// pipe without a reader.
+std::error_code Readiness(int fd) {
     pollfd waiting{fd, POLLOUT, 0};
     if (poll(&waiting, 1, 0) < 0) {
-        return -errno;
+        return LastError();
     }
     if ((waiting.revents & (POLLERR | POLLHUP)) != 0) {
-        return -EPIPE;
+        return ErrorOf(EPIPE);
     }
-    return (waiting.revents & POLLOUT) != 0 ? 0 : -EAGAIN;
+    return (waiting.revents & POLLOUT) != 0 ? std::error_code() : ErrorOf(EAGAIN);
 }
 
 }  // namespace
@@ -58,28 +57,31 @@ NonblockingWriter::Method NonblockingWriter::Choose(Doubtful doubtful) {
     struct stat status {};
     const int flags = fcntl(fd_, F_GETFL);
     if (flags < 0 || fstat(fd_, &status) != 0) {
-        return Refuse(errno);
+        return Refuse(LastError());
     }
     // Opening a terminal again must not give more than the descriptor gives.
     if ((flags & O_ACCMODE) == O_RDONLY) {
-        return Refuse(EBADF);
+        return Refuse(ErrorOf(EBADF));
     }
     switch (status.st_mode & S_IFMT) {
         case S_IFSOCK:
             return &NonblockingWriter::Send;
+        case S_IFIFO:
+            return ChooseForPipe();
         case S_IFREG:
-            return doubtful == Doubtful::kRefuse && IsServedElsewhere(fd_) ? Refuse(EINVAL)
+            return doubtful == Doubtful::kRefuse && IsServedElsewhere(fd_) ? Refuse(ErrorOf(EINVAL))
                                                                            : &NonblockingWriter::WritePlainly;
         case S_IFCHR:
             return ChooseForDevice(status.st_rdev, doubtful);
-        case S_IFIFO:
-            break;
         default:
-            return Refuse(EINVAL);
+            return Refuse(ErrorOf(EINVAL));
     }
+}
+
+NonblockingWriter::Method NonblockingWriter::ChooseForPipe() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-        return Refuse(errno);
+        return Refuse(LastError());
     }
     stagingOut_ = UniqueFd(ends[0]);
     stagingIn_ = UniqueFd(ends[1]);
@@ -91,34 +93,89 @@ NonblockingWriter::Method NonblockingWriter::ChooseForDevice(dev_t device, Doubt
         return &NonblockingWriter::WritePlainly;
     }
     if (isatty(fd_) == 0) {
-        return Refuse(EINVAL);
+        return Refuse(ErrorOf(EINVAL));
     }
     const std::string path = "/proc/self/fd/" + std::to_string(fd_);
     reopened_ = UniqueFd(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (reopened_) {
         return &NonblockingWriter::WriteReopened;
     }
-    return doubtful == Doubtful::kRefuse ? Refuse(errno) : &NonblockingWriter::WriteWhenReady;
+    return doubtful == Doubtful::kRefuse ? Refuse(LastError()) : &NonblockingWriter::WriteWhenReady;
 }
 
-NonblockingWriter::Method NonblockingWriter::Refuse(int error) {
-    error_ = error;
+NonblockingWriter::Method NonblockingWriter::Refuse(std::error_code reason) {
+    refusal_ = reason;
     return &NonblockingWriter::Refused;
 }
 
-ssize_t NonblockingWriter::Write(std::string_view text) {
+Result<size_t> NonblockingWriter::Write(std::string_view text) {
     if (text.empty()) {
-        return 0;
+        return size_t{0};
     }
-    const ssize_t written = (this->*method_)(text);
-    if (written > 0 || written == -EAGAIN || written == -EINTR) {
-        return written;
+    Result<size_t> written = (this->*method_)(text);
+    while (Is(written.Code(), EINTR)) {
+        written = (this->*method_)(text);
     }
-    DropStaged();
-    return written != 0 ? written : -EIO;
+    if (written && *written == 0) {
+        written = ErrorOf(EIO);
+    }
+    if (!written && !Is(written.Code(), EAGAIN)) {
+        DropStaged();
+    }
+    return written;
 }
 
-// The pipe is emptied rather than made anew, which could fail for want of descriptors.
+std::error_code NonblockingWriter::WriteAllUntil(std::chrono::steady_clock::time_point deadline,
+                                                 std::string_view text) {
+    using std::chrono::ceil, std::chrono::milliseconds, std::chrono::steady_clock;
+    while (!text.empty()) {
+        const Result<size_t> written = Write(text);
+        if (!written && !Is(written.Code(), EAGAIN)) {
+            return written.Code();
+        }
+        text.remove_prefix(written ? *written : 0);
+        const auto left = ceil<milliseconds>(deadline - steady_clock::now());
+        if (!text.empty() && left <= milliseconds::zero()) {
+            return ErrorOf(ETIMEDOUT);
+        }
+        if (!written) {
+            pollfd waiting{fd_, POLLOUT, 0};
+            poll(&waiting, 1, static_cast<int>(left.count()));
+        }
+    }
+    return {};
+}
+
+Result<size_t> NonblockingWriter::Refused(std::string_view /*text*/) {
+    return refusal_;
+}
+
+Result<size_t> NonblockingWriter::Send(std::string_view text) {
+    return Counted(send(fd_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+}
+
+// splice moves bytes from pipe to pipe and takes the flag that a write to the reader's pipe cannot take. So
+// the text goes into the staging pipe first. What the reader's pipe has no room for stays there: bytes cannot
+// be put back, and the next call goes on with them.
+Result<size_t> NonblockingWriter::Splice(std::string_view text) {
+    if (const std::error_code error = Readiness(fd_)) {
+        return error;
+    }
+    if (staged_ == 0) {
+        const ssize_t staged = write(stagingIn_.Get(), text.data(), std::min(text.size(), kStagingBytes));
+        if (staged < 0) {
+            return LastError();
+        }
+        staged_ = static_cast<size_t>(staged);
+    }
+    const Result<size_t> moved = Counted(
+        splice(stagingOut_.Get(), nullptr, fd_, nullptr, std::min(staged_, text.size()), SPLICE_F_NONBLOCK));
+    staged_ -= moved ? *moved : 0;
+    return moved;
+}
+
+// For a text that is given up. The pipe is emptied rather than made anew, which could fail for want of
+// descriptors.
 void NonblockingWriter::DropStaged() {
     char dropped[4096];
     while (staged_ > 0 && read(stagingOut_.Get(), dropped, sizeof(dropped)) > 0) {
@@ -126,68 +183,17 @@ void NonblockingWriter::DropStaged() {
     staged_ = 0;
 }
 
-ssize_t NonblockingWriter::Refused(std::string_view /*text*/) {
-    return -error_;
+Result<size_t> NonblockingWriter::WriteReopened(std::string_view text) {
+    return Counted(write(reopened_.Get(), text.data(), text.size()));
 }
 
-ssize_t NonblockingWriter::Send(std::string_view text) {
-    return ResultOf(send(fd_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+Result<size_t> NonblockingWriter::WritePlainly(std::string_view text) {
+    return Counted(write(fd_, text.data(), std::min(text.size(), kFileBytes)));
 }
 
-ssize_t NonblockingWriter::Splice(std::string_view text) {
-    if (const int readiness = Readiness(fd_); readiness != 0) {
-        return readiness;
-    }
-    if (staged_ == 0) {
-        const ssize_t staged = write(stagingIn_.Get(), text.data(), std::min(text.size(), kStagingBytes));
-        if (staged < 0) {
-            return -errno;
-        }
-        staged_ = static_cast<size_t>(staged);
-    }
-    const ssize_t moved =
-        splice(stagingOut_.Get(), nullptr, fd_, nullptr, std::min(staged_, text.size()), SPLICE_F_NONBLOCK);
-    if (moved < 0) {
-        return -errno;
-    }
-    staged_ -= static_cast<size_t>(moved);
-    return moved;
-}
-
-ssize_t NonblockingWriter::WriteReopened(std::string_view text) {
-    return ResultOf(write(reopened_.Get(), text.data(), text.size()));
-}
-
-ssize_t NonblockingWriter::WritePlainly(std::string_view text) {
-    return ResultOf(write(fd_, text.data(), std::min(text.size(), kFileBytes)));
-}
-
-ssize_t NonblockingWriter::WriteWhenReady(std::string_view text) {
-    const int readiness = Readiness(fd_);
-    return readiness != 0 ? readiness
-                          : ResultOf(write(fd_, text.data(), std::min(text.size(), kTerminalBytes)));
-}
-
-int WriteWhole(int fd, NonblockingWriter& writer, std::string_view text,
-               std::chrono::steady_clock::time_point deadline) {
-    using std::chrono::ceil, std::chrono::milliseconds, std::chrono::steady_clock;
-    while (!text.empty()) {
-        const ssize_t written = writer.Write(text);
-        if (written >= 0) {
-            text.remove_prefix(static_cast<size_t>(written));
-        } else if (written != -EAGAIN && written != -EINTR) {
-            return static_cast<int>(-written);
-        }
-        const auto left = ceil<milliseconds>(deadline - steady_clock::now());
-        if (!text.empty() && left <= milliseconds::zero()) {
-            return ETIMEDOUT;
-        }
-        if (written == -EAGAIN) {
-            pollfd waiting{fd, POLLOUT, 0};
-            poll(&waiting, 1, static_cast<int>(left.count()));
-        }
-    }
-    return 0;
+Result<size_t> NonblockingWriter::WriteWhenReady(std::string_view text) {
+    const std::error_code error = Readiness(fd_);
+    return error ? error : Counted(write(fd_, text.data(), std::min(text.size(), kTerminalBytes)));
 }
 
 }  // namespace KITE::Linux

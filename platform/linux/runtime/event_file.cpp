@@ -1,15 +1,14 @@
 #include "runtime/event_file.h"
 
 #include <algorithm>
-#include <iterator>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <string>
 #include <utility>
 
+#include "base/event_names.h"
 #include "base/file_names.h"
-#include "base/line_file.h"
 #include "base/immortal.h"
+#include "base/line_file.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 #include "system_event.h"
@@ -21,13 +20,17 @@ namespace Linux {
 
 namespace {
 
-// Some 5 MiB.
-constexpr size_t kMostQueued = 10'000;
+// Well below the size at which the file is rotated, so that it keeps its bound however much has come.
+constexpr size_t kMostQueuedBytes = size_t{4} << 20;
 
-std::string LineOf(const Event& event) {
-    nlohmann::ordered_json line = {
-        {"time", event.time}, {"domain", event.domain}, {"name", event.name}, {"type", event.type}};
-    for (const EventItem& item : event.items) {
+// What the platform saw or did, as opposed to a fault of what it watches.
+constexpr int32_t kBehaviourEvent = 4;
+
+std::string LineOf(std::string_view domain, std::string_view name, int32_t type,
+                   const std::vector<EventItem>& items) {
+    const int64_t now = TimeServiceClient::GetInstance().GetWallTimeMs();
+    nlohmann::ordered_json line = {{"time", now}, {"domain", domain}, {"name", name}, {"type", type}};
+    for (const EventItem& item : items) {
         std::visit([&](const auto& value) { line.emplace(std::string(item.key), value); }, item.value);
     }
     if (GetSettings().isDryRun) {
@@ -36,99 +39,73 @@ std::string LineOf(const Event& event) {
     return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
 
-int32_t AppendOrComplain(std::string_view lines) {
-    const std::string path = GetSettings().stateDirectory + FileName::kEvents;
-    const std::error_code error = AppendLines(path, lines);
-    if (error) {
-        const auto count = static_cast<long>(std::ranges::count(lines, '\n'));
-        PLATFORM_LOGE("%{public}ld events are not in %{public}s: %{public}s", count, path.c_str(),
-                      error.message().c_str());
-    }
-    return error.value();
-}
-
-// The way of events into the file. Whoever writes, writes first what is queued: events stand in the file in
-// the order in which they came here.
-class EventWriter {
+// The way of events into the file, which has them in the order in which they came here.
+class EventFile {
   public:
-    static EventWriter& Instance() {
-        static Immortal<EventWriter> writer;
-        return writer.value;
+    static EventFile& Instance() {
+        static Immortal<EventFile> file;
+        return file.value;
     }
 
-    int32_t Write(std::string_view line) {
+    // Writes what is queued, and then the line.
+    std::error_code Write(std::string_view line) {
         const std::lock_guard lock(writing_);
-        WriteWhatWaits();
-        return AppendOrComplain(line);
+        std::string lines = TakeQueue();
+        lines += line;
+        return lines.empty() ? std::error_code() : Append(lines);
     }
 
-    void Queue(std::vector<Event> events) {
+    void Queue(std::string_view line) {
         std::unique_lock lock(queueMutex_);
-        queue_.insert(queue_.end(), std::make_move_iterator(events.begin()),
-                      std::make_move_iterator(events.end()));
-        const bool isFull = queue_.size() >= kMostQueued;
+        queue_ += line;
+        const bool isFull = queue_.size() >= kMostQueuedBytes;
         lock.unlock();
         if (isFull) {
-            WriteQueued();
+            static_cast<void>(Write(""));
         }
-    }
-
-    void WriteQueued() {
-        const std::lock_guard lock(writing_);
-        WriteWhatWaits();
     }
 
   private:
-    void WriteWhatWaits();
+    std::string TakeQueue() {
+        const std::lock_guard lock(queueMutex_);
+        return std::exchange(queue_, {});
+    }
 
-    std::mutex writing_;     // of the file
+    static std::error_code Append(std::string_view lines) {
+        const std::string path = GetSettings().stateDirectory + FileName::kEvents;
+        const std::error_code error = AppendLines(path, lines);
+        if (error) {
+            const auto count = static_cast<long>(std::ranges::count(lines, '\n'));
+            PLATFORM_LOGE("%{public}ld events are lost, %{public}s cannot be written: %{public}s", count,
+                          path.c_str(), error.message().c_str());
+        }
+        return error;
+    }
+
+    std::mutex writing_;     // held while the file is written
     std::mutex queueMutex_;  // guards the queue; not held while the file is written
-    std::vector<Event> queue_;
+    std::string queue_;      // lines
 };
 
-// In pieces, so that the file grows little beyond its bound however much has come.
-void EventWriter::WriteWhatWaits() {
-    constexpr size_t kPieceBytes = size_t{64} << 10;
-    std::vector<Event> events;
-    {
-        const std::lock_guard lock(queueMutex_);
-        events.swap(queue_);
-    }
-    std::string lines;
-    for (const Event& event : events) {
-        lines += LineOf(event);
-        if (lines.size() >= kPieceBytes || &event == &events.back()) {
-            static_cast<void>(AppendOrComplain(lines));
-            lines.clear();
-        }
-    }
+std::error_code Record(std::string line) {
+    const std::error_code error = EventFile::Instance().Write(line);
+    line.pop_back();
+    PLATFORM_LOGI("event %{public}s", line.c_str());
+    return error;
 }
 
 }  // namespace
 
-Event::Event(std::string_view itsDomain, std::string_view itsName, int32_t itsType,
-             std::vector<EventItem> itsItems)
-    : time(TimeServiceClient::GetInstance().GetWallTimeMs()),
-      domain(itsDomain),
-      name(itsName),
-      type(itsType),
-      items(std::move(itsItems)) {}
-
-int32_t RecordEvent(std::string_view domain, std::string_view name, int32_t type,
-                    std::vector<EventItem> items) {
-    std::string line = LineOf(Event(domain, name, type, std::move(items)));
-    const int32_t failure = EventWriter::Instance().Write(line);
-    line.pop_back();
-    PLATFORM_LOGI("event %{public}s", line.c_str());
-    return failure;
+std::error_code RecordEvent(std::string_view name, const std::vector<EventItem>& items) {
+    return Record(LineOf(EventName::kDomain, name, kBehaviourEvent, items));
 }
 
-void QueueEvents(std::vector<Event> events) {
-    EventWriter::Instance().Queue(std::move(events));
+void QueueEvent(std::string_view name, const std::vector<EventItem>& items) {
+    EventFile::Instance().Queue(LineOf(EventName::kDomain, name, kBehaviourEvent, items));
 }
 
 void WriteQueuedEvents() {
-    EventWriter::Instance().WriteQueued();
+    static_cast<void>(EventFile::Instance().Write(""));
 }
 
 }  // namespace Linux
@@ -136,12 +113,11 @@ void WriteQueuedEvents() {
 int32_t QuillRec::Write(std::string_view domain, std::string_view name, EventType type,
                         const std::vector<EventField>& fields) {
     std::vector<Linux::EventItem> items;
-    items.reserve(fields.size());
     for (const EventField& field : fields) {
         Linux::EventItem& item = items.emplace_back(Linux::EventItem{field.key, {}});
         std::visit([&](const auto& value) { item.value = value; }, field.value);
     }
-    return Linux::RecordEvent(domain, name, static_cast<int32_t>(type), std::move(items));
+    return Linux::Record(Linux::LineOf(domain, name, static_cast<int32_t>(type), items)).value();
 }
 
 }  // namespace KITE

@@ -16,7 +16,6 @@ namespace KITE::Linux {
 
 namespace {
 
-constexpr const char* kEventDomain = "KITE";
 constexpr const char* kSuppress = "SUPPRESS";
 constexpr const char* kSuppressEnd = "SUPPRESS_END";
 constexpr const char* kFreeze = "FREEZE";
@@ -93,7 +92,7 @@ void Treatments::Record(const Result& result) {
     if (result.by) {
         items.push_back({"BY_UID", *result.by});
     }
-    RecordEvent(kEventDomain, result.event, kBehaviourEvent, std::move(items));
+    RecordEvent(result.event, items);
 }
 
 void Treatments::RecordEnd(const TreatmentRecord& record, const char* reason) {

@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/event_names.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
 #include "runtime/event_file.h"
@@ -16,22 +17,18 @@ namespace KITE::Linux {
 
 namespace {
 
-std::vector<Event> EventsOf(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) {
-    std::vector<Event> events;
-    events.reserve(infos.size());
+void QueueReports(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) {
     for (const Kelvra::ProcessAnomalyInfo& info : infos) {
-        events.emplace_back("KITE", "REPORT", kBehaviourEvent,
-                            std::vector<EventItem>{{"PID", info.pid},
-                                                   {"PROCESS_NAME", info.processName},
-                                                   {"UID", info.uid},
-                                                   {"RESOURCE_TYPE", info.resType},
-                                                   {"RULE_ID", info.id},
-                                                   {"RESOURCE", info.resource},
-                                                   {"DURATION", info.duration},
-                                                   {"ACTION", info.action},
-                                                   {"SEEN_NS", info.sampleTime}});
+        QueueEvent(EventName::kReport, {{"PID", info.pid},
+                                        {"PROCESS_NAME", info.processName},
+                                        {"UID", info.uid},
+                                        {"RESOURCE_TYPE", info.resType},
+                                        {"RULE_ID", info.id},
+                                        {"RESOURCE", info.resource},
+                                        {"DURATION", info.duration},
+                                        {"ACTION", info.action},
+                                        {"SEEN_NS", info.sampleTime}});
     }
-    return events;
 }
 
 }  // namespace
@@ -77,7 +74,7 @@ int32_t SubscriberStub::TakeBatch(MessageParcel& data) {
     }
     // Queued before the service can act, so that a report's event comes before the event of what was done
     // about it; written after the service has the reports, since its decision must not wait for a disk.
-    QueueEvents(EventsOf(*infos));
+    QueueReports(*infos);
     subscriber->OnReportAbnormalProcess(*infos);
     SubmitTask(WriteQueuedEvents, {.name = "WriteQueuedEvents", .delay = {}});
     return ERR_NONE;

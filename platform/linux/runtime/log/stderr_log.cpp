@@ -29,32 +29,18 @@ void AppendTime(std::string& out) {
     out.append(text, static_cast<size_t>(length));
 }
 
-void AppendEscaped(std::string& out, char byte) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    switch (byte) {
-        case '\n':
-            out += "\\n";
-            break;
-        case '\r':
-            out += "\\r";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            out += "\\x";
-            out += kDigits[static_cast<unsigned char>(byte) >> 4];
-            out += kDigits[byte & 0xF];
-    }
-}
-
-void AppendText(std::string& out, std::string_view text) {
+// So that no text passes for a line of its own or moves the cursor of a terminal.
+void AppendEscaped(std::string& out, std::string_view text) {
     for (const char byte : text) {
         const auto code = static_cast<unsigned char>(byte);
-        if (code < 0x20 || code == 0x7F) {
-            AppendEscaped(out, byte);
-        } else {
+        if (code >= 0x20 && code != 0x7F) {
             out += byte;
+        } else if (byte == '\n') {
+            out += "\\n";
+        } else {
+            char escape[5];
+            std::snprintf(escape, sizeof(escape), "\\x%02x", unsigned{code});
+            out += escape;
         }
     }
 }
@@ -66,7 +52,7 @@ void AppendLine(std::string& out, const LogLine& line) {
     out += ' ';
     out += line.label.tag;
     out += ": ";
-    AppendText(out, line.text);
+    AppendEscaped(out, line.text);
     out += '\n';
 }
 
@@ -102,6 +88,17 @@ bool StderrLog::Enqueue(const LogLine& line) {
     return pendingLines_++ == 0;
 }
 
+// Queues the notice of the lines that were dropped since the last one, if there are any.
+bool StderrLog::EnqueueDropNotice() {
+    if (dropped_ == 0) {
+        return false;
+    }
+    char text[256];
+    AppendLine(pending_, DropNotice(text, std::exchange(dropped_, 0)));
+    ++pendingLines_;
+    return true;
+}
+
 void StderrLog::StartThread() {
     mode_ = Mode::kDirect;
     if (!stopEvent_) {
@@ -116,73 +113,47 @@ void StderrLog::StartThread() {
     }
 }
 
-// What is written leaves the queue; lines dropped before that belong right behind it.
-void StderrLog::WriteDirectly() {
-    std::string_view left = pending_;
-    ssize_t written = 0;
-    do {
-        written = writer_.Write(left);
-        left.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
-    } while (written > 0 && !left.empty());
-    if (left.empty() || (written < 0 && written != -EAGAIN)) {
-        pending_.clear();
-        pendingLines_ = 0;
-        if (TakeDropNotice()) {
-            WriteDirectly();
-        }
-    } else {
-        pending_.erase(0, pending_.size() - left.size());
-    }
-}
-
-bool StderrLog::TakeDropNotice() {
-    if (dropped_ == 0) {
-        return false;
-    }
-    char text[256];
-    AppendLine(pending_, DropNotice(text, std::exchange(dropped_, 0)));
-    ++pendingLines_;
-    return true;
-}
-
 void StderrLog::Run() {
-    std::string batch;
-    while (TakeBatch(batch)) {
-        std::string_view left = batch;
-        if (!WriteBatch(left)) {
-            const std::lock_guard lock(mutex_);
-            pending_.insert(0, left);
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] { return !pending_.empty() || mode_ == Mode::kStopping; });
+        EnqueueDropNotice();
+        if (pending_.empty()) {
+            return;
+        }
+        const std::string batch = std::exchange(pending_, {});
+        pendingLines_ = 0;
+        lock.unlock();
+        const std::string_view unwritten = WriteBatch(batch);
+        lock.lock();
+        if (!unwritten.empty()) {
+            pending_.insert(0, unwritten);
             return;
         }
     }
 }
 
-// Waits for lines; false when there are none left and none will follow.
-bool StderrLog::TakeBatch(std::string& batch) {
-    std::unique_lock lock(mutex_);
-    wake_.wait(lock, [this] { return !pending_.empty() || mode_ == Mode::kStopping; });
-    TakeDropNotice();
-    batch = std::exchange(pending_, {});
-    pendingLines_ = 0;
-    return !batch.empty();
-}
-
-// False when the time to stop came first; `batch` is then what is left of it. Lines that nobody will ever
-// read are forgotten.
-bool StderrLog::WriteBatch(std::string_view& batch) {
-    while (!batch.empty()) {
-        const ssize_t written = writer_.Write(batch);
-        if (written >= 0) {
-            batch.remove_prefix(static_cast<size_t>(written));
-        } else if (written == -EAGAIN) {
-            if (!WaitUntilWritable()) {
-                return false;
-            }
-        } else if (written != -EINTR) {
-            return true;
+// Returns what could not be written before the time to stop.
+std::string_view StderrLog::WriteBatch(std::string_view batch) {
+    while (Is(WriteSome(batch), EAGAIN)) {
+        if (!WaitUntilWritable()) {
+            return batch;
         }
     }
-    return true;
+    return {};
+}
+
+// Takes off the text what was written, which is all of it or what needs no waiting. Another error than EAGAIN
+// means that no reader will ever take the rest.
+std::error_code StderrLog::WriteSome(std::string_view& text) {
+    while (!text.empty()) {
+        const Result<size_t> written = writer_.Write(text);
+        if (!written) {
+            return written.Code();
+        }
+        text.remove_prefix(*written);
+    }
+    return {};
 }
 
 // False when the time to stop has come.
@@ -193,13 +164,24 @@ bool StderrLog::WaitUntilWritable() {
         return true;
     }
     using std::chrono::ceil, std::chrono::milliseconds;
-    const auto left = ceil<milliseconds>(Deadline() - std::chrono::steady_clock::now());
+    std::unique_lock lock(mutex_);
+    const auto left = ceil<milliseconds>(deadline_ - std::chrono::steady_clock::now());
+    lock.unlock();
     return left > milliseconds::zero() && poll(waiting, 1, static_cast<int>(left.count())) != 0;
 }
 
-std::chrono::steady_clock::time_point StderrLog::Deadline() {
-    const std::lock_guard lock(mutex_);
-    return deadline_;
+// The notice of dropped lines comes behind all lines that were queued before them, so it is not queued while
+// the reader stalls: each further line that is dropped would make a notice of its own.
+void StderrLog::WriteDirectly() {
+    do {
+        std::string_view left = pending_;
+        if (Is(WriteSome(left), EAGAIN)) {
+            pending_.erase(0, pending_.size() - left.size());
+            return;
+        }
+        pending_.clear();
+        pendingLines_ = 0;
+    } while (EnqueueDropNotice());
 }
 
 void StderrLog::Stop() {

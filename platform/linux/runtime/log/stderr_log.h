@@ -5,11 +5,12 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 
+#include "base/nonblocking_writer.h"
 #include "base/unique_fd.h"
 #include "runtime/log/log_line.h"
-#include "base/nonblocking_writer.h"
 
 namespace KITE::Linux {
 
@@ -18,8 +19,8 @@ namespace KITE::Linux {
 //     2024-05-01T12:00:00.123Z I TAG: text
 //
 // with control characters escaped, so that no text passes for a line of its own. A line is queued, and a
-// thread that starts with the first one writes it; a caller waits for nobody who reads. When the queue is
-// full, lines are dropped, and their count is written in their place.
+// thread that starts with the first one writes it: a caller never waits for the reader. When a reader stalls
+// until the queue is full, further lines are dropped, and their count is written in their place.
 class StderrLog {
   public:
     static constexpr size_t kMaxLines = 4096;
@@ -34,7 +35,7 @@ class StderrLog {
     // Any thread. Throws only for want of memory.
     void Write(const LogLine& line);
 
-    // Ends the thread once the queue is empty, or when a reader has not taken all of it in a second. Later
+    // Ends the thread once the queue is empty, or after a second if the reader has not taken all of it. Later
     // lines are written by their callers, as far as that needs no waiting; the rest stays queued.
     void Stop();
 
@@ -42,14 +43,13 @@ class StderrLog {
     enum class Mode { kIdle, kThreaded, kStopping, kDirect };
 
     bool Enqueue(const LogLine& line);
-    bool TakeDropNotice();
+    bool EnqueueDropNotice();
     void StartThread();
-    void WriteDirectly();
     void Run();
-    bool TakeBatch(std::string& batch);
-    bool WriteBatch(std::string_view& batch);
+    std::string_view WriteBatch(std::string_view batch);
+    std::error_code WriteSome(std::string_view& text);
     bool WaitUntilWritable();
-    std::chrono::steady_clock::time_point Deadline();
+    void WriteDirectly();
 
     const int fd_;
     const UniqueFd stopEvent_;

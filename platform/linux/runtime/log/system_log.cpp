@@ -8,9 +8,9 @@
 #include "base/immortal.h"
 #include "runtime/log/journal_log.h"
 #include "runtime/log/log_line.h"
+#include "runtime/log/stderr_log.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
-#include "runtime/log/stderr_log.h"
 
 namespace KITE {
 
@@ -47,11 +47,11 @@ void Log::Write(Level level, const Label& label, const Site& site, const char* f
     const Linux::LogLine line{level, label, site, Linux::FormatLogText(buffer, format, arguments)};
     va_end(arguments);
     SystemLog& log = Instance();
-    if (Linux::GetSettings().logsToStandardError || !log.journal.Send(line)) {
+    if (Linux::GetSettings().logsToStandardError || log.journal.Send(line)) {
         try {
             log.standardError.Write(line);
         } catch (const std::exception&) {
-            // Without memory there is no line, and no place to say so.
+            // Without memory the line is lost, and there is no place to say so.
         }
     }
     errno = errorBefore;
