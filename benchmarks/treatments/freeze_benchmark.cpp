@@ -15,11 +15,11 @@
 #include <utility>
 #include <vector>
 
+#include "base/thread_signals.h"
 #include "integration/process.h"
 #include "percentile.h"
 #include "ratio_table.h"
 #include "runtime/settings.h"
-#include "base/thread_signals.h"
 #include "system_log.h"
 #include "treatments/treatments.h"
 

@@ -1,8 +1,8 @@
 #include <random>
 
 #include "res_policy_manager.h"
-#include "rqctl/check/policy_in_force.h"
 #include "rqctl/check/findings.h"
+#include "rqctl/check/policy_in_force.h"
 #include "service_fixture.h"
 
 namespace KITE::Rqctl {

@@ -14,8 +14,8 @@
 #include <utility>
 
 #include "base/immortal.h"
-#include "runtime/platform_log.h"
 #include "base/thread_signals.h"
+#include "runtime/platform_log.h"
 
 namespace KITE::Linux {
 

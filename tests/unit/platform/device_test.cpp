@@ -121,8 +121,7 @@ TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
     StopLog();
     const std::string log = pipe.Text();
     int count = 0;
-    for (size_t at = 0; (at = log.find(" E KITE_PLATFORM: [device_state(Complain):", at)) != log.npos;
-         ++at) {
+    for (size_t at = 0; (at = log.find(" E KITE_PLATFORM: [device_state(Complain):", at)) != log.npos; ++at) {
         ++count;
     }
     _exit(count);
