@@ -46,14 +46,13 @@ std::string WriteMonitConfiguration(const std::string& directory) {
 
 // Births on the machine count: the Kelvra manager lists /proc after them alone, monit at every cycle.
 double SecondsOfCpu(const char* who, const Process& process) {
-    Linux::BirthCounter births;
     std::this_thread::sleep_for(kUntilSteady);
     const auto before = process.CpuTime();
-    const int64_t bornBefore = births.Read().value();
+    const int64_t bornBefore = *Linux::CountBirths();
     std::this_thread::sleep_for(kTime);
     const double used = std::chrono::duration<double>(process.CpuTime() - before).count();
     std::printf("%s: %.1f ms of processor time in %ld s, in which the machine gave birth to %ld\n", who,
-                used * 1000, static_cast<long>(kTime.count()), births.Read().value() - bornBefore);
+                used * 1000, static_cast<long>(kTime.count()), *Linux::CountBirths() - bornBefore);
     return used;
 }
 

@@ -51,11 +51,8 @@ void CheckStartTime(const std::string& command) {
 void CheckNames(std::string_view cmdline) {
     const std::string name(ProcessNameOf(cmdline));
     Require(cmdline.size() >= kCommandLineBuffer - 1 || Linux::ReadProcessName(kPid) == name);
-    SeenName seen;
-    seen.Add(cmdline.substr(0, cmdline.size() / 2));
-    seen.Add(cmdline.substr(cmdline.size() / 2));
     Require(ResourceQuotaCtl::NatvieProcessChecker().VerifyPidAndProcessName(kPid, name) ==
-            IsAcceptedAs(seen.Text(), name));
+            IsAcceptedAs(SeenNameOf(cmdline), name));
 }
 
 void CheckWrittenBytes(std::string_view io) {
@@ -75,8 +72,8 @@ RuleBook Rules() {
 
 void Watch(const std::vector<std::string>& texts) {
     static const RuleBook rules = Rules();
-    const auto process = WatchedProcess::Open(kPid, OpenProcessFile(kPid, "cmdline"), ProcessNameOf(texts[0]),
-                                              rules.RulesFor("daemon"));
+    const auto process = WatchedProcess::Open(kPid, std::move(*OpenProcessFile(kPid, "cmdline")),
+                                              ProcessNameOf(texts[0]), rules.RulesFor("daemon"));
     for (int second = 0; process && second < 3; ++second) {
         process->Sample(TimePoint(std::chrono::seconds(second)));
         for (const auto& report : process->TakeReports([](const auto&) { return false; })) {
@@ -90,7 +87,7 @@ void Watch(const std::vector<std::string>& texts) {
 
 }  // namespace
 
-// Gives the texts to whoever opens the files of that process, and to nobody else.
+// Whoever opens one of that process's files gets its text; all other files are the real ones.
 extern "C" int open(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);

@@ -8,17 +8,21 @@ namespace KITE::Linux {
 
 namespace {
 
-// The service's own limit.
-constexpr size_t kSeenLength = 15;
+// What follows the last slash, the whole text where there is none.
+std::string_view LastComponent(std::string_view text) {
+    return text.substr(text.rfind('/') + 1);
+}
+
+std::string_view UpToNul(std::string_view text) {
+    return text.substr(0, text.find('\0'));
+}
 
 }  // namespace
 
 std::string_view ProcessNameOf(std::string_view commandLine) {
-    const std::string_view program = commandLine.substr(0, commandLine.find('\0'));
-    if (program.size() >= kCommandLineBuffer) {
-        return {};
-    }
-    return program.substr(program.rfind('/') + 1);
+    const std::string_view program = UpToNul(commandLine);
+    const bool mayBeCut = program.size() >= kCommandLineBuffer;
+    return mayBeCut ? std::string_view() : LastComponent(program);
 }
 
 std::string ReadProcessName(pid_t pid) {
@@ -27,13 +31,9 @@ std::string ReadProcessName(pid_t pid) {
     return text ? std::string(ProcessNameOf(*text)) : std::string();
 }
 
-void SeenName::Add(std::string_view piece) {
-    const size_t slash = piece.rfind('/');
-    if (slash != std::string_view::npos) {
-        tail_.clear();
-        piece.remove_prefix(slash + 1);
-    }
-    tail_.append(piece.substr(0, kSeenLength - tail_.size()));
+std::string_view SeenNameOf(std::string_view commandLine) {
+    constexpr size_t kSeenLength = 15;  // the service's own limit
+    return UpToNul(LastComponent(commandLine).substr(0, kSeenLength));
 }
 
 bool IsAcceptedAs(std::string_view seenName, std::string_view reportedName) {

@@ -20,17 +20,8 @@ std::string ReadProcessName(pid_t pid);
 
 // The name that the quota service sees when it verifies a process that was reported to it: what follows the
 // last slash of all arguments, cut at 15 bytes and at the first NUL.
-class SeenName {
-  public:
-    // Takes the next piece of the command line.
-    void Add(std::string_view piece);
-    std::string Text() const { return tail_.substr(0, tail_.find('\0')); }
-
-  private:
-    std::string tail_;
-};
-
-// Whether the service would accept a report under that name.
+std::string_view SeenNameOf(std::string_view commandLine);
+// Whether the service accepts a report under that name.
 bool IsAcceptedAs(std::string_view seenName, std::string_view reportedName);
 
 }  // namespace KITE::Linux

@@ -28,17 +28,18 @@ std::string ProcessFilePath(pid_t pid, std::string_view name) {
 }
 
 bool MeansGone(const std::error_code& error) {
-    return error == ErrorOf(ESRCH) || error == ErrorOf(ENOENT);
+    return Is(error, ESRCH) || Is(error, ENOENT);
 }
 
-UniqueFd OpenProcessFile(pid_t pid, const char* name) {
-    return UniqueFd(open(ProcessFilePath(pid, name).c_str(), O_RDONLY | O_CLOEXEC));
+Result<UniqueFd> OpenProcessFile(pid_t pid, std::string_view name) {
+    UniqueFd file(open(ProcessFilePath(pid, name).c_str(), O_RDONLY | O_CLOEXEC));
+    return file ? Result<UniqueFd>(std::move(file)) : LastError();
 }
 
-Result<std::string_view> ReadOpenFile(const UniqueFd& file, std::span<char> buffer, off_t offset) {
+Result<std::string_view> ReadOpenFile(const UniqueFd& file, std::span<char> buffer) {
     ssize_t length = -1;
     do {
-        length = pread(file.Get(), buffer.data(), buffer.size(), offset);
+        length = pread(file.Get(), buffer.data(), buffer.size(), 0);
     } while (length < 0 && errno == EINTR);
     if (length < 0) {
         return LastError();
@@ -46,20 +47,9 @@ Result<std::string_view> ReadOpenFile(const UniqueFd& file, std::span<char> buff
     return std::string_view(buffer.data(), static_cast<size_t>(length));
 }
 
-Result<std::string_view> ReadProcessFile(pid_t pid, const char* name, std::span<char> buffer) {
-    const UniqueFd file = OpenProcessFile(pid, name);
-    return file ? ReadOpenFile(file, buffer) : LastError();
-}
-
-std::optional<int64_t> NumberOfField(std::string_view text, int index) {
-    for (; index > 0; --index) {
-        const size_t blank = text.find(' ');
-        if (blank == std::string_view::npos) {
-            return std::nullopt;
-        }
-        text.remove_prefix(blank + 1);
-    }
-    return LeadingNumber(text);
+Result<std::string_view> ReadProcessFile(pid_t pid, std::string_view name, std::span<char> buffer) {
+    const Result<UniqueFd> file = OpenProcessFile(pid, name);
+    return file ? ReadOpenFile(*file, buffer) : file.Why();
 }
 
 std::optional<int64_t> NumberOfLine(std::string_view text, std::string_view key) {
@@ -76,7 +66,8 @@ std::optional<int64_t> NumberOfLine(std::string_view text, std::string_view key)
 }
 
 std::optional<int64_t> ResidentPagesOf(std::string_view statm) {
-    return NumberOfField(statm, 1);
+    const size_t blank = statm.find(' ');
+    return blank == std::string_view::npos ? std::nullopt : LeadingNumber(statm.substr(blank + 1));
 }
 
 }  // namespace KITE::Linux

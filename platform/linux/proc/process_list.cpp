@@ -1,9 +1,10 @@
 #include "proc/process_list.h"
 
-#include <fcntl.h>
+#include <dirent.h>
 
 #include <cerrno>
-#include <filesystem>
+#include <memory>
+#include <optional>
 
 #include "base/text.h"
 #include "proc/process_file.h"
@@ -12,74 +13,57 @@ namespace KITE::Linux {
 
 namespace {
 
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
 // Absent for a name that is not a pid.
-std::optional<pid_t> PidOf(std::string_view name) {
+std::optional<pid_t> PidOf(const char* name) {
     constexpr int64_t kMostPid = 1 << 22;  // the kernel's own limit
     const std::optional<int64_t> number = ParseDecimal(name);
     const bool isPid = number && *number > 0 && *number <= kMostPid;
     return isPid ? std::optional(static_cast<pid_t>(*number)) : std::nullopt;
 }
 
-// The numbers that name entries of a directory.
-Result<std::vector<pid_t>> ListNumbers(const std::string& path) {
-    std::vector<pid_t> numbers;
-    std::error_code error;
-    std::filesystem::directory_iterator entry(path, error);
-    while (!error && entry != std::filesystem::directory_iterator()) {
-        if (const std::optional<pid_t> number = PidOf(entry->path().filename().native())) {
-            numbers.push_back(*number);
-        }
-        entry.increment(error);
+// The entries of a directory that have a pid for a name.
+Result<std::vector<ListedProcess>> ListPids(const std::string& path) {
+    const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(path.c_str()));
+    if (!directory) {
+        return LastError();
     }
-    return error ? Result<std::vector<pid_t>>(error) : numbers;
+    std::vector<ListedProcess> listed;
+    errno = 0;  // readdir tells its end from a failure by it alone
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this function's own.
+    while (const dirent* entry = readdir(directory.get())) {
+        if (const std::optional<pid_t> pid = PidOf(entry->d_name)) {
+            listed.push_back({*pid, entry->d_ino});
+        }
+        errno = 0;
+    }
+    return errno == 0 ? Result<std::vector<ListedProcess>>(std::move(listed)) : LastError();
 }
 
 }  // namespace
 
-Result<std::vector<pid_t>> ListProcesses() {
-    return ListNumbers("/proc");
+Result<std::vector<ListedProcess>> ListProcesses() {
+    return ListPids("/proc");
 }
 
 std::vector<pid_t> ListThreads(pid_t pid) {
-    return ListNumbers(ProcessFilePath(pid, "task")).ValueOr({});
+    std::vector<pid_t> threads;
+    for (const ListedProcess& thread : ListPids(ProcessFilePath(pid, "task")).ValueOr({})) {
+        threads.push_back(thread.pid);
+    }
+    return threads;
 }
 
-std::error_code ProcessList::ForEach(const std::function<void(pid_t, ino_t)>& visit) {
-    if (!directory_) {
-        directory_.reset(opendir("/proc"));
+Result<int64_t> CountBirths() {
+    const Result<std::string> stat = ReadFile("/proc/stat");
+    if (!stat) {
+        return stat.Why();
     }
-    if (!directory_) {
-        return LastError();
-    }
-    rewinddir(directory_.get());
-    pid_t last = 0;
-    errno = 0;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this object's own.
-    while (const dirent* entry = readdir(directory_.get())) {
-        const std::optional<pid_t> pid = PidOf(entry->d_name);
-        if (pid && *pid > last) {
-            last = *pid;
-            visit(*pid, entry->d_ino);
-        }
-        errno = 0;
-    }
-    return LastError();
-}
-
-std::optional<int64_t> BirthCounter::Read() {
-    // Several kilobytes of interrupt counters, more on larger machines, come before it.
-    constexpr size_t kFirstSize = 16384;
-    constexpr size_t kLargestSize = 1 << 20;
-    if (!stat_) {
-        stat_ = UniqueFd(open("/proc/stat", O_RDONLY | O_CLOEXEC));
-        buffer_.resize(kFirstSize);
-    }
-    Result<std::string_view> stat = ReadOpenFile(stat_, buffer_);
-    while (stat && stat->size() == buffer_.size() && buffer_.size() < kLargestSize) {
-        buffer_.resize(buffer_.size() * 2);
-        stat = ReadOpenFile(stat_, buffer_);
-    }
-    return stat ? NumberOfLine(*stat, "processes") : std::nullopt;
+    const std::optional<int64_t> births = NumberOfLine(*stat, "processes");
+    return births ? Result<int64_t>(*births) : ErrorOf(EBADMSG);
 }
 
 }  // namespace KITE::Linux

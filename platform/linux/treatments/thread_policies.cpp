@@ -58,11 +58,11 @@ ThreadPolicy ForThread(ThreadPolicy policy, const ThreadPolicy& thread) {
 }
 
 int ReadProcesses(std::map<pid_t, ProcessStat>& processes) {
-    const Result<std::vector<pid_t>> pids = ListProcesses();
-    if (!pids) {
-        return pids.Code().value();
+    const Result<std::vector<ListedProcess>> listed = ListProcesses();
+    if (!listed) {
+        return listed.Code().value();
     }
-    for (const pid_t pid : *pids) {
+    for (const auto& [pid, inode] : *listed) {
         const Result<ProcessStat> stat = ReadProcessStat(pid);
         if (!stat && stat.Code() != ErrorOf(ESRCH)) {
             return stat.Code().value();

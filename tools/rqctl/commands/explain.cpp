@@ -47,10 +47,9 @@ std::optional<Identity> IdentityOf(int32_t pid) {
     if (!commandLine) {
         return std::nullopt;
     }
-    Linux::SeenName seen;
-    seen.Add(*commandLine);
+    const std::string seen(Linux::SeenNameOf(*commandLine));
     const std::string name(Linux::ProcessNameOf(*commandLine));
-    return Identity{pid, name, seen.Text(), !name.empty() && Linux::IsAcceptedAs(seen.Text(), name)};
+    return Identity{pid, name, seen, !name.empty() && Linux::IsAcceptedAs(seen, name)};
 }
 
 std::string IdentityInWords(const Identity& identity) {

@@ -29,14 +29,13 @@ class ManagerAbility : public SystemAbility {
     std::shared_ptr<Sampler> sampler_;
 };
 
-// As many processes as there are descriptors for; the host has raised the limit as far as it goes.
+// As many processes as there are descriptors for, one each; the host has raised the limit as far as it goes.
 size_t MostWatched() {
     constexpr rlim_t kForEverythingElse = 128;
-    constexpr rlim_t kPerProcess = WatchedProcess::kDescriptors;
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t left = std::max(limit.rlim_cur, kForEverythingElse) - kForEverythingElse;
-    return std::clamp<size_t>(left / kPerProcess, 1, ProcessTable::kMostWatched);
+    return std::clamp<size_t>(left, 1, ProcessTable::kMostWatched);
 }
 
 std::unique_ptr<SampleRecorder> MakeRecorder() {
@@ -52,7 +51,7 @@ void ManagerAbility::OnStart() {
     sampler_ = std::make_shared<Sampler>(period, MostWatched(), reporter, MakeRecorder());
     sampler_->Start();
     if (!Publish(MakeSptr<ManagerStub>(sampler_, reporter))) {
-        PLATFORM_LOGE("the Kelvra manager cannot be published");
+        PLATFORM_LOGE("the Kelvra manager cannot be published: no quotas are taken and nothing is reported");
     }
 }
 

@@ -4,7 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -12,25 +12,21 @@
 #include "kelvra_manager/manager/report.h"
 #include "kelvra_manager/manager/watched_process.h"
 #include "proc/cpu_clock.h"
-#include "proc/process_list.h"
 
 namespace KITE::Linux::Sampling {
 
 // The processes of the machine, as far as the rules care. One thread.
 //
-// A watched process is measured in every sample. Any other may execute a program that has rules at any time,
-// but not without moving its CPU clock. So that is looked at, in every sample while the process is young,
-// since a fork is often seen before its exec, and in every kCheckPeriod-th later on; the name is read only
-// when the clock has moved. For a process that sleeps that takes a tenth of what reading the name does, and
-// all of it less than a listing of /proc. That is made only when a process or thread was born since the last
-// one.
+// A process whose name has rules is watched: measured in every sample. Any other may execute a program that
+// has rules at any time, but not without moving its CPU clock. So every sample reads that clock, and the name
+// only when the clock has moved: for a process that sleeps this takes a tenth of the time. /proc is listed
+// only when a process or thread was born since the last listing, which takes longer than all of that.
 class ProcessTable {
   public:
     static constexpr size_t kMostWatched = 2048;
-    static constexpr uint32_t kCheckPeriod = 8;
 
-    // Watches at most that many processes; more that bear a name with rules are left alone, with a warning.
-    // The recorder, if there is one, gets each sample; it must outlive the table.
+    // Watches at most that many processes; any more with rules are left alone, with a warning, until there is
+    // room. The recorder, if there is one, gets each sample; it must outlive the table.
     explicit ProcessTable(size_t mostWatched = kMostWatched, SampleRecorder* recorder = nullptr)
         : mostWatched_(mostWatched), recorder_(recorder) {}
 
@@ -38,26 +34,22 @@ class ProcessTable {
     void UseRules(const std::shared_ptr<const RuleBook>& book);
 
     // Finds processes, measures those that have rules, and returns the reports that are due.
-    std::vector<Report> Sample(TimePoint at, const std::function<bool(const ReportKey&)>& isOnTheWay);
+    std::vector<Report> Sample(TimePoint at, const IsOnTheWay& isOnTheWay);
 
-    size_t WatchedCount() const noexcept { return watchedCount_; }
+    size_t WatchedCount() const;
 
   private:
-    struct Known {
-        Known(pid_t itsPid, ino_t itsInode) : pid(itsPid), inode(itsInode), clock(itsPid) {}
+    struct Process {
+        Process(pid_t pid, ino_t itsInode) : inode(itsInode), clock(pid) {}
 
-        bool IsCheckDue(uint32_t sample) const;
-
-        pid_t pid;
         ino_t inode;
         CpuClock clock;
-        uint32_t age = 0;  // in samples, as far as that matters
         // What the clock said before the name was found to have no rules; absent when it was not found so.
         std::optional<nanoseconds> ruledOutAt = std::nullopt;
         std::unique_ptr<WatchedProcess> watched = nullptr;
     };
 
-    // Which problems have had their line.
+    // Which problems have had their log line since the rules came: most come again with every sample.
     struct Warned {
         bool unlisted = false;
         bool unreadable = false;
@@ -65,25 +57,14 @@ class ProcessTable {
     };
 
     void FindProcesses();
-    void ListProcesses();
-    void AddBorn();
-    void CheckName(Known& known);
-    void Look(Known& known);
-    void Measure(Known& known, TimePoint at, const std::function<bool(const ReportKey&)>& isOnTheWay,
-                 std::vector<Report>& reports);
-    void Forget(Known& known);
-    void WarnOnce(bool& warned, const char* problem, size_t number);
+    void WatchIfItHasRules(pid_t pid, Process& process);
 
     const size_t mostWatched_;
     SampleRecorder* const recorder_;
     std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>());
-    BirthCounter births_;
-    std::optional<int64_t> birthsListed_;  // what the counter said before the last listing
-    ProcessList processes_;
-    std::vector<Known> known_;  // by pid; after book_, whose rules the watched ones refer to
-    std::vector<Known> born_;   // those of the last listing that are not in known_ yet
-    size_t watchedCount_ = 0;
-    uint32_t sample_ = 0;
+    std::optional<int64_t> birthsListed_;  // how many there were before the last listing
+    std::map<pid_t, Process> processes_;   // after book_, whose rules the watched ones refer to
+    size_t room_ = 0;                      // how many more may be watched; counted anew in each sample
     Warned warned_;
 };
 

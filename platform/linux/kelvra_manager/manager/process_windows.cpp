@@ -5,17 +5,11 @@ namespace KITE::Linux::Sampling {
 namespace {
 
 std::variant<LevelWindow, CounterWindow> WindowFor(const Rule& rule) {
-    const int64_t quota = rule.quota.resource;
-    switch (rule.resource) {
-        case Resource::kMemory:
-            return LevelWindow(quota, rule.duration);
-        case Resource::kIo:
-            return CounterWindow(quota, rule.duration, Measure::kAmount);
-        case Resource::kCpu:
-        case Resource::kCpuExt:
-            break;
+    const WindowKind kind = WindowKindOf(rule.resource);
+    if (kind == WindowKind::kLevel) {
+        return LevelWindow(rule.quota.resource, rule.duration);
     }
-    return CounterWindow(quota, rule.duration, Measure::kPercent);
+    return CounterWindow(kind, rule.quota.resource, rule.duration);
 }
 
 }  // namespace
@@ -23,36 +17,22 @@ std::variant<LevelWindow, CounterWindow> WindowFor(const Rule& rule) {
 ProcessWindows::ProcessWindows(std::span<const Rule> rules) {
     judged_.reserve(rules.size());
     for (const Rule& rule : rules) {
-        judged_.push_back({&rule, WindowFor(rule), std::nullopt});
+        judged_.push_back({&rule, WindowFor(rule)});
     }
 }
 
-void ProcessWindows::Add(const Measurements& sample) {
-    for (Judged& judged : judged_) {
-        judged.breach = Judge(judged, sample);
+void ProcessWindows::Add(const Readings& readings) {
+    for (JudgedRule& judged : judged_) {
+        const auto found = readings.find(judged.rule->resource);
+        const auto reading = found == readings.end() ? std::nullopt : std::optional(found->second);
+        judged.measured = std::visit([&](auto& window) { return window.Add(reading); }, judged.window);
     }
 }
 
-std::optional<int64_t> ProcessWindows::Judge(Judged& judged, const Measurements& sample) {
-    if (auto* level = std::get_if<LevelWindow>(&judged.window)) {
-        if (sample.memoryKiB) {
-            return level->Add(sample.at, *sample.memoryKiB);
-        }
-        level->Miss();
-        return std::nullopt;
-    }
-    auto& counter = std::get<CounterWindow>(judged.window);
-    if (judged.rule->resource == Resource::kIo) {
-        return sample.writtenBytes ? counter.Add({sample.at, sample.at, *sample.writtenBytes}) : std::nullopt;
-    }
-    return sample.cpuTime ? counter.Add({sample.at, sample.cpuReadAt, sample.cpuTime->count()})
-                          : std::nullopt;
-}
-
-ProcessWindows::Judged* ProcessWindows::NextBreachOf(Resource resource) {
-    Judged* next = nullptr;
-    for (Judged& judged : judged_) {
-        const bool isBroken = judged.rule->resource == resource && judged.breach;
+ProcessWindows::JudgedRule* ProcessWindows::NextBrokenOf(Resource resource) {
+    JudgedRule* next = nullptr;
+    for (JudgedRule& judged : judged_) {
+        const bool isBroken = judged.rule->resource == resource && judged.measured;
         if (isBroken && (next == nullptr || judged.reportedAs < next->reportedAs)) {
             next = &judged;
         }
@@ -62,14 +42,14 @@ ProcessWindows::Judged* ProcessWindows::NextBreachOf(Resource resource) {
 
 std::vector<Breach> ProcessWindows::TakeBreaches(const std::function<bool(Resource)>& isHeldBack) {
     std::vector<Breach> taken;
-    for (const auto& [resource, name, unit, measure, span, most, isStaged] : kResourceTypes) {
-        Judged* next = NextBreachOf(resource);
-        if (next == nullptr || isHeldBack(resource)) {
+    for (const ResourceType& type : kResourceTypes) {
+        JudgedRule* broken = NextBrokenOf(type.resource);
+        if (broken == nullptr || isHeldBack(type.resource)) {
             continue;
         }
-        taken.push_back({next->rule, *next->breach});
-        next->reportedAs = ++reports_;
-        std::visit([](auto& window) { window.Restart(); }, next->window);
+        taken.push_back({broken->rule, *broken->measured});
+        broken->reportedAs = ++reports_;
+        std::visit([](auto& window) { window.Restart(); }, broken->window);
     }
     return taken;
 }

@@ -7,19 +7,13 @@
 #include <variant>
 #include <vector>
 
+#include "kelvra_manager/manager/process_meter.h"
+#include "kelvra_manager/manager/rule_book.h"
 #include "kelvra_manager/manager/window.h"
 
 namespace KITE::Linux::Sampling {
 
-// What one sample read of one process; absent where nothing was asked for or nothing could be read.
-struct Measurements {
-    TimePoint at;                         // the sample's place on the grid of sample times
-    std::optional<int64_t> memoryKiB;     // PSS, or RSS where that is above no quota; PSS is not more
-    std::optional<nanoseconds> cpuTime;   // of all threads
-    TimePoint cpuReadAt;                  // when cpuTime was read
-    std::optional<int64_t> writtenBytes;  // sent to storage
-};
-
+// That a rule's quota was exceeded.
 struct Breach {
     const Rule* rule = nullptr;
     int64_t measured = 0;
@@ -30,7 +24,7 @@ class ProcessWindows {
   public:
     explicit ProcessWindows(std::span<const Rule> rules);
 
-    void Add(const Measurements& sample);
+    void Add(const Readings& readings);
     // The breaches that the last sample showed and that are to be reported: at most one of each resource,
     // none of one that is held back. Of several rules of a resource the one that was silent for longest comes
     // first, so that none starves another. The window of each breach taken starts anew; the others stay
@@ -38,17 +32,16 @@ class ProcessWindows {
     std::vector<Breach> TakeBreaches(const std::function<bool(Resource)>& isHeldBack);
 
   private:
-    struct Judged {
+    struct JudgedRule {
         const Rule* rule;
         std::variant<LevelWindow, CounterWindow> window;
-        std::optional<int64_t> breach;
+        std::optional<int64_t> measured = std::nullopt;  // what the last sample showed, above the quota
         uint64_t reportedAs = 0;  // place in the order of this process's reports; 0 before the first
     };
 
-    static std::optional<int64_t> Judge(Judged& judged, const Measurements& sample);
-    Judged* NextBreachOf(Resource resource);
+    JudgedRule* NextBrokenOf(Resource resource);
 
-    std::vector<Judged> judged_;
+    std::vector<JudgedRule> judged_;
     uint64_t reports_ = 0;
 };
 

@@ -4,8 +4,10 @@
 
 #include <compare>
 #include <cstdint>
+#include <functional>
 
-#include "kelvra_manager/manager/rule_book.h"
+#include "base/resource_types.h"
+#include "kelvra_manager_client.h"
 
 namespace KITE::Linux::Sampling {
 
@@ -22,5 +24,8 @@ struct Report {
     ReportKey key;
     Kelvra::ProcessAnomalyInfo info;
 };
+
+// Whether a report of that kind was sent and is not answered yet.
+using IsOnTheWay = std::function<bool(const ReportKey&)>;
 
 }  // namespace KITE::Linux::Sampling

@@ -21,21 +21,25 @@ void Reporter::Send(std::vector<Report> reports) {
         const std::lock_guard lock(mutex_);
         subscriber = subscriber_;
     }
-    for (size_t first = 0; subscriber && first < reports.size(); first += kMostRecordsOfBatch) {
-        SendBatch(subscriber, &reports[first], std::min(kMostRecordsOfBatch, reports.size() - first));
+    std::span<const Report> left(reports);
+    while (subscriber && !left.empty()) {
+        const size_t count = std::min(kMostRecordsOfBatch, left.size());
+        SendBatch(subscriber, left.first(count));
+        left = left.subspan(count);
     }
 }
 
-void Reporter::SendBatch(const Subscriber& subscriber, const Report* first, size_t count) {
+void Reporter::SendBatch(const Subscriber& subscriber, std::span<const Report> reports) {
     std::vector<ReportKey> keys;
     std::vector<Kelvra::ProcessAnomalyInfo> infos;
-    for (size_t i = 0; i < count; ++i) {
-        keys.push_back(first[i].key);
-        infos.push_back(first[i].info);
+    for (const Report& report : reports) {
+        keys.push_back(report.key);
+        infos.push_back(report.info);
     }
     MessageParcel batch;
     if (!WriteRecordList(infos, batch)) {
-        PLATFORM_LOGE("a batch of %{public}lu reports is too large for a message", count);
+        PLATFORM_LOGE("a batch of %{public}lu reports is dropped: it is too large for a message",
+                      reports.size());
         return;
     }
     {
@@ -52,7 +56,8 @@ void Reporter::SendBatch(const Subscriber& subscriber, const Report* first, size
 void Reporter::HandleAnswer(const Subscriber& subscriber, const std::vector<ReportKey>& keys,
                             int32_t status) {
     if (status != ERR_NONE) {
-        PLATFORM_LOGW("a batch of %{public}lu reports was not taken: status %{public}d", keys.size(), status);
+        PLATFORM_LOGW("the subscriber did not take a batch of %{public}lu reports: status %{public}d",
+                      keys.size(), status);
     }
     const std::lock_guard lock(mutex_);
     for (const ReportKey& key : keys) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <vector>
 
 #include "kelvra_manager/manager/report.h"
@@ -35,7 +36,7 @@ class Reporter : public std::enable_shared_from_this<Reporter> {
   private:
     using Subscriber = std::shared_ptr<const Deliver>;
 
-    void SendBatch(const Subscriber& subscriber, const Report* first, size_t count);
+    void SendBatch(const Subscriber& subscriber, std::span<const Report> reports);
     void HandleAnswer(const Subscriber& subscriber, const std::vector<ReportKey>& keys, int32_t status);
 
     std::atomic<bool> hasSubscriber_{false};

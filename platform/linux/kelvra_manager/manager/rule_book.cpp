@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/text.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
@@ -14,30 +15,30 @@ constexpr int64_t kLongestDurationSeconds = 1'000'000'000;
 
 constexpr size_t kMostWarnings = 20;
 
-// What keeps a quota from ever applying; null when nothing does.
-const char* FlawOf(const Kelvra::ResQuotaInfo& quota) {
+// Why a quota can never apply; null when it can.
+const char* FaultOf(const Kelvra::ResQuotaInfo& quota) {
     if (FindResourceType(quota.resType) == nullptr) {
-        return "unknown resource type";
+        return "the resource type is unknown";
     }
-    const bool canBeBorne = !quota.processName.empty() && quota.processName.find('/') == std::string::npos;
-    return canBeBorne ? nullptr : "no process bears such a name";
+    const bool canBeName = !quota.processName.empty() && quota.processName.find('/') == std::string::npos;
+    return canBeName ? nullptr : "no process can have this name";
 }
 
 }  // namespace
 
 RuleBook::RuleBook(std::vector<Kelvra::ResQuotaInfo> quotas) {
-    size_t flawed = 0;
+    size_t faulty = 0;
     for (Kelvra::ResQuotaInfo& quota : quotas) {
-        const char* flaw = FlawOf(quota);
-        if (flaw == nullptr) {
+        const char* fault = FaultOf(quota);
+        if (fault == nullptr) {
             Add(std::move(quota));
-        } else if (++flawed <= kMostWarnings) {
-            PLATFORM_LOGW("quota %{public}d of %{public}s for %{public}s is left out: %{public}s", quota.id,
-                          quota.resType.c_str(), quota.processName.c_str(), flaw);
+        } else if (++faulty <= kMostWarnings) {
+            PLATFORM_LOGW("quota %{public}d, %{public}s of \"%{public}s\", is left out: %{public}s", quota.id,
+                          Printable(quota.resType).c_str(), Printable(quota.processName).c_str(), fault);
         }
     }
-    if (flawed > kMostWarnings) {
-        PLATFORM_LOGW("%{public}lu quotas are left out in all", flawed);
+    if (faulty > kMostWarnings) {
+        PLATFORM_LOGW("%{public}lu quotas are left out in all", faulty);
     }
 }
 

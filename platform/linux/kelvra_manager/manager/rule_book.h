@@ -3,12 +3,10 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <optional>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "base/resource_types.h"
@@ -16,11 +14,9 @@
 
 namespace KITE::Linux::Sampling {
 
-using Clock = std::chrono::steady_clock;
-using TimePoint = Clock::time_point;
 using std::chrono::nanoseconds;
 
-// One quota, ready to be judged.
+// A quota, ready to be judged.
 struct Rule {
     Resource resource = Resource::kMemory;
     // Length of the window. Zero, for a quota whose duration is not positive, means the shortest window that
@@ -29,11 +25,11 @@ struct Rule {
     Kelvra::ResQuotaInfo quota;
 };
 
-// The quotas by process name. Immutable; any thread.
+// The rules by process name. Immutable; any thread.
 class RuleBook {
   public:
     // A quota that can never apply is left out, with a warning: one of an unknown resource type, or of a name
-    // with a slash, which no process bears.
+    // that no process can have, because it is empty or has a slash.
     explicit RuleBook(std::vector<Kelvra::ResQuotaInfo> quotas);
 
     // The rules for processes of that name, in the order in which they came; they live as long as the book.
@@ -41,16 +37,9 @@ class RuleBook {
     bool IsEmpty() const noexcept { return rules_.empty(); }
 
   private:
-    struct NameHash {
-        using is_transparent = void;
-        size_t operator()(std::string_view name) const noexcept {
-            return std::hash<std::string_view>{}(name);
-        }
-    };
-
     void Add(Kelvra::ResQuotaInfo quota);
 
-    std::unordered_map<std::string, std::vector<Rule>, NameHash, std::equal_to<>> rules_;
+    std::map<std::string, std::vector<Rule>, std::less<>> rules_;
 };
 
 }  // namespace KITE::Linux::Sampling

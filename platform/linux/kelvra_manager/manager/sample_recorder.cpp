@@ -9,21 +9,14 @@
 namespace KITE::Linux::Sampling {
 
 void SampleRecorder::Add(pid_t pid, int64_t startTime, const std::string& name, std::span<const Rule> rules,
-                         const Measurements& measured) {
+                         const Readings& readings) {
     nlohmann::ordered_json line{{"time", TimeServiceClient::GetInstance().GetWallTimeMs()},
                                 {"pid", pid},
                                 {"start", startTime},
                                 {"name", name}};
-    const auto addMeasured = [&line](const char* key, const std::optional<int64_t>& value) {
-        if (value) {
-            line[key] = *value;
-        }
-    };
-    if (measured.cpuTime) {
-        line["cpu_ns"] = measured.cpuTime->count();
+    for (const auto& [resource, reading] : readings) {
+        line[RecordedNameOf(resource)] = reading.value;
     }
-    addMeasured("memory_kib", measured.memoryKiB);
-    addMeasured("written_bytes", measured.writtenBytes);
     for (const Rule& rule : rules) {
         const Kelvra::ResQuotaInfo& quota = rule.quota;
         line["quotas"][quota.resType].push_back({quota.resource, quota.duration});
@@ -37,7 +30,7 @@ void SampleRecorder::Write() {
     }
     const std::error_code error = AppendLines(path_, lines_);
     if (error && error != error_) {
-        PLATFORM_LOGE("samples are not recorded in %{public}s: %{public}s", path_.c_str(),
+        PLATFORM_LOGE("samples cannot be recorded in %{public}s: %{public}s", path_.c_str(),
                       error.message().c_str());
     }
     error_ = error;

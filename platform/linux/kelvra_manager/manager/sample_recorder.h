@@ -7,7 +7,7 @@
 #include <string>
 #include <system_error>
 
-#include "kelvra_manager/manager/process_windows.h"
+#include "kelvra_manager/manager/process_meter.h"
 #include "kelvra_manager/manager/rule_book.h"
 
 namespace KITE::Linux::Sampling {
@@ -19,8 +19,8 @@ class SampleRecorder {
     explicit SampleRecorder(std::string path) : path_(std::move(path)) {}
 
     void Add(pid_t pid, int64_t startTime, const std::string& name, std::span<const Rule> rules,
-             const Measurements& measured);
-    // Writes what was added. A file that cannot be written is complained about once, until it can be again.
+             const Readings& readings);
+    // Writes what was added. An error gets one line, until there is another one or none.
     void Write();
 
   private:

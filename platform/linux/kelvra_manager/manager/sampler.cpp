@@ -49,7 +49,8 @@ void Sampler::SetQuotas(std::vector<Kelvra::ResQuotaInfo> quotas) {
 }
 
 void Sampler::SubscriberHasChanged() {
-    // The sampler may have looked for a subscriber and not be waiting yet: it holds the mutex in between.
+    // The sampling thread may have looked for a subscriber and not wait yet, and would miss the notice. It
+    // holds the mutex in between.
     { const std::lock_guard lock(mutex_); }
     changed_.notify_all();
 }
@@ -60,7 +61,7 @@ void Sampler::Run() {
         changed_.wait(lock, [this] { return stopping_ || HasWork(); });
         RunGuarded("a sample", [&] { SampleWhileThereIsWork(lock); });
         if (!lock.owns_lock()) {
-            // It was ended by what was thrown; what was known of the processes is begun anew.
+            // An exception ended the sample, without the lock; all processes are found anew.
             lock.lock();
             changed_.wait_for(lock, period_, [this] { return stopping_; });
         }

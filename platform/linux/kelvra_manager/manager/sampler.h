@@ -18,7 +18,7 @@ namespace KITE::Linux::Sampling {
 TimePoint NextSampleTime(TimePoint last, TimePoint now, std::chrono::milliseconds period);
 
 // Samples on a thread of its own while there are quotas and a subscriber, waking once per period; sleeps
-// otherwise. What was seen before such a sleep does not count after it. Any thread.
+// otherwise. After such a sleep all windows start anew. Any thread.
 class Sampler {
   public:
     // Samples are recorded where there is a recorder.

@@ -8,8 +8,7 @@ namespace KITE::Linux::Sampling {
 
 namespace {
 
-// Readings kept of one window: up to two minutes every one of the default period, and a window of a day takes
-// no more memory than that.
+// Up to two minutes every reading of the default period is kept; a window of a day takes no more memory.
 constexpr int kReadingsOfWindow = 120;
 
 int64_t ToInteger(double value) {
@@ -17,7 +16,6 @@ int64_t ToInteger(double value) {
     return value >= kMost ? std::numeric_limits<int64_t>::max() : static_cast<int64_t>(value);
 }
 
-// Rounded up, so that the printed value is above the quota exactly when the precise one is.
 int64_t PercentOf(int64_t part, nanoseconds whole) {
     if (whole <= nanoseconds::zero()) {
         return 0;
@@ -27,38 +25,41 @@ int64_t PercentOf(int64_t part, nanoseconds whole) {
 
 }  // namespace
 
-std::optional<int64_t> LevelWindow::Add(TimePoint at, int64_t level) {
-    last_ = at;
-    if (level <= quota_) {
+std::optional<int64_t> LevelWindow::Add(const std::optional<Reading>& reading) {
+    if (!reading || reading->value <= quota_) {
         aboveSince_.reset();
         return std::nullopt;
     }
+    last_ = reading->at;
     if (!aboveSince_) {
-        aboveSince_ = at;
+        aboveSince_ = reading->at;
     }
-    return at - *aboveSince_ >= duration_ ? std::optional(level) : std::nullopt;
+    return reading->at - *aboveSince_ >= duration_ ? std::optional(reading->value) : std::nullopt;
 }
 
-std::optional<int64_t> CounterWindow::Add(const CounterReading& reading) {
-    if (!kept_.empty() && reading.value < last_.value) {
+std::optional<int64_t> CounterWindow::Add(const std::optional<Reading>& reading) {
+    if (!reading) {
+        return std::nullopt;
+    }
+    if (!kept_.empty() && reading->value < last_.value) {
         kept_.clear();
     }
-    const auto isOldEnough = [&](const CounterReading& kept) { return reading.at - kept.at >= duration_; };
+    const auto isOldEnough = [&](const Reading& kept) { return reading->at - kept.at >= duration_; };
     const auto tooYoung = std::ranges::find_if_not(kept_, isOldEnough);
     std::optional<int64_t> breach;
     if (tooYoung != kept_.begin()) {
         const auto base = tooYoung - 1;
-        const int64_t measured = Measured(*base, reading);
-        breach = measured > quota_ ? std::optional(measured) : std::nullopt;
+        const int64_t growth = GrowthBetween(*base, *reading);
+        breach = growth > quota_ ? std::optional(growth) : std::nullopt;
         kept_.erase(kept_.begin(), base);
     }
-    Keep(reading);
+    Keep(*reading);
     return breach;
 }
 
-int64_t CounterWindow::Measured(const CounterReading& from, const CounterReading& to) const {
+int64_t CounterWindow::GrowthBetween(const Reading& from, const Reading& to) const {
     const int64_t growth = to.value - from.value;
-    if (measure_ == Measure::kPercent) {
+    if (kind_ == WindowKind::kPercent) {
         return PercentOf(growth, to.readAt - from.readAt);
     }
     const nanoseconds span = to.at - from.at;
@@ -69,7 +70,7 @@ int64_t CounterWindow::Measured(const CounterReading& from, const CounterReading
                      static_cast<double>(span.count()));
 }
 
-void CounterWindow::Keep(const CounterReading& reading) {
+void CounterWindow::Keep(const Reading& reading) {
     last_ = reading;
     if (kept_.empty() || reading.at - kept_.back().at >= duration_ / kReadingsOfWindow) {
         kept_.push_back(reading);

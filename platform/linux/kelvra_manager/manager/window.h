@@ -1,24 +1,39 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
-#include "kelvra_manager/manager/rule_book.h"
-
 // The judgement of one rule over time. Pure: fed with readings, tells breaches. One thread.
 namespace KITE::Linux::Sampling {
 
-// A level (memory) breaks its quota when every reading for the duration was above it.
+using Clock = std::chrono::steady_clock;
+using TimePoint = Clock::time_point;
+using std::chrono::nanoseconds;
+
+// What one sample read of one resource of one process.
+struct Reading {
+    TimePoint at;      // the sample's place on the grid of sample times, by which durations are judged
+    TimePoint readAt;  // when it was really read
+    int64_t value = 0;
+};
+
+enum class WindowKind : uint8_t {
+    kLevel,    // a level, judged by LevelWindow
+    kAmount,   // what a counter grew by, judged by CounterWindow
+    kPercent,  // the same of a counter of nanoseconds, as a percentage of the time in which it grew
+};
+
+// A level breaks its quota when every reading for the duration was above it.
 class LevelWindow {
   public:
     LevelWindow(int64_t quota, nanoseconds duration) : quota_(quota), duration_(duration) {}
 
-    // Takes a reading; the result is the reading when it completes a breach.
-    std::optional<int64_t> Add(TimePoint at, int64_t level);
-    // A sample without a reading: not every sample was above the quota, so the window starts anew.
-    void Miss() { aboveSince_.reset(); }
+    // Takes a sample's reading; the result is its value when it completes a breach. A sample without a
+    // reading was not above the quota: the window starts anew.
+    std::optional<int64_t> Add(const std::optional<Reading>& reading);
     // Starts the window anew, with the last reading as its first.
     void Restart() { aboveSince_ = last_; }
 
@@ -29,19 +44,6 @@ class LevelWindow {
     TimePoint last_;
 };
 
-// How the growth of a counter becomes a measured value.
-enum class Measure : uint8_t {
-    kPercent,  // of the time in which it grew, rounded up: a counter of CPU nanoseconds gives percent of a
-               // core
-    kAmount,   // as it is
-};
-
-struct CounterReading {
-    TimePoint at;      // the sample's place on the grid of sample times, by which durations are judged
-    TimePoint readAt;  // when it really was read
-    int64_t value = 0;
-};
-
 // A counter breaks its quota when it grew by more over the last `duration`. Judged only when a reading at
 // least that old is known.
 //
@@ -50,12 +52,14 @@ struct CounterReading {
 // share, since a process must not be blamed for what it did in a longer time.
 class CounterWindow {
   public:
-    CounterWindow(int64_t quota, nanoseconds duration, Measure measure)
-        : quota_(quota), duration_(duration), measure_(measure) {}
+    // A percentage is rounded up, so that the printed value is above the quota exactly when the precise one
+    // is.
+    CounterWindow(WindowKind kind, int64_t quota, nanoseconds duration)
+        : kind_(kind), quota_(quota), duration_(duration) {}
 
-    // Takes a reading; the result is the measured value when it is above the quota. A counter that went back
-    // starts the window anew.
-    std::optional<int64_t> Add(const CounterReading& reading);
+    // Takes a sample's reading; the result is the measured value when it is above the quota. A counter that
+    // went back starts the window anew; a sample without a reading changes nothing.
+    std::optional<int64_t> Add(const std::optional<Reading>& reading);
     // Starts the window anew, with the last reading as its first.
     void Restart() { kept_.assign(1, last_); }
 
@@ -63,14 +67,14 @@ class CounterWindow {
     size_t KeptReadings() const noexcept { return kept_.size(); }
 
   private:
-    int64_t Measured(const CounterReading& from, const CounterReading& to) const;
-    void Keep(const CounterReading& reading);
+    int64_t GrowthBetween(const Reading& from, const Reading& to) const;
+    void Keep(const Reading& reading);
 
+    WindowKind kind_;
     int64_t quota_;
     nanoseconds duration_;
-    Measure measure_;
-    std::vector<CounterReading> kept_;  // oldest first
-    CounterReading last_;
+    std::vector<Reading> kept_;  // oldest first
+    Reading last_;
 };
 
 }  // namespace KITE::Linux::Sampling

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "base/result.h"
+#include "kelvra_manager/manager/rule_book.h"
+#include "kelvra_manager/manager/window.h"
+#include "proc/cpu_clock.h"
+
+// How each resource type is measured and judged on Linux. A new resource type is a row of
+// base/resource_types.h and a case of each switch in process_meter.cpp.
+namespace KITE::Linux::Sampling {
+
+WindowKind WindowKindOf(Resource resource);
+// What a reading is called in the recorded samples.
+const char* RecordedNameOf(Resource resource);
+
+// Of one sample of one process; without those that are not needed or could not be read.
+using Readings = std::map<Resource, Reading>;
+
+// Reads what the rules of a process need, by its pid: whether it still is that process has to be asked
+// afterwards. One thread. The rules must outlive it.
+class ProcessMeter {
+  public:
+    ProcessMeter(pid_t pid, std::string_view name, std::span<const Rule> rules);
+
+    // What cannot be read although the process is there gets a warning, one for each process: without it its
+    // quotas would silently never apply.
+    Readings Read(TimePoint at);
+    std::optional<int32_t> ReadUid();
+
+  private:
+    std::optional<int64_t> ReadValue(Resource resource);
+    std::optional<int64_t> ReadMemoryKiB();
+    std::optional<int64_t> ReadCpuTime() const;
+    std::optional<int64_t> ReadNumber(const char* file, std::string_view key);
+    // Empty when the file cannot be read.
+    std::string_view ReadText(const char* file, std::span<char> buffer);
+
+    const pid_t pid_;
+    const std::string name_;
+    const std::span<const Rule> rules_;
+    const CpuClock cpuClock_;
+    int64_t smallestMemoryQuota_;
+    bool warned_ = false;
+};
+
+}  // namespace KITE::Linux::Sampling

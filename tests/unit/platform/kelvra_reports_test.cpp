@@ -1,0 +1,130 @@
+#include <cstring>
+#include <limits>
+
+#include "kelvra_fixture.h"
+#include "kelvra_manager/client/subscriber_stub.h"
+#include "kelvra_manager/manager/reporter.h"
+#include "kelvra_manager/protocol.h"
+#include "kelvra_manager/record_list.h"
+
+// Lists of quotas and batches of reports on their way between the Kelvra manager and its client.
+namespace KITE::Linux::Sampling {
+namespace {
+
+using ::testing::ElementsAre;
+
+// Cut or padded anywhere, or with a false count, a list is refused as a whole.
+TEST(RecordList, IsReadWholeOrRefused) {
+    MessageParcel list;
+    ASSERT_TRUE(WriteRecordList<Kelvra::ResQuotaInfo>({Quota("some_daemon", "io", 1, 2), {}}, list));
+    const std::vector<std::byte> whole(list.Bytes().begin(), list.Bytes().end());
+    const auto isRead = [](const std::vector<std::byte>& bytes) {
+        MessageParcel parcel(bytes);
+        return static_cast<bool>(ReadRecordList<Kelvra::ResQuotaInfo>(parcel));
+    };
+    EXPECT_TRUE(isRead(whole));
+    for (size_t size = 0; size < whole.size() + 8; size += 4) {
+        std::vector<std::byte> other = whole;
+        other.resize(size);
+        EXPECT_EQ(isRead(other), size == whole.size()) << size;
+    }
+    std::vector<std::byte> falseCount = whole;
+    std::memset(falseCount.data(), 0xFF, sizeof(uint32_t));
+    EXPECT_FALSE(isRead(falseCount));
+}
+
+TEST(Reporter, SendsBatchesOfBoundedSizeAndKnowsWhatIsOnItsWay) {
+    const auto reporter = std::make_shared<Reporter>();
+    std::vector<std::function<void(int32_t)>> answers;
+    std::vector<size_t> sizes;
+    reporter->SetSubscriber([&](const MessageParcel& batch, std::function<void(int32_t)> answered) {
+        MessageParcel copy(batch);
+        const auto infos = ReadRecordList<Kelvra::ProcessAnomalyInfo>(copy);
+        sizes.push_back(infos ? infos->size() : 0);
+        answers.push_back(std::move(answered));
+    });
+    std::vector<Report> reports(1001);
+    for (size_t i = 0; i < reports.size(); ++i) {
+        reports[i].key.pid = static_cast<pid_t>(i);
+    }
+    reporter->Send(reports);
+    EXPECT_THAT(sizes, ElementsAre(1000, 1));
+    answers[0](ERR_TIMED_OUT);
+    EXPECT_FALSE(reporter->IsOnTheWay(reports[999].key));
+    EXPECT_TRUE(reporter->IsOnTheWay(reports[1000].key));
+    EXPECT_TRUE(reporter->HasSubscriber());
+}
+
+TEST(Reporter, DropsADeadSubscriberButNotTheOneThatReplacedIt) {
+    const auto reporter = std::make_shared<Reporter>();
+    std::function<void(int32_t)> answer;
+    const Reporter::Deliver deliver = [&](const MessageParcel&, std::function<void(int32_t)> answered) {
+        answer = std::move(answered);
+    };
+    reporter->SetSubscriber(deliver);
+    reporter->Send(std::vector<Report>(1));
+    reporter->SetSubscriber(deliver);
+    answer(ERR_DEAD_OBJECT);
+    EXPECT_TRUE(reporter->HasSubscriber());
+    reporter->Send(std::vector<Report>(1));
+    answer(ERR_DEAD_OBJECT);
+    EXPECT_FALSE(reporter->HasSubscriber());
+}
+
+class CountingSubscriber : public Kelvra::KelvraManagerTaskSubscriber {
+  public:
+    void OnReportAbnormalProcess(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) override {
+        records += infos.size();
+    }
+    size_t records = 0;
+};
+
+class Subscriber : public ::testing::Test {
+  protected:
+    Subscriber() { stub_->SetSubscriber(subscriber_); }
+
+    static MessageParcel Batch(size_t count) {
+        MessageParcel batch;
+        Kelvra::ProcessAnomalyInfo info;
+        info.processName = "some_daemon";
+        info.conditions = {1, 2};
+        EXPECT_TRUE(WriteRecordList(std::vector(count, info), batch));
+        return batch;
+    }
+
+    std::shared_ptr<CountingSubscriber> subscriber_ = std::make_shared<CountingSubscriber>();
+    sptr<SubscriberStub> stub_ = MakeSptr<SubscriberStub>();
+};
+
+TEST_F(Subscriber, TakesWholeBatchesOfProvenSendersAsLongAsItIsThere) {
+    MessageParcel batch = Batch(3);
+    MessageParcel again = Batch(3);
+    MessageParcel reply;
+    MessageOption option;
+    EXPECT_EQ(stub_->OnRemoteRequest(KelvraProtocol::kReport, batch, reply, option), ERR_REFUSED);
+    EXPECT_EQ(subscriber_->records, 0U);
+    EXPECT_EQ(stub_->TakeBatch(batch), ERR_NONE);
+    EXPECT_EQ(subscriber_->records, 3U);
+    subscriber_.reset();
+    EXPECT_EQ(stub_->TakeBatch(again), ERR_DEAD_OBJECT);
+}
+
+TEST_F(Subscriber, IsNotCalledForABatchThatIsCutPaddedOrEmpty) {
+    const MessageParcel whole = Batch(2);
+    std::vector<MessageParcel> broken(3);
+    broken[0] = whole;
+    broken[0].WriteInt32(0);
+    broken[1] = Batch(0);
+    broken[2].WriteUint32(std::numeric_limits<uint32_t>::max());
+    for (size_t length = 0; length < whole.Bytes().size(); ++length) {
+        const auto cut = whole.Bytes().first(length);
+        broken.emplace_back(std::vector<std::byte>(cut.begin(), cut.end()));
+    }
+    for (MessageParcel& batch : broken) {
+        EXPECT_EQ(stub_->TakeBatch(batch), KelvraProtocol::kBadReport) << batch.Bytes().size();
+    }
+    EXPECT_EQ(subscriber_->records, 0U);
+}
+
+}  // namespace
+}  // namespace KITE::Linux::Sampling

@@ -1,0 +1,246 @@
+#include <sys/file.h>
+
+#include <set>
+
+#include "kelvra_fixture.h"
+#include "kelvra_manager/manager/process_table.h"
+#include "kelvra_manager/manager/sampler.h"
+#include "proc/command_line.h"
+#include "proc/process_stat.h"
+#include "remote_object.h"
+#include "runtime/platform_log.h"
+
+// Which processes are watched and what is measured of them, on processes of this machine.
+namespace KITE::Linux::Sampling {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+// Waits under one name and, once told, executes a program of another.
+class Child : public Program {
+  public:
+    Child(const std::string& name, const std::string& next) : Program({name, "become", next}) {
+        AwaitName(name);
+    }
+    void ExecuteNext(const std::string& name) const {
+        Signal(SIGUSR1);
+        AwaitName(name);
+    }
+    void End() {
+        Signal(SIGKILL);
+        AwaitEnd();
+    }
+
+  private:
+    void AwaitName(const std::string& name) const {
+        EXPECT_TRUE(Eventually([&] { return ReadProcessName(Pid()) == name; }));
+        // A running process may have moved its CPU clock or not yet.
+        EXPECT_TRUE(AwaitState('S'));
+    }
+};
+
+// The machine's counter of pids, for one test at a time.
+class PidCounter {
+  public:
+    PidCounter() { flock(file_.Get(), LOCK_EX); }
+    void GoOnAfter(pid_t pid) const {
+        const std::string text = std::to_string(pid);
+        static_cast<void>(!pwrite(file_.Get(), text.data(), text.size(), 0));
+    }
+
+  private:
+    const UniqueFd file_{open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC)};
+};
+
+class RealProcesses : public DirectoryTest {
+  protected:
+    void UseRules(std::vector<Kelvra::ResQuotaInfo> quotas) {
+        table_.UseRules(std::make_shared<RuleBook>(std::move(quotas)));
+    }
+    // Of one second later.
+    std::vector<Report>& Sample() {
+        at_ += 1s;
+        reports_ = table_.Sample(at_, [this](const ReportKey& key) { return onTheWay_.contains(key); });
+        return reports_;
+    }
+
+    const std::string first_ = "kelvra_first_" + std::to_string(getpid());
+    const std::string second_ = "kelvra_second_" + std::to_string(getpid());
+    TimePoint at_;
+    std::set<ReportKey> onTheWay_;
+    ProcessTable table_;
+    std::vector<Report> reports_;  // of the last sample
+};
+
+TEST_F(RealProcesses, AReportSaysWhatTheQuotaSaysAndWhatWasMeasured) {
+    const Child child(first_, second_);
+    UseRules({Quota(first_, "mem", 1, 1, 77)});
+    EXPECT_THAT(Sample(), IsEmpty());
+    ASSERT_THAT(Sample(), SizeIs(1));
+    const Kelvra::ProcessAnomalyInfo& info = reports_[0].info;
+    EXPECT_EQ(info.pid, child.Pid());
+    EXPECT_EQ(info.uid, static_cast<int32_t>(getuid()));
+    EXPECT_EQ(info.id, 77);
+    EXPECT_EQ(info.duration, 1);
+    EXPECT_GT(info.resource, 1);
+    EXPECT_LT(info.resource, 100'000);
+    EXPECT_EQ(info.action, "kill");
+    EXPECT_EQ(info.resType, "mem");
+    EXPECT_EQ(info.processName, first_);
+    EXPECT_THAT(info.conditions, ElementsAre(8, 1));
+    EXPECT_EQ(ReadProcessStat(child.Pid()).ValueOr({}).startTime, info.startTime);
+    EXPECT_GT(info.sampleTime, 0);
+}
+
+TEST_F(RealProcesses, AnExecutedProgramIsMatchedAnewAndInheritsNoWindow) {
+    Child child(first_, second_);
+    UseRules({Quota(first_, "mem", 1, 2, 1), Quota(second_, "mem", 1, 2, 2)});
+    Sample();
+    Sample();
+    child.ExecuteNext(second_);
+    EXPECT_THAT(Sample(), IsEmpty());
+    EXPECT_EQ(table_.WatchedCount(), 0U);
+    EXPECT_THAT(Sample(), IsEmpty());
+    EXPECT_THAT(Sample(), IsEmpty());
+    ASSERT_THAT(Sample(), SizeIs(1));
+    EXPECT_EQ(reports_[0].info.id, 2);
+}
+
+TEST_F(RealProcesses, AProgramExecutedByAnUnwatchedProcessIsFoundByTheNextSampleAtAnyAge) {
+    for (const int age : {1, 3, 18}) {
+        Child child(first_, second_);
+        UseRules({Quota(second_, "mem", 1, 0)});
+        for (int sample = 0; sample < age; ++sample) {
+            EXPECT_THAT(Sample(), IsEmpty());
+        }
+        child.ExecuteNext(second_);
+        EXPECT_THAT(Sample(), SizeIs(1)) << age;
+    }
+}
+
+TEST_F(RealProcesses, OneThatWasTooManyIsWatchedOnceThereIsRoomThoughItSleeps) {
+    Child one(first_, second_);
+    Child other(first_, second_);
+    const auto [watched, waiting] =
+        std::minmax({&one, &other}, [](Child* a, Child* b) { return a->Pid() < b->Pid(); });
+    ProcessTable table(1);
+    table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(first_, "mem", 1, 0)}));
+    const auto sample = [&] { return table.Sample(at_ += 1s, [](const ReportKey&) { return false; }); };
+    EXPECT_THAT(sample(), SizeIs(1));
+    EXPECT_THAT(sample(), SizeIs(1));
+    watched->End();
+    sample();
+    const std::vector<Report> reports = sample();
+    ASSERT_THAT(reports, SizeIs(1));
+    EXPECT_EQ(reports[0].info.pid, waiting->Pid());
+}
+
+void MeetThreeProblems(const std::string& name) {
+    PLATFORM_LOGW("first line");  // the log opens what it needs while it can
+    ProcessTable table(0);
+    table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 1, 0)}));
+    const auto isOnTheWay = [](const ReportKey&) { return false; };
+    table.Sample(Second(0), isOnTheWay);
+    {
+        const DescriptorLimit none(0);
+        table.Sample(Second(1), isOnTheWay);
+        table.Sample(Second(2), isOnTheWay);
+    }
+    StopLog();
+    _exit(0);
+}
+
+TEST_F(RealProcesses, AProblemIsToldOnceAndDoesNotSilenceAnother) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string wanted =
+        "more than 0 processes.*/proc cannot be listed.*Too many open files"
+        ".*name of process [0-9]+ cannot be read.*Too many open files\n$";
+    EXPECT_EXIT(MeetThreeProblems(ReadProcessName(getpid())), ::testing::ExitedWithCode(0), wanted);
+}
+
+TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
+    const PidCounter pids;
+    UseRules({Quota(first_, "mem", 1, 0)});
+    Child other(second_, second_);
+    for (int sample = 0; sample < 3; ++sample) {
+        EXPECT_THAT(Sample(), IsEmpty());
+    }
+    other.End();
+    const Process again({.program = KITE_TARGET, .arguments = {first_, "idle"}, .pid = other.Pid()});
+    ASSERT_EQ(again.Pid(), other.Pid());
+    EXPECT_THAT(Sample(), SizeIs(1));
+}
+
+TEST_F(RealProcesses, OtherRulesStartEveryWindowAnew) {
+    const Child child(first_, second_);
+    UseRules({Quota(first_, "mem", 1, 1)});
+    Sample();
+    const auto others = std::make_shared<RuleBook>(std::vector{Quota(first_, "mem", 1, 1)});
+    table_.UseRules(others);
+    EXPECT_THAT(Sample(), IsEmpty());
+    table_.UseRules(others);
+    EXPECT_THAT(Sample(), SizeIs(1)) << "the same rules again change nothing";
+}
+
+TEST_F(RealProcesses, OneThatEndsIsForgotten) {
+    Child child(first_, second_);
+    UseRules({Quota(first_, "mem", 1, 0), Quota(first_, "cpu", 1, 0), Quota(first_, "io", 1, 0)});
+    EXPECT_THAT(Sample(), SizeIs(1));
+    child.Signal(SIGKILL);
+    ASSERT_TRUE(child.AwaitState('Z'));
+    EXPECT_THAT(Sample(), IsEmpty());
+    EXPECT_EQ(table_.WatchedCount(), 0U);
+}
+
+TEST_F(RealProcesses, AReportOnItsWayHoldsBackTheNextOfItsKindAndNoOther) {
+    const Child child(first_, second_);
+    const Child other(first_, second_);
+    UseRules({Quota(first_, "mem", 1, 0)});
+    const std::vector<Report> reports = Sample();
+    ASSERT_THAT(reports, SizeIs(2));
+    onTheWay_.insert(reports[0].key);
+    ASSERT_THAT(Sample(), SizeIs(1));
+    EXPECT_EQ(reports_[0].key, reports[1].key);
+    onTheWay_.clear();
+    EXPECT_THAT(Sample(), SizeIs(2));
+}
+
+TEST_F(RealProcesses, BusyThreadsAreMeasuredInPercentOfOneCore) {
+    const Program burner({first_, "burn", "2"});
+    UseRules({Quota(first_, "cpu", 5, 0)});
+    Sample();
+    const double used = burner.CpuPercent(300ms);
+    ASSERT_THAT(Sample(), SizeIs(1));
+    EXPECT_LE(reports_[0].info.resource, 101) << "of the first core";
+    EXPECT_GE(static_cast<double>(reports_[0].info.resource), used * 0.8);
+}
+
+TEST(Sampler, TakesThePlaceOnTheGridThatALateSampleCameTo) {
+    EXPECT_EQ(NextSampleTime(Second(10), Second(11.01), 1s), Second(11));
+    EXPECT_EQ(NextSampleTime(Second(10), Second(10.99), 1s), Second(11));
+    EXPECT_EQ(NextSampleTime(Second(10), Second(13.5), 1s), Second(13));
+}
+
+TEST(Sampler, ReportsOnceThereAreQuotasAndASubscriberAndStopsAtOnce) {
+    const auto reporter = std::make_shared<Reporter>();
+    std::atomic<int> batches = 0;
+    Sampler sampler(100ms, 10, reporter);
+    sampler.Start();
+    const std::string name = ReadProcessName(getpid());
+    sampler.SetQuotas({Quota(name, "mem", 1, 0)});
+    reporter->SetSubscriber([&](const MessageParcel&, const std::function<void(int32_t)>& answered) {
+        answered(ERR_NONE);
+        ++batches;
+    });
+    sampler.SubscriberHasChanged();
+    EXPECT_TRUE(Eventually([&] { return batches >= 2; }));
+    sampler.Stop();
+    const int afterStop = batches;
+    sampler.SubscriberHasChanged();
+    EXPECT_EQ(batches, afterStop);
+}
+
+}  // namespace
+}  // namespace KITE::Linux::Sampling
