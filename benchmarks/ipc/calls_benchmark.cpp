@@ -4,6 +4,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -74,12 +75,10 @@ struct QuotaExport {
         system.SetTokens(R"({"tokens": [{"uid": 0, "process_name": "resource_quota_control"}]})");
         system.StartKelvraHost();
         Linux::Settings settings;
-        settings.busAddress = system.Address();
         settings.logsToStandardError = true;
         Linux::SetSettings(settings);
-        std::string error;
-        if (!Linux::Bus::Instance().Start(error)) {
-            throw std::runtime_error(error);
+        if (const std::error_code error = Linux::Bus::Instance().Start(system.Address())) {
+            throw std::system_error(error, "cannot connect to the bus");
         }
         message.WriteInt32(0);
         Linux::WriteRecordList(records, message);

@@ -16,7 +16,6 @@
 
 #include "host/treatments_object.h"
 #include "ipc/ability_registry.h"
-#include "ipc/availability.h"
 #include "ipc/bus.h"
 #include "runtime/access_tokens.h"
 #include "runtime/guard.h"
@@ -86,7 +85,7 @@ class Host {
     const UniqueFd stopSignal_ = OpenStopSignal();
     const UniqueFd busLost_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     std::vector<SystemAbility*> started_;
-    TreatmentsObject treatments_{Bus::Instance()};
+    TreatmentsObject treatments_{Bus::Instance().Thread()};
 };
 
 bool Host::Start() {
@@ -108,13 +107,13 @@ bool Host::Start() {
 }
 
 bool Host::StartBus() {
-    Bus::Instance().SetLostHandler([this] { eventfd_write(busLost_.Get(), 1); });
-    std::string error;
-    if (!Bus::Instance().Start(error)) {
-        PLATFORM_LOGE("the host does not start: %{public}s", error.c_str());
-        return false;
+    const std::error_code error =
+        Bus::Instance().Start(options_.settings.busAddress, [this] { eventfd_write(busLost_.Get(), 1); });
+    if (error) {
+        PLATFORM_LOGE("the host does not start: it cannot connect to the bus: %{public}s",
+                      error.message().c_str());
     }
-    return true;
+    return !error;
 }
 
 // The handles are never closed: code of the libraries may run until the process ends.
@@ -150,7 +149,6 @@ int Host::Wait() {
 // more. The bus goes last but for the log, since abilities may still call others while they stop.
 void Host::Stop() {
     Bus::Instance().StopServing();
-    Bus::Instance().Names().StopCallbacks();
     for (; !started_.empty(); started_.pop_back()) {
         RunGuarded("an ability's stop", [this] { started_.back()->OnStop(); });
     }
@@ -159,7 +157,6 @@ void Host::Stop() {
     Treatments::Instance().ReleaseAll();
     ForgetPublishedObjects();
     Bus::Instance().Stop();
-    Bus::Instance().SetLostHandler(nullptr);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 #include "access_token.h"
 #include "base/text.h"
-#include "ipc/bus.h"
+#include "ipc/serving_thread.h"
 #include "proc/process_stat.h"
 #include "runtime/access_tokens.h"
 #include "runtime/guard.h"
@@ -78,7 +78,8 @@ int Decline(sd_bus_message* call) {
 
 }  // namespace
 
-TreatmentsObject::TreatmentsObject(Bus& bus) : bus_(bus), identities_(bus, [](const std::string&) {}) {}
+TreatmentsObject::TreatmentsObject(ServingThread& thread)
+    : thread_(thread), uids_(thread, [](const std::string&) {}) {}
 
 const sd_bus_vtable* TreatmentsObject::Vtable() {
     // Unprivileged, so that credentials are not asked for at every call; who may do what is decided here.
@@ -92,10 +93,10 @@ const sd_bus_vtable* TreatmentsObject::Vtable() {
 }
 
 void TreatmentsObject::Serve() {
-    bus_.Run([this] {
+    thread_.Run([this] {
         sd_bus_slot* slot = nullptr;
         const int result =
-            sd_bus_add_object_vtable(bus_.Connection(), &slot, kPath, kInterface, Vtable(), this);
+            sd_bus_add_object_vtable(thread_.Connection(), &slot, kPath, kInterface, Vtable(), this);
         slot_.reset(slot);
         if (result < 0) {
             PLATFORM_LOGE("%{public}s cannot be served: %{public}s", kPath,
@@ -105,9 +106,9 @@ void TreatmentsObject::Serve() {
 }
 
 void TreatmentsObject::Withdraw() {
-    bus_.Run([this] {
+    thread_.Run([this] {
         slot_.reset();
-        identities_.Clear();
+        uids_.Clear();
         while (!calls_.empty()) {
             Reply(calls_.begin()->first, Decline);
         }
@@ -146,21 +147,21 @@ int TreatmentsObject::Accept(sd_bus_message* call, sd_bus_error* error, bool isR
         const uint64_t id = ++lastCall_;
         calls_.emplace(id, sd_bus_message_ref(call));
         result = 1;
-        identities_.Resolve(sender == nullptr ? "" : sender,
-                            [this, id, isReading, work = std::move(work)](std::optional<uid_t> caller) {
-                                if (IsPermitted(caller, isReading)) {
-                                    Begin(id, work, *caller);
-                                } else {
-                                    Reply(id, Deny);
-                                }
-                            });
+        uids_.Find(sender == nullptr ? "" : sender,
+                   [this, id, isReading, work = std::move(work)](std::optional<uid_t> caller) {
+                       if (IsPermitted(caller, isReading)) {
+                           Begin(id, work, *caller);
+                       } else {
+                           Reply(id, Deny);
+                       }
+                   });
     });
     return result;
 }
 
 void TreatmentsObject::Begin(uint64_t id, Work work, uid_t caller) {
     SubmitTask([this, id, work = std::move(work),
-                caller] { bus_.Post([this, id, answer = work(caller)] { Reply(id, answer); }); },
+                caller] { thread_.Post([this, id, answer = work(caller)] { Reply(id, answer); }); },
                {.name = "treatments", .delay = {}});
 }
 

@@ -14,7 +14,7 @@
 
 namespace KITE::Linux {
 
-class Bus;
+class ServingThread;
 
 // The object /kite/treatments of this process's connection, by which an administrator sees what is treated
 // now and lets a process go. Interface kite.Treatments:
@@ -41,7 +41,7 @@ class TreatmentsObject {
     static constexpr const char* kNotReleasedError = "kite.Treatments.Error.NotReleased";
 
     // Must outlive the bus's serving thread and the tasks.
-    explicit TreatmentsObject(Bus& bus);
+    explicit TreatmentsObject(ServingThread& thread);
 
     // From then until Withdraw the object is there; what waits then gets an error. Not without a bus. Host's
     // thread.
@@ -64,9 +64,9 @@ class TreatmentsObject {
     void Begin(uint64_t id, Work work, uid_t caller);
     void Reply(uint64_t id, const Answer& answer);
 
-    Bus& bus_;
+    ServingThread& thread_;
     // The serving thread's.
-    CallerIdentities identities_;
+    CallerUids uids_;
     SlotHandle slot_;
     std::map<uint64_t, MessageHandle> calls_;
     uint64_t lastCall_ = 0;

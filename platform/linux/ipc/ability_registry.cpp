@@ -2,14 +2,12 @@
 
 #include <algorithm>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <utility>
 
 #include "device/device_state.h"
-#include "ipc/availability.h"
 #include "ipc/bus.h"
-#include "ipc/outcome.h"
+#include "ipc/outgoing_call.h"
 #include "ipc/remote_proxy.h"
 #include "ipc/wire.h"
 #include "runtime/platform_log.h"
@@ -39,25 +37,22 @@ sptr<IRemoteObject> PublishedObject(int32_t abilityId) {
     return found == registry.published.end() ? nullptr : found->second;
 }
 
+std::string ReadOwner(int32_t status, sd_bus_message* reply) {
+    const char* owner = "";
+    if (status == ERR_NONE) {
+        sd_bus_message_read(reply, "s", &owner);
+    }
+    return owner;
+}
+
 // Asks the daemon, which is exact also for a name that was claimed a moment ago.
 std::string CurrentOwner(int32_t abilityId) {
-    Bus& bus = Bus::Instance();
-    if (bus.OnServingThread()) {
-        PLATFORM_LOGE("a look-up of ability %{public}d would wait on the serving thread", abilityId);
-        return {};
-    }
-    const auto owner = std::make_shared<Outcome<std::string>>();
-    const bool isPosted = bus.Post([&bus, abilityId, owner] {
-        bus.Call(bus.NewDaemonCall("GetNameOwner", AbilityBusName(abilityId)),
-                 [owner](int32_t status, sd_bus_message* reply) {
-                     const char* name = "";
-                     if (status == ERR_NONE) {
-                         sd_bus_message_read(reply, "s", &name);
-                     }
-                     owner->Set(name);
-                 });
-    });
-    return isPosted ? owner->WaitFor(kCallTimeout).value_or(std::string()) : std::string();
+    return CallAndWait<std::string>(
+        Bus::Instance().Thread(),
+        [abilityId](sd_bus* connection) {
+            return NewDaemonCall(connection, "GetNameOwner", AbilityBusName(abilityId));
+        },
+        ReadOwner);
 }
 
 class AbilityManager : public ISystemAbilityManager {
@@ -109,27 +104,31 @@ bool SystemAbility::MakeAndRegisterAbility(SystemAbility* ability) {
 }
 
 bool SystemAbility::AddSystemAbilityListener(int32_t systemAbilityId) {
-    return Linux::Bus::Instance().Names().Listen(systemAbilityId, [this, systemAbilityId](bool available) {
-        if (available) {
-            OnAddSystemAbility(systemAbilityId, "");
-        } else {
-            OnRemoveSystemAbility(systemAbilityId, "");
-        }
-    });
+    return Linux::Bus::Instance().Abilities().Listen(systemAbilityId,
+                                                     [this, systemAbilityId](bool available) {
+                                                         if (available) {
+                                                             OnAddSystemAbility(systemAbilityId, "");
+                                                         } else {
+                                                             OnRemoveSystemAbility(systemAbilityId, "");
+                                                         }
+                                                     });
 }
 
 bool SystemAbility::Publish(sptr<IRemoteObject> object) {
     const int32_t id = GetSystemAbilityId();
     auto* stub = dynamic_cast<IPCObjectStub*>(object.GetRefPtr());
     if (stub == nullptr) {
-        PLATFORM_LOGE("ability %{public}d has no object of this process to publish", id);
+        PLATFORM_LOGE("ability %{public}d is not published: its object is not one of this process", id);
         return false;
     }
     // The object comes before the name, so that whoever sees the name finds the object.
     Linux::Bus& bus = Linux::Bus::Instance();
-    std::string error = "the object cannot be served";
-    if (!bus.Export(Linux::AbilityPath(id), stub) || !bus.ClaimName(Linux::AbilityBusName(id), error)) {
-        PLATFORM_LOGE("ability %{public}d is not published: %{public}s", id, error.c_str());
+    if (!bus.Export(Linux::AbilityPath(id), stub)) {
+        PLATFORM_LOGE("ability %{public}d is not published: its object cannot be served", id);
+        return false;
+    }
+    if (const Linux::Result<void> claimed = bus.ClaimName(Linux::AbilityBusName(id)); !claimed) {
+        PLATFORM_LOGE("ability %{public}d is not published: %{public}s", id, claimed.Why().Text().c_str());
         if (!Linux::PublishedObject(id)) {
             bus.Unexport(Linux::AbilityPath(id));
         }

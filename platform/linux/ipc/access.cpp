@@ -1,6 +1,7 @@
 #include "ipc/access.h"
 
-#include "ipc/availability.h"
+#include <utility>
+
 #include "ipc/bus.h"
 #include "runtime/access_tokens.h"
 
@@ -10,29 +11,27 @@ namespace Linux {
 
 namespace {
 
-thread_local CallingScope* current = nullptr;
+thread_local const Caller* current = nullptr;
 
 }  // namespace
 
-CallingScope::CallingScope(const Caller& caller) noexcept : caller_(caller), outer_(current) {
-    current = this;
-}
+CallingScope::CallingScope(const Caller& caller) noexcept : outer_(std::exchange(current, &caller)) {}
 
 CallingScope::~CallingScope() {
     current = outer_;
 }
 
 std::string CallerName() {
-    return current == nullptr ? std::string() : current->caller_.name;
+    return current == nullptr ? std::string() : current->name;
 }
 
 std::optional<uid_t> CallerUid() {
-    return current == nullptr ? std::nullopt : current->caller_.uid;
+    return current == nullptr ? std::nullopt : current->uid;
 }
 
 bool CallerOwnsAbility(int32_t abilityId) {
     const std::string caller = CallerName();
-    return !caller.empty() && Bus::Instance().Names().OwnerOf(abilityId) == caller;
+    return !caller.empty() && Bus::Instance().Abilities().OwnerOf(abilityId) == caller;
 }
 
 sptr<RemoteProxy> CallerObject(const std::string& path) {

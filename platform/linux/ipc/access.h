@@ -8,20 +8,20 @@
 
 #include "ipc/remote_proxy.h"
 
+// Who sent the request that this thread handles. Where no request is handled there is no caller: the name is
+// empty and the uid absent, which means deny. What a caller may do, each object decides by these.
 namespace KITE::Linux {
 
-// Who sent the request that this thread is handling; elsewhere nobody.
-
-// The sender's unique bus name, or empty.
+// The sender's unique bus name.
 KITE_API std::string CallerName();
-// The sender's effective uid as the bus vouches for it; nothing when the sender has gone or the bus did not
-// tell. Absent means deny.
+// The sender's effective uid as the bus vouches for it (CallerUids); absent when the sender has gone or the
+// bus did not tell.
 KITE_API std::optional<uid_t> CallerUid();
 // True when the sender owns the name of that ability now. Exact for an ability that this process listens to
 // (SystemAbility::AddSystemAbilityListener), for the quota service and for the Kelvra manager; for another id
 // the first question starts the tracking, and the answer is false until the bus has told.
 KITE_API bool CallerOwnsAbility(int32_t abilityId);
-// An object of the sender, addressed by its unique name; null where nobody is calling.
+// An object of the sender, addressed by its unique name; null without a caller.
 KITE_API sptr<RemoteProxy> CallerObject(const std::string& path);
 
 struct Caller {
@@ -29,7 +29,7 @@ struct Caller {
     std::optional<uid_t> uid;
 };
 
-// Makes the caller known on this thread for the scope's duration; the record must live as long.
+// Makes the caller known on this thread while it lives; the record must live as long.
 class CallingScope {
   public:
     explicit CallingScope(const Caller& caller) noexcept;
@@ -38,11 +38,7 @@ class CallingScope {
     CallingScope& operator=(const CallingScope&) = delete;
 
   private:
-    friend std::string CallerName();
-    friend std::optional<uid_t> CallerUid();
-
-    const Caller& caller_;
-    CallingScope* const outer_;
+    const Caller* const outer_;
 };
 
 }  // namespace KITE::Linux

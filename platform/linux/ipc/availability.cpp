@@ -1,13 +1,16 @@
 #include "ipc/availability.h"
 
 #include <array>
+#include <asio/post.hpp>
+#include <asio/thread_pool.hpp>
 #include <utility>
 
 #include "ipc/bus.h"
 #include "ipc/name_watch.h"
+#include "ipc/outgoing_call.h"
 #include "ipc/wire.h"
+#include "runtime/guard.h"
 #include "runtime/platform_log.h"
-#include "system_ability.h"
 
 namespace KITE::Linux {
 
@@ -15,43 +18,29 @@ namespace {
 
 constexpr std::array kProtectedAbilities{KELVRA_MANAGER_SERVICE_ID, kQuotaServiceId};
 
-bool IsProtected(int32_t abilityId) {
-    return abilityId == kProtectedAbilities[0] || abilityId == kProtectedAbilities[1];
-}
-
-std::optional<pid_t> PidFrom(int32_t status, sd_bus_message* reply) {
-    uint32_t pid = 0;
-    if (status != ERR_NONE || sd_bus_message_read(reply, "u", &pid) <= 0) {
-        return std::nullopt;
-    }
-    return static_cast<pid_t>(pid);
-}
-
 }  // namespace
 
-AbilityNames::AbilityNames(Bus& bus) : bus_(bus) {}
+Availability::Availability(ServingThread& thread) : thread_(thread) {}
 
-AbilityNames::~AbilityNames() = default;
+Availability::~Availability() = default;
 
-void AbilityNames::Begin() {
-    callbacks_.Start();
-    {
-        const std::lock_guard lock(mutex_);
-        isDaemonAsked_ = true;
+void Availability::Begin() {
+    callbacks_ = std::make_unique<asio::thread_pool>(1);
+    const std::lock_guard lock(mutex_);
+    isDaemonAsked_ = true;
+}
+
+void Availability::FollowProtected() {
+    for (const int32_t abilityId : kProtectedAbilities) {
+        Follow(abilityId);
     }
-    bus_.Post([this] {
-        for (const int32_t abilityId : kProtectedAbilities) {
-            Track(abilityId);
-        }
-        bus_.Call(bus_.NewDaemonCall("GetConnectionUnixProcessID", kDaemonName),
-                  [this](int32_t status, sd_bus_message* reply) {
-                      const std::lock_guard lock(mutex_);
-                      daemonPid_ = PidFrom(status, reply);
-                  });
+    AskPid(kDaemonName, [this](std::optional<pid_t> pid) {
+        const std::lock_guard lock(mutex_);
+        daemonPid_ = pid;
     });
 }
 
-void AbilityNames::Clear() {
+void Availability::Clear() {
     std::map<int32_t, Ability> dropped;
     const std::lock_guard lock(mutex_);
     dropped.swap(abilities_);
@@ -59,23 +48,26 @@ void AbilityNames::Clear() {
     isDaemonAsked_ = false;
 }
 
-bool AbilityNames::Listen(int32_t abilityId, Listener listener) {
-    return bus_.IsConnected() && bus_.Post([this, abilityId, listener = std::move(listener)] {
-        Track(abilityId);
+bool Availability::Listen(int32_t abilityId, Listener listener) {
+    return thread_.IsConnected() && thread_.Post([this, abilityId, listener = std::move(listener)] {
+        Follow(abilityId);
         const std::lock_guard lock(mutex_);
         Ability& ability = abilities_[abilityId];
         ability.listeners.push_back(listener);
         if (!ability.owner.empty()) {
-            callbacks_.Submit([listener] { listener(true); });
+            Tell(listener, true);
         }
     });
 }
 
-void AbilityNames::StopCallbacks() {
-    callbacks_.Stop();
+void Availability::StopCallbacks() {
+    if (callbacks_) {
+        callbacks_->stop();
+        callbacks_->join();
+    }
 }
 
-std::string AbilityNames::OwnerOf(int32_t abilityId) {
+std::string Availability::OwnerOf(int32_t abilityId) {
     {
         const std::lock_guard lock(mutex_);
         const auto found = abilities_.find(abilityId);
@@ -83,11 +75,11 @@ std::string AbilityNames::OwnerOf(int32_t abilityId) {
             return found->second.owner;
         }
     }
-    bus_.Post([this, abilityId] { Track(abilityId); });
+    thread_.Post([this, abilityId] { Follow(abilityId); });
     return {};
 }
 
-std::optional<std::vector<pid_t>> AbilityNames::ProtectedPids() const {
+std::optional<std::vector<pid_t>> Availability::ProtectedPids() const {
     const std::lock_guard lock(mutex_);
     std::vector<pid_t> pids;
     if (isDaemonAsked_ && !daemonPid_) {
@@ -109,9 +101,9 @@ std::optional<std::vector<pid_t>> AbilityNames::ProtectedPids() const {
     return pids;
 }
 
-// The watch first, then the look-up: what changes between them is told by the watch, and the look-up's answer
-// then repeats what is known.
-void AbilityNames::Track(int32_t abilityId) {
+// The watch first, then the look-up: the watch tells what changes between them, and the look-up's answer then
+// repeats what is known.
+void Availability::Follow(int32_t abilityId) {
     {
         const std::lock_guard lock(mutex_);
         if (!abilities_.try_emplace(abilityId).second) {
@@ -120,22 +112,22 @@ void AbilityNames::Track(int32_t abilityId) {
     }
     const std::string name = AbilityBusName(abilityId);
     auto watch = std::make_unique<NameWatch>(
-        bus_.Connection(), name, [this, abilityId](const std::string& owner) { OnOwner(abilityId, owner); },
-        [abilityId] { PLATFORM_LOGE("cannot follow the availability of ability %{public}d", abilityId); });
+        thread_.Connection(), name,
+        [this, abilityId](const std::string& owner) { TakeOwner(abilityId, owner); });
     {
         const std::lock_guard lock(mutex_);
         abilities_[abilityId].watch = std::move(watch);
     }
-    bus_.Call(bus_.NewDaemonCall("GetNameOwner", name),
-              [this, abilityId](int32_t status, sd_bus_message* reply) {
-                  const char* owner = nullptr;
-                  if (status == ERR_NONE && sd_bus_message_read(reply, "s", &owner) > 0) {
-                      OnOwner(abilityId, owner);
-                  }
-              });
+    SendCall(thread_.Connection(), NewDaemonCall(thread_.Connection(), "GetNameOwner", name),
+             [this, abilityId](int32_t status, sd_bus_message* reply) {
+                 const char* owner = nullptr;
+                 if (status == ERR_NONE && sd_bus_message_read(reply, "s", &owner) > 0) {
+                     TakeOwner(abilityId, owner);
+                 }
+             });
 }
 
-void AbilityNames::OnOwner(int32_t abilityId, const std::string& owner) {
+void Availability::TakeOwner(int32_t abilityId, const std::string& owner) {
     {
         const std::lock_guard lock(mutex_);
         const auto found = abilities_.find(abilityId);
@@ -143,38 +135,50 @@ void AbilityNames::OnOwner(int32_t abilityId, const std::string& owner) {
             return;
         }
         Ability& ability = found->second;
-        if (!ability.owner.empty()) {
-            Notify(ability, false);
-        }
-        ability.owner = owner;
+        const std::string before = std::exchange(ability.owner, owner);
         ability.pid.reset();
-        if (!owner.empty()) {
-            Notify(ability, true);
+        for (const Listener& listener : ability.listeners) {
+            if (!before.empty()) {
+                Tell(listener, false);
+            }
+            if (!owner.empty()) {
+                Tell(listener, true);
+            }
         }
     }
-    if (!owner.empty() && IsProtected(abilityId)) {
-        AskPid(abilityId, owner);
+    if (owner.empty()) {
+        return;
     }
+    AskPid(owner, [this, abilityId, owner](std::optional<pid_t> pid) {
+        const std::lock_guard lock(mutex_);
+        const auto found = abilities_.find(abilityId);
+        if (found != abilities_.end() && found->second.owner == owner) {
+            found->second.pid = pid;
+        }
+    });
 }
 
-void AbilityNames::AskPid(int32_t abilityId, const std::string& owner) {
-    bus_.Call(bus_.NewDaemonCall("GetConnectionUnixProcessID", owner),
-              [this, abilityId, owner](int32_t status, sd_bus_message* reply) {
-                  const std::lock_guard lock(mutex_);
-                  const auto found = abilities_.find(abilityId);
-                  if (found != abilities_.end() && found->second.owner == owner) {
-                      found->second.pid = PidFrom(status, reply);
-                      if (!found->second.pid) {
-                          PLATFORM_LOGE("the bus does not tell the process of ability %{public}d", abilityId);
-                      }
-                  }
-              });
+void Availability::AskPid(const std::string& busName, std::function<void(std::optional<pid_t>)> tell) {
+    SendCall(thread_.Connection(), NewDaemonCall(thread_.Connection(), "GetConnectionUnixProcessID", busName),
+             [busName, tell = std::move(tell)](int32_t status, sd_bus_message* reply) {
+                 uint32_t pid = 0;
+                 const bool isTold = status == ERR_NONE && sd_bus_message_read(reply, "u", &pid) > 0;
+                 if (!isTold) {
+                     PLATFORM_LOGE("the bus does not tell the pid of %{public}s, status %{public}d",
+                                   busName.c_str(), status);
+                 }
+                 tell(isTold ? std::optional(static_cast<pid_t>(pid)) : std::nullopt);
+             });
 }
 
-void AbilityNames::Notify(const Ability& ability, bool available) {
-    for (const Listener& listener : ability.listeners) {
-        callbacks_.Submit([listener, available] { listener(available); });
-    }
+void Availability::Tell(const Listener& listener, bool available) {
+    asio::post(*callbacks_, [listener, available] {
+        RunGuarded("a listener to an ability's coming and going", [&] { listener(available); });
+    });
+}
+
+std::optional<std::vector<pid_t>> BusProtectedPids() {
+    return Bus::Instance().Abilities().ProtectedPids();
 }
 
 }  // namespace KITE::Linux

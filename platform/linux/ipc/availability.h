@@ -11,27 +11,30 @@
 #include <string>
 #include <vector>
 
-#include "ipc/worker.h"
+#include "ipc/handles.h"
 #include "visibility.h"
+
+namespace asio {
+class thread_pool;
+}
 
 namespace KITE::Linux {
 
-class Bus;
 class NameWatch;
+class ServingThread;
 
-// Id of the quota service, whose process the platform never treats.
-inline constexpr int32_t kQuotaServiceId = 1913;
-
-// Who owns the bus names of other abilities, followed from the daemon's own announcements.
-class KITE_API AbilityNames {
+// Which abilities are there: who owns their bus names, followed from the daemon's own announcements.
+class KITE_API Availability {
   public:
     using Listener = std::function<void(bool available)>;
 
-    explicit AbilityNames(Bus& bus);
-    ~AbilityNames();
+    explicit Availability(ServingThread& thread);
+    ~Availability();
 
-    // Follows the names of the platform's own services. Called when the bus starts.
+    // Starts the callback thread. Before the serving thread starts.
     void Begin();
+    // Asks for what ProtectedPids tells. Once the serving thread has started, on it.
+    void FollowProtected();
     // Forgets everything. Serving thread, before the connection is closed.
     void Clear();
 
@@ -57,18 +60,22 @@ class KITE_API AbilityNames {
         std::vector<Listener> listeners;
     };
 
-    void Track(int32_t abilityId);
-    void OnOwner(int32_t abilityId, const std::string& owner);
-    void AskPid(int32_t abilityId, const std::string& owner);
-    void Notify(const Ability& ability, bool available);
+    void Follow(int32_t abilityId);
+    void TakeOwner(int32_t abilityId, const std::string& owner);
+    void AskPid(const std::string& busName, std::function<void(std::optional<pid_t>)> tell);
+    void Tell(const Listener& listener, bool available);
 
-    Bus& bus_;
-    Worker callbacks_;
+    ServingThread& thread_;
+    std::unique_ptr<asio::thread_pool> callbacks_;  // of one thread
 
     mutable std::mutex mutex_;  // guards what follows
     std::map<int32_t, Ability> abilities_;
     bool isDaemonAsked_ = false;
     std::optional<pid_t> daemonPid_;
 };
+
+// Processes that must never be treated: the bus daemon and the owners of the quota service's and the Kelvra
+// manager's names. Absent while the bus has not told the pid of such an owner. Any thread.
+KITE_API std::optional<std::vector<pid_t>> BusProtectedPids();
 
 }  // namespace KITE::Linux

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <system_error>
 
 #include "visibility.h"
 
@@ -9,9 +10,8 @@ namespace KITE::Linux {
 // The connection to the message bus of a program that calls abilities and is no host. While it is there,
 // SystemAbilityManagerClient finds the abilities and their remote objects can be called:
 //
-//     std::string error;
 //     BusConnection connection;
-//     if (!connection.Open("", error)) { ... }
+//     if (const std::error_code error = connection.Open("")) { ... error.message() ... }
 //     sptr<IRemoteObject> object =
 //         SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()->GetSystemAbility(1913);
 //
@@ -26,9 +26,8 @@ class KITE_API BusConnection {
     ~BusConnection();
 
     // Connects to the address, the system bus when it is empty, and starts the thread that serves the
-    // connection. False, with the reason in `error`, when the bus cannot be reached or refuses the user.
-    // Called once, before there is another thread.
-    bool Open(const std::string& address, std::string& error);
+    // connection. Fails when the bus cannot be reached or refuses the user. Called once.
+    std::error_code Open(const std::string& address);
 };
 
 }  // namespace KITE::Linux

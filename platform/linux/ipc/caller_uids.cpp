@@ -1,107 +1,91 @@
 #include "ipc/caller_uids.h"
 
+#include <algorithm>
+#include <limits>
 #include <utility>
 
-#include "ipc/bus.h"
+#include "ipc/limits.h"
 #include "ipc/name_watch.h"
-#include "remote_object.h"
-#include "runtime/platform_log.h"
+#include "ipc/outgoing_call.h"
 
 namespace KITE::Linux {
 
-CallerIdentities::CallerIdentities(Bus& bus, Gone gone) : bus_(bus), gone_(std::move(gone)) {}
+CallerUids::CallerUids(ServingThread& thread, Gone gone) : thread_(thread), gone_(std::move(gone)) {}
 
-CallerIdentities::~CallerIdentities() = default;
+CallerUids::~CallerUids() = default;
 
-void CallerIdentities::Resolve(const std::string& sender, Known known) {
-    auto found = entries_.find(sender);
-    if (found != entries_.end() && found->second.waiting.empty()) {
-        found->second.lastUse = ++useCounter_;
-        known(found->second.uid);
-        return;
+void CallerUids::Find(const std::string& sender, Receiver receive) {
+    if (const auto found = entries_.find(sender); found == entries_.end()) {
+        if (entries_.size() >= kMaxKeptUids) {
+            DropOldest();
+        }
+        Entry& entry = entries_[sender];
+        entry.waiting.push_back(std::move(receive));
+        Ask(sender, entry);
+    } else if (Entry& entry = found->second; !entry.waiting.empty()) {
+        entry.waiting.push_back(std::move(receive));
+    } else {
+        entry.lastUse = ++useCounter_;
+        receive(entry.uid);
     }
-    if (found != entries_.end()) {
-        found->second.waiting.push_back(std::move(known));
-        return;
-    }
-    if (entries_.size() >= kMaxEntries) {
-        EvictOne();
-    }
-    Entry& entry = entries_[sender];
-    entry.waiting.push_back(std::move(known));
-    Ask(sender, entry);
 }
 
 // The watch comes first: a sender that leaves before it is in place is unknown to the question that follows.
-void CallerIdentities::Ask(const std::string& sender, Entry& entry) {
-    entry.watch = std::make_unique<NameWatch>(
-        bus_.Connection(), sender,
-        [this, sender](const std::string&) {
+void CallerUids::Ask(const std::string& sender, Entry& entry) {
+    entry.watch =
+        std::make_unique<NameWatch>(thread_.Connection(), sender, [this, sender](const std::string&) {
             Forget(sender);
             gone_(sender);
-        },
-        [this, sender] {
-            PLATFORM_LOGE("cannot watch the caller %{public}s", sender.c_str());
-            Forget(sender);
         });
-    bus_.Call(bus_.NewDaemonCall("GetConnectionUnixUser", sender),
-              [this, sender](int32_t status, sd_bus_message* reply) { OnAnswer(sender, status, reply); });
+    SendCall(thread_.Connection(), NewDaemonCall(thread_.Connection(), "GetConnectionUnixUser", sender),
+             [this, sender](int32_t status, sd_bus_message* reply) {
+                 uint32_t uid = 0;
+                 const bool isTold = status == ERR_NONE && sd_bus_message_read(reply, "u", &uid) > 0;
+                 TakeAnswer(sender, isTold ? std::optional<uid_t>(uid) : std::nullopt);
+             });
 }
 
-void CallerIdentities::OnAnswer(const std::string& sender, int32_t status, sd_bus_message* reply) {
+void CallerUids::TakeAnswer(const std::string& sender, std::optional<uid_t> uid) {
     const auto found = entries_.find(sender);
     if (found == entries_.end()) {
         return;
     }
-    uint32_t number = 0;
-    std::optional<uid_t> uid;
-    if (status == ERR_NONE && sd_bus_message_read(reply, "u", &number) > 0) {
-        uid = number;
-    }
-    std::vector<Known> waiting = std::move(found->second.waiting);
-    found->second.waiting.clear();
-    if (uid && found->second.watched) {
+    const std::vector<Receiver> waiting = std::exchange(found->second.waiting, {});
+    if (uid) {
         found->second.uid = uid;
         found->second.lastUse = ++useCounter_;
     } else {
         entries_.erase(found);
     }
-    for (const Known& known : waiting) {
-        known(uid);
+    for (const Receiver& receive : waiting) {
+        receive(uid);
     }
 }
 
-// While the question is open the entry stays for those who wait, but is not kept afterwards.
-void CallerIdentities::Forget(const std::string& sender) {
+// While the question is open the entry stays for those who wait. The daemon does what it is asked in order:
+// it tells of the departure before it answers only if it does not find the sender any more, and that answer
+// drops the entry.
+void CallerUids::Forget(const std::string& sender) {
     const auto found = entries_.find(sender);
-    if (found == entries_.end()) {
-        return;
-    }
-    if (found->second.waiting.empty()) {
+    if (found != entries_.end() && found->second.waiting.empty()) {
         entries_.erase(found);
-    } else {
-        found->second.watched = false;
     }
 }
 
-void CallerIdentities::EvictOne() {
-    auto oldest = entries_.end();
-    for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
-        const bool isOlder = oldest == entries_.end() || entry->second.lastUse < oldest->second.lastUse;
-        if (entry->second.waiting.empty() && isOlder) {
-            oldest = entry;
-        }
-    }
-    if (oldest != entries_.end()) {
+void CallerUids::DropOldest() {
+    const auto age = [](const auto& item) {
+        return item.second.waiting.empty() ? item.second.lastUse : std::numeric_limits<uint64_t>::max();
+    };
+    const auto oldest = std::ranges::min_element(entries_, {}, age);
+    if (oldest->second.waiting.empty()) {
         entries_.erase(oldest);
     }
 }
 
-void CallerIdentities::Clear() {
-    const std::map<std::string, Entry> dropped = std::exchange(entries_, {});
-    for (const auto& [sender, entry] : dropped) {
-        for (const Known& known : entry.waiting) {
-            known(std::nullopt);
+void CallerUids::Clear() {
+    for (const auto& [sender, entry] : std::exchange(entries_, {})) {
+        for (const Receiver& receive : entry.waiting) {
+            receive(std::nullopt);
         }
     }
 }

@@ -15,46 +15,41 @@
 
 namespace KITE::Linux {
 
-class Bus;
 class NameWatch;
+class ServingThread;
 
 // The uid behind each unique bus name, as the daemon vouches for it. Asked once for each sender and kept
 // until that leaves the bus: a unique name is never given again. Belongs to the serving thread.
-class CallerIdentities {
+class CallerUids {
   public:
-    using Known = std::function<void(std::optional<uid_t>)>;
-
+    using Receiver = std::function<void(std::optional<uid_t>)>;
     using Gone = std::function<void(const std::string& sender)>;
 
     // `gone` is called when a sender whose uid is kept leaves the bus.
-    CallerIdentities(Bus& bus, Gone gone);
-    ~CallerIdentities();
+    CallerUids(ServingThread& thread, Gone gone);
+    ~CallerUids();
 
-    // Calls `known` exactly once: at once when the uid is known, else when the daemon has answered. Calls for
-    // one sender come in the order of the questions. No uid when the sender has gone or the daemon does not
-    // tell.
-    void Resolve(const std::string& sender, Known known);
+    // Calls `receive` exactly once: at once when the uid is kept, else when the daemon has answered. Calls
+    // for one sender come in the order of the questions. No uid when the sender has gone or the daemon does
+    // not tell.
+    void Find(const std::string& sender, Receiver receive);
     // Answers every open question with no uid, and forgets everything.
     void Clear();
-
-    size_t Size() const { return entries_.size(); }
-    static constexpr size_t kMaxEntries = 256;
 
   private:
     struct Entry {
         std::unique_ptr<NameWatch> watch;
         std::optional<uid_t> uid;
-        bool watched = true;
         uint64_t lastUse = 0;
-        std::vector<Known> waiting;  // not empty until the daemon has answered
+        std::vector<Receiver> waiting;  // not empty until the daemon has answered
     };
 
     void Ask(const std::string& sender, Entry& entry);
-    void OnAnswer(const std::string& sender, int32_t status, sd_bus_message* reply);
+    void TakeAnswer(const std::string& sender, std::optional<uid_t> uid);
     void Forget(const std::string& sender);
-    void EvictOne();
+    void DropOldest();
 
-    Bus& bus_;
+    ServingThread& thread_;
     const Gone gone_;
     std::map<std::string, Entry> entries_;
     uint64_t useCounter_ = 0;

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "base/unique_fd.h"
+#include "base/result.h"
 
 namespace KITE::Linux {
 
@@ -24,6 +24,14 @@ using BusHandle = std::unique_ptr<sd_bus, Releaser<sd_bus_flush_close_unref>>;
 using MessageHandle = std::unique_ptr<sd_bus_message, Releaser<sd_bus_message_unref>>;
 using SlotHandle = std::unique_ptr<sd_bus_slot, Releaser<sd_bus_slot_unref>>;
 using EventHandle = std::unique_ptr<sd_event, Releaser<sd_event_unref>>;
-using EventSourceHandle = std::unique_ptr<sd_event_source, Releaser<sd_event_source_unref>>;
+
+// Makes calls of these libraries one after another. Returns the error of the first one that fails; those
+// behind it are not made.
+template <typename... Calls>
+std::error_code InOrder(Calls&&... calls) {
+    int result = 0;
+    static_cast<void>((((result = calls()) >= 0) && ...));
+    return result < 0 ? ErrorOf(result) : std::error_code();
+}
 
 }  // namespace KITE::Linux

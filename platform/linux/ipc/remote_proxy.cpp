@@ -6,8 +6,9 @@
 #include <span>
 #include <utility>
 
+#include "base/unique_fd.h"
 #include "ipc/bus.h"
-#include "ipc/outcome.h"
+#include "ipc/outgoing_call.h"
 #include "ipc/wire.h"
 #include "runtime/platform_log.h"
 #include "string_utils.h"
@@ -21,16 +22,6 @@ struct Answer {
     MessageParcel reply;
 };
 
-void FailOnServingThread(int32_t status, RemoteProxy::Done done) {
-    auto fail = [status, done = std::move(done)] {
-        MessageParcel nothing;
-        done(status, nothing);
-    };
-    if (!Bus::Instance().Post(fail)) {
-        fail();
-    }
-}
-
 Answer ReadAnswer(int32_t status, sd_bus_message* message) {
     if (status != ERR_NONE) {
         return {status, {}};
@@ -39,31 +30,38 @@ Answer ReadAnswer(int32_t status, sd_bus_message* message) {
     size_t size = 0;
     if (sd_bus_message_read(message, "i", &status) <= 0 ||
         sd_bus_message_read_array(message, 'y', &bytes, &size) < 0) {
-        PLATFORM_LOGE("an answer of %{public}s is malformed", sd_bus_message_get_sender(message));
+        PLATFORM_LOGE("the answer of %{public}s is refused, it is no status and bytes",
+                      sd_bus_message_get_sender(message));
         return {ERR_REFUSED, {}};
     }
-    const auto* first = static_cast<const std::byte*>(bytes);
-    return {status, MessageParcel(std::span(first, size))};
+    return {status, MessageParcel(std::span(static_cast<const std::byte*>(bytes), size))};
 }
 
-bool AppendArguments(sd_bus_message* message, const std::vector<std::u16string>& args) {
-    if (sd_bus_message_open_container(message, 'a', "s") < 0) {
-        return false;
-    }
+int32_t ReadDumpAnswer(int32_t status, sd_bus_message* message) {
+    const bool isAnswer = status != ERR_NONE || sd_bus_message_read(message, "i", &status) > 0;
+    return isAnswer ? status : ERR_REFUSED;
+}
+
+int AppendArguments(sd_bus_message* message, const std::vector<std::u16string>& args) {
+    int result = sd_bus_message_open_container(message, 'a', "s");
     for (const std::u16string& arg : args) {
-        if (sd_bus_message_append(message, "s", Str16ToStr8(arg).c_str()) < 0) {
-            return false;
-        }
+        result = result < 0 ? result : sd_bus_message_append(message, "s", Str16ToStr8(arg).c_str());
     }
-    return sd_bus_message_close_container(message) >= 0;
+    return result < 0 ? result : sd_bus_message_close_container(message);
 }
 
-bool MayWait(const RemoteProxy& proxy) {
-    if (!Bus::Instance().OnServingThread()) {
-        return true;
+bool IsTooLarge(const MessageParcel& request, const std::string& path) {
+    const size_t size = request.Bytes().size();
+    if (size > kMaxParcelSize) {
+        PLATFORM_LOGE(
+            "a request to %{public}s is not sent: it has %{public}lu bytes, more than the bus carries",
+            path.c_str(), size);
     }
-    PLATFORM_LOGE("a call of %{public}s would wait on the serving thread", proxy.Path().c_str());
-    return false;
+    return size > kMaxParcelSize;
+}
+
+ServingThread& Thread() {
+    return Bus::Instance().Thread();
 }
 
 }  // namespace
@@ -71,71 +69,59 @@ bool MayWait(const RemoteProxy& proxy) {
 RemoteProxy::RemoteProxy(std::string busName, std::string path)
     : busName_(std::move(busName)), path_(std::move(path)) {}
 
+RemoteProxy::CallMaker RemoteProxy::TransactionMaker(uint32_t code, MessageParcel data) const {
+    const auto request = std::make_shared<const MessageParcel>(std::move(data));
+    return [busName = busName_, path = path_, code, request](sd_bus* connection) {
+        const std::span<const std::byte> bytes = request->Bytes();
+        MessageHandle call = NewCall(connection, busName, path, kAbilityInterface, kTransactMethod);
+        const bool isFilled = call && sd_bus_message_append(call.get(), "u", code) >= 0 &&
+                              sd_bus_message_append_array(call.get(), 'y', bytes.data(), bytes.size()) >= 0;
+        return isFilled ? std::move(call) : nullptr;
+    };
+}
+
 int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                                  MessageOption& option) {
     if (option.GetMode() == MessageOption::Mode::kAsync) {
         SendRequestAsync(code, std::move(data), [](int32_t, MessageParcel&) {});
         return ERR_NONE;
     }
-    if (!MayWait(*this)) {
-        return ERR_REFUSED;
+    if (IsTooLarge(data, path_)) {
+        return ERR_TOO_LARGE;
     }
-    const auto outcome = std::make_shared<Outcome<Answer>>();
-    SendRequestAsync(code, std::move(data), [outcome](int32_t status, MessageParcel& parcel) {
-        outcome->Set({status, std::move(parcel)});
-    });
-    std::optional<Answer> answer = outcome->WaitFor(kCallTimeout);
-    if (!answer) {
-        return ERR_TIMED_OUT;
-    }
-    reply = std::move(answer->reply);
-    return answer->status;
+    Answer answer = CallAndWait<Answer>(Thread(), TransactionMaker(code, std::move(data)), ReadAnswer);
+    reply = std::move(answer.reply);
+    return answer.status;
 }
 
 void RemoteProxy::SendRequestAsync(uint32_t code, MessageParcel data, Done done) {
-    if (data.Bytes().size() > kMaxParcelSize) {
-        PLATFORM_LOGE("a request of %{public}lu bytes to %{public}s is above what the bus carries",
-                      data.Bytes().size(), path_.c_str());
-        FailOnServingThread(ERR_TOO_LARGE, std::move(done));
-        return;
-    }
-    const auto request = std::make_shared<const MessageParcel>(std::move(data));
-    auto send = [busName = busName_, path = path_, code, request, done] {
-        const std::span<const std::byte> bytes = request->Bytes();
-        Bus& bus = Bus::Instance();
-        MessageHandle call = bus.NewCall(busName, path, kAbilityInterface, "Transact");
-        const bool isFilled = call && sd_bus_message_append(call.get(), "u", code) >= 0 &&
-                              sd_bus_message_append_array(call.get(), 'y', bytes.data(), bytes.size()) >= 0;
-        bus.Call(isFilled ? std::move(call) : nullptr, [done](int32_t status, sd_bus_message* message) {
-            Answer answer = ReadAnswer(status, message);
-            done(answer.status, answer.reply);
-        });
+    const auto receive = [done](int32_t status, sd_bus_message* message) {
+        Answer answer = ReadAnswer(status, message);
+        done(answer.status, answer.reply);
     };
-    if (!Bus::Instance().Post(std::move(send))) {
-        FailOnServingThread(ERR_DEAD_OBJECT, std::move(done));
+    CallMaker make = IsTooLarge(data, path_) ? nullptr : TransactionMaker(code, std::move(data));
+    const bool isPosted = Thread().Post([make = std::move(make), receive] {
+        if (make) {
+            SendCall(Thread().Connection(), make(Thread().Connection()), receive);
+        } else {
+            receive(ERR_TOO_LARGE, nullptr);
+        }
+    });
+    if (!isPosted) {
+        receive(ERR_DEAD_OBJECT, nullptr);
     }
 }
 
 int32_t RemoteProxy::Dump(int fd, const std::vector<std::u16string>& args) {
-    if (!MayWait(*this)) {
-        return ERR_REFUSED;
-    }
     // A descriptor of our own: the caller may close its one as soon as it stops waiting.
     const auto descriptor = std::make_shared<const UniqueFd>(fcntl(fd, F_DUPFD_CLOEXEC, 0));
-    const auto outcome = std::make_shared<Outcome<int32_t>>();
-    const bool isPosted = Bus::Instance().Post([busName = busName_, path = path_, descriptor, args, outcome] {
-        Bus& bus = Bus::Instance();
-        MessageHandle call = bus.NewCall(busName, path, kAbilityInterface, "Dump");
-        const bool isFilled = call && AppendArguments(call.get(), args) &&
+    const auto make = [busName = busName_, path = path_, descriptor, args](sd_bus* connection) {
+        MessageHandle call = NewCall(connection, busName, path, kAbilityInterface, kDumpMethod);
+        const bool isFilled = call && AppendArguments(call.get(), args) >= 0 &&
                               sd_bus_message_append(call.get(), "h", descriptor->Get()) >= 0;
-        bus.Call(isFilled ? std::move(call) : nullptr, [outcome](int32_t status, sd_bus_message* message) {
-            if (status == ERR_NONE && sd_bus_message_read(message, "i", &status) <= 0) {
-                status = ERR_REFUSED;
-            }
-            outcome->Set(status);
-        });
-    });
-    return isPosted ? outcome->WaitFor(kCallTimeout).value_or(ERR_TIMED_OUT) : ERR_DEAD_OBJECT;
+        return isFilled ? std::move(call) : nullptr;
+    };
+    return CallAndWait<int32_t>(Thread(), make, ReadDumpAnswer);
 }
 
 }  // namespace KITE::Linux

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "ipc/handles.h"
 #include "remote_object.h"
 
 namespace KITE::Linux {
@@ -36,6 +37,9 @@ class KITE_API RemoteProxy : public IRemoteObject {
     const std::string& Path() const noexcept { return path_; }
 
   private:
+    using CallMaker = std::function<MessageHandle(sd_bus*)>;
+    CallMaker TransactionMaker(uint32_t code, MessageParcel data) const;
+
     const std::string busName_;
     const std::string path_;
 };

@@ -19,8 +19,8 @@ struct Settings {
     bool isDryRun = false;             // decide, log and record, but touch no process
 };
 
-// Replaces the defaults. Called once at most, before there is another thread and before anything else of the
-// platform is used: the settings are read without a lock.
+// Replaces the defaults. The programs call it once, before there is another thread and before anything else
+// of the platform is used, since the settings are read without a lock; tests call it again.
 KITE_API void SetSettings(Settings settings);
 
 // Any thread; also before main and while the process exits.

@@ -1,5 +1,6 @@
 #include <array>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <string_view>
@@ -9,8 +10,7 @@
 #include "ipc/access.h"
 #include "ipc/availability.h"
 #include "ipc/bus.h"
-#include "ipc/object_server.h"
-#include "ipc/outcome.h"
+#include "ipc/limits.h"
 #include "ipc/remote_proxy.h"
 #include "ipc/wire.h"
 #include "platform_fixture.h"
@@ -152,8 +152,8 @@ class Recorder : public IPCObjectStub {
     int32_t Dump(int fd, const std::vector<std::u16string>& args) override {
         EXPECT_FALSE(busy_.exchange(true)) << "two requests at a time";
         ++dumps;
-        dumping.Set(CallerUid() == getuid());
-        letGo.WaitFor(kPatience);
+        dumping.set_value(CallerUid() == getuid());
+        letGo.get_future().wait_for(kPatience);
         busy_ = false;
         return args.size() == 1 && write(fd, "dump", 4) == 4 ? 11 : -1;
     }
@@ -164,8 +164,8 @@ class Recorder : public IPCObjectStub {
     std::optional<uid_t> uid;
     bool ownsManager = false;
     std::function<int32_t(MessageParcel&)> onRequest;
-    Outcome<bool> dumping;
-    Outcome<bool> letGo;
+    std::promise<bool> dumping;
+    std::promise<void> letGo;
 
   private:
     std::atomic<bool> busy_{false};
@@ -173,19 +173,14 @@ class Recorder : public IPCObjectStub {
 
 class Ipc : public testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        Settings settings;
-        settings.busAddress = Daemon::Address();
-        SetSettings(settings);
-    }
+    static void SetUpTestSuite() {}
     static void TearDownTestSuite() { std::filesystem::remove_all(Daemon::Directory()); }
 
     void SetUp() override {
-        std::string error;
-        ASSERT_TRUE(bus.Start(error)) << error;
-        bus.Run([&] {
+        ASSERT_EQ(bus.Start(Daemon::Address()), std::error_code());
+        bus.Thread().Run([&] {
             const char* unique = nullptr;
-            sd_bus_get_unique_name(bus.Connection(), &unique);
+            sd_bus_get_unique_name(bus.Thread().Connection(), &unique);
             self = unique;
         });
         ASSERT_TRUE(bus.Export(kPath, recorder));
@@ -209,10 +204,12 @@ class Ipc : public testing::Test {
     }
 
     // The status of a call that nobody answers, once it has one.
-    void CallInVain(Outcome<int32_t>& status) {
-        RemoteProxy(peer.Name(), kPath).SendRequestAsync(1, {}, [&status](int32_t its, MessageParcel&) {
-            status.Set(its);
+    std::future<int32_t> CallInVain() {
+        const auto status = std::make_shared<std::promise<int32_t>>();
+        RemoteProxy(peer.Name(), kPath).SendRequestAsync(1, {}, [status](int32_t its, MessageParcel&) {
+            status->set_value(its);
         });
+        return status->get_future();
     }
 
     std::optional<Daemon> daemon{std::in_place};
@@ -230,7 +227,7 @@ TEST_F(Ipc, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
     int32_t number = 0;
     EXPECT_EQ(answer.status, 7);
     EXPECT_TRUE(answer.reply.ReadInt32(number) && number == 42);
-    bus.Run([&] {
+    bus.Thread().Run([&] {
         EXPECT_EQ(recorder->caller, peer.Name());
         EXPECT_EQ(recorder->uid, getuid());
         EXPECT_TRUE(recorder->ownsManager);
@@ -249,10 +246,9 @@ TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot
     int32_t dumpStatus = 0;
     peer.SendDump(self, pipe.writeEnd.Get(),
                   [&](sd_bus_message* reply) { sd_bus_message_read(reply, "i", &dumpStatus); });
-    std::optional<bool> sawCaller;
-    ASSERT_TRUE(peer.WaitUntil(
-        [&] { return (sawCaller = recorder->dumping.WaitFor(std::chrono::milliseconds(10))).has_value(); }));
-    EXPECT_TRUE(*sawCaller);
+    std::future<bool> sawCaller = recorder->dumping.get_future();
+    ASSERT_TRUE(peer.WaitUntil([&] { return sawCaller.wait_for(0s) == std::future_status::ready; }));
+    EXPECT_TRUE(sawCaller.get());
 
     const std::string leavingName = leaving->Name();
     leaving->SendDump(self, pipe.writeEnd.Get(), [](sd_bus_message*) {});
@@ -260,7 +256,7 @@ TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot
     ASSERT_TRUE(peer.WaitUntil([&] { return !peer.Sees(leavingName); }));
 
     // The dump is one of those that the limit counts.
-    const int total = static_cast<int>(ObjectServer::kMaxRequests) + 9;
+    const int total = static_cast<int>(kMaxRequests) + 9;
     int answered = 0;
     int refused = 0;
     for (int i = 0; i < total; ++i) {
@@ -272,15 +268,15 @@ TEST_F(Ipc, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot
     }
     ASSERT_TRUE(peer.WaitUntil([&] { return refused == 10; }));
     EXPECT_EQ(answered, 0);
-    EXPECT_TRUE(bus.Run([] {}));
+    EXPECT_TRUE(bus.Thread().Run([] {}));
 
-    recorder->letGo.Set(true);
+    recorder->letGo.set_value();
     ASSERT_TRUE(peer.WaitUntil([&] { return answered + refused == total; }));
     EXPECT_EQ(refused, 10);
     EXPECT_EQ(dumpStatus, 11);
     EXPECT_EQ(recorder->dumps, 1) << "a dump was made for a client that had left";
     EXPECT_EQ(pipe.Text(), "dump");
-    bus.Run([&] { EXPECT_TRUE(std::ranges::is_sorted(recorder->order)); });
+    bus.Thread().Run([&] { EXPECT_TRUE(std::ranges::is_sorted(recorder->order)); });
 }
 
 TEST_F(Ipc, ACallFailsByWhatStandsInItsWay) {
@@ -316,7 +312,7 @@ TEST_F(Ipc, AListenerHearsEachChangeOnceAndANewOwnerAsRemovalAndAddition) {
     peer.Claim(kId, SD_BUS_NAME_ALLOW_REPLACEMENT);
     std::mutex mutex;
     std::string heard;
-    ASSERT_TRUE(bus.Names().Listen(kId, [&](bool available) {
+    ASSERT_TRUE(bus.Abilities().Listen(kId, [&](bool available) {
         const std::lock_guard lock(mutex);
         heard += available ? '+' : '-';
     }));
@@ -330,11 +326,11 @@ TEST_F(Ipc, AListenerHearsEachChangeOnceAndANewOwnerAsRemovalAndAddition) {
     Peer second;
     second.Claim(kId, SD_BUS_NAME_REPLACE_EXISTING);
     EXPECT_TRUE(hasHeard("+-+")) << heard;
-    EXPECT_EQ(bus.Names().OwnerOf(kId), second.Name());
+    EXPECT_EQ(bus.Abilities().OwnerOf(kId), second.Name());
     second.Release(kId);
     EXPECT_TRUE(hasHeard("+-+-")) << heard;
-    EXPECT_EQ(bus.Names().OwnerOf(kId), "");
-    bus.Names().StopCallbacks();
+    EXPECT_EQ(bus.Abilities().OwnerOf(kId), "");
+    bus.Abilities().StopCallbacks();
 }
 
 TEST_F(Ipc, AnAbilityIsPublishedAgainButNotUnderANameOfAnother) {
@@ -377,11 +373,10 @@ TEST_F(Ipc, NothingIsTreatedOfABusThatDoesNotSayWhichProcessItIs) {
 }
 
 TEST_F(Ipc, StoppingEndsCallsWithoutAnAnswerAndRefusesWork) {
-    Outcome<int32_t> outcome;
-    CallInVain(outcome);
+    std::future<int32_t> outcome = CallInVain();
     bus.Stop();
-    EXPECT_EQ(outcome.WaitFor({}), ERR_DEAD_OBJECT);
-    EXPECT_FALSE(bus.Post([] {}));
+    EXPECT_EQ(outcome.get(), ERR_DEAD_OBJECT);
+    EXPECT_FALSE(bus.Thread().Post([] {}));
     EXPECT_FALSE(bus.Export(kPath, recorder));
     EXPECT_EQ(Call({self, kPath}), ERR_DEAD_OBJECT);
 }
@@ -389,34 +384,25 @@ TEST_F(Ipc, StoppingEndsCallsWithoutAnAnswerAndRefusesWork) {
 TEST_F(Ipc, ALostBusIsToldOnceAndEndsThePendingCalls) {
     bus.Stop();
     std::atomic<int> lost{0};
-    Outcome<bool> told;
-    bus.SetLostHandler([&] {
-        ++lost;
-        told.Set(true);
-    });
-    std::string error;
-    ASSERT_TRUE(bus.Start(error)) << error;
-    Outcome<int32_t> outcome;
-    CallInVain(outcome);
+    ASSERT_EQ(bus.Start(Daemon::Address(), [&] { ++lost; }), std::error_code());
+    std::future<int32_t> outcome = CallInVain();
     daemon->Kill();
-    EXPECT_TRUE(told.WaitFor(kPatience).has_value());
-    EXPECT_EQ(outcome.WaitFor(kPatience), ERR_DEAD_OBJECT);
-    EXPECT_FALSE(bus.IsConnected());
+    EXPECT_TRUE(Eventually([&] { return lost > 0; }));
+    EXPECT_EQ(outcome.get(), ERR_DEAD_OBJECT);
+    EXPECT_FALSE(bus.Thread().IsConnected());
     EXPECT_EQ(Call({self, kPath}), ERR_DEAD_OBJECT);
     bus.Stop();
-    bus.SetLostHandler(nullptr);
     EXPECT_EQ(lost, 1);
 }
 
 TEST_F(Ipc, ACallWithoutAnAnswerTimesOut) {
-    Outcome<int32_t> outcome;
-    CallInVain(outcome);
-    bus.Run([] {});
+    std::future<int32_t> outcome = CallInVain();
+    bus.Thread().Run([] {});
     daemon->Freeze();
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(Call({self, kPath}), ERR_TIMED_OUT);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, kCallTimeout + std::chrono::seconds(2));
-    EXPECT_EQ(outcome.WaitFor(kPatience), ERR_TIMED_OUT);
+    EXPECT_EQ(outcome.get(), ERR_TIMED_OUT);
     daemon->Kill();
 }
 

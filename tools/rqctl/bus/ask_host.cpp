@@ -10,6 +10,7 @@
 #include "host/treatments_object.h"
 #include "ipc/bus.h"
 #include "ipc/bus_connection.h"
+#include "ipc/outgoing_call.h"
 #include "ipc/wire.h"
 #include "rqctl/output.h"
 
@@ -18,8 +19,6 @@ namespace KITE::Rqctl {
 namespace {
 
 using Linux::TreatmentsObject;
-
-constexpr int32_t kQuotaService = 1913;
 
 ExitStatus Explain(std::string_view name, const std::string& text) {
     if (name == SD_BUS_ERROR_ACCESS_DENIED) {
@@ -45,15 +44,16 @@ ExitStatus Explain(std::string_view name, const std::string& text) {
 // On the serving thread, which has nothing else to do.
 ExitStatus Call(const std::string& member, const std::function<int(sd_bus_message*)>& fill,
                 const std::function<int(sd_bus_message*)>& read) {
-    const Linux::Bus& bus = Linux::Bus::Instance();
-    const Linux::MessageHandle call = bus.NewCall(
-        Linux::AbilityBusName(kQuotaService), TreatmentsObject::kPath, TreatmentsObject::kInterface, member);
+    sd_bus* connection = Linux::Bus::Instance().Thread().Connection();
+    const Linux::MessageHandle call =
+        Linux::NewCall(connection, Linux::AbilityBusName(Linux::kQuotaServiceId), TreatmentsObject::kPath,
+                       TreatmentsObject::kInterface, member);
     sd_bus_error error{};
     sd_bus_message* answer = nullptr;
     int result = call ? fill(call.get()) : -ENOMEM;
     if (result >= 0) {
         constexpr std::chrono::microseconds kTimeout = Linux::kCallTimeout;
-        result = sd_bus_call(bus.Connection(), call.get(), kTimeout.count(), &error, &answer);
+        result = sd_bus_call(connection, call.get(), kTimeout.count(), &error, &answer);
     }
     const Linux::MessageHandle handle(answer);
     ExitStatus status = kDone;
@@ -71,13 +71,12 @@ ExitStatus Call(const std::string& member, const std::function<int(sd_bus_messag
 ExitStatus AskTreatments(const Context& context, const std::string& member,
                          const std::function<int(sd_bus_message*)>& fill,
                          const std::function<int(sd_bus_message*)>& read) {
-    std::string error;
     Linux::BusConnection connection;
-    if (!connection.Open(context.settings.busAddress, error)) {
-        return Fail(kUnreachable, error);
+    if (const std::error_code error = connection.Open(context.settings.busAddress)) {
+        return Fail(kUnreachable, "cannot connect to the bus: " + error.message());
     }
     ExitStatus status = kFailed;
-    Linux::Bus::Instance().Run([&] { status = Call(member, fill, read); });
+    Linux::Bus::Instance().Thread().Run([&] { status = Call(member, fill, read); });
     return status;
 }
 

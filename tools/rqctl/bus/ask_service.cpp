@@ -24,9 +24,8 @@ std::string Hex(int32_t result) {
 }  // namespace
 
 ExitStatus Service::Connect() {
-    std::string error;
-    if (!connection_.Open(context_.settings.busAddress, error)) {
-        return Fail(kUnreachable, error);
+    if (const std::error_code error = connection_.Open(context_.settings.busAddress)) {
+        return Fail(kUnreachable, "cannot connect to the bus: " + error.message());
     }
     proxy_ = ResourceQuotaControlProxy::Find();
     return proxy_ ? kDone

@@ -1,0 +1,123 @@
+#include "ipc/outgoing_call.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <string_view>
+#include <utility>
+
+#include "ipc/wire.h"
+#include "runtime/guard.h"
+#include "runtime/platform_log.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+// The errors by which the bus says that the other process, or its object, is not there.
+constexpr std::array<std::string_view, 6> kGoneErrors{
+    SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER, SD_BUS_ERROR_UNKNOWN_OBJECT,
+    SD_BUS_ERROR_UNKNOWN_METHOD,  SD_BUS_ERROR_UNKNOWN_INTERFACE, SD_BUS_ERROR_DISCONNECTED};
+
+// Tells what came of a call exactly once: at the latest in its destructor, since the connection drops a call
+// without an answer when it is closed.
+class PendingCall {
+  public:
+    explicit PendingCall(CallDone done) : done_(std::move(done)) {}
+    PendingCall(const PendingCall&) = delete;
+    PendingCall& operator=(const PendingCall&) = delete;
+    ~PendingCall() { Finish(ERR_DEAD_OBJECT, nullptr); }
+
+    void Finish(int32_t status, sd_bus_message* reply) noexcept {
+        if (const CallDone done = std::exchange(done_, nullptr)) {
+            RunGuarded("the receiver of a reply", [&] { done(status, reply); });
+        }
+    }
+    int32_t StatusOfError(sd_bus_message* reply) const;
+
+  private:
+    const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+    CallDone done_;
+};
+
+int32_t PendingCall::StatusOfError(sd_bus_message* reply) const {
+    const std::string_view name = sd_bus_message_get_error(reply)->name;
+    if (std::ranges::find(kGoneErrors, name) != kGoneErrors.end()) {
+        return ERR_DEAD_OBJECT;
+    }
+    if (name == SD_BUS_ERROR_TIMEOUT) {
+        return ERR_TIMED_OUT;
+    }
+    // The daemon says so when the callee leaves, the library when the time is over or the bus has gone; only
+    // the clock tells these apart.
+    if (name == SD_BUS_ERROR_NO_REPLY) {
+        const bool isLate = std::chrono::steady_clock::now() - begin_ >= kCallTimeout;
+        return isLate ? ERR_TIMED_OUT : ERR_DEAD_OBJECT;
+    }
+    PLATFORM_LOGE("the bus refuses a call: %{public}s", std::string(name).c_str());
+    return ERR_REFUSED;
+}
+
+int OnReply(sd_bus_message* message, void* pending, sd_bus_error* /*error*/) {
+    auto& call = *static_cast<PendingCall*>(pending);
+    const bool isError = sd_bus_message_is_method_error(message, nullptr) > 0;
+    call.Finish(isError ? call.StatusOfError(message) : ERR_NONE, isError ? nullptr : message);
+    return 1;
+}
+
+void OnDropped(void* pending) {
+    const std::unique_ptr<PendingCall> dropped(static_cast<PendingCall*>(pending));
+}
+
+}  // namespace
+
+MessageHandle NewCall(sd_bus* connection, const std::string& destination, const std::string& path,
+                      const std::string& interface, const std::string& member) {
+    sd_bus_message* message = nullptr;
+    if (connection != nullptr) {
+        sd_bus_message_new_method_call(connection, &message, destination.c_str(), path.c_str(),
+                                       interface.c_str(), member.c_str());
+    }
+    return MessageHandle(message);
+}
+
+MessageHandle NewDaemonCall(sd_bus* connection, const std::string& member, const std::string& name) {
+    MessageHandle call = NewCall(connection, kDaemonName, kDaemonPath, kDaemonName, member);
+    if (call && sd_bus_message_append(call.get(), "s", name.c_str()) < 0) {
+        call.reset();
+    }
+    return call;
+}
+
+void SendCall(sd_bus* connection, MessageHandle call, CallDone done) {
+    auto pending = std::make_unique<PendingCall>(std::move(done));
+    if (connection == nullptr || sd_bus_is_open(connection) <= 0) {
+        return;
+    }
+    if (!call) {
+        PLATFORM_LOGE(
+            "a call is not sent: a name, a path or an argument is not valid, or this process stops");
+        pending->Finish(ERR_REFUSED, nullptr);
+        return;
+    }
+    sd_bus_slot* slot = nullptr;
+    constexpr uint64_t kTimeoutMicroseconds = std::chrono::microseconds(kCallTimeout).count();
+    if (sd_bus_call_async(connection, &slot, call.get(), &OnReply, pending.get(), kTimeoutMicroseconds) < 0) {
+        return;
+    }
+    // From here on the slot owns the pending call, and the connection, once the slot floats, the slot: both
+    // end with the answer, or with the connection.
+    const SlotHandle handle(slot);
+    sd_bus_slot_set_destroy_callback(slot, &OnDropped);
+    static_cast<void>(pending.release());
+    sd_bus_slot_set_floating(slot, 1);
+}
+
+bool MayWait(const ServingThread& thread) {
+    if (thread.IsCurrent()) {
+        PLATFORM_LOGE("a call is refused: the thread that serves the bus would wait for itself");
+    }
+    return !thread.IsCurrent();
+}
+
+}  // namespace KITE::Linux

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "ipc/handles.h"
+#include "ipc/limits.h"
+#include "ipc/serving_thread.h"
+#include "remote_object.h"
+
+// Calls of methods of other processes and of the bus daemon.
+namespace KITE::Linux {
+
+// Receives what came of a call: ERR_NONE with the reply, or one of the transport's errors with null.
+using CallDone = std::function<void(int32_t status, sd_bus_message* reply)>;
+
+// A method call to be filled in; null when there is no connection, or a name or the path is not valid. On the
+// serving thread.
+KITE_API MessageHandle NewCall(sd_bus* connection, const std::string& destination, const std::string& path,
+                               const std::string& interface, const std::string& member);
+// A call of the daemon about a bus name.
+KITE_API MessageHandle NewDaemonCall(sd_bus* connection, const std::string& member, const std::string& name);
+
+// Sends the call; null is refused. `done` runs exactly once, on the serving thread, before this returns if
+// the call cannot be sent. On the serving thread.
+KITE_API void SendCall(sd_bus* connection, MessageHandle call, CallDone done);
+
+// Logs the mistake of waiting on the serving thread, which would wait for itself. False there.
+KITE_API bool MayWait(const ServingThread& thread);
+
+// Has the serving thread make and send a call, and waits for the answer, kCallTimeout at most. Returns what
+// `read` makes of it; without an answer, of ERR_TIMED_OUT, ERR_DEAD_OBJECT or ERR_REFUSED and null. Neither
+// function may refer to the waiting thread's stack, since that may give up before they run.
+template <typename T>
+T CallAndWait(ServingThread& thread, std::function<MessageHandle(sd_bus*)> make,
+              T (*read)(int32_t status, sd_bus_message* reply)) {
+    if (!MayWait(thread)) {
+        return read(ERR_REFUSED, nullptr);
+    }
+    const auto promise = std::make_shared<std::promise<T>>();
+    std::future<T> answer = promise->get_future();
+    const bool isPosted = thread.Post([&thread, make = std::move(make), read, promise] {
+        SendCall(thread.Connection(), make(thread.Connection()),
+                 [read, promise](int32_t status, sd_bus_message* reply) {
+                     promise->set_value(read(status, reply));
+                 });
+    });
+    if (!isPosted) {
+        return read(ERR_DEAD_OBJECT, nullptr);
+    }
+    const bool isThere = answer.wait_for(kCallTimeout) == std::future_status::ready;
+    return isThere ? answer.get() : read(ERR_TIMED_OUT, nullptr);
+}
+
+}  // namespace KITE::Linux
