@@ -1,48 +1,28 @@
-#include <cstring>
 #include <limits>
 
-#include "kelvra_fixture.h"
 #include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager/manager/reporter.h"
 #include "kelvra_manager/protocol.h"
 #include "kelvra_manager/record_list.h"
+#include "platform_fixture.h"
 
-// Lists of quotas and batches of reports on their way between the Kelvra manager and its client.
+// Batches of reports on their way from the Kelvra manager to the quota service.
 namespace KITE::Linux::Sampling {
 namespace {
 
 using ::testing::ElementsAre;
 
-// Cut or padded anywhere, or with a false count, a list is refused as a whole.
-TEST(RecordList, IsReadWholeOrRefused) {
-    MessageParcel list;
-    ASSERT_TRUE(WriteRecordList<Kelvra::ResQuotaInfo>({Quota("some_daemon", "io", 1, 2), {}}, list));
-    const std::vector<std::byte> whole(list.Bytes().begin(), list.Bytes().end());
-    const auto isRead = [](const std::vector<std::byte>& bytes) {
-        MessageParcel parcel(bytes);
-        return static_cast<bool>(ReadRecordList<Kelvra::ResQuotaInfo>(parcel));
-    };
-    EXPECT_TRUE(isRead(whole));
-    for (size_t size = 0; size < whole.size() + 8; size += 4) {
-        std::vector<std::byte> other = whole;
-        other.resize(size);
-        EXPECT_EQ(isRead(other), size == whole.size()) << size;
-    }
-    std::vector<std::byte> falseCount = whole;
-    std::memset(falseCount.data(), 0xFF, sizeof(uint32_t));
-    EXPECT_FALSE(isRead(falseCount));
-}
-
-TEST(Reporter, SendsBatchesOfBoundedSizeAndKnowsWhatIsOnItsWay) {
+TEST(Reporter, SendsBatchesOfBoundedSizeKnowsWhatIsOnItsWayAndDropsOnlyTheSubscriberThatIsDead) {
     const auto reporter = std::make_shared<Reporter>();
     std::vector<std::function<void(int32_t)>> answers;
     std::vector<size_t> sizes;
-    reporter->SetSubscriber([&](const MessageParcel& batch, std::function<void(int32_t)> answered) {
+    const Reporter::Deliver deliver = [&](const MessageParcel& batch, std::function<void(int32_t)> answered) {
         MessageParcel copy(batch);
         const auto infos = ReadRecordList<Kelvra::ProcessAnomalyInfo>(copy);
         sizes.push_back(infos ? infos->size() : 0);
         answers.push_back(std::move(answered));
-    });
+    };
+    reporter->SetSubscriber(deliver);
     std::vector<Report> reports(1001);
     for (size_t i = 0; i < reports.size(); ++i) {
         reports[i].key.pid = static_cast<pid_t>(i);
@@ -53,21 +33,11 @@ TEST(Reporter, SendsBatchesOfBoundedSizeAndKnowsWhatIsOnItsWay) {
     EXPECT_FALSE(reporter->IsOnTheWay(reports[999].key));
     EXPECT_TRUE(reporter->IsOnTheWay(reports[1000].key));
     EXPECT_TRUE(reporter->HasSubscriber());
-}
-
-TEST(Reporter, DropsADeadSubscriberButNotTheOneThatReplacedIt) {
-    const auto reporter = std::make_shared<Reporter>();
-    std::function<void(int32_t)> answer;
-    const Reporter::Deliver deliver = [&](const MessageParcel&, std::function<void(int32_t)> answered) {
-        answer = std::move(answered);
-    };
     reporter->SetSubscriber(deliver);
+    answers[1](ERR_DEAD_OBJECT);
+    EXPECT_TRUE(reporter->HasSubscriber()) << "another one took its place";
     reporter->Send(std::vector<Report>(1));
-    reporter->SetSubscriber(deliver);
-    answer(ERR_DEAD_OBJECT);
-    EXPECT_TRUE(reporter->HasSubscriber());
-    reporter->Send(std::vector<Report>(1));
-    answer(ERR_DEAD_OBJECT);
+    answers[2](ERR_DEAD_OBJECT);
     EXPECT_FALSE(reporter->HasSubscriber());
 }
 

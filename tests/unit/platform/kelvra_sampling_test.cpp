@@ -41,19 +41,6 @@ class Child : public Program {
     }
 };
 
-// The machine's counter of pids, for one test at a time.
-class PidCounter {
-  public:
-    PidCounter() { flock(file_.Get(), LOCK_EX); }
-    void GoOnAfter(pid_t pid) const {
-        const std::string text = std::to_string(pid);
-        static_cast<void>(!pwrite(file_.Get(), text.data(), text.size(), 0));
-    }
-
-  private:
-    const UniqueFd file_{open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC)};
-};
-
 class RealProcesses : public DirectoryTest {
   protected:
     void UseRules(std::vector<Kelvra::ResQuotaInfo> quotas) {
@@ -143,11 +130,9 @@ void MeetThreeProblems(const std::string& name) {
     table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 1, 0)}));
     const auto isOnTheWay = [](const ReportKey&) { return false; };
     table.Sample(Second(0), isOnTheWay);
-    {
-        const DescriptorLimit none(0);
-        table.Sample(Second(1), isOnTheWay);
-        table.Sample(Second(2), isOnTheWay);
-    }
+    const DescriptorLimit none(0);
+    table.Sample(Second(1), isOnTheWay);
+    table.Sample(Second(2), isOnTheWay);
     StopLog();
     _exit(0);
 }
@@ -161,7 +146,8 @@ TEST_F(RealProcesses, AProblemIsToldOnceAndDoesNotSilenceAnother) {
 }
 
 TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
-    const PidCounter pids;
+    const UniqueFd pidCounter(open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC));
+    flock(pidCounter.Get(), LOCK_EX);  // for one test at a time
     UseRules({Quota(first_, "mem", 1, 0)});
     Child other(second_, second_);
     for (int sample = 0; sample < 3; ++sample) {

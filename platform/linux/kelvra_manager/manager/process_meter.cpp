@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <limits>
 
 #include "proc/process_file.h"
@@ -13,48 +14,35 @@ namespace KITE::Linux::Sampling {
 
 namespace {
 
-// None of the files that are read is longer, but for those that end with lines that are not needed.
+// Where a file is longer, what is read of it stands in front.
 using Buffer = std::array<char, 4096>;
 
 }  // namespace
 
-WindowKind WindowKindOf(Resource resource) {
-    switch (resource) {
-        case Resource::kMemory:
-            return WindowKind::kLevel;
-        case Resource::kCpu:
-        case Resource::kCpuExt:
-            return WindowKind::kPercent;
-        case Resource::kIo:
-            break;
-    }
-    return WindowKind::kAmount;
+struct ProcessMeter::Gauge {
+    Resource resource;
+    std::optional<int64_t> (ProcessMeter::*read)();
+    WindowKind window;
+    const char* recordedName;
+};
+
+const ProcessMeter::Gauge& ProcessMeter::GaugeOf(Resource resource) {
+    static constexpr Gauge kGauges[] = {
+        {Resource::kMemory, &ProcessMeter::ReadMemoryKiB, WindowKind::kLevel, "memory_kib"},
+        {Resource::kCpu, &ProcessMeter::ReadCpuTime, WindowKind::kPercent, "cpu_ns"},
+        {Resource::kCpuExt, &ProcessMeter::ReadCpuTime, WindowKind::kPercent, "cpu_ns"},
+        {Resource::kIo, &ProcessMeter::ReadWrittenBytes, WindowKind::kAmount, "written_bytes"},
+    };
+    static_assert(std::size(kGauges) == std::size(kResourceTypes), "each resource type has a gauge");
+    return *std::ranges::find(kGauges, resource, &Gauge::resource);
 }
 
-const char* RecordedNameOf(Resource resource) {
-    switch (resource) {
-        case Resource::kMemory:
-            return "memory_kib";
-        case Resource::kCpu:
-        case Resource::kCpuExt:
-            return "cpu_ns";
-        case Resource::kIo:
-            break;
-    }
-    return "written_bytes";
+WindowKind ProcessMeter::WindowKindOf(Resource resource) {
+    return GaugeOf(resource).window;
 }
 
-std::optional<int64_t> ProcessMeter::ReadValue(Resource resource) {
-    switch (resource) {
-        case Resource::kMemory:
-            return ReadMemoryKiB();
-        case Resource::kCpu:
-        case Resource::kCpuExt:
-            return ReadCpuTime();
-        case Resource::kIo:
-            break;
-    }
-    return ReadNumber("io", "write_bytes:");
+const char* ProcessMeter::RecordedNameOf(Resource resource) {
+    return GaugeOf(resource).recordedName;
 }
 
 ProcessMeter::ProcessMeter(pid_t pid, std::string_view name, std::span<const Rule> rules)
@@ -77,7 +65,7 @@ Readings ProcessMeter::Read(TimePoint at) {
             continue;
         }
         const TimePoint readAt = Clock::now();
-        if (const std::optional<int64_t> value = ReadValue(rule.resource)) {
+        if (const std::optional<int64_t> value = (this->*GaugeOf(rule.resource).read)()) {
             readings[rule.resource] = {at, readAt, *value};
         }
     }
@@ -97,9 +85,13 @@ std::optional<int64_t> ProcessMeter::ReadMemoryKiB() {
     return residentKiB <= smallestMemoryQuota_ ? residentKiB : ReadNumber("smaps_rollup", "Pss:");
 }
 
-std::optional<int64_t> ProcessMeter::ReadCpuTime() const {
+std::optional<int64_t> ProcessMeter::ReadCpuTime() {
     const std::optional<nanoseconds> time = cpuClock_.Read();
     return time ? std::optional(time->count()) : std::nullopt;
+}
+
+std::optional<int64_t> ProcessMeter::ReadWrittenBytes() {
+    return ReadNumber("io", "write_bytes:");
 }
 
 std::optional<int32_t> ProcessMeter::ReadUid() {

@@ -15,12 +15,8 @@
 #include "proc/cpu_clock.h"
 
 // How each resource type is measured and judged on Linux. A new resource type is a row of
-// base/resource_types.h and a case of each switch in process_meter.cpp.
+// base/resource_types.h and a row of kGauges in process_meter.cpp.
 namespace KITE::Linux::Sampling {
-
-WindowKind WindowKindOf(Resource resource);
-// What a reading is called in the recorded samples.
-const char* RecordedNameOf(Resource resource);
 
 // Of one sample of one process; without those that are not needed or could not be read.
 using Readings = std::map<Resource, Reading>;
@@ -31,15 +27,22 @@ class ProcessMeter {
   public:
     ProcessMeter(pid_t pid, std::string_view name, std::span<const Rule> rules);
 
+    static WindowKind WindowKindOf(Resource resource);
+    // What a reading is called in the recorded samples.
+    static const char* RecordedNameOf(Resource resource);
+
     // What cannot be read although the process is there gets a warning, one for each process: without it its
     // quotas would silently never apply.
     Readings Read(TimePoint at);
     std::optional<int32_t> ReadUid();
 
   private:
-    std::optional<int64_t> ReadValue(Resource resource);
+    struct Gauge;
+
+    static const Gauge& GaugeOf(Resource resource);
     std::optional<int64_t> ReadMemoryKiB();
-    std::optional<int64_t> ReadCpuTime() const;
+    std::optional<int64_t> ReadCpuTime();
+    std::optional<int64_t> ReadWrittenBytes();
     std::optional<int64_t> ReadNumber(const char* file, std::string_view key);
     // Empty when the file cannot be read.
     std::string_view ReadText(const char* file, std::span<char> buffer);

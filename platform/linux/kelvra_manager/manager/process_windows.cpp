@@ -5,7 +5,7 @@ namespace KITE::Linux::Sampling {
 namespace {
 
 std::variant<LevelWindow, CounterWindow> WindowFor(const Rule& rule) {
-    const WindowKind kind = WindowKindOf(rule.resource);
+    const WindowKind kind = ProcessMeter::WindowKindOf(rule.resource);
     if (kind == WindowKind::kLevel) {
         return LevelWindow(rule.quota.resource, rule.duration);
     }

@@ -12,10 +12,14 @@ namespace KITE::Linux::Sampling {
 void Reporter::SetSubscriber(Deliver deliver) {
     const std::lock_guard lock(mutex_);
     subscriber_ = std::make_shared<const Deliver>(std::move(deliver));
-    hasSubscriber_ = true;
 }
 
-void Reporter::Send(std::vector<Report> reports) {
+bool Reporter::HasSubscriber() const {
+    const std::lock_guard lock(mutex_);
+    return subscriber_ != nullptr;
+}
+
+void Reporter::Send(const std::vector<Report>& reports) {
     Subscriber subscriber;
     {
         const std::lock_guard lock(mutex_);
@@ -65,7 +69,6 @@ void Reporter::HandleAnswer(const Subscriber& subscriber, const std::vector<Repo
     }
     if (status == ERR_DEAD_OBJECT && subscriber == subscriber_) {
         subscriber_ = nullptr;
-        hasSubscriber_ = false;
     }
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -26,10 +25,10 @@ class Reporter : public std::enable_shared_from_this<Reporter> {
 
     // Replaces the subscriber. It stays until a delivery says that it is dead.
     void SetSubscriber(Deliver deliver);
-    bool HasSubscriber() const noexcept { return hasSubscriber_.load(); }
+    bool HasSubscriber() const;
 
     // Sends the reports, in batches of bounded size. Without a subscriber they are dropped.
-    void Send(std::vector<Report> reports);
+    void Send(const std::vector<Report>& reports);
     // Whether a report of that kind was sent and is not answered yet.
     bool IsOnTheWay(const ReportKey& key) const;
 
@@ -39,7 +38,6 @@ class Reporter : public std::enable_shared_from_this<Reporter> {
     void SendBatch(const Subscriber& subscriber, std::span<const Report> reports);
     void HandleAnswer(const Subscriber& subscriber, const std::vector<ReportKey>& keys, int32_t status);
 
-    std::atomic<bool> hasSubscriber_{false};
     mutable std::mutex mutex_;  // of the two below; never held across a delivery
     Subscriber subscriber_;
     std::set<ReportKey> onTheWay_;

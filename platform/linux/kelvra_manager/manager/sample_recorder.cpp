@@ -15,7 +15,7 @@ void SampleRecorder::Add(pid_t pid, int64_t startTime, const std::string& name, 
                                 {"start", startTime},
                                 {"name", name}};
     for (const auto& [resource, reading] : readings) {
-        line[RecordedNameOf(resource)] = reading.value;
+        line[ProcessMeter::RecordedNameOf(resource)] = reading.value;
     }
     for (const Rule& rule : rules) {
         const Kelvra::ResQuotaInfo& quota = rule.quota;

@@ -59,12 +59,7 @@ void Sampler::Run() {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         changed_.wait(lock, [this] { return stopping_ || HasWork(); });
-        RunGuarded("a sample", [&] { SampleWhileThereIsWork(lock); });
-        if (!lock.owns_lock()) {
-            // An exception ended the sample, without the lock; all processes are found anew.
-            lock.lock();
-            changed_.wait_for(lock, period_, [this] { return stopping_; });
-        }
+        SampleWhileThereIsWork(lock);
     }
 }
 
@@ -74,15 +69,20 @@ void Sampler::SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock) {
     while (HasWork()) {
         const std::shared_ptr<const RuleBook> book = book_;
         lock.unlock();
-        table.UseRules(book);
-        reporter_->Send(
-            table.Sample(at, [this](const ReportKey& key) { return reporter_->IsOnTheWay(key); }));
-        if (recorder_) {
-            recorder_->Write();
-        }
+        RunGuarded("a sample", [&] {
+            table.UseRules(book);
+            SampleOnce(table, at);
+        });
         lock.lock();
         changed_.wait_until(lock, at + period_, [this] { return !HasWork(); });
         at = NextSampleTime(at, Clock::now(), period_);
+    }
+}
+
+void Sampler::SampleOnce(ProcessTable& table, TimePoint at) {
+    reporter_->Send(table.Sample(at, [this](const ReportKey& key) { return reporter_->IsOnTheWay(key); }));
+    if (recorder_) {
+        recorder_->Write();
     }
 }
 

@@ -40,6 +40,7 @@ class Sampler {
   private:
     void Run();
     void SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock);
+    void SampleOnce(ProcessTable& table, TimePoint at);
     bool HasWork() const { return !stopping_ && !book_->IsEmpty() && reporter_->HasSubscriber(); }
 
     const std::chrono::milliseconds period_;
