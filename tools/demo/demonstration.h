@@ -1,74 +1,64 @@
 #pragma once
 
+#include <deque>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <utility>
-#include <vector>
 
+#include "base/result.h"
+#include "demo/competition.h"
 #include "demo/display.h"
-#include "demo/kite_system.h"
-#include "demo/log_follower.h"
-#include "demo/loop.h"
 #include "demo/observer.h"
+#include "demo/stop_signals.h"
+#include "private_system/private_system.h"
+#include "shared/event_follower.h"
 
 namespace KITE::Demo {
 
-// Lets the programs loose on a running system and watches what becomes of them. Destruction ends all of them.
-// One thread, the loop's.
+// Starts the programs on a running system and watches what becomes of them. Destruction ends all of them. One
+// thread.
 class Demonstration {
   public:
-    Demonstration(Loop& loop, KiteSystem& system, Display& display, const SystemOptions& options);
-    Demonstration(const Demonstration&) = delete;
-    Demonstration& operator=(const Demonstration&) = delete;
-    ~Demonstration() = default;
+    // `misbehave` is the program, `build` a directory that probably lies on a disk.
+    Demonstration(Tools::PrivateSystem& system, StopSignals& stop, std::filesystem::path misbehave,
+                  std::filesystem::path build);
 
-    // The pid of a process that the policy would take for one of ours; nothing when there is none.
-    static std::optional<std::string> FindNamesake();
+    // Fails when a process has a program's name, since the service would treat it too.
+    static Linux::Result<void> RefuseNamesakes();
 
-    // Starts the programs and the competitor. False with the reason.
-    bool Start(std::string& error);
-    // Watches until each has met its fate, or it is clear that one will not. False when we are to stop.
-    bool Watch();
+    Linux::Result<void> Start();
+    // Watches until each has met its fate, or it is clear that one will not, or we are to stop.
+    void Watch();
     // Stops the hosts and sees what is frozen thaw; then shows the table. True when all is as it should be.
     bool Conclude();
 
   private:
     struct Running {
-        std::unique_ptr<Child> child;
-        std::unique_ptr<Observer> observer;
+        Running(const Program& program, const Tools::Launch& launch)
+            : process(launch), observer(program, process) {}
+
+        Tools::ChildProcess process;
+        Observer observer;
     };
 
-    bool StartProgram(const Program& program, std::string& error);
-    bool StartCompetitor(std::string& error);
-    bool WriteDeviceState() const;
-    pid_t PidOf(const std::string& name) const;
+    Linux::Result<void> StartProgram(const Program& program);
+    std::error_code WriteDeviceState() const;
     void Look();
-    void Show(const Observer& observer, const std::vector<Sighting>& sightings) const;
-    void ShowRemark(const Remark& remark);
-    void Compete();
-    void OnCompetitorDone();
-    bool IsOver() const;
-    void SayIfBusy() const;
+    void ShowReport(std::string_view line);
+    void Show(const Observer& observer, const std::optional<Sighting>& sighting) const;
+    bool AreAll(bool (*condition)(const Observer&)) const;
 
-    Loop& loop_;
-    KiteSystem& system_;
-    Display& display_;
-    const SystemOptions& options_;
+    Tools::PrivateSystem& system_;
+    StopSignals& stop_;
+    const std::filesystem::path misbehave_;
+    const std::filesystem::path build_;
     const int contestedCpu_;
-    LogFollower log_;
-    std::set<std::pair<std::string, std::string>> shown_;
-    std::vector<Running> running_;
-    UniqueFd toCompetitor_;
-    UniqueFd fromCompetitor_;
-    std::unique_ptr<Child> competitor_;
-    bool isCompeting_ = false;
-    Clock::time_point competedAt_{};
+    Competition competition_;
+    std::deque<Running> running_;
     Clock::time_point start_{};
-    std::unique_ptr<Loop::Watch> competitorWatch_;
-    std::unique_ptr<Loop::Watch> ticks_;
+    std::optional<Tools::EventFollower> events_;
+    std::set<std::string> told_;  // programs that are left alone, whose first report has been shown
 };
 
 }  // namespace KITE::Demo

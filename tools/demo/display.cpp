@@ -1,91 +1,35 @@
 #include "demo/display.h"
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <fmt/format.h>
 
 namespace KITE::Demo {
 
-namespace {
+using Tools::Paint;
 
-constexpr size_t kNameWidth = 14;
-constexpr size_t kWhatWidth = 11;
-constexpr size_t kExpectedWidth = 27;
-constexpr size_t kObservedWidth = 36;
-
-const char* CodeOf(Tone tone) {
-    switch (tone) {
-        case Tone::kQuiet:
-            return "\033[2m";
-        case Tone::kGood:
-            return "\033[32m";
-        case Tone::kNotice:
-            return "\033[36m";
-        case Tone::kWarning:
-            return "\033[33m";
-        case Tone::kBad:
-            return "\033[31m";
-        case Tone::kPlain:
-            break;
-    }
-    return "";
+void Say(Tone tone, const std::string& text) {
+    Tools::Say(Paint(tone, text));
 }
 
-bool WantsColour() {
-    const char* refusal = secure_getenv("NO_COLOR");
-    const char* terminal = secure_getenv("TERM");
-    const bool isDumb = terminal != nullptr && std::string(terminal) == "dumb";
-    return isatty(STDOUT_FILENO) != 0 && (refusal == nullptr || *refusal == '\0') && !isDumb;
+void SayEvent(Clock::duration since, const std::string& program, Tone tone, const std::string& what,
+              const std::string& detail) {
+    Tools::Say(fmt::format("{}  {:<14}  {}  {}",
+                           Paint(Tone::kQuiet, fmt::format("{:>7}", SecondsText(since))), program,
+                           Paint(tone, fmt::format("{:<11}", what)), detail));
 }
 
-std::string Padded(std::string text, size_t width) {
-    text.resize(std::max(text.size(), width), ' ');
-    return text;
-}
-
-// A line is out when the call returns: what is shown is happening now.
-void PutLine(const std::string& line) {
-    std::fprintf(stdout, "%s\n", line.c_str());
-    std::fflush(stdout);
-}
-
-}  // namespace
-
-Display::Display() : isColoured_(WantsColour()) {}
-
-std::string Display::Paint(Tone tone, const std::string& text) const {
-    return isColoured_ && tone != Tone::kPlain ? CodeOf(tone) + text + "\033[0m" : text;
-}
-
-void Display::Say(Tone tone, const std::string& text) const {
-    PutLine(Paint(tone, text));
-}
-
-void Display::Event(const std::string& name, Tone tone, const std::string& what,
-                    const std::string& detail) const {
-    const auto elapsed = std::chrono::duration_cast<milliseconds>(Clock::now() - start_).count();
-    std::string time = std::to_string(elapsed / 1000) + "." + std::to_string(elapsed % 1000 / 100) + " s";
-    time.insert(0, time.size() < 7 ? 7 - time.size() : 0, ' ');
-    PutLine(Paint(Tone::kQuiet, time) + "  " + Padded(name, kNameWidth) + "  " +
-            Paint(tone, Padded(what, kWhatWidth)) + "  " + detail);
-}
-
-void Display::Table(const std::vector<Outcome>& outcomes) const {
-    const auto row = [](const std::string& name, const std::string& expected, const std::string& observed) {
-        return "  " + Padded(name, kNameWidth) + "  " + Padded(expected, kExpectedWidth) + "  " +
-               Padded(observed, kObservedWidth) + "  ";
-    };
-    PutLine("");
-    PutLine(Paint(Tone::kQuiet, row("process", "should be", "what /proc showed") + "verdict"));
+void SayTable(const std::vector<Outcome>& outcomes) {
+    constexpr std::string_view kRow = "  {:<14}  {:<27}  {:<36}  {}";
+    Tools::Say("");
+    Say(Tone::kQuiet,
+        fmt::format(fmt::runtime(kRow), "process", "should be", "what /proc showed", "verdict"));
     for (const Outcome& outcome : outcomes) {
-        const bool isMet = outcome.shortcoming.empty();
-        PutLine(row(outcome.name, outcome.expected, outcome.observed) +
-                Paint(isMet ? Tone::kGood : Tone::kBad,
-                      isMet ? "as it should" : "WRONG: " + outcome.shortcoming));
+        const std::string verdict = outcome.shortcoming.empty()
+                                        ? Paint(Tone::kGood, "as it should")
+                                        : Paint(Tone::kBad, "WRONG: " + outcome.shortcoming);
+        Tools::Say(
+            fmt::format(fmt::runtime(kRow), outcome.name, outcome.expected, outcome.observed, verdict));
     }
-    PutLine("");
+    Tools::Say("");
 }
 
 Tone ToneOf(Happening happening) {

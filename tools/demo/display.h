@@ -1,16 +1,21 @@
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "demo/loop.h"
 #include "demo/observer.h"
+#include "shared/terminal.h"
 
+// What the demonstration prints. One thread.
 namespace KITE::Demo {
 
-// What a line tells, which gives it its colour.
-enum class Tone : uint8_t { kPlain, kQuiet, kGood, kNotice, kWarning, kBad };
+using Tools::Tone;
+
+void Say(Tone tone, const std::string& text);
+
+// A line of what happens, at a moment since the programs were started.
+void SayEvent(Clock::duration since, const std::string& program, Tone tone, const std::string& what,
+              const std::string& detail);
 
 // One row of the table at the end.
 struct Outcome {
@@ -20,23 +25,7 @@ struct Outcome {
     std::string shortcoming;  // empty: as expected
 };
 
-// Writes to standard output, in colour on a terminal unless NO_COLOR is set. One thread.
-class Display {
-  public:
-    Display();
-
-    void Say(Tone tone, const std::string& text) const;
-    // The clock of the event lines starts.
-    void StartClock() { start_ = Clock::now(); }
-    void Event(const std::string& name, Tone tone, const std::string& what, const std::string& detail) const;
-    void Table(const std::vector<Outcome>& outcomes) const;
-
-  private:
-    std::string Paint(Tone tone, const std::string& text) const;
-
-    bool isColoured_;
-    Clock::time_point start_ = Clock::now();
-};
+void SayTable(const std::vector<Outcome>& outcomes);
 
 Tone ToneOf(Happening happening);
 

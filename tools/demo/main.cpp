@@ -1,131 +1,160 @@
-// kite_demo: brings the system up on a private bus, lets programs misbehave, and tells whether the service
-// dealt with each as the policy says. What ./run starts after the build.
+// kite_demo: brings the system up on a private bus, starts programs that misbehave, and tells whether the
+// service dealt with each as the policy says. What ./run starts after the build.
 //
 // Exit status: 0 each process met its fate (or, with --serve, stopped as asked); 1 one did not, or the system
 // does not come up; 128 and the signal's number when a signal ended it early.
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <exception>
-#include <iostream>
+#include <filesystem>
 
+#include "base/file.h"
+#include "base/file_names.h"
+#include "demo/configuration.h"
 #include "demo/demonstration.h"
 #include "demo/display.h"
-#include "demo/kite_system.h"
-#include "demo/loop.h"
+#include "demo/stop_signals.h"
+#include "private_system/private_system.h"
 
 namespace {
 
 using namespace KITE::Demo;
+using KITE::Linux::Result;
+using KITE::Tools::PrivateSystem;
+namespace fs = std::filesystem;
+namespace FileName = KITE::Linux::FileName;
 
 constexpr int kFailed = 1;
 constexpr int kSignalled = 128;
 
 struct Options {
-    SystemOptions system;
+    fs::path programs;  // the directory of the host; the libraries are in ../lib
+    std::string etc;
+    std::vector<fs::path> layers;
+    fs::path rawLog;
     bool serve = false;
 };
 
 void Describe(CLI::App& app, Options& options) {
     app.add_flag("--serve", options.serve, "bring the system up and serve until Ctrl-C");
-    app.add_option("--config", options.system.configurations,
+    app.add_option("--config", options.layers,
                    "a directory with etc/efficiency_manager/process_resource_limit.json, in place of the "
                    "sample layers; may be given again, a later one overrides an earlier one")
         ->check(CLI::ExistingDirectory);
-    app.add_option("--etc", options.system.etcDirectory, "the shipped configuration")
+    app.add_option("--etc", options.etc, "the shipped configuration")
         ->required()
         ->check(CLI::ExistingDirectory);
-    app.add_option("--raw-log", options.system.rawLog, "file for the raw log")->required();
+    app.add_option("--raw-log", options.rawLog, "file for the raw log")->required();
 }
 
-int StatusOf(const Loop& loop, bool isAllWell) {
-    if (loop.StopSignal() != 0) {
-        return kSignalled + loop.StopSignal();
+Result<void> StartSystem(PrivateSystem& system, const Options& options, const StopSignals& stop) {
+    Result<void> result = system.StartBus();
+    result = result ? WriteConfiguration(system.Paths().etc, options.etc, options.layers) : result;
+    if (!result) {
+        return result;
     }
-    return isAllWell ? 0 : kFailed;
+    system.StartQuotaHost();
+    system.StartKelvraHost();
+    return system.AwaitService(milliseconds(15'000), stop.Descriptor());
 }
 
-int Serve(Loop& loop, const KiteSystem& system, const Display& display, const SystemOptions& options) {
-    display.Say(Tone::kGood, "serving until Ctrl-C");
-    display.Say(Tone::kPlain, "  bus            " + system.BusAddress());
-    display.Say(Tone::kPlain, "  state          " + system.StateDirectory().string());
-    display.Say(Tone::kPlain, "  device state   " + (system.StateDirectory() / "device_state.json").string());
-    display.Say(Tone::kPlain, "  events         " + (system.StateDirectory() / "events.jsonl").string());
-    display.Say(Tone::kQuiet,
-                "  who is there:  busctl --address=" + system.BusAddress() + " list --acquired");
-    display.Say(Tone::kQuiet, "  ask it:        KITE_BUS=" + system.BusAddress() +
-                                  " KITE_ETC=" + system.EtcDirectory().string() +
-                                  " KITE_STATE=" + system.StateDirectory().string() + " " +
-                                  (options.binaryDirectory / "rqctl").string() + " --help");
-    std::string failure;
-    const auto ticks = loop.Every(milliseconds(200), [&] { failure = system.WhatFailed(); });
-    while (failure.empty() && loop.StopSignal() == 0) {
-        loop.RunUntil([&] { return !failure.empty(); }, std::chrono::hours(1));
-    }
-    if (!failure.empty()) {
-        display.Say(Tone::kBad, failure);
-        return kFailed;
+int Serve(PrivateSystem& system, StopSignals& stop, const Options& options) {
+    constexpr milliseconds kPeriod{200};
+    const auto& paths = system.Paths();
+    const auto line = [](const char* what, const std::string& where) {
+        Say(Tone::kPlain, fmt::format("  {:<14} {}", what, where));
+    };
+    Say(Tone::kGood, "serving until Ctrl-C");
+    line("bus", paths.busAddress);
+    line("state", paths.state);
+    line("device state", paths.state + FileName::kDeviceState);
+    line("events", paths.state + FileName::kEvents);
+    line("who is there:", fmt::format("busctl --address={} list --acquired", paths.busAddress));
+    line("ask it:", fmt::format("KITE_BUS={} KITE_ETC={} KITE_STATE={} {} --help", paths.busAddress,
+                                paths.etc, paths.state, (options.programs / "rqctl").string()));
+    while (!stop.Await(kPeriod)) {
+        if (const std::string failure = system.WhatEnded(); !failure.empty()) {
+            Say(Tone::kBad, failure);
+            return kFailed;
+        }
     }
     return 0;
 }
 
-int Demonstrate(Loop& loop, KiteSystem& system, Display& display, const SystemOptions& options) {
-    display.Say(Tone::kPlain, "");
+int Demonstrate(PrivateSystem& system, StopSignals& stop, const Options& options) {
+    Say(Tone::kPlain, "");
     for (const Program& program : Programs()) {
-        display.Say(Tone::kPlain,
-                    "  " + program.name + std::string(15 - program.name.size(), ' ') + program.story);
+        Say(Tone::kPlain, fmt::format("  {:<15}{}", program.name, program.story));
     }
-    display.Say(Tone::kPlain, "");
-    Demonstration demonstration(loop, system, display, options);
-    std::string error;
-    if (!demonstration.Start(error)) {
-        display.Say(Tone::kBad, error);
+    Say(Tone::kPlain, "");
+    Demonstration demonstration(system, stop, options.programs / "misbehave", options.rawLog.parent_path());
+    if (const Result<void> started = demonstration.Start(); !started) {
+        Say(Tone::kBad, started.Why().Text());
         return kFailed;
     }
-    return StatusOf(loop, demonstration.Watch() && demonstration.Conclude());
+    demonstration.Watch();
+    return stop.Received() == 0 && demonstration.Conclude() ? 0 : kFailed;
+}
+
+// A page of what was measured and done.
+void MakePage(const PrivateSystem& system, const Options& options, const fs::path& page) {
+    KITE::Tools::LogFile log(options.rawLog);
+    KITE::Tools::ChildProcess rqctl(
+        {.program = options.programs / "rqctl",
+         .arguments = {"rqctl", "plot", "--state", system.Paths().state, "--output", fs::absolute(page)},
+         .output = log.Fd()});
+    if (rqctl.AwaitExit() == 0) {
+        Say(Tone::kPlain, "what happened, as a page to look at: " + page.string());
+    } else {
+        Say(Tone::kBad, "the page could not be made, see the raw log");
+    }
+}
+
+int RunSystem(StopSignals& stop, const Options& options, const fs::path& page) {
+    const fs::path libraries = options.programs.parent_path() / "lib";
+    PrivateSystem system({.shipped = options.etc,
+                          .host = options.programs / "kite_host",
+                          .quotaLibrary = libraries / "libresource_quota_control.so",
+                          .kelvraLibrary = libraries / "libkelvra_manager.so",
+                          .log = options.rawLog});
+    const Clock::time_point begin = Clock::now();
+    const Result<void> started = StartSystem(system, options, stop);
+    if (!started) {
+        if (stop.Received() == 0) {
+            Say(Tone::kBad, started.Why().Text());
+        }
+        return kFailed;
+    }
+    Say(Tone::kGood, "the service is up after " + SecondsText(Clock::now() - begin));
+    const int status = options.serve ? Serve(system, stop, options) : Demonstrate(system, stop, options);
+    static_cast<void>(system.StopHosts());
+    MakePage(system, options, page);
+    return status;
 }
 
 int Run(const Options& options) {
-    Display display;
-    Loop loop;
-    const std::optional<std::string> namesake = options.serve ? std::nullopt : Demonstration::FindNamesake();
-    if (namesake) {
-        display.Say(Tone::kBad, *namesake);
+    StopSignals stop;
+    if (const auto refused = Demonstration::RefuseNamesakes(); !options.serve && !refused) {
+        Say(Tone::kBad, refused.Why().Text());
         return kFailed;
     }
-    int status = kFailed;
-    const std::filesystem::path page = std::filesystem::path(options.system.rawLog).replace_extension("html");
-    std::filesystem::remove(page);
-    {
-        KiteSystem system(loop, options.system);
-        std::string error;
-        const Clock::time_point begin = Clock::now();
-        if (!system.Start(error)) {
-            if (loop.StopSignal() == 0) {
-                display.Say(Tone::kBad, error);
-            }
-            status = StatusOf(loop, false);
-        } else {
-            const auto time = std::chrono::duration_cast<milliseconds>(Clock::now() - begin).count();
-            display.Say(Tone::kGood, "the service is up after " + std::to_string(time) + " ms");
-            status = options.serve ? Serve(loop, system, display, options.system)
-                                   : Demonstrate(loop, system, display, options.system);
-            static_cast<void>(system.StopHosts());
-            if (!system.WritePlot(page)) {
-                display.Say(Tone::kBad, "the page could not be made, see the raw log");
-            }
-        }
+    if (const std::error_code error = KITE::Linux::WriteFile(options.rawLog, "")) {
+        Say(Tone::kBad, options.rawLog.string() + ": " + error.message());
+        return kFailed;
     }
-    if (loop.StopSignal() != 0) {
-        display.Say(Tone::kQuiet, "stopped; nothing is left running, frozen or slowed");
+    const fs::path page = fs::path(options.rawLog).replace_extension("html");
+    fs::remove(page);
+    const int status = RunSystem(stop, options, page);
+    Say(Tone::kQuiet, "raw log: " + options.rawLog.string());
+    if (stop.Received() == 0) {
+        return status;
     }
-    display.Say(Tone::kQuiet, "raw log: " + options.system.rawLog.string());
-    if (std::filesystem::exists(page)) {
-        display.Say(Tone::kPlain, "what happened, as a page to look at: " + page.string());
-    }
-    return status;
+    Say(Tone::kQuiet, "stopped; nothing is left running, frozen or slowed");
+    return options.serve && status == 0 ? 0 : kSignalled + stop.Received();
 }
 
 }  // namespace
@@ -141,14 +170,15 @@ int main(int argc, char** argv) {
             return app.exit(error);
         }
         if (geteuid() != 0) {
-            std::cerr << "kite_demo: must be run as root, to start each process under a user of its own\n";
+            fmt::print(stderr,
+                       "kite_demo: must be run as root, to start each process under a user of its own\n");
             return kFailed;
         }
         umask(022);
-        options.system.binaryDirectory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+        options.programs = fs::read_symlink("/proc/self/exe").parent_path();
         return Run(options);
     } catch (const std::exception& error) {
-        std::cerr << "kite_demo: " << error.what() << '\n';
+        fmt::print(stderr, "kite_demo: {}\n", error.what());
         return kFailed;
     }
 }

@@ -1,10 +1,8 @@
-// The programs that the demonstration lets loose, each started under a name of the quota file:
+// The programs that the demonstration starts, each started under a name of the quota file:
 //
 //   misbehave cpu PERCENT     uses so much of a core
 //   misbehave memory MIB      takes so much memory, 16 MiB at a time, and goes on using it
-//   misbehave write FD        writes to the descriptor without end, at most 80 MiB/s, over the same 64 MiB
-//   misbehave compete         for each byte on standard input, keeps a core busy for kBurst and answers with
-//   a byte
+//   misbehave write           writes to standard output without end, at most 80 MiB/s, over the same 64 MiB
 //
 // Arguments have no slash: the quota service takes what follows the last one for the process's name.
 
@@ -20,8 +18,6 @@
 #include <span>
 #include <string_view>
 #include <vector>
-
-#include "demo/competition.h"
 
 namespace {
 
@@ -79,31 +75,18 @@ int UseMemory(int mebibytes) {
     }
 }
 
-int FloodDisk(int fd) {
+int FloodDisk() {
     constexpr size_t kPiece = 4 * kMiB;
     constexpr off_t kFileSize = 64 * kMiB;
     constexpr milliseconds kPeriod{50};
     const std::vector<char> piece(kPiece, 'x');
     for (off_t offset = 0;; offset = (offset + static_cast<off_t>(kPiece)) % kFileSize) {
         const Clock::time_point begin = Clock::now();
-        if (pwrite(fd, piece.data(), piece.size(), offset) < 0 || fdatasync(fd) != 0) {
+        if (pwrite(STDOUT_FILENO, piece.data(), piece.size(), offset) < 0 || fdatasync(STDOUT_FILENO) != 0) {
             return 1;
         }
         PauseUntil(begin + kPeriod);
     }
-}
-
-int Compete() {
-    char byte = 0;
-    while (read(STDIN_FILENO, &byte, 1) == 1) {
-        const Clock::time_point end = Clock::now() + KITE::Demo::kBurst;
-        while (Clock::now() < end) {
-        }
-        if (write(STDOUT_FILENO, &byte, 1) != 1) {
-            return 1;
-        }
-    }
-    return 0;
 }
 
 std::optional<int> NumberOf(std::string_view text) {
@@ -117,9 +100,6 @@ std::optional<int> NumberOf(std::string_view text) {
 
 int main(int argc, char** argv) {
     const std::string_view body = argc > 1 ? argv[1] : "";
-    if (body == "compete") {
-        return Compete();
-    }
     const std::optional<int> number = argc > 2 ? NumberOf(argv[2]) : std::nullopt;
     if (number && body == "cpu") {
         return UseCpu(*number);
@@ -127,8 +107,5 @@ int main(int argc, char** argv) {
     if (number && body == "memory") {
         return UseMemory(*number);
     }
-    if (number && body == "write") {
-        return FloodDisk(*number);
-    }
-    return 2;
+    return body == "write" ? FloodDisk() : 2;
 }

@@ -1,329 +1,163 @@
 #include "demo/observer.h"
 
-#include <dirent.h>
-#include <sched.h>
-#include <unistd.h>
+#include <fmt/format.h>
+#include <sys/wait.h>
 
 #include <algorithm>
-#include <ctime>
-#include <fstream>
-#include <iterator>
-#include <limits>
-#include <sstream>
-#include <string_view>
+#include <utility>
+
+#include "base/file.h"
+#include "proc/process_file.h"
+#include "proc/process_stat.h"
 
 namespace KITE::Demo {
 
 namespace {
 
+using Linux::Resource;
+
 constexpr int64_t kMiB = int64_t{1} << 20;
-// Below the first a process that wants to run is held to be suppressed, above the second it is not any more.
+// Below the first a process that wants to run counts as suppressed, above the second not any more.
 constexpr int64_t kSuppressedPercent = 5;
 constexpr int64_t kResumedPercent = 20;
-// The least CPU time of both competitors together that tells something.
-constexpr int64_t kTellingNs = 40'000'000;
 // More CPU time than this is progress. The kernel charges a frozen process some microseconds when it is moved
 // to another control group; the laziest of the programs uses 3 ms in 100 ms.
-constexpr int64_t kProgressNs = 1'000'000;
-// A machine that does other work may keep a process waiting.
-constexpr milliseconds kBearablePause{3000};
+constexpr milliseconds kProgress{1};
 
-std::string ReadText(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-int64_t NumberAfter(const std::string& text, std::string_view label) {
-    const size_t at = text.find(label);
-    return at == std::string::npos ? 0 : std::strtoll(text.c_str() + at + label.size(), nullptr, 10);
-}
-
-int64_t CpuTimeOf(pid_t pid) {
-    clockid_t clock{};
-    timespec time{};
-    if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &time) != 0) {
-        return 0;
+// CPU time in ns, or bytes.
+int64_t AmountUsed(Resource resource, const Tools::ProcessView& process) {
+    switch (resource) {
+        case Resource::kMemory:
+            return static_cast<int64_t>(process.ResidentKiB()) << 10;
+        case Resource::kIo: {
+            const auto io = Linux::ReadFile(Linux::ProcessFilePath(process.Pid(), "io"));
+            return io ? Linux::NumberOfLine(*io, "write_bytes:").value_or(0) : 0;
+        }
+        default:
+            return process.CpuTime().count();
     }
-    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
-// The fields of /proc/PID/stat from the third, the state, on. The second is a name in brackets, which may
-// hold brackets itself.
-std::vector<std::string> StatFields(pid_t pid) {
-    const std::string text = ReadText("/proc/" + std::to_string(pid) + "/stat");
-    const size_t bracket = text.rfind(')');
-    std::istringstream rest(bracket == std::string::npos ? "" : text.substr(bracket + 1));
-    return {std::istream_iterator<std::string>(rest), {}};
-}
-
-bool WantsToRun(char state) {
-    return state == 'R' || state == 'D';
-}
-
-int64_t Percent(int64_t nanoseconds, Clock::duration time) {
-    const int64_t whole = std::chrono::nanoseconds(time).count();
-    return whole <= 0 ? 0 : nanoseconds * 100 / whole;
-}
-
-std::string Seconds(Clock::duration time) {
-    const int64_t tenths = std::chrono::duration_cast<milliseconds>(time).count() / 100;
-    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
-}
-
-int64_t ValueOf(Measure measure, const ProcReading& reading) {
-    switch (measure) {
-        case Measure::kCpu:
-            return reading.cpuNs;
-        case Measure::kWrites:
-            return reading.writtenBytes;
-        case Measure::kMemory:
-            break;
-    }
-    return reading.residentBytes;
-}
-
-bool Contains(const std::vector<Happening>& history, Happening happening) {
-    return std::ranges::find(history, happening) != history.end();
 }
 
 }  // namespace
 
-std::optional<ProcReading> ReadProc(pid_t pid) {
-    constexpr size_t kStateField = 0;
-    constexpr size_t kResidentField = 21;
-    constexpr size_t kPolicyField = 38;
-    const std::vector<std::string> stat = StatFields(pid);
-    if (stat.size() <= kPolicyField || stat[kStateField] == "Z" || stat[kStateField] == "X") {
-        return std::nullopt;
-    }
-    const std::string directory = "/proc/" + std::to_string(pid);
-    ProcReading reading;
-    reading.state = stat[kStateField].front();
-    reading.isIdlePolicy = stat[kPolicyField] == std::to_string(SCHED_IDLE);
-    reading.cpuNs = CpuTimeOf(pid);
-    reading.writtenBytes = NumberAfter(ReadText(directory + "/io"), "\nwrite_bytes:");
-    reading.residentBytes = std::strtoll(stat[kResidentField].c_str(), nullptr, 10) * sysconf(_SC_PAGESIZE);
-    reading.groups = ReadText(directory + "/cgroup");
-    return reading;
-}
-
 std::string HappeningText(Happening happening) {
-    switch (happening) {
-        case Happening::kSuppressed:
-            return "suppressed";
-        case Happening::kResumed:
-            return "let run";
-        case Happening::kFrozen:
-            return "frozen";
-        case Happening::kThawed:
-            return "thawed";
-        case Happening::kMoved:
-            return "regrouped";
-        case Happening::kKilled:
-            return "killed";
-        case Happening::kEnded:
-            break;
-    }
-    return "ended";
+    constexpr const char* kTexts[] = {"suppressed", "let run", "frozen", "thawed",
+                                      "regrouped",  "killed",  "ended"};
+    return kTexts[static_cast<size_t>(happening)];
 }
 
-Observer::Observer(const Program& program, Child& child) : program_(program), child_(child) {}
-
-void Observer::Note(std::vector<Sighting>& sightings, Happening happening, std::string detail) {
-    history_.push_back(happening);
-    sightings.push_back({happening, std::move(detail)});
+std::string SecondsText(Clock::duration time) {
+    return fmt::format("{:.1f} s", std::chrono::duration<double>(time).count());
 }
 
-std::vector<Sighting> Observer::Look(Clock::time_point now) {
-    std::vector<Sighting> sightings;
-    if (hasEnded_) {
-        return sightings;
-    }
-    if (child_.HasEnded()) {
-        LookAtEnd(sightings);
-        return sightings;
-    }
-    const std::optional<ProcReading> reading = ReadProc(Pid());
-    if (!reading) {
-        return sightings;  // about to end
-    }
-    if (!last_) {
-        home_ = reading->groups;
-        stillSince_ = progressAt_ = now;
-        cpuNsSeen_ = reading->cpuNs;
-    } else {
-        LookAtProgress(*reading, now, sightings);
-    }
-    TakeMeasure(*reading, now);
-    last_ = reading;
-    return sightings;
-}
+Observer::Observer(const Program& program, Tools::ChildProcess& process)
+    : program_(program),
+      process_(process),
+      home_(process.Standing()),
+      stillSince_(Clock::now()),
+      progressAt_(stillSince_),
+      secondBegin_(stillSince_) {}
 
-void Observer::LookAtEnd(std::vector<Sighting>& sightings) {
-    hasEnded_ = true;
-    const Ending& ending = child_.AwaitEnd();
-    Note(sightings, ending.IsKill() ? Happening::kKilled : Happening::kEnded,
-         ending.IsKill() ? "by SIGKILL, " + Total() : ending.Text());
-}
-
-void Observer::LookAtProgress(const ProcReading& reading, Clock::time_point now,
-                              std::vector<Sighting>& sightings) {
-    const bool isMoved = reading.groups != home_ || reading.isIdlePolicy;
-    if (isMoved && !Contains(history_, Happening::kMoved)) {
-        history_.push_back(Happening::kMoved);
-    }
-    const bool hasProgress = reading.cpuNs - cpuNsSeen_ > kProgressNs;
-    longestPause_ = std::max(longestPause_, std::chrono::duration_cast<milliseconds>(now - progressAt_));
-    if (hasProgress && isFrozen_) {
-        isFrozen_ = false;
-        Note(sightings, Happening::kThawed, "runs again, after " + Seconds(now - stillSince_));
-    }
-    if (hasProgress) {
-        progressAt_ = now;
-        cpuNsSeen_ = reading.cpuNs;
-    }
-    if (hasProgress || (!isFrozen_ && WantsToRun(reading.state))) {
-        stillSince_ = now;
-    }
-    if (!isFrozen_ && now - stillSince_ >= kStandstill) {
-        isFrozen_ = true;
-        Note(sightings, Happening::kFrozen,
-             "no CPU time for " + std::to_string(kStandstill.count()) + " ms, state " + reading.state);
-    }
-}
-
-void Observer::TakeMeasure(const ProcReading& reading, Clock::time_point now) {
-    lastSecond_.push_back({now, ValueOf(program_.measure, reading)});
-    while (lastSecond_.size() > 2 && now - lastSecond_[1].at >= std::chrono::seconds(1)) {
-        lastSecond_.pop_front();
-    }
-    const Point& first = lastSecond_.front();
-    const Clock::duration time = now - first.at;
-    if (program_.measure == Measure::kMemory) {
-        current_ = reading.residentBytes / kMiB;
-    } else if (time < std::chrono::seconds(1)) {
-        return;
-    } else {
-        const int64_t growth = lastSecond_.back().value - first.value;
-        const int64_t perMille = std::chrono::duration_cast<milliseconds>(time).count();
-        current_ =
-            program_.measure == Measure::kCpu ? Percent(growth, time) : growth * 1000 / perMille / kMiB;
-    }
-    peak_ = std::max(peak_, current_);
-}
-
-std::string Observer::Total() const {
-    if (!last_) {
-        return "before it did anything";
-    }
-    switch (program_.measure) {
-        case Measure::kCpu:
-            return "after " + Seconds(std::chrono::nanoseconds(last_->cpuNs)) + " of CPU time";
-        case Measure::kWrites:
-            return "after writing " + std::to_string(last_->writtenBytes / kMiB) + " MiB";
-        case Measure::kMemory:
-            break;
-    }
-    return "with " + std::to_string(peak_) + " MiB";
-}
-
-void Observer::BeginCompetition(pid_t competitor) {
-    competition_ = CpuTimes{CpuTimeOf(Pid()), CpuTimeOf(competitor)};
-}
-
-// Shares of what the two got together: what others on the machine take does not matter.
-std::vector<Sighting> Observer::EndCompetition(pid_t competitor) {
-    std::vector<Sighting> sightings;
-    const std::optional<ProcReading> reading = ReadProc(Pid());
-    if (!competition_ || !reading || hasEnded_) {
-        return sightings;
-    }
-    const int64_t own = reading->cpuNs - competition_->own;
-    const int64_t both = own + CpuTimeOf(competitor) - competition_->competitor;
-    competition_.reset();
-    // Too little tells nothing, nor does a process that does not want to run, being frozen.
-    if (both < kTellingNs || reading->state != 'R') {
-        return sightings;
-    }
-    const int64_t share = own * 100 / both;
-    if (!isSuppressed_ && share <= kSuppressedPercent) {
-        isSuppressed_ = true;
-        Note(sightings, Happening::kSuppressed,
-             "gets " + std::to_string(share) + " % beside a competitor, " + std::to_string(shareBefore_) +
-                 " % before");
-    } else if (isSuppressed_ && share >= kResumedPercent) {
-        isSuppressed_ = false;
-        Note(sightings, Happening::kResumed, "gets " + std::to_string(share) + " % beside a competitor");
-    }
-    shareBefore_ = share;
-    return sightings;
+bool Observer::Saw(Happening happening) const {
+    return std::ranges::find(history_, happening) != history_.end();
 }
 
 bool Observer::IsAsAtStart() const {
-    const std::optional<ProcReading> reading = hasEnded_ ? std::nullopt : ReadProc(Pid());
-    return !reading || (reading->groups == home_ && !reading->isIdlePolicy);
+    return process_.HasEnded() || process_.Standing() == home_;
 }
 
-bool Observer::IsFateReached() const {
-    switch (program_.fate) {
-        case Fate::kStages:
-        case Fate::kKilled:
-            return hasEnded_;
-        case Fate::kFrozen:
-            return hasEnded_ || Contains(history_, Happening::kFrozen);
-        case Fate::kUntouched:
-            break;
-    }
-    return true;
+Sighting Observer::Note(Happening happening, std::string detail) {
+    history_.push_back(happening);
+    return {happening, std::move(detail)};
 }
 
-namespace {
-
-std::string ShortcomingOfStages(const std::vector<Happening>& history) {
-    const auto suppressed = std::ranges::find(history, Happening::kSuppressed);
-    const auto frozen = std::find(suppressed, history.end(), Happening::kFrozen);
-    const auto killed = std::find(frozen, history.end(), Happening::kKilled);
-    if (suppressed == history.end()) {
-        return "was never suppressed";
+std::optional<Sighting> Observer::Look(Clock::time_point now) {
+    if (hasEnded_) {
+        return std::nullopt;
     }
-    if (frozen == history.end()) {
-        return "was not frozen after it was suppressed";
+    if (process_.HasEnded()) {
+        return LookAtEnd();
     }
-    return killed == history.end() ? "was not killed after it was frozen" : "";
+    if (!Saw(Happening::kMoved) && !IsAsAtStart()) {
+        history_.push_back(Happening::kMoved);
+    }
+    Measure(now);
+    return LookAtProgress(now);
 }
 
-std::string ShortcomingOfUntouched(const Observer& observer) {
-    const std::vector<Happening>& history = observer.History();
-    if (!history.empty()) {
-        return "was " + HappeningText(history.front());
-    }
-    if (observer.LongestPause() > kBearablePause) {
-        return "stood still for " + Seconds(observer.LongestPause());
-    }
-    return observer.Peak() < observer.Of().leastPeak
-               ? "was never above its quota, so nothing is shown: " +
-                     MeasureText(observer.Of().measure, observer.Peak()) + " at most"
-               : "";
+Sighting Observer::LookAtEnd() {
+    hasEnded_ = true;
+    const int status = process_.AwaitEnd().value_or(0);
+    const bool isKilled = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    return isKilled ? Note(Happening::kKilled, "by SIGKILL, " + Total())
+                    : Note(Happening::kEnded, Tools::EndText(status));
 }
 
-}  // namespace
+std::optional<Sighting> Observer::LookAtProgress(Clock::time_point now) {
+    const char state = Linux::ReadProcessStat(process_.Pid()).ValueOr({}).state;
+    const std::chrono::nanoseconds cpu = process_.CpuTime();
+    const bool hasProgress = cpu > progressCpu_ + kProgress;
+    longestPause_ = std::max(longestPause_, now - progressAt_);
+    if (hasProgress) {
+        progressAt_ = now;
+        progressCpu_ = cpu;
+    }
+    if (hasProgress && std::exchange(isFrozen_, false)) {
+        return Note(Happening::kThawed,
+                    "runs again, after " + SecondsText(now - std::exchange(stillSince_, now)));
+    }
+    if (hasProgress || (!isFrozen_ && (state == 'R' || state == 'D'))) {
+        stillSince_ = now;
+    }
+    if (isFrozen_ || now - stillSince_ < kStandstill) {
+        return std::nullopt;
+    }
+    isFrozen_ = true;
+    return Note(Happening::kFrozen,
+                fmt::format("no CPU time for {} ms, state {}", kStandstill.count(), state));
+}
 
-std::string Shortcoming(const Observer& observer) {
-    std::vector<Happening> history = observer.History();
-    if (observer.Of().fate == Fate::kUntouched) {
-        return ShortcomingOfUntouched(observer);
+// Of memory the amount now, of the others the amount in each second.
+void Observer::Measure(Clock::time_point now) {
+    used_ = AmountUsed(program_.resource, process_);
+    if (program_.resource == Resource::kMemory) {
+        peak_ = std::max(peak_, used_ / kMiB);
+        return;
     }
-    std::erase(history, Happening::kMoved);
-    if (observer.Of().fate == Fate::kStages) {
-        return ShortcomingOfStages(history);
+    const std::chrono::duration<double> time = now - secondBegin_;
+    if (time < std::chrono::seconds(1)) {
+        return;
     }
-    const std::vector<Happening> expected = observer.Of().fate == Fate::kKilled
-                                                ? std::vector{Happening::kKilled}
-                                                : std::vector{Happening::kFrozen, Happening::kThawed};
-    if (history == expected) {
-        return "";
+    const double perSecond = static_cast<double>(used_ - secondBase_) / time.count();
+    const double unit = program_.resource == Resource::kIo ? kMiB : 1e7;  // 1 % of a core in ns a second
+    peak_ = std::max(peak_, static_cast<int64_t>(perSecond / unit));
+    secondBegin_ = now;
+    secondBase_ = used_;
+}
+
+std::string Observer::Total() const {
+    switch (program_.resource) {
+        case Resource::kMemory:
+            return fmt::format("with {} MiB", peak_);
+        case Resource::kIo:
+            return fmt::format("after writing {} MiB", used_ / kMiB);
+        default:
+            return "after " + SecondsText(std::chrono::nanoseconds(used_)) + " of CPU time";
     }
-    return history.empty() ? "nothing happened to it" : "not what was expected";
+}
+
+std::optional<Sighting> Observer::TakeShare(int64_t percent) {
+    const int64_t before = std::exchange(share_, percent);
+    if (!isSuppressed_ && percent <= kSuppressedPercent) {
+        isSuppressed_ = true;
+        return Note(Happening::kSuppressed,
+                    fmt::format("gets {} % beside a competitor, {} % before", percent, before));
+    }
+    if (isSuppressed_ && percent >= kResumedPercent) {
+        isSuppressed_ = false;
+        return Note(Happening::kResumed, fmt::format("gets {} % beside a competitor", percent));
+    }
+    return std::nullopt;
 }
 
 }  // namespace KITE::Demo

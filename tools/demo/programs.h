@@ -6,9 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "base/resource_types.h"
+
 namespace KITE::Demo {
 
-// What the shipped policy has in store for a program.
+// What the shipped policy does to a program.
 enum class Fate : uint8_t {
     kStages,     // suppressed, then frozen, then killed
     kKilled,     // killed, without anything before
@@ -16,26 +18,24 @@ enum class Fate : uint8_t {
     kUntouched,  // runs on as if there were no service
 };
 
-// Which of its resources tells how the program is doing.
-enum class Measure : uint8_t { kCpu, kMemory, kWrites };
-
-// A program that the demonstration lets loose.
+// A program that the demonstration starts.
 struct Program {
     std::string name;   // its argv[0], which the policy knows it by
     std::string story;  // what it does, and what the policy says to that
     Fate fate;
-    Measure measure;
-    // For one that is untouched although it is above its quota: the least that it must have reached, in the
-    // measure's unit, for that to mean something.
-    int64_t leastPeak;
+    Linux::Resource resource;  // the one that it uses
     uid_t uid;
     std::vector<std::string> body;  // arguments of misbehave; none: the real program of that name
+    // For one that is untouched although it breaks its quota: why, and what it must have reached, in the unit
+    // of AmountText, to have broken it.
+    std::string exemption = {};
+    int64_t leastPeak = 0;
 };
 
 const std::vector<Program>& Programs();
 
 std::string FateText(Fate fate);
 // As "97 % of a core", "128 MiB" or "78 MiB/s".
-std::string MeasureText(Measure measure, int64_t value);
+std::string AmountText(Linux::Resource resource, int64_t amount);
 
 }  // namespace KITE::Demo
