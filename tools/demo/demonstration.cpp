@@ -78,11 +78,11 @@ Demonstration::Demonstration(Tools::PrivateSystem& system, StopSignals& stop, st
       competition_(misbehave_, contestedCpu_, kCompetitorUid) {}
 
 Result<void> Demonstration::RefuseNamesakes() {
-    const Result<std::vector<pid_t>> processes = Linux::ListProcesses();
+    const auto processes = Linux::ListProcesses();
     if (!processes) {
         return processes.Why().In("/proc");
     }
-    for (const pid_t pid : *processes) {
+    for (const auto& [pid, inode] : *processes) {
         const std::string name = Linux::ReadProcessName(pid);
         if (std::ranges::find(Programs(), name, &Program::name) != Programs().end()) {
             return Failure(fmt::format("{} is running: the service would treat it too; end it first",
