@@ -1,16 +1,11 @@
 #include "host/host.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
+#include <pthread.h>
 #include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
+#include <atomic>
 #include <csignal>
 #include <utility>
 
@@ -35,16 +30,11 @@ sigset_t StopSignals() {
     return signals;
 }
 
-// Threads inherit the mask, so that a stop signal reaches nobody but the descriptor that the host reads.
+// Threads inherit the mask, so that a stop signal waits until the host asks for it.
 void PrepareSignals() {
     const sigset_t signals = StopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
-}
-
-UniqueFd OpenStopSignal() {
-    const sigset_t signals = StopSignals();
-    return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 // The quota host keeps a pidfd for each reported process and the Kelvra manager three files for each watched
@@ -82,8 +72,8 @@ class Host {
     void Stop();
 
     const HostOptions& options_;
-    const UniqueFd stopSignal_ = OpenStopSignal();
-    const UniqueFd busLost_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    const pthread_t thread_ = pthread_self();
+    std::atomic<bool> isBusLost_{false};
     std::vector<SystemAbility*> started_;
     TreatmentsObject treatments_{Bus::Instance().Thread()};
 };
@@ -107,8 +97,10 @@ bool Host::Start() {
 }
 
 bool Host::StartBus() {
-    const std::error_code error =
-        Bus::Instance().Start(options_.settings.busAddress, [this] { eventfd_write(busLost_.Get(), 1); });
+    const std::error_code error = Bus::Instance().Start(options_.settings.busAddress, [this] {
+        isBusLost_ = true;
+        pthread_kill(thread_, SIGTERM);
+    });
     if (error) {
         PLATFORM_LOGE("the host does not start: it cannot connect to the bus: %{public}s",
                       error.message().c_str());
@@ -138,16 +130,19 @@ void Host::StartAbilities() {
     }
 }
 
+// A lost bus ends the wait as a signal does.
 int Host::Wait() {
-    std::array<pollfd, 2> waited{{{stopSignal_.Get(), POLLIN, 0}, {busLost_.Get(), POLLIN, 0}}};
-    while (poll(waited.data(), waited.size(), -1) < 0 && errno == EINTR) {
-    }
-    return waited[1].revents == 0 ? kExitStopped : kExitBusLost;
+    const sigset_t signals = StopSignals();
+    int signal = 0;
+    sigwait(&signals, &signal);
+    return isBusLost_ ? kExitBusLost : kExitStopped;
 }
 
 // Nothing new comes in before anything is taken down, and the treatments end when nobody can begin one any
 // more. The bus goes last but for the log, since abilities may still call others while they stop.
 void Host::Stop() {
+    Bus::Instance().Abilities().StopCallbacks();
+    WithdrawAbilities();
     Bus::Instance().StopServing();
     for (; !started_.empty(); started_.pop_back()) {
         RunGuarded("an ability's stop", [this] { started_.back()->OnStop(); });
@@ -155,7 +150,6 @@ void Host::Stop() {
     treatments_.Withdraw();
     TaskRuntime::Instance().Stop();
     Treatments::Instance().ReleaseAll();
-    ForgetPublishedObjects();
     Bus::Instance().Stop();
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "device/device_state.h"
@@ -17,6 +18,11 @@ namespace KITE {
 namespace Linux {
 
 namespace {
+
+// Flag and answers of the daemon's RequestName.
+constexpr uint32_t kDoNotQueue = 4;
+constexpr uint32_t kPrimaryOwner = 1;
+constexpr uint32_t kAlreadyOwner = 4;
 
 struct Registry {
     std::mutex mutex;  // guards what follows
@@ -37,12 +43,20 @@ sptr<IRemoteObject> PublishedObject(int32_t abilityId) {
     return found == registry.published.end() ? nullptr : found->second;
 }
 
-std::string ReadOwner(int32_t status, sd_bus_message* reply) {
-    const char* owner = "";
-    if (status == ERR_NONE) {
-        sd_bus_message_read(reply, "s", &owner);
+// Makes this process the owner of a bus name; a success when it is already. Waits for the daemon.
+bool ClaimName(const std::string& name) {
+    const auto make = [name](sd_bus* connection) {
+        MessageHandle call = NewDaemonCall(connection, "RequestName", name);
+        const bool isFilled = call && sd_bus_message_append(call.get(), "u", kDoNotQueue) >= 0;
+        return isFilled ? std::move(call) : nullptr;
+    };
+    const auto answer = CallAndWait<std::optional<uint32_t>>(Bus::Instance().Thread(), make, ReadNumber);
+    const bool isOurs = answer == kPrimaryOwner || answer == kAlreadyOwner;
+    if (!isOurs) {
+        PLATFORM_LOGE("this process does not get the bus name %{public}s: %{public}s", name.c_str(),
+                      answer ? "another process owns it" : "the bus refuses it or does not answer");
     }
-    return owner;
+    return isOurs;
 }
 
 // Asks the daemon, which is exact also for a name that was claimed a moment ago.
@@ -52,7 +66,7 @@ std::string CurrentOwner(int32_t abilityId) {
         [abilityId](sd_bus* connection) {
             return NewDaemonCall(connection, "GetNameOwner", AbilityBusName(abilityId));
         },
-        ReadOwner);
+        ReadText);
 }
 
 class AbilityManager : public ISystemAbilityManager {
@@ -77,11 +91,20 @@ std::vector<SystemAbility*> RegisteredAbilities() {
     return registry.abilities;
 }
 
-void ForgetPublishedObjects() {
-    std::map<int32_t, sptr<IRemoteObject>> dropped;
+void WithdrawAbilities() {
     Registry& registry = TheRegistry();
-    const std::lock_guard lock(registry.mutex);
-    dropped.swap(registry.published);
+    std::map<int32_t, sptr<IRemoteObject>> withdrawn;
+    {
+        const std::lock_guard lock(registry.mutex);
+        withdrawn.swap(registry.published);
+    }
+    ServingThread& thread = Bus::Instance().Thread();
+    for (const auto& [abilityId, object] : withdrawn) {
+        thread.Run([&thread, id = abilityId] {
+            AskDaemon(thread.Connection(), "ReleaseName", AbilityBusName(id),
+                      [](int32_t, sd_bus_message*) {});
+        });
+    }
 }
 
 }  // namespace Linux
@@ -127,8 +150,7 @@ bool SystemAbility::Publish(sptr<IRemoteObject> object) {
         PLATFORM_LOGE("ability %{public}d is not published: its object cannot be served", id);
         return false;
     }
-    if (const Linux::Result<void> claimed = bus.ClaimName(Linux::AbilityBusName(id)); !claimed) {
-        PLATFORM_LOGE("ability %{public}d is not published: %{public}s", id, claimed.Why().Text().c_str());
+    if (!Linux::ClaimName(Linux::AbilityBusName(id))) {
         if (!Linux::PublishedObject(id)) {
             bus.Unexport(Linux::AbilityPath(id));
         }

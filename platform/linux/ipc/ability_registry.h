@@ -9,7 +9,8 @@ namespace KITE::Linux {
 // The abilities that the loaded libraries have registered, in that order. Host's thread, after loading.
 KITE_API std::vector<SystemAbility*> RegisteredAbilities();
 
-// Gives back the references to published objects. Called by the host once the bus serves no more.
-KITE_API void ForgetPublishedObjects();
+// Gives back the names of the published abilities, and the references to their objects. Called by the host
+// when no ability can publish any more, while the bus is still there.
+KITE_API void WithdrawAbilities();
 
 }  // namespace KITE::Linux

@@ -16,7 +16,10 @@ namespace KITE::Linux {
 
 namespace {
 
-constexpr std::array kProtectedAbilities{KELVRA_MANAGER_SERVICE_ID, kQuotaServiceId};
+// The names whose owners must never be treated.
+std::array<std::string, 3> ProtectedNames() {
+    return {kDaemonName, AbilityBusName(KELVRA_MANAGER_SERVICE_ID), AbilityBusName(kQuotaServiceId)};
+}
 
 }  // namespace
 
@@ -26,37 +29,123 @@ Availability::~Availability() = default;
 
 void Availability::Begin() {
     callbacks_ = std::make_unique<asio::thread_pool>(1);
-    const std::lock_guard lock(mutex_);
-    isDaemonAsked_ = true;
 }
 
 void Availability::FollowProtected() {
-    for (const int32_t abilityId : kProtectedAbilities) {
-        Follow(abilityId);
+    for (const std::string& name : ProtectedNames()) {
+        Follow(name);
     }
-    AskPid(kDaemonName, [this](std::optional<pid_t> pid) {
-        const std::lock_guard lock(mutex_);
-        daemonPid_ = pid;
-    });
-}
-
-void Availability::Clear() {
-    std::map<int32_t, Ability> dropped;
-    const std::lock_guard lock(mutex_);
-    dropped.swap(abilities_);
-    daemonPid_.reset();
-    isDaemonAsked_ = false;
 }
 
 bool Availability::Listen(int32_t abilityId, Listener listener) {
-    return thread_.IsConnected() && thread_.Post([this, abilityId, listener = std::move(listener)] {
-        Follow(abilityId);
+    const std::string name = AbilityBusName(abilityId);
+    return thread_.IsConnected() && thread_.Post([this, name, listener = std::move(listener)] {
+        Follow(name);
         const std::lock_guard lock(mutex_);
-        Ability& ability = abilities_[abilityId];
-        ability.listeners.push_back(listener);
-        if (!ability.owner.empty()) {
+        followed_[name].listeners.push_back(listener);
+        if (!followed_[name].owner.empty()) {
             Tell(listener, true);
         }
+    });
+}
+
+std::string Availability::OwnerOf(int32_t abilityId) {
+    const std::string name = AbilityBusName(abilityId);
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = followed_.find(name);
+        if (found != followed_.end()) {
+            return found->second.owner;
+        }
+    }
+    thread_.Post([this, name] { Follow(name); });
+    return {};
+}
+
+std::optional<std::vector<pid_t>> Availability::ProtectedPids() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<pid_t> pids;
+    for (const std::string& name : ProtectedNames()) {
+        const auto found = followed_.find(name);
+        // An ability need not be there. The daemon is, but its answer may still be on its way.
+        const bool isThere =
+            found != followed_.end() && (name == kDaemonName || !found->second.owner.empty());
+        if (isThere && !found->second.pid) {
+            return std::nullopt;
+        }
+        if (isThere) {
+            pids.push_back(*found->second.pid);
+        }
+    }
+    return pids;
+}
+
+// The watch first, then the look-up: the watch tells what changes between them, and the look-up's answer then
+// repeats what is known.
+void Availability::Follow(const std::string& name) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (!followed_.try_emplace(name).second) {
+            return;
+        }
+    }
+    auto watch = std::make_unique<NameWatch>(
+        thread_.Connection(), name, [this, name](const std::string& owner) { TakeOwner(name, owner); });
+    {
+        const std::lock_guard lock(mutex_);
+        followed_[name].watch = std::move(watch);
+    }
+    AskDaemon(thread_.Connection(), "GetNameOwner", name,
+              [this, name](int32_t status, sd_bus_message* reply) {
+                  if (const std::string owner = ReadText(status, reply); !owner.empty()) {
+                      TakeOwner(name, owner);
+                  }
+              });
+}
+
+void Availability::TakeOwner(const std::string& name, const std::string& owner) {
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = followed_.find(name);
+        if (found == followed_.end() || found->second.owner == owner) {
+            return;
+        }
+        const std::string before = std::exchange(found->second.owner, owner);
+        found->second.pid.reset();
+        for (const Listener& listener : found->second.listeners) {
+            if (!before.empty()) {
+                Tell(listener, false);
+            }
+            if (!owner.empty()) {
+                Tell(listener, true);
+            }
+        }
+    }
+    if (!owner.empty()) {
+        AskPid(name, owner);
+    }
+}
+
+void Availability::AskPid(const std::string& name, const std::string& owner) {
+    AskDaemon(thread_.Connection(), "GetConnectionUnixProcessID", owner,
+              [this, name, owner](int32_t status, sd_bus_message* reply) {
+                  const std::optional<uint32_t> pid = ReadNumber(status, reply);
+                  if (!pid) {
+                      PLATFORM_LOGE("the bus does not tell which process owns %{public}s: status %{public}d",
+                                    name.c_str(), status);
+                      return;
+                  }
+                  const std::lock_guard lock(mutex_);
+                  const auto found = followed_.find(name);
+                  if (found != followed_.end() && found->second.owner == owner) {
+                      found->second.pid = static_cast<pid_t>(*pid);
+                  }
+              });
+}
+
+void Availability::Tell(const Listener& listener, bool available) {
+    asio::post(*callbacks_, [listener, available] {
+        RunGuarded("a listener to an ability's coming and going", [&] { listener(available); });
     });
 }
 
@@ -67,114 +156,10 @@ void Availability::StopCallbacks() {
     }
 }
 
-std::string Availability::OwnerOf(int32_t abilityId) {
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = abilities_.find(abilityId);
-        if (found != abilities_.end()) {
-            return found->second.owner;
-        }
-    }
-    thread_.Post([this, abilityId] { Follow(abilityId); });
-    return {};
-}
-
-std::optional<std::vector<pid_t>> Availability::ProtectedPids() const {
+void Availability::Clear() {
+    std::map<std::string, Followed> dropped;
     const std::lock_guard lock(mutex_);
-    std::vector<pid_t> pids;
-    if (isDaemonAsked_ && !daemonPid_) {
-        return std::nullopt;
-    }
-    if (daemonPid_) {
-        pids.push_back(*daemonPid_);
-    }
-    for (const int32_t abilityId : kProtectedAbilities) {
-        const auto found = abilities_.find(abilityId);
-        if (found == abilities_.end() || found->second.owner.empty()) {
-            continue;
-        }
-        if (!found->second.pid) {
-            return std::nullopt;
-        }
-        pids.push_back(*found->second.pid);
-    }
-    return pids;
-}
-
-// The watch first, then the look-up: the watch tells what changes between them, and the look-up's answer then
-// repeats what is known.
-void Availability::Follow(int32_t abilityId) {
-    {
-        const std::lock_guard lock(mutex_);
-        if (!abilities_.try_emplace(abilityId).second) {
-            return;
-        }
-    }
-    const std::string name = AbilityBusName(abilityId);
-    auto watch = std::make_unique<NameWatch>(
-        thread_.Connection(), name,
-        [this, abilityId](const std::string& owner) { TakeOwner(abilityId, owner); });
-    {
-        const std::lock_guard lock(mutex_);
-        abilities_[abilityId].watch = std::move(watch);
-    }
-    SendCall(thread_.Connection(), NewDaemonCall(thread_.Connection(), "GetNameOwner", name),
-             [this, abilityId](int32_t status, sd_bus_message* reply) {
-                 const char* owner = nullptr;
-                 if (status == ERR_NONE && sd_bus_message_read(reply, "s", &owner) > 0) {
-                     TakeOwner(abilityId, owner);
-                 }
-             });
-}
-
-void Availability::TakeOwner(int32_t abilityId, const std::string& owner) {
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = abilities_.find(abilityId);
-        if (found == abilities_.end() || found->second.owner == owner) {
-            return;
-        }
-        Ability& ability = found->second;
-        const std::string before = std::exchange(ability.owner, owner);
-        ability.pid.reset();
-        for (const Listener& listener : ability.listeners) {
-            if (!before.empty()) {
-                Tell(listener, false);
-            }
-            if (!owner.empty()) {
-                Tell(listener, true);
-            }
-        }
-    }
-    if (owner.empty()) {
-        return;
-    }
-    AskPid(owner, [this, abilityId, owner](std::optional<pid_t> pid) {
-        const std::lock_guard lock(mutex_);
-        const auto found = abilities_.find(abilityId);
-        if (found != abilities_.end() && found->second.owner == owner) {
-            found->second.pid = pid;
-        }
-    });
-}
-
-void Availability::AskPid(const std::string& busName, std::function<void(std::optional<pid_t>)> tell) {
-    SendCall(thread_.Connection(), NewDaemonCall(thread_.Connection(), "GetConnectionUnixProcessID", busName),
-             [busName, tell = std::move(tell)](int32_t status, sd_bus_message* reply) {
-                 uint32_t pid = 0;
-                 const bool isTold = status == ERR_NONE && sd_bus_message_read(reply, "u", &pid) > 0;
-                 if (!isTold) {
-                     PLATFORM_LOGE("the bus does not tell the pid of %{public}s, status %{public}d",
-                                   busName.c_str(), status);
-                 }
-                 tell(isTold ? std::optional(static_cast<pid_t>(pid)) : std::nullopt);
-             });
-}
-
-void Availability::Tell(const Listener& listener, bool available) {
-    asio::post(*callbacks_, [listener, available] {
-        RunGuarded("a listener to an ability's coming and going", [&] { listener(available); });
-    });
+    dropped.swap(followed_);
 }
 
 std::optional<std::vector<pid_t>> BusProtectedPids() {

@@ -53,25 +53,24 @@ class KITE_API Availability {
     std::optional<std::vector<pid_t>> ProtectedPids() const;
 
   private:
-    struct Ability {
+    // A bus name: an ability's, or the daemon's own.
+    struct Followed {
         std::unique_ptr<NameWatch> watch;  // belongs to the serving thread
         std::string owner;
         std::optional<pid_t> pid;
         std::vector<Listener> listeners;
     };
 
-    void Follow(int32_t abilityId);
-    void TakeOwner(int32_t abilityId, const std::string& owner);
-    void AskPid(const std::string& busName, std::function<void(std::optional<pid_t>)> tell);
+    void Follow(const std::string& name);
+    void TakeOwner(const std::string& name, const std::string& owner);
+    void AskPid(const std::string& name, const std::string& owner);
     void Tell(const Listener& listener, bool available);
 
     ServingThread& thread_;
     std::unique_ptr<asio::thread_pool> callbacks_;  // of one thread
 
     mutable std::mutex mutex_;  // guards what follows
-    std::map<int32_t, Ability> abilities_;
-    bool isDaemonAsked_ = false;
-    std::optional<pid_t> daemonPid_;
+    std::map<std::string, Followed> followed_;
 };
 
 // Processes that must never be treated: the bus daemon and the owners of the quota service's and the Kelvra

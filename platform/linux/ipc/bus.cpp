@@ -13,8 +13,7 @@ Bus::Bus()
           abilities_.Clear();
       }),
       abilities_(thread_),
-      objects_(thread_),
-      names_(thread_) {}
+      objects_(thread_) {}
 
 Bus::~Bus() {
     Stop();
@@ -23,19 +22,16 @@ Bus::~Bus() {
 std::error_code Bus::Start(const std::string& address, std::function<void()> lost) {
     objects_.Begin();
     abilities_.Begin();
-    names_.Begin();
     const std::error_code error = thread_.Start(address, std::move(lost));
-    thread_.Post([this] { abilities_.FollowProtected(); });
+    // Waited for, so that ProtectedPids knows from now on what it does not know yet.
+    thread_.Run([this] { abilities_.FollowProtected(); });
     return error;
 }
 
 void Bus::StopServing() {
-    thread_.Run([this] {
-        names_.ReleaseAll();
-        objects_.Withdraw();
-    });
-    objects_.StopDumps();
     abilities_.StopCallbacks();
+    thread_.Run([this] { objects_.Withdraw(); });
+    objects_.StopDumps();
 }
 
 void Bus::Stop() {

@@ -3,16 +3,14 @@
 #include <functional>
 #include <string>
 
-#include "base/result.h"
 #include "ipc/availability.h"
-#include "ipc/claimed_names.h"
 #include "ipc/object_server.h"
 #include "ipc/serving_thread.h"
 
 namespace KITE::Linux {
 
-// This process on the message bus: the thread that serves it, the objects and names that it offers there, and
-// what it knows of the abilities of others.
+// This process on the message bus: the thread that serves it, the objects that it offers there, and what it
+// knows of the abilities of others.
 class KITE_API Bus {
   public:
     // The process's own; others exist in tests only.
@@ -28,9 +26,8 @@ class KITE_API Bus {
     // be reached or refuses the user.
     std::error_code Start(const std::string& address, std::function<void()> lost = nullptr);
 
-    // Gives back the names, withdraws the objects, waits for a dump that is being written and ends the calls
-    // of listeners. Requests that still wait get an error. Calls to others go on working. Not on the serving
-    // thread.
+    // Ends the calls of listeners, withdraws the objects and waits for a dump that is being written. Requests
+    // that still wait get an error. Calls to others go on working. Not on the serving thread.
     void StopServing();
 
     // StopServing, then stops the serving thread, which see. Idempotent.
@@ -42,9 +39,6 @@ class KITE_API Bus {
     // Takes the object back: its waiting requests get an error. Any thread.
     void Unexport(const std::string& path);
 
-    // See ClaimedNames.
-    Result<void> ClaimName(const std::string& name) { return names_.Claim(name); }
-
     ServingThread& Thread() { return thread_; }
     Availability& Abilities() { return abilities_; }
 
@@ -52,7 +46,6 @@ class KITE_API Bus {
     ServingThread thread_;
     Availability abilities_;
     ObjectServer objects_;
-    ClaimedNames names_;
 };
 
 }  // namespace KITE::Linux

@@ -37,12 +37,10 @@ void CallerUids::Ask(const std::string& sender, Entry& entry) {
             Forget(sender);
             gone_(sender);
         });
-    SendCall(thread_.Connection(), NewDaemonCall(thread_.Connection(), "GetConnectionUnixUser", sender),
-             [this, sender](int32_t status, sd_bus_message* reply) {
-                 uint32_t uid = 0;
-                 const bool isTold = status == ERR_NONE && sd_bus_message_read(reply, "u", &uid) > 0;
-                 TakeAnswer(sender, isTold ? std::optional<uid_t>(uid) : std::nullopt);
-             });
+    AskDaemon(thread_.Connection(), "GetConnectionUnixUser", sender,
+              [this, sender](int32_t status, sd_bus_message* reply) {
+                  TakeAnswer(sender, ReadNumber(status, reply));
+              });
 }
 
 void CallerUids::TakeAnswer(const std::string& sender, std::optional<uid_t> uid) {

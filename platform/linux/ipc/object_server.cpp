@@ -1,5 +1,6 @@
 #include "ipc/object_server.h"
 
+#include <asio/thread_pool.hpp>
 #include <cerrno>
 #include <utility>
 
@@ -12,14 +13,12 @@
 namespace KITE::Linux {
 
 ObjectServer::ObjectServer(ServingThread& thread)
-    : thread_(thread),
-      uids_(thread, [this](const std::string& sender) { DropDumpsOf(sender); }),
-      dumps_(thread) {}
+    : thread_(thread), uids_(thread, [this](const std::string& sender) { DropDumpsOf(sender); }) {}
 
 ObjectServer::~ObjectServer() = default;
 
 void ObjectServer::Begin() {
-    dumps_.Begin();
+    dumps_ = std::make_unique<asio::thread_pool>(1);
     isServing_ = true;
 }
 
@@ -34,7 +33,8 @@ bool ObjectServer::Export(const std::string& path, sptr<IPCObjectStub> object) {
     Unexport(path);
     Served& served =
         served_
-            .emplace(path, Served{*this, std::make_shared<RequestQueue>(dumps_, std::move(object)), nullptr})
+            .emplace(path, Served{*this, std::make_shared<RequestQueue>(thread_, *dumps_, std::move(object)),
+                                  nullptr})
             .first->second;
     sd_bus_slot* slot = nullptr;
     const int result = sd_bus_add_object_vtable(thread_.Connection(), &slot, path.c_str(), kAbilityInterface,
@@ -104,6 +104,7 @@ void ObjectServer::Unexport(const std::string& path) {
     if (const auto served = served_.extract(path)) {
         served.mapped().slot.reset();
         served.mapped().queue->Withdraw();
+        withdrawn_.push_back(served.mapped().queue);
     }
 }
 
@@ -114,10 +115,17 @@ void ObjectServer::Withdraw() {
     }
 }
 
+void ObjectServer::StopDumps() {
+    if (dumps_) {
+        dumps_->stop();
+        dumps_->join();
+    }
+}
+
 void ObjectServer::Clear() {
     Withdraw();
     uids_.Clear();
-    dumps_.Clear();
+    withdrawn_.clear();
 }
 
 }  // namespace KITE::Linux

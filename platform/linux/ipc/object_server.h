@@ -3,12 +3,16 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ipc/caller_uids.h"
-#include "ipc/dump_thread.h"
 #include "ipc/handles.h"
 #include "ipc/request.h"
 #include "remote_object.h"
+
+namespace asio {
+class thread_pool;
+}
 
 namespace KITE::Linux {
 
@@ -32,7 +36,7 @@ class ObjectServer {
     // Withdraws all objects and serves no new ones.
     void Withdraw();
     // Waits for the dump that is being written. Not on the serving thread; it must still run.
-    void StopDumps() { dumps_.Stop(); }
+    void StopDumps();
     // Drops what is left. Before the connection is closed.
     void Clear();
 
@@ -50,9 +54,10 @@ class ObjectServer {
 
     ServingThread& thread_;
     CallerUids uids_;
-    DumpThread dumps_;
+    std::unique_ptr<asio::thread_pool> dumps_;  // of one thread
     RequestLoad load_;
     std::map<std::string, Served> served_;
+    std::vector<std::shared_ptr<RequestQueue>> withdrawn_;  // kept for the answers to their dumps
     bool isServing_ = false;
 };
 

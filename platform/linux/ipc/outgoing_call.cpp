@@ -89,6 +89,22 @@ MessageHandle NewDaemonCall(sd_bus* connection, const std::string& member, const
     return call;
 }
 
+std::optional<uint32_t> ReadNumber(int32_t status, sd_bus_message* reply) {
+    uint32_t number = 0;
+    const bool isTold = status == ERR_NONE && sd_bus_message_read(reply, "u", &number) > 0;
+    return isTold ? std::optional(number) : std::nullopt;
+}
+
+std::string ReadText(int32_t status, sd_bus_message* reply) {
+    const char* text = nullptr;
+    const bool isTold = status == ERR_NONE && sd_bus_message_read(reply, "s", &text) > 0;
+    return isTold ? text : "";
+}
+
+void AskDaemon(sd_bus* connection, const std::string& member, const std::string& name, CallDone done) {
+    SendCall(connection, NewDaemonCall(connection, member, name), std::move(done));
+}
+
 void SendCall(sd_bus* connection, MessageHandle call, CallDone done) {
     auto pending = std::make_unique<PendingCall>(std::move(done));
     if (connection == nullptr || sd_bus_is_open(connection) <= 0) {

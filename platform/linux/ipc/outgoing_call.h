@@ -4,6 +4,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ipc/handles.h"
@@ -22,11 +23,17 @@ using CallDone = std::function<void(int32_t status, sd_bus_message* reply)>;
 KITE_API MessageHandle NewCall(sd_bus* connection, const std::string& destination, const std::string& path,
                                const std::string& interface, const std::string& member);
 // A call of the daemon about a bus name.
-KITE_API MessageHandle NewDaemonCall(sd_bus* connection, const std::string& member, const std::string& name);
+MessageHandle NewDaemonCall(sd_bus* connection, const std::string& member, const std::string& name);
+
+// What the daemon answers: absent, or empty, where there was no answer.
+std::optional<uint32_t> ReadNumber(int32_t status, sd_bus_message* reply);
+std::string ReadText(int32_t status, sd_bus_message* reply);
 
 // Sends the call; null is refused. `done` runs exactly once, on the serving thread, before this returns if
 // the call cannot be sent. On the serving thread.
 KITE_API void SendCall(sd_bus* connection, MessageHandle call, CallDone done);
+// Sends the daemon a call about a bus name.
+void AskDaemon(sd_bus* connection, const std::string& member, const std::string& name, CallDone done);
 
 // Logs the mistake of waiting on the serving thread, which would wait for itself. False there.
 KITE_API bool MayWait(const ServingThread& thread);

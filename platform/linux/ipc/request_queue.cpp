@@ -1,11 +1,19 @@
 #include "ipc/request_queue.h"
 
+#include <fcntl.h>
+
+#include <asio/post.hpp>
+#include <asio/thread_pool.hpp>
 #include <utility>
 
-#include "ipc/dump_thread.h"
+#include "base/unique_fd.h"
+#include "ipc/serving_thread.h"
 #include "runtime/guard.h"
 
 namespace KITE::Linux {
+
+RequestQueue::RequestQueue(ServingThread& serving, asio::thread_pool& dumps, sptr<IPCObjectStub> object)
+    : serving_(serving), dumps_(dumps), object_(std::move(object)) {}
 
 void RequestQueue::Add(RequestPtr request) {
     if (isWithdrawn_) {
@@ -17,11 +25,11 @@ void RequestQueue::Add(RequestPtr request) {
 }
 
 void RequestQueue::RunWaiting() {
-    while (!isDumping_ && !waiting_.empty()) {
+    while (!dumping_ && !waiting_.empty()) {
         const RequestPtr request = std::move(waiting_.front());
         waiting_.pop_front();
         if (request->isDump) {
-            RunDump(request);
+            StartDump(request);
         } else {
             RunTransaction(*request);
         }
@@ -40,12 +48,31 @@ void RequestQueue::RunTransaction(const Request& request) {
     request.AnswerTransaction(status, reply);
 }
 
-void RequestQueue::RunDump(RequestPtr request) {
-    isDumping_ = true;
-    dumps_.Start(std::move(request), object_, [self = shared_from_this()] {
-        self->isDumping_ = false;
-        self->RunWaiting();
+// The other thread gets what it needs by value, and no more than a weak pointer to this queue: it must not be
+// the one that drops a message, since the message's reference count is not atomic.
+void RequestQueue::StartDump(RequestPtr request) {
+    dumping_ = std::move(request);
+    asio::post(dumps_, [&serving = serving_, queue = weak_from_this(), object = object_,
+                        caller = dumping_->caller, arguments = dumping_->arguments,
+                        descriptor = UniqueFd(fcntl(dumping_->descriptor, F_DUPFD_CLOEXEC, 0))]() mutable {
+        int32_t status = ERR_REFUSED;
+        RunGuarded("a dump", [&] {
+            const CallingScope scope(caller);
+            status = object->Dump(descriptor.Get(), arguments);
+        });
+        // Closed before the answer goes out: who has the answer then finds the end of the text.
+        descriptor = UniqueFd();
+        serving.Post([queue, status] {
+            if (const auto self = queue.lock()) {
+                self->FinishDump(status);
+            }
+        });
     });
+}
+
+void RequestQueue::FinishDump(int32_t status) {
+    std::exchange(dumping_, nullptr)->AnswerDump(status);
+    RunWaiting();
 }
 
 // Dumps of clients that came, asked and died would keep the object busy for as long as a dump's reader may

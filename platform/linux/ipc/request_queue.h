@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
@@ -7,15 +8,21 @@
 #include "ipc/request.h"
 #include "remote_object.h"
 
+namespace asio {
+class thread_pool;
+}
+
 namespace KITE::Linux {
 
-class DumpThread;
+class ServingThread;
 
 // The requests of one object, which wait here until it is free: they run one at a time, in the order in which
-// they came. Belongs to the serving thread.
+// they came. A transaction runs on the serving thread, to which all this belongs. A dump runs on another one,
+// since its reader may keep it waiting, for 2 s at most (SaveStringToFd has that limit).
 class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
   public:
-    RequestQueue(DumpThread& dumps, sptr<IPCObjectStub> object) : dumps_(dumps), object_(std::move(object)) {}
+    // Dumps run in the pool, which has one thread.
+    RequestQueue(ServingThread& serving, asio::thread_pool& dumps, sptr<IPCObjectStub> object);
 
     const sptr<IPCObjectStub>& Object() const { return object_; }
 
@@ -23,18 +30,20 @@ class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
     void Add(RequestPtr request);
     // Drops the waiting dumps of a sender that has left.
     void DropDumpsOf(const std::string& sender);
-    // What waits, and what still comes, is refused.
+    // Refuses what waits and what still comes. A dump that runs is answered, if the queue lives so long.
     void Withdraw();
 
   private:
     void RunWaiting();
     void RunTransaction(const Request& request);
-    void RunDump(RequestPtr request);
+    void StartDump(RequestPtr request);
+    void FinishDump(int32_t status);
 
-    DumpThread& dumps_;
+    ServingThread& serving_;
+    asio::thread_pool& dumps_;
     const sptr<IPCObjectStub> object_;
     std::deque<RequestPtr> waiting_;
-    bool isDumping_ = false;
+    RequestPtr dumping_;
     bool isWithdrawn_ = false;
 };
 
