@@ -33,52 +33,46 @@ Result<void> Write(const std::string& path, const json& document) {
     return error ? Result<void>(Failure(path, error)) : Result<void>();
 }
 
-// The shipped layers, in the shipped order. Copied, since the platform refuses directories that others than
-// their owner may write, which a source tree may well be.
-Result<std::vector<fs::path>> CopyLayers(const fs::path& etc, const fs::path& shipped) {
-    auto layers =
-        Linux::ReadJsonFile(shipped.string() + Linux::FileName::kConfigDirectories, ReadDirectories);
-    if (!layers) {
-        return layers;
-    }
-    std::error_code error;
-    fs::create_directories(etc / "quotas", error);
-    for (fs::path& layer : *layers) {
-        const fs::path source = shipped / "quotas" / layer.filename();
-        layer = etc / "quotas" / layer.filename();
-        fs::copy(source, layer, fs::copy_options::recursive, error);
-        if (!error) {
-            fs::permissions(layer, fs::perms::group_write | fs::perms::others_write, fs::perm_options::remove,
-                            error);
-        }
+// The shipped layers' copies, in the shipped order. Their mode is narrowed: the platform refuses directories
+// that others than their owner may write, which those of a source tree may well be.
+Result<std::vector<fs::path>> NarrowLayers(const fs::path& etc) {
+    auto layers = Linux::ReadJsonFile(etc.string() + Linux::FileName::kConfigDirectories, ReadDirectories);
+    for (size_t i = 0; layers && i < layers->size(); ++i) {
+        std::error_code error;
+        (*layers)[i] = etc / "quotas" / (*layers)[i].filename();
+        fs::permissions((*layers)[i], fs::perms::group_write | fs::perms::others_write,
+                        fs::perm_options::remove, error);
         if (error) {
-            return Failure(source.string(), error);
+            return Failure((*layers)[i].string(), error);
         }
     }
     return layers;
 }
 
-Result<void> WriteParameters(const std::string& etc, const std::string& shipped) {
-    Result<json> parameters = Linux::ReadJsonFile(shipped + Linux::FileName::kParameters, ReadAll);
+// What is measured is recorded.
+Result<void> ChangeParameters(const std::string& etc) {
+    const std::string path = etc + Linux::FileName::kParameters;
+    Result<json> parameters = Linux::ReadJsonFile(path, ReadAll);
     if (!parameters) {
         return parameters.Why();
     }
     (*parameters)["kelvra.record_samples"] = true;
-    return Write(etc + Linux::FileName::kParameters, *parameters);
-}
-
-Result<void> CopyTokens(const std::string& etc, const std::string& shipped) {
-    const Result<std::string> tokens = Linux::ReadFile(shipped + Linux::FileName::kTokens);
-    const std::error_code error =
-        tokens ? Linux::WriteFile(etc + Linux::FileName::kTokens, *tokens) : tokens.Code();
-    return error ? Result<void>(Failure("the tokens of " + shipped, error)) : Result<void>();
+    return Write(path, *parameters);
 }
 
 }  // namespace
 
 Result<void> WriteConfiguration(const fs::path& etc, const fs::path& shipped,
                                 const std::vector<fs::path>& layers) {
-    Result<std::vector<fs::path>> all = layers.empty() ? CopyLayers(etc, shipped) : layers;
+    std::error_code error;
+    fs::copy(shipped, etc, fs::copy_options::recursive, error);
+    if (!error) {
+        fs::permissions(etc.string() + Linux::FileName::kTokens, fs::perms{0644}, error);
+    }
+    if (error) {
+        return Failure("the configuration of " + shipped.string(), error);
+    }
+    Result<std::vector<fs::path>> all = layers.empty() ? NarrowLayers(etc) : layers;
     if (!all) {
         return all.Why();
     }
@@ -88,8 +82,7 @@ Result<void> WriteConfiguration(const fs::path& etc, const fs::path& shipped,
     }
     Result<void> written =
         Write(etc.string() + Linux::FileName::kConfigDirectories, {{"directories", directories}});
-    written = written ? WriteParameters(etc, shipped) : written;
-    return written ? CopyTokens(etc, shipped) : written;
+    return written ? ChangeParameters(etc) : written;
 }
 
 }  // namespace KITE::Demo

@@ -11,6 +11,7 @@
 #include "base/event_names.h"
 #include "base/file.h"
 #include "base/file_names.h"
+#include "base/text.h"
 #include "demo/disk_file.h"
 #include "demo/verdict.h"
 #include "proc/command_line.h"
@@ -119,7 +120,9 @@ Result<void> Demonstration::StartProgram(const Program& program) {
                          .arguments = {program.name},
                          .uid = program.uid,
                          .hasOwnSession = false};
-    launch.arguments.insert(launch.arguments.end(), program.body.begin(), program.body.end());
+    for (const std::string_view argument : Linux::Split(program.body, ' ')) {
+        launch.arguments.emplace_back(argument);
+    }
     if (program.fate == Fate::kStages) {
         launch.cpu = contestedCpu_;
     }

@@ -11,51 +11,23 @@ using Linux::Resource;
 // belong to no other process on the machine; the two programs of which the device state tells have uids of
 // their own, since it knows an application by its uid.
 const std::vector<Program>& Programs() {
+    constexpr uid_t kUid = 61500;
+    constexpr uid_t kCallUid = 61501;
+    constexpr uid_t kUploadUid = 61502;
+    using enum Fate;
+    using enum Resource;
     static const std::vector<Program> programs{
-        {"yes", "keeps a core busy; may use 10 %", Fate::kStages, Resource::kCpuExt, 61500, {}},
-        {"log_flooder",
-         "writes without end; may write 16 MiB in 2 s",
-         Fate::kKilled,
-         Resource::kIo,
-         61500,
-         {"write"}},
-        {"memory_hog",
-         "takes up to 200 MiB; may have 64 MiB",
-         Fate::kKilled,
-         Resource::kMemory,
-         61500,
-         {"memory", "200"}},
-        {"busy_indexer",
-         "uses 25 % of a core; is frozen above 10 %",
-         Fate::kFrozen,
-         Resource::kCpu,
-         61500,
-         {"cpu", "25"}},
-        {"chatty_sensor",
-         "uses 20 %; a warning above 10 %, no more",
-         Fate::kUntouched,
-         Resource::kCpu,
-         61500,
-         {"cpu", "20"},
-         "its rule only warns",
-         11},
-        {"video_call",
-         "uses 25 %, may use 10 %, but is in the foreground",
-         Fate::kUntouched,
-         Resource::kCpuExt,
-         61501,
-         {"cpu", "25"},
-         "the device state says that it is in the foreground",
-         11},
-        {"backup_upload",
-         "writes like the flooder, but moves the user's data",
-         Fate::kUntouched,
-         Resource::kIo,
-         61502,
-         {"write"},
-         "the device state says that it transfers data",
-         9},
-        {"tidy_daemon", "uses 3 %; may use 10 %", Fate::kUntouched, Resource::kCpuExt, 61500, {"cpu", "3"}},
+        {"yes", "keeps a core busy; may use 10 %", kStages, kCpuExt, kUid, ""},
+        {"log_flooder", "writes without end; may write 16 MiB in 2 s", kKilled, kIo, kUid, "write"},
+        {"memory_hog", "takes up to 200 MiB; may have 64 MiB", kKilled, kMemory, kUid, "memory 200"},
+        {"busy_indexer", "uses 25 % of a core; is frozen above 10 %", kFrozen, kCpu, kUid, "cpu 25"},
+        {"chatty_sensor", "uses 20 %; a warning above 10 %, no more", kUntouched, kCpu, kUid, "cpu 20",
+         "its rule only warns", 11},
+        {"video_call", "uses 25 %, may use 10 %, but is in the foreground", kUntouched, kCpuExt, kCallUid,
+         "cpu 25", "the device state says that it is in the foreground", 11},
+        {"backup_upload", "writes like the flooder, but moves the user's data", kUntouched, kIo, kUploadUid,
+         "write", "the device state says that it transfers data", 9},
+        {"tidy_daemon", "uses 3 %; may use 10 %", kUntouched, kCpuExt, kUid, "cpu 3"},
     };
     return programs;
 }

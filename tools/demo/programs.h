@@ -25,7 +25,7 @@ struct Program {
     Fate fate;
     Linux::Resource resource;  // the one that it uses
     uid_t uid;
-    std::vector<std::string> body;  // arguments of misbehave; none: the real program of that name
+    std::string body;  // arguments of misbehave; empty: the real program of that name
     // For one that is untouched although it breaks its quota: why, and what it must have reached, in the unit
     // of AmountText, to have broken it.
     std::string exemption = {};

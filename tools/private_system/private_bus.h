@@ -2,8 +2,8 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -24,9 +24,8 @@ Linux::Result<void> WriteBusConfiguration(const std::string& directory, const st
 // Starts a daemon with that configuration, which writes its messages to `log`. Returns once it listens.
 Linux::Result<std::unique_ptr<ChildProcess>> StartBusDaemon(const std::string& directory, int log);
 
-// Waits until a connection owns the name. Gives up when the time is over, or one of the descriptors becomes
-// readable.
+// Waits until a connection owns the name, the time is over, or `givesUp` says that it is no use.
 Linux::Result<void> AwaitBusName(const std::string& address, const std::string& name,
-                                 std::span<const int> interruptions, milliseconds limit);
+                                 const std::function<bool()>& givesUp, milliseconds limit);
 
 }  // namespace KITE::Tools

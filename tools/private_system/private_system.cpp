@@ -159,11 +159,8 @@ std::map<std::string, ChildProcess*> PrivateSystem::Processes() {
 }
 
 Result<void> PrivateSystem::AwaitService(milliseconds limit, int interruption) {
-    std::vector<int> interruptions{interruption};
-    for (const auto& [name, process] : Processes()) {
-        interruptions.push_back(process->Pidfd());
-    }
-    Result<void> isThere = AwaitBusName(paths_.busAddress, kQuotaName, interruptions, limit);
+    const auto givesUp = [&] { return !WhatEnded().empty() || AwaitReadable(interruption, milliseconds(0)); };
+    Result<void> isThere = AwaitBusName(paths_.busAddress, kQuotaName, givesUp, limit);
     const std::string ended = WhatEnded();
     return isThere || ended.empty() ? isThere : Failure(ended);
 }

@@ -1,11 +1,11 @@
 #include "fixture.h"
 
-// Start-up, queries and dumps.
+// The service is published when a Kelvra manager is there, and serves the next one when that one has died.
 namespace KITE::Integration {
 
-using StartTest = SystemTest;
+using ManagerRestartTest = SystemTest;
 
-TEST_F(StartTest, TheServiceIsPublishedOnceAManagerHasItsQuotasAndServesTheNextOneAnew) {
+TEST_F(ManagerRestartTest, TheServiceIsPublishedOnceAManagerHasItsQuotasAndServesTheNextOneAnew) {
     SetPolicy({Rule("hog", "cpu", 10, "kill")});
     BusClient client = Connect(kTrustedUid);
     LogFile& log = StartQuotaHost().log;

@@ -1,32 +1,10 @@
 #include "fixture.h"
 
-// Nobody's word is taken for what it is not: who reports, who asks, and which process is meant.
+// Between its report and the action, a process ends, executes another program, or gives its pid to another
+// one.
 namespace KITE::Integration {
 
-using ForgeryTest = SystemTest;
-
-TEST_F(ForgeryTest, NobodyButTheBusTellsWhoOwnsAName) {
-    FakeManager& manager = StartWithFakeManager();
-    BusClient forger = Connect(kUntrustedUid);
-    for (const char* newOwner : {"", ":1.1"}) {
-        sd_bus_message* signal = nullptr;
-        ASSERT_GE(sd_bus_message_new_signal(forger.Bus(), &signal, "/org/freedesktop/DBus",
-                                            "org.freedesktop.DBus", "NameOwnerChanged"),
-                  0);
-        const Linux::MessageHandle handle(signal);
-        ASSERT_GE(sd_bus_message_append(signal, "sss", kKelvraName, ":1.0", newOwner), 0);
-        ASSERT_GE(sd_bus_message_set_destination(signal, manager.Subscriber().c_str()), 0);
-        ASSERT_GE(sd_bus_send(forger.Bus(), signal, nullptr), 0);
-    }
-    ASSERT_GE(sd_bus_flush(forger.Bus()), 0);
-    Process& culprit = StartTarget("culprit", {"idle"});
-    EXPECT_EQ(0, manager.Report({Anomaly(culprit, "cpu", "kill")}));
-    EXPECT_EQ(SIGKILL, culprit.AwaitEnd());
-    EXPECT_FALSE(QuotaHost().log.Contains("remove system ability"));
-}
-
-// Something happens to a process after its report has arrived and before it is acted upon.
-class LateActionTest : public SystemTest {
+class ReplacedProcessTest : public SystemTest {
   protected:
     // A process whose report has arrived, and that the host, stopped now, has not come to: many records stand
     // before it, which ask for no known action and cost one log line each. Tried again when the host was
@@ -60,7 +38,7 @@ class LateActionTest : public SystemTest {
     }
 };
 
-TEST_F(LateActionTest, APidThatHasGoneToAnotherProcessIsNotTouched) {
+TEST_F(ReplacedProcessTest, APidThatHasGoneToAnotherProcessIsNotTouched) {
     StartWithFakeManager();
     Process& reported = ReportOneAndStopTheHost({"idle"});
     reported.Signal(SIGKILL);
@@ -70,7 +48,7 @@ TEST_F(LateActionTest, APidThatHasGoneToAnotherProcessIsNotTouched) {
     ContinueAndExpectRefusal(newcomer);
 }
 
-TEST_F(LateActionTest, AProcessThatExecutesAnotherProgramIsNotTouched) {
+TEST_F(ReplacedProcessTest, AProcessThatExecutesAnotherProgramIsNotTouched) {
     StartWithFakeManager();
     Process& reported = ReportOneAndStopTheHost({"become"});
     reported.Signal(SIGUSR1);
@@ -79,7 +57,7 @@ TEST_F(LateActionTest, AProcessThatExecutesAnotherProgramIsNotTouched) {
     ContinueAndExpectRefusal(reported);
 }
 
-TEST_F(LateActionTest, AReportOfAnEarlierProcessDoesNotReachTheLaterOne) {
+TEST_F(ReplacedProcessTest, AReportOfAnEarlierProcessDoesNotReachTheLaterOne) {
     FakeManager& manager = StartWithFakeManager();
     Process& present = StartTarget("present", {"idle"});
     Kelvra::ProcessAnomalyInfo earlier = Anomaly(present, "cpu", "kill");

@@ -25,7 +25,7 @@ constexpr size_t kSpareKiB = 2048;
 
 }  // namespace
 
-class StressTest : public SystemTest {
+class FloodTest : public SystemTest {
   protected:
     // Asks, again and again until the end, and counts the answers that are right.
     template <typename Ask>
@@ -78,7 +78,7 @@ class StressTest : public SystemTest {
     std::vector<Process*> hogs_;
 };
 
-TEST_F(StressTest, AFloodOfReportsQueriesAndDumpsLosesNothingAndGrowsNothing) {
+TEST_F(FloodTest, AFloodOfReportsQueriesAndDumpsLosesNothingAndGrowsNothing) {
     // A sanitizer that keeps what was freed would grow by itself.
     setenv("ASAN_OPTIONS", "quarantine_size_mb=0:thread_local_quarantine_size_kb=0", 1);  // NOLINT
     FakeManager& manager = StartWithFakeManager();

@@ -68,7 +68,7 @@ const std::vector<Deed> kOwnings{{"own the service's name",
 
 }  // namespace
 
-class SecurityTest : public SystemTest {
+class UntrustedCallersTest : public SystemTest {
   protected:
     void TryAll(uid_t user, const std::vector<Deed>& deeds) {
         for (const Deed& deed : deeds) {
@@ -78,13 +78,13 @@ class SecurityTest : public SystemTest {
     }
 };
 
-TEST_F(SecurityTest, ANameCannotBeTakenBeforeItsHostStarts) {
+TEST_F(UntrustedCallersTest, ANameCannotBeTakenBeforeItsHostStarts) {
     for (const uid_t user : {kTrustedUid, kUntrustedUid, kKelvraUid, kQuotaUid}) {
         TryAll(user, kOwnings);
     }
 }
 
-TEST_F(SecurityTest, NobodyDoesWhatIsNotHis) {
+TEST_F(UntrustedCallersTest, EachUserDoesWhatIsPermittedAndNothingElse) {
     SetPolicy({Rule("hog", "cpu", 10, "kill"), Rule("cold", "cpu", 10, "freeze")});
     StartWhole();
     Process& victim = StartTarget("victim", {"idle"});
@@ -104,7 +104,7 @@ TEST_F(SecurityTest, NobodyDoesWhatIsNotHis) {
     TryAll(kQuotaUid, kQuestions);
 }
 
-TEST_F(SecurityTest, RecordsAreNotKeptInADirectoryOfAnotherUser) {
+TEST_F(UntrustedCallersTest, RecordsAreNotKeptInADirectoryOfAnotherUser) {
     std::filesystem::create_directory(State("/treated"));
     FakeManager& manager = StartWithFakeManager();
     EXPECT_EQ(0, manager.Report({Anomaly(StartTarget("target", {"idle"}), "cpu", "freeze")}));
@@ -112,7 +112,7 @@ TEST_F(SecurityTest, RecordsAreNotKeptInADirectoryOfAnotherUser) {
     EXPECT_TRUE(std::filesystem::is_empty(State("/treated")));
 }
 
-TEST_F(SecurityTest, ASenderThatHasGoneIsNobody) {
+TEST_F(UntrustedCallersTest, ASenderThatHasGoneHasNoPermission) {
     StartWithFakeManager();
     const Process& host = QuotaHost().process;
     host.Signal(SIGSTOP);

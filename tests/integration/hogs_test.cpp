@@ -1,0 +1,24 @@
+#include "fixture.h"
+
+// The whole system against processes that use too much of each resource.
+namespace KITE::Integration {
+
+using HogsTest = SystemTest;
+
+TEST_F(HogsTest, EachKindOfHogIsKilledAndOthersAreLeftAlone) {
+    SetPolicy({Rule("spinner", "cpu", 10, "kill"), Rule("eater", "mem", 100'000, "kill"),
+               Rule("writer", "io", 10'000'000, "kill"), Rule("modest", "cpu", 10, "kill")});
+    Process& modest = StartTarget("modest", {"idle"});
+    Process& stranger = StartTarget("stranger", {"burn"});
+    StartWhole();
+    // The build directory lies on a disk; the one for temporary files may not, and then counts no bytes.
+    Process& writer = StartTarget("writer", {"flood"}, {.directory = KITE_WORK_DIRECTORY});
+    EXPECT_EQ(SIGKILL, writer.AwaitEnd());
+    std::filesystem::remove(KITE_WORK_DIRECTORY "/flood");
+    EXPECT_EQ(SIGKILL, StartTarget("spinner", {"burn", "2"}).AwaitEnd());
+    EXPECT_EQ(SIGKILL, StartTarget("eater", {"grow", "200"}).AwaitEnd());
+    EXPECT_FALSE(modest.HasEnded());
+    EXPECT_FALSE(stranger.HasEnded());
+}
+
+}  // namespace KITE::Integration

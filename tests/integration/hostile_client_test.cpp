@@ -1,0 +1,59 @@
+#include "unharmed_service.h"
+
+// Clients that go away, send what is too large or of another shape, and leave replies unread.
+namespace KITE::Integration {
+
+namespace {
+
+using namespace ResourceQuotaCtl;
+
+constexpr uint32_t kWrittenBytes = IResourceQuotaControl::GET_IO_WRITE_BYTES;
+constexpr uint32_t kRunningTimes = IResourceQuotaControl::GET_EXTENSION_RUNNING_TIME;
+
+MessageParcel PidRequest(const std::vector<int32_t>& pids) {
+    MessageParcel request = QuotaRequest();
+    request.WriteInt32Vector(pids);
+    return request;
+}
+
+}  // namespace
+
+using HostileClientTest = UnharmedServiceTest;
+
+TEST_F(HostileClientTest, AReportedProcessThatHasEndedIsForgotten) {
+    for (int i = 0; i < 20; ++i) {
+        const Process target({.program = KITE_TARGET, .arguments = {"target", "idle"}});
+        EXPECT_EQ(0, Manager().Report({Anomaly(target, "cpu", "warning")}));
+    }
+}
+
+TEST_F(HostileClientTest, AClientMayGoAwayAndSendWhatIsTooLargeOrOfAnotherShape) {
+    for (int i = 0; i < 20; ++i) {
+        Connect(kTrustedUid).Send(kWrittenBytes, PidRequest({getpid()}));
+    }
+    const MessageParcel huge = PidRequest(std::vector<int32_t>(size_t{9} << 20, 1));
+    EXPECT_NE("", Connect(kTrustedUid).Transact(kQuotaName, kQuotaPath, kWrittenBytes, huge).error)
+        << "it costs the connection";
+    BusClient client = Connect(kTrustedUid);
+    sd_bus_error error{};
+    EXPECT_LT(sd_bus_call_method(client.Bus(), kQuotaName, kQuotaPath, "kite.Ability", "Transact", &error,
+                                 nullptr, "s", "text"),
+              0);
+    EXPECT_STREQ(SD_BUS_ERROR_INVALID_ARGS, error.name);
+    sd_bus_error_free(&error);
+}
+
+// To the bus it is the same as a stopped process: the connection is open and nobody reads it.
+TEST_F(HostileClientTest, AClientMayLeaveItsRepliesUnread) {
+    constexpr int kRequests = 200;
+    BusClient silent = Connect(kTrustedUid);
+    for (int i = 0; i < kRequests; ++i) {
+        silent.Send(kRunningTimes, QuotaRequest());
+    }
+    for (int i = 0; i < kRequests; ++i) {
+        EXPECT_TRUE(QuotaHost().log.Await("called GetExtensionRunningTime"));
+    }
+    ExpectPromptAnswer();
+}
+
+}  // namespace KITE::Integration
