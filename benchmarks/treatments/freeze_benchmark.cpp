@@ -89,8 +89,8 @@ class GroupOfItsOwn {
         const std::optional<Group> home = cgroups.GroupOf(getpid(), Linux::Hierarchy::kUnified);
         Require(home.has_value(), "no version 2 hierarchy");
         group_ = {home->hierarchy, home->path + "/kite-burner-" + std::to_string(getpid())};
-        Require(Linux::CreateGroup(group_) == 0, "no group");
-        Require(Linux::MoveProcess(burner.Get().Pid(), group_) == 0, "the burner cannot be moved");
+        Require(!Linux::CreateGroup(group_), "no group");
+        Require(!Linux::MoveProcess(burner.Get().Pid(), group_), "the burner cannot be moved");
         home_ = *home;
     }
     GroupOfItsOwn(const GroupOfItsOwn&) = delete;
@@ -139,15 +139,15 @@ BareTimes TimeWrites(const Group& group, const Burner& burner) {
 }
 
 // Times from the call to where the kernel has said that all threads stand still.
-std::vector<double> TimeFreezes(Linux::Treatments& table, const Burner& burner) {
+std::vector<double> TimeFreezes(Linux::Treatments& treatments, const Burner& burner) {
     const Integration::Process& process = burner.Get();
     std::vector<double> times;
     for (int round = 0; round < kRounds; ++round) {
         burner.RunOn();
         const Clock::time_point begin = Clock::now();
-        Require(table.Freeze(process.Pid(), kName, std::nullopt) == 0, "the burner cannot be frozen");
+        Require(!treatments.Freeze(process.Pid(), kName, std::nullopt), "the burner cannot be frozen");
         times.push_back(MillisecondsSince(begin));
-        Require(table.Thaw(process.Pid(), kName) == 0, "the burner cannot be thawed");
+        Require(!treatments.Thaw(process.Pid(), kName), "the burner cannot be thawed");
     }
     return times;
 }
@@ -159,12 +159,13 @@ std::vector<Figure> MeasureFreeze() {
     const StateDirectory state;
     const Linux::Cgroups cgroups = Linux::Cgroups::OfThisMachine();
     const Burner burner;
-    Linux::Treatments table({cgroups, state.Path()});
-    Require(table.Remember(burner.Get().Pid(), burner.Get().StartTime(), kName), "the burner is not known");
-    const std::vector<double> moved = TimeFreezes(table, burner);
+    Linux::Treatments treatments({.cgroups = cgroups, .records = Linux::RecordStore(state.Path())});
+    Require(treatments.Remember(burner.Get().Pid(), burner.Get().StartTime(), kName),
+            "the burner is not known");
+    const std::vector<double> moved = TimeFreezes(treatments, burner);
     const GroupOfItsOwn group(cgroups, burner);
     const BareTimes bare = TimeWrites(group.Get(), burner);
-    const std::vector<double> times = TimeFreezes(table, burner);
+    const std::vector<double> times = TimeFreezes(treatments, burner);
     std::printf("freeze of %d busy threads, medians: %.3f ms, bare write %.3f ms, until frozen %.3f ms\n",
                 kThreads, Percentile(times, 50), Percentile(bare.write, 50), Percentile(bare.frozen, 50));
     const std::string what = "freeze of a busy process of 16 threads, 90th percentile";

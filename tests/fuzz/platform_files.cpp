@@ -41,9 +41,9 @@ void ReadTokens(const std::string& text) {
 
 // What a record tells is the same when it is written and read again.
 void ReadTreatment(const std::string& text) {
-    if (const auto record = ParseRecord(text)) {
+    if (const auto record = ReadRecord(text)) {
         const std::string written = WriteRecord(*record);
-        const auto again = ParseRecord(written);
+        const auto again = ReadRecord(written);
         Require(again && WriteRecord(*again) == written);
     }
 }

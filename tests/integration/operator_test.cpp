@@ -123,7 +123,7 @@ TEST_F(TreatedTest, AnAdministratorLetsAProcessGoAndNobodyElseDoes) {
     EXPECT_NE(std::string::npos, Events().find("\"RESULT\":0,\"BY_UID\":0}")) << Events();
     Expect(7, {"release", pid}, {});
     Expect(0, {"treated", "--json"}, {R"({"dry_run":false,"treated":[]})"});
-    EXPECT_TRUE(log.Await("is not suppressed (any more)"));
+    EXPECT_TRUE(log.Await("there is nothing to be undone (any more)"));
     EXPECT_TRUE(log.Await("process exit suppress"));
     ExpectPromptAnswer();
 }

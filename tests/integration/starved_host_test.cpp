@@ -88,7 +88,7 @@ class FaultyTest : public SystemTest {
         SystemTest::TearDown();
     }
 
-    // What the log says of an event: "done, by ..." or "failed: ..."; "" when it says nothing.
+    // What the log says of an event: "done by ..." or "failed: ..."; "" when it says nothing.
     std::string Told(const std::string& event, const Process& process) {
         const std::string text = QuotaHost().log.Text();
         const std::string start = event + " of pid " + std::to_string(process.Pid()) + " (" + process.Name();

@@ -42,6 +42,8 @@ class Failure {
 
     // Zero where no system call failed.
     const std::error_code& Code() const noexcept { return code_; }
+    // Without the error of the system call.
+    const std::string& Words() const noexcept { return words_; }
     std::string Text() const {
         if (!code_) {
             return words_;

@@ -23,6 +23,8 @@ class UniqueFd {
     }
 
     int Get() const noexcept { return fd_; }
+    // Gives the descriptor up without closing it.
+    int Release() noexcept { return std::exchange(fd_, -1); }
     explicit operator bool() const noexcept { return fd_ >= 0; }
 
   private:

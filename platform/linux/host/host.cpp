@@ -16,6 +16,7 @@
 #include "runtime/guard.h"
 #include "runtime/platform_log.h"
 #include "runtime/task_runtime.h"
+#include "treatments/recovery.h"
 #include "treatments/treatments.h"
 
 namespace KITE::Linux {
@@ -75,7 +76,7 @@ class Host {
     const pthread_t thread_ = pthread_self();
     std::atomic<bool> isBusLost_{false};
     std::vector<SystemAbility*> started_;
-    TreatmentsObject treatments_{Bus::Instance().Thread()};
+    TreatmentsObject treatments_{Bus::Instance().Thread(), Treatments::Instance()};
 };
 
 bool Host::Start() {
@@ -85,7 +86,7 @@ bool Host::Start() {
     }
     if (options_.settings.isDryRun) {
         PLATFORM_LOGW("dry run: no process is touched, and what an earlier host left treated stays so");
-    } else if (!Treatments::Instance().ReleaseLeft()) {
+    } else if (!ReleaseLeftTreatments()) {
         PLATFORM_LOGE("not everything that an earlier host left treated could be released");
     }
     if (!StartBus() || !LoadLibraries()) {
@@ -162,7 +163,7 @@ int RunHost(const HostOptions& options) {
     Log::minimumLevel = options.logLevel;
     int exitStatus = kExitFailed;
     if (options.release) {
-        exitStatus = Treatments::Instance().ReleaseLeft() ? kExitStopped : kExitFailed;
+        exitStatus = ReleaseLeftTreatments() ? kExitStopped : kExitFailed;
     } else {
         exitStatus = Host(options).Run();
     }

@@ -51,21 +51,18 @@ int AnswerList(sd_bus_message* call, const std::vector<TreatedProcess>& treated)
     return result < 0 ? result : sd_bus_send(nullptr, reply, nullptr);
 }
 
-int AnswerRelease(sd_bus_message* call, int32_t result) {
-    switch (result) {
-        case 0:
-            return sd_bus_reply_method_return(call, nullptr);
-        case Treatments::kNotTreated:
-            return sd_bus_reply_method_errorf(call, TreatmentsObject::kNotTreatedError,
-                                              "The process is not treated");
-        case ESRCH:
-            return sd_bus_reply_method_errorf(call, TreatmentsObject::kNoSuchProcessError,
-                                              "There is no such process");
-        default:
-            return sd_bus_reply_method_errorf(call, TreatmentsObject::kNotReleasedError,
-                                              "Not all could be undone yet, it is tried again: %s",
-                                              ErrorOf(result).message().c_str());
+int AnswerRelease(sd_bus_message* call, pid_t pid, std::optional<std::error_code> error) {
+    if (!error) {
+        const bool isThere = !Is(ReadProcessStat(pid).Code(), ESRCH);
+        return isThere ? sd_bus_reply_method_errorf(call, TreatmentsObject::kNotTreatedError,
+                                                    "The process is not treated")
+                       : sd_bus_reply_method_errorf(call, TreatmentsObject::kNoSuchProcessError,
+                                                    "There is no such process");
     }
+    return !*error ? sd_bus_reply_method_return(call, nullptr)
+                   : sd_bus_reply_method_errorf(call, TreatmentsObject::kNotReleasedError,
+                                                "Not all could be undone yet, it is tried again: %s",
+                                                error->message().c_str());
 }
 
 int Deny(sd_bus_message* call) {
@@ -78,8 +75,8 @@ int Decline(sd_bus_message* call) {
 
 }  // namespace
 
-TreatmentsObject::TreatmentsObject(ServingThread& thread)
-    : thread_(thread), uids_(thread, [](const std::string&) {}) {}
+TreatmentsObject::TreatmentsObject(ServingThread& thread, Treatments& treatments)
+    : thread_(thread), treatments_(treatments), uids_(thread, [](const std::string&) {}) {}
 
 const sd_bus_vtable* TreatmentsObject::Vtable() {
     // Unprivileged, so that credentials are not asked for at every call; who may do what is decided here.
@@ -116,8 +113,9 @@ void TreatmentsObject::Withdraw() {
 }
 
 int TreatmentsObject::OnList(sd_bus_message* call, void* self, sd_bus_error* error) {
-    return static_cast<TreatmentsObject*>(self)->Accept(call, error, true, [](uid_t) -> Answer {
-        return [treated = Treatments::Instance().List()](sd_bus_message* asked) {
+    auto* object = static_cast<TreatmentsObject*>(self);
+    return object->Accept(call, error, true, [object](uid_t) -> Answer {
+        return [treated = object->treatments_.List()](sd_bus_message* asked) {
             return AnswerList(asked, treated);
         };
     });
@@ -129,9 +127,10 @@ int TreatmentsObject::OnRelease(sd_bus_message* call, void* self, sd_bus_error* 
     if (result < 0) {
         return result;
     }
-    return static_cast<TreatmentsObject*>(self)->Accept(call, error, false, [pid](uid_t caller) -> Answer {
-        return [result = Treatments::Instance().Release(pid, caller)](sd_bus_message* asked) {
-            return AnswerRelease(asked, result);
+    auto* object = static_cast<TreatmentsObject*>(self);
+    return object->Accept(call, error, false, [object, pid](uid_t caller) -> Answer {
+        return [pid, failure = object->treatments_.Release(pid, caller)](sd_bus_message* asked) {
+            return AnswerRelease(asked, pid, failure);
         };
     });
 }

@@ -15,6 +15,7 @@
 namespace KITE::Linux {
 
 class ServingThread;
+class Treatments;
 
 // The object /kite/treatments of this process's connection, by which an administrator sees what is treated
 // now and lets a process go. Interface kite.Treatments:
@@ -41,7 +42,7 @@ class TreatmentsObject {
     static constexpr const char* kNotReleasedError = "kite.Treatments.Error.NotReleased";
 
     // Must outlive the bus's serving thread and the tasks.
-    explicit TreatmentsObject(ServingThread& thread);
+    TreatmentsObject(ServingThread& thread, Treatments& treatments);
 
     // From then until Withdraw the object is there; what waits then gets an error. Not without a bus. Host's
     // thread.
@@ -65,6 +66,7 @@ class TreatmentsObject {
     void Reply(uint64_t id, const Answer& answer);
 
     ServingThread& thread_;
+    Treatments& treatments_;
     // The serving thread's.
     CallerUids uids_;
     SlotHandle slot_;

@@ -69,27 +69,24 @@ std::string FilePath(const Group& group, std::string_view file) {
     return group.path + "/" + std::string(file);
 }
 
-int WriteOnce(const std::string& path, std::string_view value) {
+std::error_code WriteExisting(const std::string& path, std::string_view value) {
     const UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!file) {
-        return errno;
-    }
-    const ssize_t count = write(file.Get(), value.data(), value.size());
-    return count == static_cast<ssize_t>(value.size()) ? 0 : (count < 0 ? errno : EIO);
+    return file ? WriteAll(file.Get(), value) : LastError();
 }
 
 // A v1 hierarchy lets a process be moved only by its own user or by one whose effective user is root when the
-// file is opened; no capability replaces that. A thread that ends afterwards takes the effective user, since
-// giving it up again would cost the other capabilities. Needs CAP_SETUID.
-int WriteAsRoot(const std::string& path, std::string_view value) {
-    int error = 0;
+// file is opened; no capability replaces that. Becoming root and giving it up again would cost this process
+// its other capabilities. So a thread becomes root alone, by the bare system call (the C library's function
+// changes all threads), and ends when it has written. Needs CAP_SETUID.
+std::error_code WriteAsRoot(const std::string& path, std::string_view value) {
+    std::error_code error;
     try {
         std::thread([&] {
             const bool isRoot = syscall(SYS_setresuid, -1, 0, -1) == 0;
-            error = isRoot ? WriteOnce(path, value) : EACCES;
+            error = isRoot ? WriteExisting(path, value) : ErrorOf(EACCES);
         }).join();
     } catch (const std::system_error& failure) {
-        error = failure.code().value();
+        error = failure.code();
     }
     return error;
 }
@@ -241,22 +238,24 @@ std::optional<std::string> ReadGroupFile(const Group& group, std::string_view fi
     return *text;
 }
 
-int WriteGroupFile(const Group& group, std::string_view file, std::string_view value) {
-    return WriteOnce(FilePath(group, file), value);
+std::error_code WriteGroupFile(const Group& group, std::string_view file, std::string_view value) {
+    return WriteExisting(FilePath(group, file), value);
 }
 
-int CreateGroup(const Group& group) {
-    return mkdir(group.path.c_str(), 0755) == 0 || errno == EEXIST ? 0 : errno;
+std::error_code CreateGroup(const Group& group) {
+    const bool isThere = mkdir(group.path.c_str(), 0755) == 0 || errno == EEXIST;
+    return isThere ? std::error_code() : LastError();
 }
 
-int RemoveGroup(const Group& group) {
-    // A group stays busy until its last task is off the processor, which v1 tells nobody.
+std::error_code RemoveGroup(const Group& group) {
+    // A group stays busy until its last task is off the processor. A v1 hierarchy does not announce that
+    // moment, so this tries again.
     constexpr int kAttempts = 20;
     constexpr int kPauseMs = 1;
-    int error = 0;
+    std::error_code error;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        error = rmdir(group.path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
-        if (error != EBUSY || HasChildGroups(group)) {
+        error = rmdir(group.path.c_str()) == 0 || errno == ENOENT ? std::error_code() : LastError();
+        if (!Is(error, EBUSY) || HasChildGroups(group)) {
             return error;
         }
         poll(nullptr, 0, kPauseMs);
@@ -264,41 +263,38 @@ int RemoveGroup(const Group& group) {
     return error;
 }
 
-int MoveProcess(pid_t pid, const Group& group) {
+std::error_code MoveProcess(pid_t pid, const Group& group) {
     const std::string number = std::to_string(pid);
-    const int error = WriteGroupFile(group, kProcsFile, number);
-    const bool needsRoot = error == EACCES && group.hierarchy == Hierarchy::kCpuV1;
+    const std::error_code error = WriteGroupFile(group, kProcsFile, number);
+    const bool needsRoot = Is(error, EACCES) && group.hierarchy == Hierarchy::kCpuV1;
     return needsRoot ? WriteAsRoot(FilePath(group, kProcsFile), number) : error;
 }
 
-int MoveAll(const Group& from, const Group& to) {
+std::error_code MoveAll(const Group& from, const Group& to) {
     constexpr int kRounds = 100;
-    int error = 0;
     for (int round = 0; round < kRounds; ++round) {
         const std::vector<pid_t> processes = ProcessesIn(from);
         if (processes.empty()) {
-            return 0;
+            return {};
         }
-        error = EBUSY;
         for (const pid_t pid : processes) {
-            const int result = MoveProcess(pid, to);
-            if (result != 0 && result != ESRCH) {
-                return result;
+            const std::error_code error = MoveProcess(pid, to);
+            if (error && !Is(error, ESRCH)) {
+                return error;
             }
         }
     }
-    return error;
+    return ErrorOf(EBUSY);
 }
 
-int AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit) {
+std::error_code AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit) {
     const UniqueFd events(open(FilePath(group, "cgroup.events").c_str(), O_RDONLY | O_CLOEXEC));
     if (!events) {
-        return errno;
+        return LastError();
     }
-    // Threads that can be stopped at once are so as soon as each has had a processor, within some 50 us,
-    // while the announcement comes by a worker of the kernel, and at most every 10 ms. So this looks for
-    // itself at first, and sleeps in between: the kernel knows no yielding to threads of another session or
-    // group, and whoever spins keeps them from stopping for 4 ms and more.
+    // Most threads stop at once, long before the kernel announces it, which it does with a delay and not
+    // often. So this looks for itself at first. It sleeps between the looks: a thread that waits without
+    // sleeping keeps the processor from threads of another session or group that have to stop.
     constexpr std::chrono::milliseconds kAtOnce{1};
     constexpr std::chrono::microseconds kBetweenLooks{20};
     const auto begin = std::chrono::steady_clock::now();
@@ -306,19 +302,19 @@ int AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit) 
     while (true) {
         const ssize_t length = pread(events.Get(), buffer.data(), buffer.size(), 0);
         if (length < 0) {
-            return errno;
+            return LastError();
         }
         if (HasPart({buffer.data(), static_cast<size_t>(length)}, '\n', "frozen 1")) {
-            return 0;
+            return {};
         }
         const auto passed = std::chrono::steady_clock::now() - begin;
         if (passed >= limit) {
-            return ETIMEDOUT;
+            return ErrorOf(ETIMEDOUT);
         }
         std::array<pollfd, 2> waits{{{events.Get(), POLLPRI, 0}, {pidfd, POLLIN, 0}}};
         const timespec time = TimespecOf(passed < kAtOnce ? kBetweenLooks : limit - passed);
         if (ppoll(waits.data(), waits.size(), &time, nullptr) > 0 && waits[1].revents != 0) {
-            return ESRCH;
+            return ErrorOf(ESRCH);
         }
     }
 }

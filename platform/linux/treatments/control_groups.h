@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
-// Control groups: where they are mounted, who is in which, and the few operations on them. Operations return
-// 0 or an error number. Any thread.
+// Control groups: where they are mounted, who is in which, and the few operations on them. Any thread.
 namespace KITE::Linux {
 
 // The hierarchies that treatments use. A v1 freezer is not among them: a process in one does not die of
@@ -38,16 +38,16 @@ class Cgroups {
     // Whether the path is well formed and lies below the hierarchy's root; whether it is the root.
     bool IsBelowRoot(const Group& group) const;
     bool IsRoot(const Group& group) const;
-    // Whether the hierarchy is where it was found. Where it is not, a group that cannot be seen may be there.
+    // Whether the hierarchy is still where it was found. If not, a group may exist though it cannot be seen.
     bool IsReachable(Hierarchy hierarchy) const;
-    // Whether a manager would be surprised by groups of ours in this one: systemd runs, and neither the group
-    // nor one above it is marked as delegated.
+    // Whether a service manager owns the group, so that no other group may be made in it: systemd runs, and
+    // neither the group nor one above it is marked as delegated.
     bool IsOwnedByManager(const Group& group) const;
 
   private:
     struct Mount {
         Hierarchy hierarchy;
-        std::string root;   // what of the hierarchy is mounted
+        std::string root;   // the part of the hierarchy that is mounted
         std::string point;  // where
     };
 
@@ -65,18 +65,18 @@ bool IsAloneIn(const Group& group, pid_t pid);
 
 // The value of one of the group's files, without the newline; absent when it cannot be read.
 std::optional<std::string> ReadGroupFile(const Group& group, std::string_view file);
-int WriteGroupFile(const Group& group, std::string_view file, std::string_view value);
+std::error_code WriteGroupFile(const Group& group, std::string_view file, std::string_view value);
 
-int CreateGroup(const Group& group);
+std::error_code CreateGroup(const Group& group);
 // Removes a group without processes and groups; one that does not exist is a success.
-int RemoveGroup(const Group& group);
+std::error_code RemoveGroup(const Group& group);
 // Moves a process with all its threads.
-int MoveProcess(pid_t pid, const Group& group);
-// Moves every process of a group until none is left, since they may have children meanwhile.
-int MoveAll(const Group& from, const Group& to);
+std::error_code MoveProcess(pid_t pid, const Group& group);
+// Moves the processes of a group until it is empty, since they may have children meanwhile.
+std::error_code MoveAll(const Group& from, const Group& to);
 
-// Waits until the kernel says that everything in a unified group is frozen: 0, ESRCH when the process that
-// the pidfd names ends before, or ETIMEDOUT.
-int AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit);
+// Waits until the kernel says that everything in a unified group is frozen. ESRCH when the process that the
+// pidfd names ends before; ETIMEDOUT.
+std::error_code AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit);
 
 }  // namespace KITE::Linux

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
 #include <vector>
 
 #include "ipc/bus.h"
@@ -24,25 +23,25 @@ bool IsJournal(pid_t pid) {
 
 }  // namespace
 
-std::string WhyNeverTreated(pid_t pid) {
+std::optional<std::string> WhyNeverTreated(pid_t pid) {
     if (pid == kInitPid) {
         return "it is the init process";
     }
     if (pid == getpid()) {
         return "it is this process";
     }
-    const std::optional<std::vector<pid_t>> isProtected = BusProtectedPids();
-    if (!isProtected) {
+    const std::optional<std::vector<pid_t>> hostsAndBus = BusProtectedPids();
+    if (!hostsAndBus) {
         return "it is not known which processes are the bus daemon and the hosts";
     }
-    if (std::ranges::find(*isProtected, pid) != isProtected->end()) {
+    if (std::ranges::find(*hostsAndBus, pid) != hostsAndBus->end()) {
         return "it is the bus daemon or a host of the quota service or of the Kelvra manager";
     }
     const Result<ProcessStat> stat = ReadProcessStat(pid);
     if (stat && stat->IsKernelThread()) {
         return "it is a kernel thread";
     }
-    return IsJournal(pid) ? "it is the journal daemon" : "";
+    return IsJournal(pid) ? std::optional<std::string>("it is the journal daemon") : std::nullopt;
 }
 
 }  // namespace KITE::Linux

@@ -4,42 +4,54 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <optional>
 
 #include "base/text.h"
 #include "proc/command_line.h"
 #include "proc/pidfd.h"
 #include "proc/process_stat.h"
-#include "runtime/platform_log.h"
 
 namespace KITE::Linux {
 
-std::string ProcessHandle::Difference(const std::string& requestedName) const {
-    if (requestedName != name_) {
-        return "it was reported as " + Printable(name_);
-    }
-    const Result<ProcessStat> stat = ReadProcessStat(pid_);
-    const std::string name = ReadProcessName(pid_);
-    const std::optional<ExecutableIdentity> executable = ReadExecutableIdentity(pid_);
-    // Looked at last: a process that is there now was there during all the reads.
-    if (HasExited(Pidfd())) {
-        return "it has ended";
-    }
-    if (!stat) {
-        return "it cannot be looked at";
-    }
-    if (stat->startTime != startTime_) {
-        return "its start time differs from the reported one";
-    }
-    if (name != name_) {
-        return "its name is now " + Printable(name);
-    }
-    return executable == executable_ ? "" : "it executes another program by now";
+namespace {
+
+Failure Differs(const std::string& how) {
+    return {how, ErrorOf(ESRCH)};
 }
 
-bool ProcessHandle::IsSameAs(const ProcessHandle& other) const {
-    return pid_ == other.pid_ && startTime_ == other.startTime_ && name_ == other.name_ &&
-           executable_ == other.executable_;
+}  // namespace
+
+Result<void> ReportedProcess::Verify(const std::string& requestedName) const {
+    if (requestedName != name_) {
+        return Differs("it was reported as " + Printable(name_));
+    }
+    const auto& [pid, startTime] = key_;
+    const Result<ProcessStat> stat = ReadProcessStat(pid);
+    const std::string name = ReadProcessName(pid);
+    const std::optional<ExecutableIdentity> executable = ReadExecutableIdentity(pid);
+    // Looked at last: a process that lives now has lived during all the reads.
+    if (HasExited(Pidfd())) {
+        return Differs("it has ended");
+    }
+    if (!stat) {
+        return Differs("it cannot be looked at");
+    }
+    if (stat->startTime != startTime) {
+        return Differs("its start time differs from the reported one");
+    }
+    if (name != name_) {
+        return Differs("its name is now " + Printable(name));
+    }
+    if (executable != executable_) {
+        return Differs("it executes another program by now");
+    }
+    return {};
+}
+
+bool ReportedProcess::Is(const ProcessKey& key, const std::string& name,
+                         const ExecutableIdentity& executable) const {
+    return key_ == key && name_ == name && executable_ == executable;
 }
 
 size_t ReportedProcesses::UsualCapacity() {
@@ -49,50 +61,51 @@ size_t ReportedProcesses::UsualCapacity() {
     return isKnown ? std::clamp<size_t>(limit.rlim_cur / 2, 1, kMost) : 1;
 }
 
-ProcessHandlePtr ReportedProcesses::Remember(pid_t pid, int64_t startTime, const std::string& name,
-                                             BrokenQuota brokenQuota) {
+Result<ReportedProcessPtr> ReportedProcesses::Remember(pid_t pid, int64_t startTime, const std::string& name,
+                                                       BrokenQuota brokenQuota) {
     Result<UniqueFd> pidfd = OpenProcess(pid, startTime);
+    if (Is(pidfd.Code(), ESRCH)) {
+        return Differs("it has gone or is another process");
+    }
     if (!pidfd) {
-        const bool isGone = pidfd.Code() == ErrorOf(ESRCH);
-        PLATFORM_LOGE("no handle of reported pid %{public}d (%{public}s): %{public}s", pid,
-                      Printable(name).c_str(),
-                      isGone ? "gone or another process" : pidfd.Why().Text().c_str());
-        return nullptr;
+        return pidfd.Why();
     }
     const std::optional<ExecutableIdentity> executable = ReadExecutableIdentity(pid);
     if (!executable || HasExited(pidfd->Get())) {
-        PLATFORM_LOGE("no handle of reported pid %{public}d (%{public}s): its program cannot be read", pid,
-                      Printable(name).c_str());
-        return nullptr;
+        return Differs("its program cannot be read");
     }
-    return Keep(std::make_shared<ProcessHandle>(std::move(*pidfd), pid, startTime, name, *executable),
-                std::move(brokenQuota));
+    // The watcher must not find it missing here when it ends at once.
+    const std::lock_guard lock(mutex_);
+    const auto known = entries_.find(pid);
+    if (known != entries_.end() && known->second.process->Is({pid, startTime}, name, *executable)) {
+        return Keep(known->second.process, std::move(brokenQuota));
+    }
+    Result<asio::posix::stream_descriptor> watched = watcher_.Watch(std::move(*pidfd), pid);
+    if (!watched) {
+        return watched.Why();
+    }
+    return Keep(
+        std::make_shared<ReportedProcess>(std::move(*watched), ProcessKey(pid, startTime), name, *executable),
+        std::move(brokenQuota));
 }
 
-ProcessHandlePtr ReportedProcesses::Keep(ProcessHandlePtr handle, BrokenQuota brokenQuota) {
-    const std::lock_guard lock(mutex_);
-    const pid_t pid = handle->Pid();
+ReportedProcessPtr ReportedProcesses::Keep(ReportedProcessPtr process, BrokenQuota brokenQuota) {
+    const pid_t pid = process->Key().first;
     const auto [place, isNew] = entries_.try_emplace(pid);
-    Entry& entry = place->second;
     if (!isNew) {
-        byAge_.erase(entry.order);
+        byAge_.erase(place->second.order);
     }
-    if (isNew || !entry.handle->IsSameAs(*handle)) {
-        entry.handle = std::move(handle);
-    }
-    entry.brokenQuota = std::move(brokenQuota);
-    entry.order = nextOrder_++;
-    byAge_.emplace(entry.order, pid);
-    ProcessHandlePtr kept = entry.handle;
+    place->second = {process, nextOrder_++, std::move(brokenQuota)};
+    byAge_.emplace(place->second.order, pid);
     MakeRoom();
-    return kept;
+    return process;
 }
 
 void ReportedProcesses::MakeRoom() {
     for (auto oldest = byAge_.begin(); entries_.size() > capacity_ && oldest != byAge_.end();) {
         const auto entry = entries_.find(oldest->second);
         // Copies are made under the lock only, so that a single owner stays single.
-        const bool isHeld = entry->second.handle.use_count() > 1;
+        const bool isHeld = entry->second.process.use_count() > 1;
         const bool isNewest = std::next(oldest) == byAge_.end();
         if (isHeld || isNewest) {
             ++oldest;
@@ -103,10 +116,10 @@ void ReportedProcesses::MakeRoom() {
     }
 }
 
-ProcessHandlePtr ReportedProcesses::Find(pid_t pid) const {
+ReportedProcessPtr ReportedProcesses::Find(pid_t pid) const {
     const std::lock_guard lock(mutex_);
     const auto entry = entries_.find(pid);
-    return entry == entries_.end() ? nullptr : entry->second.handle;
+    return entry == entries_.end() ? nullptr : entry->second.process;
 }
 
 BrokenQuota ReportedProcesses::LastBrokenQuota(pid_t pid) const {
@@ -118,7 +131,7 @@ BrokenQuota ReportedProcesses::LastBrokenQuota(pid_t pid) const {
 void ReportedProcesses::DropExited(pid_t pid) {
     const std::lock_guard lock(mutex_);
     const auto entry = entries_.find(pid);
-    if (entry != entries_.end() && HasExited(entry->second.handle->Pidfd())) {
+    if (entry != entries_.end() && HasExited(entry->second.process->Pidfd())) {
         byAge_.erase(entry->second.order);
         entries_.erase(entry);
     }

@@ -2,15 +2,19 @@
 
 #include <sys/types.h>
 
+#include <asio/posix/stream_descriptor.hpp>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
-#include "base/unique_fd.h"
+#include "base/result.h"
 #include "proc/executable.h"
+#include "treatments/end_watcher.h"
+#include "treatments/idle_family.h"
 
 namespace KITE::Linux {
 
@@ -23,53 +27,53 @@ struct BrokenQuota {
 };
 
 // One reported process. Not changed once made.
-class ProcessHandle {
+class ReportedProcess {
   public:
-    ProcessHandle(UniqueFd pidfd, pid_t pid, int64_t startTime, std::string name,
-                  ExecutableIdentity executable)
-        : pidfd_(std::move(pidfd)),
-          pid_(pid),
-          startTime_(startTime),
+    ReportedProcess(asio::posix::stream_descriptor pidfd, ProcessKey key, std::string name,
+                    ExecutableIdentity executable)
+        : pidfd_(pidfd.native_handle()),
+          owner_(std::move(pidfd)),
+          key_(std::move(key)),
           name_(std::move(name)),
           executable_(executable) {}
 
-    // Empty when the pid still means the reported process, running the reported program under the reported
-    // name, which must be the requested one too; otherwise what differs.
-    std::string Difference(const std::string& requestedName) const;
+    // Fails with ESRCH, and in words what differs, unless the pid still means the reported process, running
+    // the reported program under the reported name, which must be the requested one too.
+    Result<void> Verify(const std::string& requestedName) const;
 
-    int Pidfd() const { return pidfd_.Get(); }
-    pid_t Pid() const { return pid_; }
-    int64_t StartTime() const { return startTime_; }
+    int Pidfd() const { return pidfd_; }
+    const ProcessKey& Key() const { return key_; }
     const std::string& Name() const { return name_; }
-    bool IsSameAs(const ProcessHandle& other) const;
+    bool Is(const ProcessKey& key, const std::string& name, const ExecutableIdentity& executable) const;
 
   private:
-    const UniqueFd pidfd_;
-    const pid_t pid_;
-    const int64_t startTime_;
+    const int pidfd_;
+    const asio::posix::stream_descriptor owner_;  // of pidfd_, whose process it watches
+    const ProcessKey key_;
     const std::string name_;
     const ExecutableIdentity executable_;
 };
 
-using ProcessHandlePtr = std::shared_ptr<const ProcessHandle>;
+using ReportedProcessPtr = std::shared_ptr<const ReportedProcess>;
 
-// The reported processes, at most so many: when there are more, the one whose report is oldest and that
-// nobody else holds is forgotten. Any thread.
+// The reported processes. When there are more than the capacity, the one is forgotten whose report is oldest
+// and of which there is no other holder. Any thread.
 class ReportedProcesses {
   public:
-    explicit ReportedProcesses(size_t capacity) : capacity_(capacity) {}
+    // The watcher must outlive it and every process that it returned.
+    ReportedProcesses(size_t capacity, EndWatcher& watcher) : capacity_(capacity), watcher_(watcher) {}
 
-    // As many as the process may open descriptors for, and leave as many to others.
+    // As many as the process may open descriptors for, and leave as many for other uses.
     static size_t UsualCapacity();
 
-    // The process must exist when a report of it arrives, must have started at that time (clock ticks since
-    // boot), and is known under that name from then on. A new report of the same process replaces name,
-    // executable and broken quota. Null, with an error line, when the process is not there or another by
-    // now. Waits for nothing but /proc.
-    ProcessHandlePtr Remember(pid_t pid, int64_t startTime, const std::string& name,
-                              BrokenQuota brokenQuota = {});
+    // Keeps hold of a process that a report has named, so that what is decided about it later reaches this
+    // process or none, and has its end watched. The process must exist when a report of it arrives, must have
+    // started at that time (clock ticks since boot), and is known under that name from then on. A new report
+    // of the same process replaces name, executable and broken quota. Waits for nothing but /proc.
+    Result<ReportedProcessPtr> Remember(pid_t pid, int64_t startTime, const std::string& name,
+                                        BrokenQuota brokenQuota = {});
     // Null when there is none.
-    ProcessHandlePtr Find(pid_t pid) const;
+    ReportedProcessPtr Find(pid_t pid) const;
     // The last reported one; empty when there is none.
     BrokenQuota LastBrokenQuota(pid_t pid) const;
     // Forgets the process of that pid if it has ended.
@@ -77,15 +81,17 @@ class ReportedProcesses {
 
   private:
     struct Entry {
-        ProcessHandlePtr handle;
+        ReportedProcessPtr process;
         uint64_t order;
         BrokenQuota brokenQuota;
     };
 
-    ProcessHandlePtr Keep(ProcessHandlePtr handle, BrokenQuota brokenQuota);
+    // With the mutex held.
+    ReportedProcessPtr Keep(ReportedProcessPtr process, BrokenQuota brokenQuota);
     void MakeRoom();
 
     const size_t capacity_;
+    EndWatcher& watcher_;
     mutable std::mutex mutex_;  // guards what follows
     std::unordered_map<pid_t, Entry> entries_;
     std::map<uint64_t, pid_t> byAge_;

@@ -84,14 +84,11 @@ void ResSchedClient::ReportData(uint32_t resType, int64_t value, const Payload& 
         return;
     }
     const std::optional<Target> target = TargetOf(payload);
-    if (!target) {
-        return;
-    }
-    if (value == kFreezeForAWhile) {
+    if (target && value == kFreezeForAWhile) {
         FreezeForAWhile(*target, payload);
-    } else if (value == kSuppressionStarts) {
+    } else if (target && value == kSuppressionStarts) {
         Treatments::Instance().Suppress(target->pid, target->name);
-    } else {
+    } else if (target) {
         Treatments::Instance().EndSuppression(target->pid, target->name);
     }
 }
@@ -102,7 +99,7 @@ int32_t ResSchedClient::KillProcess(const Payload& payload) {
         return EINVAL;
     }
     const std::string* reason = TextOf(payload, "killReason");
-    return Treatments::Instance().Kill(target->pid, target->name, reason == nullptr ? "" : *reason);
+    return Treatments::Instance().Kill(target->pid, target->name, reason == nullptr ? "" : *reason).value();
 }
 
 }  // namespace KITE

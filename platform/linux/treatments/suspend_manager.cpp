@@ -29,15 +29,15 @@ int32_t SuspendManagerClient::OperateOneNativeProcess(const NativeProcessInfo& p
                       process.processName.size());
         return EINVAL;
     }
-    Linux::Treatments& table = Linux::Treatments::Instance();
+    Linux::Treatments& treatments = Linux::Treatments::Instance();
     if (!process.isFreeze) {
-        return table.Thaw(process.pid, process.processName);
+        return treatments.Thaw(process.pid, process.processName).value();
     }
     std::optional<std::chrono::milliseconds> time;
     if (process.durationMs >= 0) {
         time = std::chrono::milliseconds(std::min<int64_t>(process.durationMs, kLongestFreezeMs));
     }
-    return table.Freeze(process.pid, process.processName, time);
+    return treatments.Freeze(process.pid, process.processName, time).value();
 }
 
 }  // namespace KITE

@@ -1,22 +1,15 @@
 #include "treatments/treatment_record.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sched.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <limits>
-#include <memory>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "base/file.h"
+#include "base/json_node.h"
 #include "base/text.h"
-#include "base/unique_fd.h"
 #include "proc/process_stat.h"
 
 namespace KITE::Linux {
@@ -25,17 +18,20 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* kDirectoryName = "treated";
-constexpr std::string_view kRecordSuffix = ".json";
-constexpr const char* kUnfinishedName = ".unfinished";
-constexpr off_t kLargestRecord = 16 << 20;
-constexpr uint32_t kHighestPolicy = SCHED_DEADLINE;
-constexpr int32_t kLowestNice = 19;
-constexpr int32_t kHighestNice = -20;
-constexpr uint32_t kHighestPriority = 99;
+constexpr const char* kUnifiedName = "unified";
+constexpr const char* kCpuV1Name = "cpu";
 
 json ToJson(const Group& group) {
-    return {{"hierarchy", group.hierarchy == Hierarchy::kUnified ? "unified" : "cpu"}, {"path", group.path}};
+    return {{"hierarchy", group.hierarchy == Hierarchy::kUnified ? kUnifiedName : kCpuV1Name},
+            {"path", group.path}};
+}
+
+Group ReadGroup(const JsonNode& node) {
+    const std::string name = node.Required("hierarchy").Text();
+    if (name != kUnifiedName && name != kCpuV1Name) {
+        node.Required("hierarchy").Fail("names no hierarchy");
+    }
+    return {name == kCpuV1Name ? Hierarchy::kCpuV1 : Hierarchy::kUnified, node.Required("path").Text()};
 }
 
 json ToJson(const ChangedGroup& changed) {
@@ -44,15 +40,50 @@ json ToJson(const ChangedGroup& changed) {
             {"previous_weight", changed.previousWeight}};
 }
 
-json ToJson(const ThreadPolicy& thread) {
-    return {{"tid", thread.tid},           {"start_time", thread.startTime},
-            {"policy", thread.policy},     {"flags", thread.flags},
-            {"nice", thread.nice},         {"priority", thread.priority},
-            {"runtime", thread.runtimeNs}, {"deadline", thread.deadlineNs},
-            {"period", thread.periodNs}};
+ChangedGroup ReadChangedGroup(const JsonNode& node) {
+    ChangedGroup changed{ReadGroup(node.Required("group")), node.Required("previous").Text(),
+                         node.Required("previous_weight").Text()};
+    if (changed.previous != "0" && changed.previous != "1") {
+        node.Required("previous").Fail("must be \"0\" or \"1\"");
+    }
+    const std::string& weight = changed.previousWeight;
+    if (!weight.empty() && (weight.front() == '-' || !ParseDecimal(weight))) {
+        node.Required("previous_weight").Fail("must be a number or empty");
+    }
+    return changed;
 }
 
-json ToJson(const Suppression& suppression) {
+std::optional<ChangedGroup> ReadOptionalGroup(const JsonNode& node) {
+    return node.IsPresent() ? std::optional(ReadChangedGroup(node)) : std::nullopt;
+}
+
+json ToJson(const ThreadPolicy& thread) {
+    const SchedulingAttributes& attributes = thread.attributes;
+    return {{"tid", thread.tid},
+            {"start_time", thread.startTime},
+            {"policy", attributes.policy},
+            {"flags", attributes.flags},
+            {"nice", attributes.nice},
+            {"priority", attributes.priority},
+            {"runtime", attributes.runtimeNs},
+            {"deadline", attributes.deadlineNs},
+            {"period", attributes.periodNs}};
+}
+
+ThreadPolicy ReadThreadPolicy(const JsonNode& node) {
+    constexpr uint32_t kHighestPriority = 99;
+    return {.tid = node.Required("tid").Number<pid_t>(1),
+            .startTime = node.Required("start_time").Number<int64_t>(0),
+            .attributes = {.policy = node.Required("policy").Number<uint32_t>(0, SCHED_DEADLINE),
+                           .flags = node.Required("flags").Number<uint64_t>(0),
+                           .nice = node.Required("nice").Number<int32_t>(-20, 19),
+                           .priority = node.Required("priority").Number<uint32_t>(0, kHighestPriority),
+                           .runtimeNs = node.Required("runtime").Number<uint64_t>(0),
+                           .deadlineNs = node.Required("deadline").Number<uint64_t>(0),
+                           .periodNs = node.Required("period").Number<uint64_t>(0)}};
+}
+
+json ToJson(const SuppressionRecord& suppression) {
     json threads = json::array();
     for (const ThreadPolicy& thread : suppression.threads) {
         threads.push_back(ToJson(thread));
@@ -67,7 +98,20 @@ json ToJson(const Suppression& suppression) {
     return document;
 }
 
-json ToJson(const Freeze& freeze) {
+SuppressionRecord ReadSuppression(const JsonNode& node, pid_t pid) {
+    SuppressionRecord suppression;
+    suppression.idleGroup = ReadOptionalGroup(node.Optional("idle_group"));
+    suppression.family = {.pid = pid,
+                          .session = node.Required("session").Number<pid_t>(0),
+                          .processGroup = node.Required("process_group").Number<pid_t>(0),
+                          .since = node.Required("since").Number<int64_t>(0)};
+    for (const JsonNode& thread : node.Required("threads").Elements()) {
+        suppression.threads.push_back(ReadThreadPolicy(thread));
+    }
+    return suppression;
+}
+
+json ToJson(const FreezeRecord& freeze) {
     json document{{"was_stopped", freeze.wasStopped}};
     if (freeze.frozenGroup) {
         document["frozen_group"] = ToJson(*freeze.frozenGroup);
@@ -75,214 +119,43 @@ json ToJson(const Freeze& freeze) {
     return document;
 }
 
-const json* Member(const json& object, const char* key) {
-    const auto member = object.find(key);
-    return object.is_object() && member != object.end() ? &*member : nullptr;
+FreezeRecord ReadFreeze(const JsonNode& node) {
+    return {ReadOptionalGroup(node.Optional("frozen_group")), node.Required("was_stopped").Bool(false)};
 }
 
-bool Take(const json& object, const char* key, std::string& text) {
-    const json* member = Member(object, key);
-    const bool isText = member != nullptr && member->is_string();
-    return isText && (text = member->get<std::string>(), true);
-}
-
-bool Take(const json& object, const char* key, bool& flag) {
-    const json* member = Member(object, key);
-    return member != nullptr && member->is_boolean() && (flag = member->get<bool>(), true);
-}
-
-template <typename Number>
-bool Take(const json& object, const char* key, Number& number, Number lowest, Number highest) {
-    const json* member = Member(object, key);
-    if (member == nullptr || !member->is_number_integer()) {
-        return false;
+TreatmentRecord ReadWholeRecord(const JsonNode& node) {
+    TreatmentRecord record;
+    record.bootId = node.Required("boot_id").Text();
+    record.pid = node.Required("pid").Number<pid_t>(2);
+    record.startTime = node.Required("start_time").Number<int64_t>(0);
+    record.processName = node.Required("process_name").Text();
+    record.hostPid = node.Required("host_pid").Number<pid_t>(0);
+    record.hostStartTime = node.Required("host_start_time").Number<int64_t>(0);
+    for (const JsonNode& placement : node.Required("placements").Elements()) {
+        record.placements.push_back(
+            {ReadGroup(placement.Required("home")), ReadGroup(placement.Required("group"))});
     }
-    const bool isHuge = member->is_number_unsigned() && member->get<uint64_t>() > INT64_MAX;
-    const int64_t value = member->get<int64_t>();
-    if (isHuge || std::cmp_less(value, lowest) || std::cmp_greater(value, highest)) {
-        return false;
+    if (const JsonNode suppression = node.Optional("suppression"); suppression.IsPresent()) {
+        record.suppression = ReadSuppression(suppression, record.pid);
     }
-    number = static_cast<Number>(value);
-    return true;
-}
-
-template <typename Number>
-bool Take(const json& object, const char* key, Number& number) {
-    return Take(object, key, number, Number{0}, std::numeric_limits<Number>::max());
-}
-
-bool Take(const json& object, const char* key, Group& group) {
-    const json* member = Member(object, key);
-    std::string hierarchy;
-    if (member == nullptr || !Take(*member, "hierarchy", hierarchy) || !Take(*member, "path", group.path)) {
-        return false;
+    if (const JsonNode freeze = node.Optional("freeze"); freeze.IsPresent()) {
+        record.freeze = ReadFreeze(freeze);
     }
-    group.hierarchy = hierarchy == "unified" ? Hierarchy::kUnified : Hierarchy::kCpuV1;
-    return hierarchy == "unified" || hierarchy == "cpu";
-}
-
-bool IsFlag(const std::string& value) {
-    return value == "0" || value == "1";
-}
-
-bool IsWeight(const std::string& value) {
-    return value.empty() || (value.front() != '-' && ParseDecimal(value).has_value());
-}
-
-bool Take(const json& object, const char* key, ChangedGroup& changed) {
-    const json* member = Member(object, key);
-    return member != nullptr && Take(*member, "group", changed.group) &&
-           Take(*member, "previous", changed.previous) && IsFlag(changed.previous) &&
-           Take(*member, "previous_weight", changed.previousWeight) && IsWeight(changed.previousWeight);
-}
-
-bool Take(const json& document, ThreadPolicy& thread) {
-    return Take(document, "tid", thread.tid, 1, std::numeric_limits<pid_t>::max()) &&
-           Take(document, "start_time", thread.startTime) &&
-           Take(document, "policy", thread.policy, 0U, kHighestPolicy) &&
-           Take(document, "flags", thread.flags) &&
-           Take(document, "nice", thread.nice, kHighestNice, kLowestNice) &&
-           Take(document, "priority", thread.priority, 0U, kHighestPriority) &&
-           Take(document, "runtime", thread.runtimeNs) && Take(document, "deadline", thread.deadlineNs) &&
-           Take(document, "period", thread.periodNs);
-}
-
-// An optional part: true when it is not there, or is there and well formed.
-template <typename Part, typename Parse>
-bool TakeIfThere(const json& object, const char* key, std::optional<Part>& part, Parse parse) {
-    return Member(object, key) == nullptr || parse(*Member(object, key), part.emplace());
-}
-
-bool TakeChangedGroup(const json& object, const char* key, std::optional<ChangedGroup>& changed) {
-    return Member(object, key) == nullptr || Take(object, key, changed.emplace());
-}
-
-bool ParseSuppression(const json& document, Suppression& suppression) {
-    const json* threads = Member(document, "threads");
-    if (threads == nullptr || !threads->is_array() ||
-        !TakeChangedGroup(document, "idle_group", suppression.idleGroup) ||
-        !Take(document, "session", suppression.family.session) ||
-        !Take(document, "process_group", suppression.family.processGroup) ||
-        !Take(document, "since", suppression.family.since)) {
-        return false;
-    }
-    return std::ranges::all_of(
-        *threads, [&](const json& thread) { return Take(thread, suppression.threads.emplace_back()); });
-}
-
-bool ParseFreeze(const json& document, Freeze& freeze) {
-    return Take(document, "was_stopped", freeze.wasStopped) &&
-           TakeChangedGroup(document, "frozen_group", freeze.frozenGroup);
-}
-
-bool ParsePlacements(const json& document, std::vector<Placement>& placements) {
-    const json* list = Member(document, "placements");
-    if (list == nullptr || !list->is_array()) {
-        return false;
-    }
-    return std::ranges::all_of(*list, [&](const json& item) {
-        Placement& placement = placements.emplace_back();
-        return Take(item, "home", placement.home) && Take(item, "group", placement.group);
-    });
-}
-
-bool ParseWhole(const json& document, TreatmentRecord& record) {
-    return Take(document, "boot_id", record.bootId) &&
-           Take(document, "pid", record.pid, 2, std::numeric_limits<pid_t>::max()) &&
-           Take(document, "start_time", record.startTime) &&
-           Take(document, "process_name", record.processName) && Take(document, "host_pid", record.hostPid) &&
-           Take(document, "host_start_time", record.hostStartTime) &&
-           ParsePlacements(document, record.placements) &&
-           TakeIfThere(document, "suppression", record.suppression, ParseSuppression) &&
-           TakeIfThere(document, "freeze", record.freeze, ParseFreeze);
-}
-
-// The directory, made when it is not there. Not open, with errno set, when it is not what it must be: EACCES
-// for another user's.
-UniqueFd OpenDirectory(const std::string& stateDirectory) {
-    const UniqueFd state(open(stateDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!state || (mkdirat(state.Get(), kDirectoryName, 0700) != 0 && errno != EEXIST)) {
-        return {};
-    }
-    UniqueFd directory(openat(state.Get(), kDirectoryName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status {};
-    if (!directory || fstat(directory.Get(), &status) != 0) {
-        return {};
-    }
-    const bool isOurs = geteuid() == 0 || status.st_uid == geteuid();
-    if (!isOurs || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        errno = EACCES;
-        return {};
-    }
-    return directory;
-}
-
-// The hosts of a system share the state directory, and only one of them treats processes.
-bool IsOfAnotherUser(const std::string& path) {
-    struct stat status {};
-    return geteuid() != 0 && lstat(path.c_str(), &status) == 0 && status.st_uid != geteuid();
-}
-
-int WriteWhole(int directory, const char* name, const std::string& text) {
-    const UniqueFd file(
-        openat(directory, name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (!file) {
-        return errno;
-    }
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t count = write(file.Get(), text.data() + done, text.size() - done);
-        if (count < 0 && errno != EINTR) {
-            return errno;
-        }
-        done += count < 0 ? 0 : static_cast<size_t>(count);
-    }
-    return 0;
-}
-
-// 0 or an error number; EBADMSG for what no record can be in.
-int ReadWhole(int directory, const char* name, std::string& text) {
-    const UniqueFd file(openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (!file || fstat(file.Get(), &status) != 0) {
-        const bool isOfOtherKind = errno == ELOOP || errno == ENXIO;
-        return isOfOtherKind ? EBADMSG : errno;
-    }
-    if (!S_ISREG(status.st_mode) || status.st_size > kLargestRecord) {
-        return EBADMSG;
-    }
-    text.resize(static_cast<size_t>(status.st_size));
-    const ssize_t count = pread(file.Get(), text.data(), text.size(), 0);
-    return count == status.st_size ? 0 : (count < 0 ? errno : EIO);
-}
-
-struct DirectoryCloser {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
-
-int ReadNames(int directory, std::vector<std::string>& names) {
-    const int own = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const std::unique_ptr<DIR, DirectoryCloser> list(own >= 0 ? fdopendir(own) : nullptr);
-    if (!list) {
-        const int error = errno;
-        const UniqueFd unused(own);
-        return error;
-    }
-    errno = 0;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this function's own.
-    while (const dirent* entry = readdir(list.get())) {
-        names.emplace_back(entry->d_name);
-        errno = 0;
-    }
-    const int error = errno;
-    std::erase_if(names, [](const std::string& name) { return name.starts_with('.'); });
-    return error;
-}
-
-std::string FileNameOf(const TreatmentRecord& record) {
-    return record.Key() + std::string(kRecordSuffix);
+    return record;
 }
 
 }  // namespace
+
+bool TreatmentRecord::IsOfAnotherLivingHost() const {
+    if (hostPid == getpid() || bootId != CurrentBootId()) {
+        return false;
+    }
+    const Result<ProcessStat> host = ReadProcessStat(hostPid);
+    if (!host) {
+        return !Is(host.Code(), ESRCH);
+    }
+    return !host->HasEnded() && host->startTime == hostStartTime;
+}
 
 std::string CurrentBootId() {
     constexpr size_t kBootIdLimit = 64;
@@ -290,15 +163,12 @@ std::string CurrentBootId() {
     return text.substr(0, text.find('\n'));
 }
 
-bool TreatmentRecord::IsInOtherHands() const {
-    if (hostPid == getpid() || bootId != CurrentBootId()) {
-        return false;
-    }
-    const Result<ProcessStat> host = ReadProcessStat(hostPid);
-    if (!host) {
-        return host.Code() != ErrorOf(ESRCH);
-    }
-    return !host->HasEnded() && host->startTime == hostStartTime;
+TreatmentRecord RecordOfThisHost() {
+    TreatmentRecord record;
+    record.bootId = CurrentBootId();
+    record.hostPid = getpid();
+    record.hostStartTime = ReadProcessStat(getpid()).ValueOr({}).startTime;
+    return record;
 }
 
 std::string WriteRecord(const TreatmentRecord& record) {
@@ -319,16 +189,8 @@ std::string WriteRecord(const TreatmentRecord& record) {
     return document.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
-std::optional<TreatmentRecord> ParseRecord(const std::string& text) {
-    const json document = json::parse(text, nullptr, false);
-    TreatmentRecord record;
-    if (!ParseWhole(document, record)) {
-        return std::nullopt;
-    }
-    if (record.suppression) {
-        record.suppression->family.pid = record.pid;
-    }
-    return record;
+Result<TreatmentRecord> ReadRecord(const std::string& text) {
+    return ReadJson(text, ReadWholeRecord);
 }
 
 bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups) {
@@ -340,64 +202,6 @@ bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups) {
     };
     return placementsFit && (!record.suppression || isBelow(record.suppression->idleGroup)) &&
            (!record.freeze || isBelow(record.freeze->frozenGroup));
-}
-
-int RecordStore::Write(const TreatmentRecord& record) const {
-    const UniqueFd directory = OpenDirectory(stateDirectory_);
-    if (!directory) {
-        return errno;
-    }
-    if (const int error = WriteWhole(directory.Get(), kUnfinishedName, WriteRecord(record)); error != 0) {
-        unlinkat(directory.Get(), kUnfinishedName, 0);
-        return error;
-    }
-    const std::string name = FileNameOf(record);
-    return renameat(directory.Get(), kUnfinishedName, directory.Get(), name.c_str()) == 0 ? 0 : errno;
-}
-
-int RecordStore::Remove(const TreatmentRecord& record) const {
-    const UniqueFd directory = OpenDirectory(stateDirectory_);
-    const std::string name = FileNameOf(record);
-    return directory && (unlinkat(directory.Get(), name.c_str(), 0) == 0 || errno == ENOENT) ? 0 : errno;
-}
-
-int RecordStore::SetAside(const std::string& name) const {
-    const UniqueFd directory = OpenDirectory(stateDirectory_);
-    const std::string aside = "." + name + ".bad";
-    const bool isDone =
-        directory && renameat(directory.Get(), name.c_str(), directory.Get(), aside.c_str()) == 0;
-    return isDone ? 0 : errno;
-}
-
-RecordStore::Left RecordStore::ReadAll(const Cgroups& cgroups) const {
-    Left left;
-    const std::string path = stateDirectory_ + "/" + kDirectoryName;
-    if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
-        return left;
-    }
-    const UniqueFd directory = OpenDirectory(stateDirectory_);
-    if (!directory) {
-        left.error = IsOfAnotherUser(path) ? 0 : errno;
-        return left;
-    }
-    std::vector<std::string> names;
-    left.error = ReadNames(directory.Get(), names);
-    const std::string bootId = CurrentBootId();
-    for (const std::string& name : names) {
-        std::string text;
-        const int error = ReadWhole(directory.Get(), name.c_str(), text);
-        std::optional<TreatmentRecord> record = error == 0 ? ParseRecord(text) : std::nullopt;
-        if (error != 0 && error != EBADMSG) {
-            left.unclear.emplace_back(name, error);
-        } else if (!record || FileNameOf(*record) != name) {
-            left.malformed.push_back(name);
-        } else if (record->bootId == bootId && !GroupsArePlausible(*record, cgroups)) {
-            left.unclear.emplace_back(name, ENODEV);
-        } else {
-            left.records.push_back(std::move(*record));
-        }
-    }
-    return left;
 }
 
 }  // namespace KITE::Linux

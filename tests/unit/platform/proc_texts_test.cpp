@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include "base/text.h"
 #include "proc/command_line.h"
 #include "proc/process_file.h"
 #include "proc/process_stat.h"
@@ -43,6 +44,20 @@ TEST(ProcTexts, NumbersThatAreNotWholeAreAbsent) {
         EXPECT_EQ(NumberOfLine(line, "write_bytes:"), std::nullopt) << line;
     }
     EXPECT_THAT(NumberOfLine("Name:\tx\nUid:\t1001\t0\t0\t0\n", "Uid:"), Optional(1001));
+}
+
+TEST(ProcTexts, ACommandNameCannotPassForOtherFields) {
+    const auto stat =
+        ParseProcessStat("17 (a) R 9) (b)) T 1 1 1 0 -1 2097216 0 0 0 0 0 0 0 0 20 0 1 0 4242 0 0");
+    ASSERT_TRUE(stat.has_value());
+    EXPECT_TRUE(stat->IsStopped() && stat->IsKernelThread() && stat->startTime == 4242);
+    EXPECT_FALSE(ParseProcessStat("17 (a").has_value());
+    EXPECT_FALSE(ParseProcessStat("17 (a) S 1 2 3").has_value());
+    // Cut off in the middle of the start time.
+    EXPECT_FALSE(ParseProcessStat("17 (a) S 1 1 1 0 -1 2097216 0 0 0 0 0 0 0 0 20 0 1 0 42").has_value());
+    for (const char* text : {"", " 1", "+1", "1 ", "0x1", "12a", "99999999999999999999"}) {
+        EXPECT_FALSE(ParseDecimal(text).has_value()) << text;
+    }
 }
 
 }  // namespace

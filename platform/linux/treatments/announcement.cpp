@@ -1,0 +1,57 @@
+#include "treatments/announcement.h"
+
+#include <vector>
+
+#include "base/event_names.h"
+#include "base/text.h"
+#include "runtime/event_file.h"
+#include "runtime/platform_log.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+// "done by SIGCONT: its time is over", or "failed: Operation not permitted, tried by SIGSTOP"
+std::string TextOf(const TreatmentResult& result) {
+    const std::string note = result.note.empty() ? "" : ": " + result.note;
+    if (!result.error) {
+        return "done" + (result.means.empty() ? "" : " by " + result.means) + note;
+    }
+    return "failed: " + result.error.message() + note +
+           (result.means.empty() ? "" : ", tried by " + result.means);
+}
+
+void Record(const Announcement& announcement) {
+    const auto& [event, pid, processName, result, by] = announcement;
+    std::vector<EventItem> items{{"PID", pid},
+                                 {"PROCESS_NAME", processName},
+                                 {"FORM", result.means},
+                                 {"REASON", result.note},
+                                 {"RESULT", result.error.value()}};
+    if (by) {
+        items.push_back({"BY_UID", *by});
+    }
+    static_cast<void>(RecordEvent(event, items));  // it logs a failure itself
+}
+
+}  // namespace
+
+std::error_code Announce(const Announcement& announcement, bool isDryRun) {
+    const auto& [event, pid, processName, result, by] = announcement;
+    const std::string text = std::string(isDryRun ? "dry run: " : "") + std::string(event) + " of pid " +
+                             std::to_string(pid) + " (" + Printable(processName) + ") " + TextOf(result);
+    if (result.error) {
+        PLATFORM_LOGE("%{public}s", text.c_str());
+    } else {
+        PLATFORM_LOGI("%{public}s", text.c_str());
+    }
+    if (result.cleanupError) {
+        PLATFORM_LOGW(
+            "a group of pid %{public}d or its record cannot be removed yet, it is tried again: %{public}s",
+            pid, result.cleanupError.message().c_str());
+    }
+    Record(announcement);
+    return result.error;
+}
+
+}  // namespace KITE::Linux

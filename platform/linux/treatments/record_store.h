@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "treatments/control_groups.h"
+#include "treatments/treatment_record.h"
+
+namespace KITE::Linux {
+
+// The records in the folder "treated" of the run directory, a file for each treated process. One process at a
+// time may use it. Any thread, one at a time.
+class RecordStore {
+  public:
+    explicit RecordStore(std::string runDirectory) : runDirectory_(std::move(runDirectory)) {}
+
+    // The file has the new content or stays as it was.
+    std::error_code Write(const TreatmentRecord& record) const;
+    std::error_code Remove(const TreatmentRecord& record) const;
+
+    struct Left {
+        std::vector<TreatmentRecord> records;
+        bool areAll = true;  // no file was unusable
+    };
+    // All records. One error line for each file that cannot be used: one that holds no record is renamed to
+    // ".NAME.bad", so that it can still be looked at; one that may hold a record stays, when it cannot be
+    // read now or its groups are not those of this machine's mounts. There are none in another user's folder.
+    Left ReadAll(const Cgroups& cgroups) const;
+
+  private:
+    std::string Folder() const;
+
+    const std::string runDirectory_;
+};
+
+}  // namespace KITE::Linux

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "treatments/treatment_context.h"
+
+namespace KITE::Linux {
+
+// The process runs only when nothing else wants the processor: by cpu.idle of its control group, or else by
+// SCHED_IDLE on every thread, which is weaker: it does not reach across login sessions where the kernel
+// groups tasks by session. At the end, children born meanwhile get the main thread's policy, as far as they
+// can be told (see IdleFamily); one that is suppressed itself meanwhile runs early then.
+//
+// Each keeps the record in step: it is on disk before anything is done, and goes when nothing is left to
+// undo. When a suppression fails, what still has to be undone stays in it. `pidfd` names the record's
+// process; kNoPidfd if it has ended. Waits for the file system.
+TreatmentResult Suppress(TreatmentContext& context, TreatmentRecord& record, int pidfd);
+TreatmentResult EndSuppression(TreatmentContext& context, TreatmentRecord& record, int pidfd);
+
+// Lift a suppression for a while, and put it back in force; nothing if the process is not suppressed. It must
+// run for a moment to be frozen, and a suppressed process on a busy machine would not get that moment in
+// time.
+void PauseSuppression(const TreatmentRecord& record);
+void ResumeSuppression(const TreatmentRecord& record, int pidfd);
+
+}  // namespace KITE::Linux

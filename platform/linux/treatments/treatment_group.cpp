@@ -1,0 +1,141 @@
+#include "treatments/treatment_group.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "proc/pidfd.h"
+#include "runtime/platform_log.h"
+
+namespace KITE::Linux {
+
+namespace {
+
+bool WasMadeFor(const TreatmentRecord& record, const Group& group) {
+    return std::ranges::any_of(record.placements,
+                               [&](const Placement& placement) { return placement.group == group; });
+}
+
+bool IsUsed(const TreatmentRecord& record, const Group& group) {
+    const auto isIt = [&](const std::optional<ChangedGroup>& changed) {
+        return changed && changed->group == group;
+    };
+    return (record.suppression && isIt(record.suppression->idleGroup)) ||
+           (record.freeze && isIt(record.freeze->frozenGroup));
+}
+
+// A v2 group has the files of the cpu controller only if its parent enables that for its children.
+std::error_code EnableCpuFor(const Cgroups& cgroups, const Group& group) {
+    const Group parent = ParentOf(group);
+    if (group.hierarchy != Hierarchy::kUnified || ReadGroupFile(group, kIdleFile)) {
+        return {};
+    }
+    if (cgroups.IsOwnedByManager(parent)) {
+        return ErrorOf(EBUSY);
+    }
+    // Stays enabled: whether another group has come to rely on it cannot be known later.
+    const std::error_code error = WriteGroupFile(parent, "cgroup.subtree_control", "+cpu");
+    if (!error) {
+        PLATFORM_LOGI("the cpu controller was enabled below %{public}s and stays so", parent.path.c_str());
+    }
+    return error;
+}
+
+std::error_code RemovePlacement(const Cgroups& cgroups, const Placement& placement) {
+    if (!cgroups.IsReachable(placement.group.hierarchy)) {
+        return ErrorOf(ENODEV);
+    }
+    const std::error_code error = MoveAll(placement.group, placement.home);
+    return error ? error : RemoveGroup(placement.group);
+}
+
+std::error_code RemoveUnusedGroups(const Cgroups& cgroups, TreatmentRecord& record) {
+    std::error_code firstError;
+    // The youngest first: a group may lie below an older one.
+    for (size_t i = record.placements.size(); i-- > 0;) {
+        if (IsUsed(record, record.placements[i].group)) {
+            continue;
+        }
+        const std::error_code error = RemovePlacement(cgroups, record.placements[i]);
+        if (!error) {
+            record.placements.erase(record.placements.begin() + static_cast<ptrdiff_t>(i));
+        }
+        firstError = firstError ? firstError : error;
+    }
+    return firstError;
+}
+
+}  // namespace
+
+Result<TreatmentGroup> FindTreatmentGroup(const TreatmentContext& context, const TreatmentRecord& record,
+                                          Hierarchy hierarchy) {
+    const Cgroups& cgroups = context.cgroups;
+    const std::optional<Group> present = cgroups.GroupOf(record.pid, hierarchy);
+    if (!present || !cgroups.IsReachable(hierarchy)) {
+        return ErrorOf(ENOENT);
+    }
+    const bool isItsOwn = cgroups.IsBelowRoot(*present) && IsAloneIn(*present, record.pid);
+    if (isItsOwn || WasMadeFor(record, *present)) {
+        return TreatmentGroup{*present};
+    }
+    if (cgroups.IsOwnedByManager(*present)) {
+        return ErrorOf(EBUSY);
+    }
+    return TreatmentGroup{record.GroupBelow(*present), true};
+}
+
+ChangedGroup BeforeTheChange(const TreatmentGroup& place, const char* file, const char* weightFile) {
+    if (place.isNew) {
+        return {place.group, "0", {}};
+    }
+    return {place.group, ReadGroupFile(place.group, file).value_or("0"),
+            weightFile == nullptr ? "" : ReadGroupFile(place.group, weightFile).value_or("")};
+}
+
+std::error_code SavePlanFor(const TreatmentContext& context, const TreatmentGroup& place,
+                            TreatmentRecord& record, TreatmentRecord planned) {
+    if (place.isNew) {
+        planned.placements.push_back({ParentOf(place.group), place.group});
+    }
+    return SavePlan(context, record, std::move(planned));
+}
+
+std::error_code EnterGroup(const TreatmentContext& context, const TreatmentGroup& place, pid_t pid, int pidfd,
+                           const char* file) {
+    std::error_code error = place.isNew ? CreateGroup(place.group) : std::error_code();
+    if (!error && file == std::string_view(kIdleFile)) {
+        error = EnableCpuFor(context.cgroups, place.group);
+    }
+    if (!error) {
+        error = WriteGroupFile(place.group, file, "1");
+    }
+    if (!error && place.isNew) {
+        error = MoveProcess(pid, place.group);
+    }
+    // The move goes by the pid, which means no other process as long as this one lives.
+    return HasExited(pidfd) ? ErrorOf(ESRCH) : error;
+}
+
+std::error_code RestoreValue(const TreatmentContext& context, const Group& group, const char* file,
+                             const std::string& value) {
+    const std::error_code error = WriteGroupFile(group, file, value);
+    const bool isMissing = Is(error, ENOENT) || Is(error, ENODEV);
+    return isMissing && context.cgroups.IsReachable(group.hierarchy) ? std::error_code() : error;
+}
+
+std::string MeansText(const char* file, const Group& group) {
+    const char* version = group.hierarchy == Hierarchy::kUnified ? "v2" : "v1";
+    return std::string(file) + " of cgroup " + version + " " + group.path;
+}
+
+std::error_code CleanUp(const TreatmentContext& context, TreatmentRecord& record) {
+    if (context.isDryRun) {
+        return {};
+    }
+    const std::error_code groupError = RemoveUnusedGroups(context.cgroups, record);
+    const std::error_code recordError =
+        record.IsEmpty() ? context.records.Remove(record) : context.records.Write(record);
+    return groupError ? groupError : recordError;
+}
+
+}  // namespace KITE::Linux

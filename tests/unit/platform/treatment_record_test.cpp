@@ -1,0 +1,89 @@
+#include "proc/pidfd.h"
+#include "treatment_fixture.h"
+#include "treatments/freeze.h"
+#include "treatments/suppress.h"
+
+namespace KITE::Linux {
+
+using TreatmentRecordTest = TreatmentTest;
+using RecordByEachMeans = TreatmentByEachMeans;
+INSTANTIATE_TEST_SUITE_P(, RecordByEachMeans, testing::Bool(), MeansName);
+
+TEST_P(RecordByEachMeans, NothingIsDoneThatCannotBeRecorded) {
+    const Program& culprit = Begin();
+    const std::string before = culprit.Standing();
+    std::filesystem::create_directory_symlink("/tmp", Path("treated"));
+    EXPECT_NE(Freeze(), 0);
+    EXPECT_NE(Suppress(), 0);
+    EXPECT_TRUE(culprit.Runs());
+    EXPECT_EQ(culprit.Standing(), before);
+}
+
+TEST_P(RecordByEachMeans, ATreatmentThatFindsTheProcessGoneLeavesNoRecord) {
+    const Program& culprit = Begin();
+    const Result<UniqueFd> pidfd = OpenProcess(culprit.Pid(), culprit.StartTime());
+    TreatmentContext context = Context();
+    TreatmentRecord record = RecordOf(culprit);
+    record.freeze.reset();
+    culprit_.reset();
+    EXPECT_TRUE(Linux::Suppress(context, record, pidfd->Get()).error);
+    EXPECT_FALSE(HasRecords());
+    EXPECT_TRUE(Linux::Freeze(context, record, pidfd->Get()).error);
+    EXPECT_FALSE(HasRecords());
+}
+
+TEST_F(TreatmentRecordTest, ARecordThatFitsNothingIsRefusedOrForgotten) {
+    // It has the pid of a process that was stopped by a host, and was stopped by another program.
+    const Program newcomer({"newcomer", "burn"});
+    newcomer.Signal(SIGSTOP);
+    TreatmentRecord record = RecordOf(newcomer);
+    --record.startTime;
+    EXPECT_TRUE(Release(record));
+    EXPECT_FALSE(HasRecords());
+    EXPECT_TRUE(StandsStill(newcomer));
+    record.bootId = "of-another-boot";
+    EXPECT_TRUE(Release(record));
+    EXPECT_FALSE(HasRecords());
+    std::ofstream(Path("treated/12-34.json")) << R"({"boot_id":"x","pid":1})";
+    EXPECT_FALSE(ReleaseLeft());
+    EXPECT_TRUE(ReleaseLeft());
+    EXPECT_TRUE(std::filesystem::exists(Path("treated/.12-34.json.bad")));
+    std::filesystem::create_symlink("/etc/passwd", Path("treated/12-34.json"));
+    EXPECT_FALSE(ReleaseLeft());
+    EXPECT_TRUE(ReleaseLeft());
+}
+
+TEST_F(TreatmentRecordTest, ARecordOfGroupsThatAreNotMountedIsKept) {
+    TreatmentRecord record = RecordOf(Begin());
+    record.freeze = FreezeRecord{ChangedGroup{{Hierarchy::kUnified, "/nowhere/own"}, "0", ""}, false};
+    EXPECT_FALSE(Release(record));
+    EXPECT_FALSE(ReleaseLeft());
+    EXPECT_TRUE(HasRecords());
+}
+
+TEST_F(TreatmentRecordTest, ARecordNamesOnlyGroupsThatATreatmentCouldHaveChanged) {
+    const Cgroups groups("30 20 0:27 / /groups rw - cgroup2 none rw\n", false);
+    struct Case {
+        std::string home, group, frozen;
+        bool isTaken;
+    };
+    const Case cases[] = {{"/groups/a", "/groups/a/kite-12-34", "/groups/a/kite-12-34", true},
+                          {"/groups", "/groups/kite-12-34", "/groups/own", true},
+                          {"/groups/a", "/groups/a/kite-12-35", "/groups/a", false},
+                          {"/groups/a", "/groups/kite-12-34", "/groups/a", false},
+                          {"/etc", "/etc/kite-12-34", "/groups/a", false},
+                          {"/groups/..", "/groups/../kite-12-34", "/groups/a", false},
+                          {"/groups/a", "/groups/a/kite-12-34", "/groups", false},
+                          {"/groups/a", "/groups/a/kite-12-34", "/groups/../etc", false}};
+    for (const auto& [home, group, frozen, isTaken] : cases) {
+        TreatmentRecord record;
+        record.pid = 12;
+        record.startTime = 34;
+        record.placements.push_back({{Hierarchy::kUnified, home}, {Hierarchy::kUnified, group}});
+        record.freeze = FreezeRecord{ChangedGroup{{Hierarchy::kUnified, frozen}, "0", ""}, false};
+        EXPECT_EQ(ReadRecord(WriteRecord(record)) && GroupsArePlausible(record, groups), isTaken)
+            << group << ' ' << frozen;
+    }
+}
+
+}  // namespace KITE::Linux
