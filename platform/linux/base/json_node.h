@@ -62,8 +62,9 @@ class JsonNode {
     JsonNode(const nlohmann::json* value, std::string path, std::string* fault)
         : value_(value), path_(std::move(path)), fault_(fault) {}
 
-    JsonNode Member(std::string_view key, std::string_view faultWhenAbsent) const;
-    std::string PathOf(std::string_view key) const;
+    // Whether there is a value of that kind to read; one of another kind is a fault.
+    bool Is(bool (nlohmann::json::*isOfKind)() const, std::string_view faultIfNot) const;
+    bool IsObject() const;
     int64_t Integer(int64_t minimum, int64_t maximum) const;
 
     const nlohmann::json* value_;

@@ -35,35 +35,20 @@ struct Token {
 // A token's id is its place in the table plus one.
 using TokenTable = std::vector<Token>;
 
-class TokenStore {
-  public:
-    static TokenStore& Instance() {
-        static TokenStore store;
-        return store;
-    }
+std::mutex tableMutex;
+std::shared_ptr<const TokenTable> currentTable = std::make_shared<const TokenTable>();  // guarded by it
 
-    std::shared_ptr<const TokenTable> Table() const {
-        const std::lock_guard lock(mutex_);
-        return table_;
-    }
-    void Replace(TokenTable table) {
-        auto replacement = std::make_shared<const TokenTable>(std::move(table));
-        const std::lock_guard lock(mutex_);
-        table_ = std::move(replacement);
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::shared_ptr<const TokenTable> table_ = std::make_shared<const TokenTable>();
-};
+std::shared_ptr<const TokenTable> CurrentTable() {
+    const std::lock_guard lock(tableMutex);
+    return currentTable;
+}
 
 uid_t UidOfUser(const JsonNode& node) {
     const std::string name = node.Text();
     std::vector<char> texts(1024);
     passwd entry{};
     passwd* found = nullptr;
-    int failure = 0;
-    while ((failure = getpwnam_r(name.c_str(), &entry, texts.data(), texts.size(), &found)) == ERANGE) {
+    while (getpwnam_r(name.c_str(), &entry, texts.data(), texts.size(), &found) == ERANGE) {
         texts.resize(texts.size() * 2);
     }
     if (found == nullptr) {
@@ -141,7 +126,7 @@ Result<TokenTable> LoadTable(const std::string& path) {
     return text ? Linux::ReadJson(*text, ReadTable) : text.Why();
 }
 
-// Null for an id that names nobody.
+// Null for an id without a token.
 const Token* FindToken(const TokenTable& table, uint32_t tokenId) {
     return tokenId != 0 && tokenId <= table.size() ? &table[tokenId - 1] : nullptr;
 }
@@ -154,18 +139,20 @@ Result<void> Linux::LoadAccessTokens() {
     if (!table) {
         return table.Why().In(path);
     }
-    TokenStore::Instance().Replace(std::move(*table));
+    auto replacement = std::make_shared<const TokenTable>(std::move(*table));
+    const std::lock_guard lock(tableMutex);
+    currentTable.swap(replacement);
     return {};
 }
 
 uint32_t Linux::TokenOfUid(uid_t uid) {
-    const auto table = TokenStore::Instance().Table();
+    const auto table = CurrentTable();
     const auto found = std::ranges::find(*table, uid, &Token::uid);
     return found == table->end() ? 0 : static_cast<uint32_t>(found - table->begin()) + 1;
 }
 
 int32_t AccessTokenKit::GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& info) {
-    const auto table = TokenStore::Instance().Table();
+    const auto table = CurrentTable();
     const Token* token = FindToken(*table, tokenId);
     if (token == nullptr) {
         return -1;
@@ -175,7 +162,7 @@ int32_t AccessTokenKit::GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& in
 }
 
 int32_t AccessTokenKit::VerifyAccessToken(uint32_t tokenId, const std::string& permission) {
-    const auto table = TokenStore::Instance().Table();
+    const auto table = CurrentTable();
     const Token* token = FindToken(*table, tokenId);
     const bool isGranted =
         token != nullptr && std::ranges::find(token->permissions, permission) != token->permissions.end();

@@ -1,6 +1,5 @@
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -33,7 +32,7 @@ std::vector<std::string> ReadDirectories(const JsonNode& root) {
     return directories;
 }
 
-// Fails when the directory cannot be searched, or when its files may be anybody's.
+// Fails when there is no such directory, or when others than its owner may put files into it.
 Result<void> RequireUsable(const std::string& directory) {
     struct stat status {};
     if (stat(directory.c_str(), &status) != 0) {
@@ -48,7 +47,7 @@ Result<void> RequireUsable(const std::string& directory) {
     return {};
 }
 
-// A list that would lack entries for want of memory is no list.
+// Null when there is not enough memory for all entries.
 CfgDir* MakeList(const std::vector<std::string>& directories) {
     std::unique_ptr<CfgDir, ListDeleter> list(static_cast<CfgDir*>(std::calloc(1, sizeof(CfgDir))));
     for (size_t i = 0; list && i < directories.size(); ++i) {
@@ -66,8 +65,8 @@ CfgDir* GetCfgDirList() {
     const auto named =
         ReadJsonFile(GetSettings().etcDirectory + FileName::kConfigDirectories, ReadDirectories);
     if (!named) {
-        if (named.Code() != ErrorOf(ENOENT)) {
-            PLATFORM_LOGE("no configuration directories: %{public}s", named.Why().Text().c_str());
+        if (!Is(named.Code(), ENOENT)) {
+            PLATFORM_LOGE("no configuration directories are used: %{public}s", named.Why().Text().c_str());
         }
         return nullptr;
     }
@@ -77,7 +76,7 @@ CfgDir* GetCfgDirList() {
             PLATFORM_LOGW("configuration directory %{public}s is left out: %{public}s", directory.c_str(),
                           isUsable.Why().Text().c_str());
         } else if (usable.size() == MAX_CFG_POLICY_DIRS_CNT) {
-            PLATFORM_LOGW("configuration directory %{public}s is left out: there are %{public}d before it",
+            PLATFORM_LOGW("configuration directory %{public}s is left out: it is behind the first %{public}d",
                           directory.c_str(), int{MAX_CFG_POLICY_DIRS_CNT});
         } else {
             usable.push_back(directory);

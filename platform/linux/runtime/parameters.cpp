@@ -1,13 +1,12 @@
 #include "parameters.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <charconv>
 #include <optional>
 #include <string_view>
 
 #include "base/file_names.h"
 #include "base/json_node.h"
+#include "base/text.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 
@@ -16,40 +15,31 @@ namespace KITE {
 namespace {
 
 using Linux::JsonNode;
-using nlohmann::json;
 
 constexpr std::string_view kTrueTexts[] = {"1", "y", "yes", "on", "true"};
 constexpr std::string_view kFalseTexts[] = {"0", "n", "no", "off", "false"};
 
-// Absent for a value that is neither a text, a number nor a truth value.
-std::optional<std::string> TextOf(const json& value) {
-    if (value.is_string()) {
-        return value.get<std::string>();
-    }
-    if (value.is_number() || value.is_boolean()) {
-        return value.dump();
-    }
-    return std::nullopt;
-}
-
-// Whatever other parameters hold, the one that is asked for is told.
+// The other parameters may hold anything.
 std::optional<std::string> FindIn(const JsonNode& parameters, const std::string& key) {
     const JsonNode parameter = parameters.Optional(key);
     if (!parameter.IsPresent()) {
         return std::nullopt;
     }
-    std::optional<std::string> text = TextOf(*parameter.Value());
-    if (!text) {
+    const nlohmann::json& value = *parameter.Value();
+    if (value.is_string()) {
+        return value.get<std::string>();
+    }
+    if (!value.is_number() && !value.is_boolean()) {
         parameter.Fail("must be a string, a number, true or false");
     }
-    return text;
+    return value.dump();
 }
 
 // The store is small and asked a few times in a process's life, so it is read for each question.
 std::optional<std::string> FindParameter(const std::string& key) {
     const auto found = Linux::ReadJsonFile(Linux::GetSettings().etcDirectory + Linux::FileName::kParameters,
                                            [&](const JsonNode& root) { return FindIn(root, key); });
-    if (!found && found.Code() != Linux::ErrorOf(ENOENT)) {
+    if (!found && !Linux::Is(found.Code(), ENOENT)) {
         PLATFORM_LOGE("parameter %{public}s cannot be read: %{public}s", key.c_str(),
                       found.Why().Text().c_str());
     }
@@ -78,14 +68,13 @@ int32_t GetIntParameter(const std::string& key, int32_t defaultValue, int32_t mi
     if (!text) {
         return defaultValue;
     }
-    int32_t value = 0;
-    const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
-    if (error != std::errc() || end != text->data() + text->size() || value < minimum || value > maximum) {
+    const std::optional<int64_t> value = Linux::ParseDecimal(*text);
+    if (!value || *value < minimum || *value > maximum) {
         PLATFORM_LOGW("parameter %{public}s is not a number from %{public}d to %{public}d: %{public}s",
                       key.c_str(), minimum, maximum, text->c_str());
         return defaultValue;
     }
-    return value;
+    return static_cast<int32_t>(*value);
 }
 
 }  // namespace KITE

@@ -10,9 +10,9 @@ namespace KITE::Linux {
 struct Settings {
     std::string etcDirectory = "/etc/kite";
     std::string stateDirectory = "/var/lib/kite";
-    // Where the records of what is treated now are kept: they must outlive a killed host, and need not
-    // outlive a boot. Empty: /run/kite where the state directory is the usual one and that is there, as on an
-    // installed system; else the state directory.
+    // Where the records of the treated processes are kept: they must outlive a killed host, and need not
+    // outlive a boot. Empty: /run/kite where the state directory is the usual one and /run/kite exists, as on
+    // an installed system; else the state directory.
     std::string runDirectory = {};
     std::string busAddress = {};       // empty: the system bus
     bool logsToStandardError = false;  // also where there is a journal
@@ -26,12 +26,12 @@ KITE_API void SetSettings(Settings settings);
 // Any thread; also before main and while the process exits.
 KITE_API const Settings& GetSettings();
 
-// The directory that the settings mean by runDirectory. Any thread.
+// The directory that runDirectory stands for. Any thread.
 KITE_API const std::string& RunDirectory();
 
-// The file of recorded samples, /var/lib/kite-samples/samples.jsonl for the state directory /var/lib/kite.
-// Beside that one, not in it: it is another host's user who writes it, and neither can then meddle with the
-// other's files. Any thread.
+// The file of recorded samples: /var/lib/kite-samples/samples.jsonl for the state directory /var/lib/kite.
+// Its directory is beside the state directory, not in it: another host's user writes it, and neither user can
+// change the other's files. Any thread.
 KITE_API std::string SamplesPath();
 
 }  // namespace KITE::Linux

@@ -2,8 +2,6 @@
 
 #define ASIO_STANDALONE
 #include <algorithm>
-#include <asio/executor_work_guard.hpp>
-#include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/thread_pool.hpp>
@@ -15,13 +13,14 @@
 
 #include "base/immortal.h"
 #include "base/thread_signals.h"
+#include "runtime/guard.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux {
 
 namespace {
 
-// Longer delays would overflow the clock; none of them ever ends.
+// A hundred years: longer delays would overflow the clock.
 constexpr std::chrono::microseconds kMaxDelay = std::chrono::hours(24 * 365 * 100);
 
 size_t WorkerCount() {
@@ -30,15 +29,7 @@ size_t WorkerCount() {
 
 // A submitted task on its way to a worker.
 struct Task {
-    void operator()() {
-        try {
-            function();
-        } catch (const std::exception& exception) {
-            PLATFORM_LOGE("task %{public}s failed: %{public}s", name.c_str(), exception.what());
-        } catch (...) {
-            PLATFORM_LOGE("task %{public}s failed: it threw what is no exception", name.c_str());
-        }
-    }
+    void operator()() { RunGuarded(("task " + name).c_str(), function); }
 
     std::string name;
     std::function<void()> function;
@@ -46,79 +37,38 @@ struct Task {
 
 }  // namespace
 
-// The workers, and a thread of their own for the delays: so the submitted tasks can be waited for without
-// waiting for delays.
-class TaskRuntime::Threads {
-  public:
-    Threads();
-    Threads(const Threads&) = delete;
-    Threads& operator=(const Threads&) = delete;
-    ~Threads() { Stop(); }
+// The delays have a pool of their own, so that Stop can wait for all submitted tasks without waiting for
+// delays.
+struct TaskRuntime::Threads {
+    std::mutex mutex;
+    bool isStopped = false;  // guarded by mutex; once set, the pools get nothing more
+    asio::thread_pool workers{WorkerCount()};
+    std::optional<asio::thread_pool> timers{1};
 
-    void Submit(Task task, std::chrono::microseconds delay);
-    void Stop();
-
-  private:
-    bool Accept(Task& task, std::chrono::microseconds delay);
     void PostAfter(Task task, std::chrono::microseconds delay);
-
-    std::mutex mutex_;
-    bool stopped_ = false;  // guarded by mutex_; nothing is handed to the members below once it is set
-    asio::thread_pool workers_;
-    std::optional<asio::io_context> timers_;
-    std::thread timerThread_;
+    bool Accept(Task& task, std::chrono::microseconds delay);
 };
 
-TaskRuntime::Threads::Threads() : workers_(WorkerCount()), timers_(std::in_place, 1) {
-    timerThread_ = std::thread([this] {
-        const auto staysWithoutTimers = asio::make_work_guard(*timers_);
-        timers_->run();
+void TaskRuntime::Threads::PostAfter(Task task, std::chrono::microseconds delay) {
+    const auto timer = std::make_shared<asio::steady_timer>(*timers, delay);
+    timer->async_wait([this, timer, task = std::move(task)](const asio::error_code& error) mutable {
+        if (!error) {
+            asio::post(workers, std::move(task));
+        }
     });
 }
 
-void TaskRuntime::Threads::Submit(Task task, std::chrono::microseconds delay) {
-    if (!Accept(task, delay)) {
-        PLATFORM_LOGW("task %{public}s comes after the end and is dropped", task.name.c_str());
-    }
-}
-
 bool TaskRuntime::Threads::Accept(Task& task, std::chrono::microseconds delay) {
-    const std::lock_guard lock(mutex_);
-    if (stopped_) {
+    const std::lock_guard lock(mutex);
+    if (isStopped) {
         return false;
     }
     if (delay <= std::chrono::microseconds::zero()) {
-        asio::post(workers_, std::move(task));
+        asio::post(workers, std::move(task));
     } else {
         PostAfter(std::move(task), std::min(delay, kMaxDelay));
     }
     return true;
-}
-
-void TaskRuntime::Threads::PostAfter(Task task, std::chrono::microseconds delay) {
-    auto timer = std::make_shared<asio::steady_timer>(*timers_, delay);
-    asio::steady_timer& waiting = *timer;
-    waiting.async_wait(
-        [this, timer = std::move(timer), task = std::move(task)](const asio::error_code& error) mutable {
-            if (!error) {
-                asio::post(workers_, std::move(task));
-            }
-        });
-}
-
-void TaskRuntime::Threads::Stop() {
-    {
-        const std::lock_guard lock(mutex_);
-        if (std::exchange(stopped_, true)) {
-            return;
-        }
-    }
-    timers_->stop();
-    timerThread_.join();
-    // Drops the delayed tasks with all that they hold, which may have its own ideas at its end: not under the
-    // lock.
-    timers_.reset();
-    workers_.join();
 }
 
 TaskRuntime& TaskRuntime::Instance() {
@@ -131,14 +81,30 @@ TaskRuntime::TaskRuntime() {
     threads_ = std::make_unique<Threads>();
 }
 
-TaskRuntime::~TaskRuntime() = default;
+TaskRuntime::~TaskRuntime() {
+    Stop();
+}
 
-void TaskRuntime::Submit(std::function<void()> task, TaskAttributes attributes) {
-    threads_->Submit({std::move(attributes.name), std::move(task)}, attributes.delay);
+void TaskRuntime::Submit(std::function<void()> function, TaskAttributes attributes) {
+    Task task{std::move(attributes.name), std::move(function)};
+    if (!threads_->Accept(task, attributes.delay)) {
+        PLATFORM_LOGW("task %{public}s is dropped: the host stops", task.name.c_str());
+    }
 }
 
 void TaskRuntime::Stop() {
-    threads_->Stop();
+    {
+        const std::lock_guard lock(threads_->mutex);
+        if (std::exchange(threads_->isStopped, true)) {
+            return;
+        }
+    }
+    threads_->timers->stop();
+    threads_->timers->join();
+    // Drops the delayed tasks with all that they hold. Not under the lock: what they hold may submit a task
+    // when it is destroyed.
+    threads_->timers.reset();
+    threads_->workers.join();
 }
 
 }  // namespace KITE::Linux
@@ -146,11 +112,8 @@ void TaskRuntime::Stop() {
 namespace KITE {
 
 void SubmitTask(std::function<void()> task, TaskAttributes attributes) {
-    try {
-        Linux::TaskRuntime::Instance().Submit(std::move(task), std::move(attributes));
-    } catch (const std::exception& exception) {
-        PLATFORM_LOGE("a task is dropped: %{public}s", exception.what());
-    }
+    Linux::RunGuarded("SubmitTask",
+                      [&] { Linux::TaskRuntime::Instance().Submit(std::move(task), std::move(attributes)); });
 }
 
 }  // namespace KITE

@@ -19,15 +19,15 @@ class KITE_API TaskRuntime {
     TaskRuntime& operator=(const TaskRuntime&) = delete;
     ~TaskRuntime();
 
-    void Submit(std::function<void()> task, TaskAttributes attributes);
+    void Submit(std::function<void()> function, TaskAttributes attributes);
 
-    // Takes no further tasks (each is dropped with a log line), drops those whose delay has not passed, waits
-    // until all others have run, and joins the threads. A second call does nothing more. Must not be called
-    // from a task.
+    // Accepts no further tasks (each is dropped with a log line), drops those whose delay has not passed,
+    // waits until all others have run, and joins the threads. A second call does nothing. Not to be called by
+    // a task.
     void Stop();
 
   private:
-    class Threads;
+    struct Threads;
     std::unique_ptr<Threads> threads_;
 };
 

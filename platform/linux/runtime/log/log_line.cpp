@@ -15,6 +15,7 @@ bool IsInsideCharacter(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
+// Replaces the end of a full buffer by a mark, without cutting a UTF-8 character in two.
 std::string_view Cut(std::span<char> buffer, size_t wholeLength) {
     char mark[64];
     const auto markLength =
@@ -32,7 +33,7 @@ std::string_view Cut(std::span<char> buffer, size_t wholeLength) {
 std::string_view FormatLogText(std::span<char> buffer, const char* format, va_list arguments) {
     const int length = std::vsnprintf(buffer.data(), buffer.size(), format, arguments);
     if (length < 0) {
-        return "[a log line that cannot be formatted]";
+        return "[this log line cannot be formatted]";
     }
     const auto wholeLength = static_cast<size_t>(length);
     return wholeLength < buffer.size() ? std::string_view(buffer.data(), wholeLength)

@@ -9,7 +9,7 @@
 
 namespace KITE::Linux {
 
-// One line on its way out. Refers to what its maker holds.
+// One line of the system log. Refers to texts of its maker.
 struct LogLine {
     Log::Level level;
     Log::Label label;
