@@ -6,8 +6,8 @@
 #include <chrono>
 #include <ctime>
 
-// In all of these tests the wall clock goes back or forward by a day whenever somebody looks at it: what
-// waits, measures or judges by it fails one of them. This takes the place of the C library's function.
+// In all of these tests the wall clock goes back or forward by a day at each reading: code that waits,
+// measures or decides by it fails one of them. This takes the place of the C library's function.
 extern "C" [[gnu::visibility("default")]] int clock_gettime(clockid_t clock, timespec* time) noexcept {
     static std::atomic<time_t> jump = 86'400;
     const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));

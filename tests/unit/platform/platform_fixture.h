@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -44,6 +45,24 @@ class DirectoryTest : public testing::Test {
         return std::string(mkdtemp(name.data()));
     }();
 };
+
+// What can be read until the end, or without waiting where the descriptor does not wait.
+inline std::string ReadAll(int fd) {
+    std::string text;
+    char piece[65536];
+    for (ssize_t n = 0; (n = read(fd, piece, sizeof(piece))) > 0;) {
+        text.append(piece, static_cast<size_t>(n));
+    }
+    return text;
+}
+
+inline size_t CountOf(std::string_view what, std::string_view text) {
+    size_t count = 0;
+    for (size_t at = text.find(what); at != std::string_view::npos; at = text.find(what, at + 1)) {
+        ++count;
+    }
+    return count;
+}
 
 // A kite_target on the first processor.
 struct Program : Process {

@@ -39,40 +39,37 @@ TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
     const sptr<IAppMgr> manager = iface_cast<IAppMgr>(AppManagerObject());
     ASSERT_TRUE(manager);
     EXPECT_TRUE(manager->AsObject() == AppManagerObject());
-    std::ostringstream told;
     std::vector<RunningProcessInfo> running;
-    EXPECT_EQ(manager->GetAllRunningProcesses(running), 0);
-    for (const auto& info : running) {
-        told << " running " << info.uid << ':' << info.pid;
-    }
     std::vector<RenderProcessInfo> rendering;
-    EXPECT_EQ(manager->GetAllRenderProcesses(rendering), 0);
-    for (const auto& info : rendering) {
-        told << " rendering " << info.uid << ':' << info.renderPid;
-    }
     std::vector<AppStateData> foreground;
-    EXPECT_EQ(manager->GetForegroundApplications(foreground), 0);
-    for (const auto& info : foreground) {
-        told << " foreground " << info.uid;
-    }
     std::vector<sptr<WindowVisibilityInfo>> windows;
-    EXPECT_EQ(WindowManager::GetInstance().GetVisibilityWindowInfo(windows), 0);
-    for (const auto& info : windows) {
-        told << " window " << info->uid;
-    }
     std::vector<std::shared_ptr<ContinuousTaskCallbackInfo>> tasks;
-    EXPECT_EQ(BackgroundTaskMgrHelper::GetContinuousTaskApps(tasks), 0);
-    for (const auto& info : tasks) {
-        told << " task " << info->GetCreatorUid() << ':' << info->GetCreatorPid() << ' '
-             << testing::PrintToString(info->GetTypeIds());
-    }
     std::vector<std::shared_ptr<ResourceCallbackInfo>> resources;
     std::vector<std::shared_ptr<ResourceCallbackInfo>> processes;
+    EXPECT_EQ(manager->GetAllRunningProcesses(running), 0);
+    EXPECT_EQ(manager->GetAllRenderProcesses(rendering), 0);
+    EXPECT_EQ(manager->GetForegroundApplications(foreground), 0);
+    EXPECT_EQ(WindowManager::GetInstance().GetVisibilityWindowInfo(windows), 0);
+    EXPECT_EQ(BackgroundTaskMgrHelper::GetContinuousTaskApps(tasks), 0);
     EXPECT_EQ(BackgroundTaskMgrHelper::GetEfficiencyResourcesInfos(resources, processes), 0);
     resources.insert(resources.end(), processes.begin(), processes.end());
-    for (const auto& info : resources) {
-        told << " resource " << info->GetUid() << ':' << info->GetPid() << ' ' << info->GetResourceNumber();
-    }
+    std::ostringstream told;
+    const auto tell = [&told](const auto& list, const auto& tellOne) {
+        for (const auto& info : list) {
+            tellOne(told, info);
+        }
+    };
+    tell(running, [](auto& out, auto& info) { out << " running " << info.uid << ':' << info.pid; });
+    tell(rendering, [](auto& out, auto& info) { out << " rendering " << info.uid << ':' << info.renderPid; });
+    tell(foreground, [](auto& out, auto& info) { out << " foreground " << info.uid; });
+    tell(windows, [](auto& out, auto& info) { out << " window " << info->uid; });
+    tell(tasks, [](auto& out, auto& info) {
+        out << " task " << info->GetCreatorUid() << ':' << info->GetCreatorPid() << ' '
+            << testing::PrintToString(info->GetTypeIds());
+    });
+    tell(resources, [](auto& out, auto& info) {
+        out << " resource " << info->GetUid() << ':' << info->GetPid() << ' ' << info->GetResourceNumber();
+    });
     EXPECT_EQ(told.str(),
               " running 1:10 running 1:11 running 2:20 running 3:30 rendering 1:12 foreground 1 window 2"
               " task 1:10 { 1, 4294967295 } resource 1:10 64 resource 2:20 1");
@@ -106,8 +103,8 @@ TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
     EXPECT_TRUE(PowerMgrClient::GetInstance().IsScreenOn());
 }
 
-// In a process of its own, whose standard error is a pipe from its first log line on: exits with the number
-// of complaints.
+// Runs in a process of its own, whose standard error is a pipe from its first log line on. Exits with the
+// number of complaints.
 [[noreturn]] void ComplainAndCount(const std::string& file) {
     Integration::Pipe pipe;
     dup2(pipe.writeEnd.Get(), STDERR_FILENO);
