@@ -1,7 +1,5 @@
 #include "native_process_checker.h"
 
-#include <cstring>
-
 #include "file_utils.h"
 #include "resource_quota_control_log.h"
 
@@ -31,12 +29,12 @@ bool NatvieProcessChecker::GetProcessNameByPid(int32_t pid, std::string& name) c
     return true;
 }
 
-// The last '/' of the whole content counts, also one inside a later argument.
+// The last '/' of the whole content counts, also one inside a later argument. The name ends at the first NUL, with
+// which the argument ends.
 void NatvieProcessChecker::ParseProcessName(const std::string& cmdline, std::string& name) const {
-    // Not rfind, which looks at one byte at a time.
-    const void* slash = memrchr(cmdline.data(), '/', cmdline.size());
-    const char* start = slash == nullptr ? cmdline.data() : static_cast<const char*>(slash) + 1;
-    name.assign(start, strnlen(start, kMaxNameLength));
+    const size_t slash = cmdline.rfind('/');
+    const size_t start = slash == std::string::npos ? 0 : slash + 1;
+    name = cmdline.substr(start, kMaxNameLength).c_str();
 }
 
 }  // namespace KITE::ResourceQuotaCtl

@@ -12,7 +12,7 @@ class JsonUtil {
   public:
     // Deeper documents are refused: copying one is recursive in the JSON library and would overflow the
     // stack.
-    static constexpr size_t kMaxDepth = 512;
+    static constexpr int kMaxDepth = 512;
 
     JsonUtil() = delete;
 

@@ -55,52 +55,26 @@ class ResPolicyManager {
                           InheritMap& mergedInherit, InheritMap& fileInherit) const;
 
   private:
-    // What Init works on while it goes through the files. The maps of one file are deliberately kept from
-    // file to file: what was new in one file takes part in the next file's merge.
-    struct MergeState {
-        ProcessQuotasMap mergedQuotas;
-        ProcessQuotasMap fileQuotas;
-        InheritMap mergedInherit;
-        InheritMap fileInherit;
-    };
-
-    // Loads, merges and publishes, and gives back the memory that took; the caller holds the mutex.
+    // The caller of what follows holds the mutex.
     bool Init(const std::vector<std::string>& files);
-    bool LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state);
 
-    // Merges what no further file will look at: it is moved.
-    void MergeLastQuotaConfig(MergeState& state) const;
-    // The first half of a merge: what the file defines again replaces what was defined.
-    void Redefine(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas, InheritMap& mergedInherit,
-                  InheritMap& fileInherit) const;
-
-    // Each parse adds to its outputs; on a failure what was added stays, and the caller gives all of it up.
+    // Each parse adds to its outputs; what a parse that fails has added is of no use.
     bool ParseProcessQuotaConfig(nlohmann::json root, ProcessQuotasMap& processQuotas, InheritMap& inherit);
-    // These two give the key that is missing or wrong, null when all is well.
-    const char* ParseProcessEntry(nlohmann::json entry, ProcessQuotasMap& processQuotas, InheritMap& inherit);
-    const char* ReadRule(const nlohmann::json& rule, QuotaForResource& quota) const;
     bool ParseProcessQuotas(nlohmann::json quotas, const std::shared_ptr<ProcessQuotas>& processQuotas);
     bool ParseQuotaForResource(nlohmann::json rule, const std::shared_ptr<QuotaForResource>& quota);
+    bool ParseConditionList(nlohmann::json conditions, std::vector<uint32_t>& masks) const;
     uint32_t ParseConditions(std::string conditions) const;
 
     // Resolves inheritance, parents first, and publishes. False on a cycle and on a missing template.
-    bool HandleInheritInfo(ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit);
+    bool HandleInheritInfo(const ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit);
     bool IsInheritInfoValid(const InheritMap& inherit) const;
-    // An entry whose parent inherits from nobody; empty when no inheritance is left. Needs a map without
+    // An entry whose parent inherits from no other; empty when no inheritance is left. Needs a map without
     // cycles.
     std::string GetTopInheritInfo(const InheritMap& inherit) const;
-
-    // Frees the parts of documents that have been read.
-    void FreeSpent();
 
     std::mutex mutex_;  // the policy; held for the whole of Init and of each export
     std::atomic<bool> isConfigInit_{false};
     ProcessQuotasMap processQuotasMap_;
-    size_t ruleCount_ = 0;  // of processQuotasMap_; to count them takes half as long as to export them
-    // While Init runs: parts of the document that have been read. Each freed by itself would make place for
-    // the next record, and the policy would lie scattered over all pages of the document. Freed many at a
-    // time they are whole pages, and still in the cache.
-    std::vector<nlohmann::json> spent_;
 };
 
 }  // namespace KITE::ResourceQuotaCtl

@@ -4,10 +4,9 @@
 #include <array>
 #include <climits>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <string_view>
-#include <system_error>
+#include <sstream>
+#include <tuple>
 #include <utility>
 
 #include "resource_quota_control_log.h"
@@ -19,98 +18,43 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t kMaxPathLength = 4096;
+constexpr bool kThrow = false;
+constexpr bool kIgnoreComments = false;
 
-// The quote that ends the string whose text begins at `start`, or the end of all.
-size_t EndOfString(std::string_view text, size_t start) {
-    size_t quote = text.find('"', start);
-    while (quote < text.size() && (quote - text.find_last_not_of('\\', quote - 1)) % 2 == 0) {
-        quote = text.find('"', quote + 1);
-    }
-    return std::min(quote, text.size());
-}
-
-// How each character outside strings changes the depth. A table look-up and a search for the end of each
-// string take a third of the time of comparisons.
-constexpr int8_t kStringBegins = 2;
-constexpr auto kDepthChanges = [] {
-    std::array<int8_t, 256> changes{};
-    changes['['] = changes['{'] = 1;
-    changes[']'] = changes['}'] = -1;
-    changes['"'] = kStringBegins;
-    return changes;
-}();
-
-// Counts brackets outside strings; exact for valid JSON, and what is not valid does not parse anyway.
-bool IsDeeperThan(std::string_view text, int64_t limit) {
-    int64_t depth = 0;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const int8_t change = kDepthChanges[static_cast<unsigned char>(text[i])];
-        if (change == 0) {
-            continue;
-        }
-        if (change == kStringBegins) {
-            i = EndOfString(text, i + 1);
-        } else if ((depth += change) > limit) {
-            return true;
-        }
-    }
-    return false;
+// Reads the text with the library's own parser, which keeps nothing of it. The check has a pass of its own: a
+// parse with a callback that keeps values looks at a whole list again after each of its elements.
+bool IsTooDeep(const std::string& text) {
+    bool isTooDeep = false;
+    const auto watch = [&isTooDeep](int depth, json::parse_event_t event, const json& /*value*/) {
+        const bool isStart =
+            event == json::parse_event_t::object_start || event == json::parse_event_t::array_start;
+        isTooDeep = isTooDeep || (isStart && depth >= JsonUtil::kMaxDepth);
+        return false;
+    };
+    std::ignore = json::parse(text, watch, kThrow, kIgnoreComments);
+    return isTooDeep;
 }
 
 json ParseText(const std::string& text) {
-    constexpr bool kAllowExceptions = false;
-    constexpr bool kIgnoreComments = false;
-    if (IsDeeperThan(text, JsonUtil::kMaxDepth)) {
-        return json(json::value_t::discarded);
-    }
-    return json::parse(text, nullptr, kAllowExceptions, kIgnoreComments);
+    return IsTooDeep(text) ? json(json::value_t::discarded)
+                           : json::parse(text, nullptr, kThrow, kIgnoreComments);
 }
 
-// A string that is told the size takes a fifth of the time of a string stream, which grows by doubling. The
-// size is a hint: the file may change meanwhile, and not every file has one.
-std::string ReadToEnd(std::ifstream& file, const std::string& path) {
-    std::error_code sizeIsUnknown;
-    const auto size = std::filesystem::file_size(path, sizeIsUnknown);
-    std::string text;
-    text.reserve(sizeIsUnknown ? 0 : size);
-    std::array<char, 16384> piece;
-    do {
-        file.read(piece.data(), piece.size());
-        text.append(piece.data(), static_cast<size_t>(file.gcount()));
-    } while (file);
-    return text;
-}
-
-// The member if it is of the type asked for, else null. Works for const and for given-up documents.
-template <typename Json, typename IsOfType>
-auto* FindMember(Json& object, const std::string& key, IsOfType isOfType) {
-    using Member = std::remove_reference_t<decltype(*object.find(key))>;
+// Null when the value is no object or has no such member. Json is json or const json.
+template <typename Json>
+Json* FindMember(Json& object, const std::string& key) {
     if (key.empty() || !object.is_object()) {
-        return static_cast<Member*>(nullptr);
+        return nullptr;
     }
     const auto member = object.find(key);
-    return member != object.end() && isOfType(*member) ? &*member : nullptr;
+    return member == object.end() ? nullptr : &*member;
 }
 
-constexpr auto kIsString = [](const json& value) { return value.is_string(); };
-constexpr auto kIsInteger = [](const json& value) { return value.is_number_integer(); };
-constexpr auto kIsObject = [](const json& value) { return value.is_object(); };
-constexpr auto kIsArray = [](const json& value) { return value.is_array(); };
-
-template <typename IsOfType>
-bool CopyMember(const json& object, const std::string& key, IsOfType isOfType, json& value) {
-    const json* member = FindMember(object, key, isOfType);
-    if (member == nullptr) {
-        return false;
-    }
-    value = *member;
-    return true;
-}
-
-template <typename IsOfType>
-bool MoveMember(json& object, const std::string& key, IsOfType isOfType, json& value) {
-    json* member = FindMember(object, key, isOfType);
-    if (member == nullptr) {
+// Copies the member out of a const document, and moves it out of any other.
+template <typename Json>
+bool GetStructure(Json& object, const std::string& key, json::value_t type, json& value) {
+    Json* const member = FindMember(object, key);
+    if (member == nullptr || member->type() != type) {
         return false;
     }
     value = std::move(*member);
@@ -137,11 +81,13 @@ bool JsonUtil::ReadFileToString(const std::string& path, std::string& content) {
         return false;
     }
     RQC_LOGI("realPath is [%{public}s]", path.c_str());
-    std::ifstream file(realPath);
+    const std::ifstream file(realPath);
     if (!file.is_open()) {
         return false;
     }
-    content = ReadToEnd(file, realPath);
+    std::ostringstream text;
+    text << file.rdbuf();
+    content = std::move(text).str();
     return true;
 }
 
@@ -160,11 +106,11 @@ bool JsonUtil::LoadJsonObjFromFile(json& json, const std::string& path) {
 }
 
 bool JsonUtil::GetStringFromJsonObj(const json& json, const std::string& key, std::string& value) {
-    const auto* member = FindMember(json, key, kIsString);
-    if (member == nullptr) {
+    const auto* member = FindMember(json, key);
+    if (member == nullptr || !member->is_string()) {
         return false;
     }
-    value = member->get_ref<const std::string&>();
+    value = member->get<std::string>();
     return true;
 }
 
@@ -178,8 +124,8 @@ bool JsonUtil::GetIntFromJsonObj(const json& json, const std::string& key, int32
 }
 
 bool JsonUtil::GetInt64FromJsonObj(const json& json, const std::string& key, int64_t& value) {
-    const auto* member = FindMember(json, key, kIsInteger);
-    if (member == nullptr) {
+    const auto* member = FindMember(json, key);
+    if (member == nullptr || !member->is_number_integer()) {
         return false;
     }
     value = member->get<int64_t>();
@@ -187,19 +133,19 @@ bool JsonUtil::GetInt64FromJsonObj(const json& json, const std::string& key, int
 }
 
 bool JsonUtil::GetObjFromJsonObj(const json& json, const std::string& key, nlohmann::json& value) {
-    return CopyMember(json, key, kIsObject, value);
+    return GetStructure(json, key, nlohmann::json::value_t::object, value);
 }
 
 bool JsonUtil::GetArrayFromJsonObj(const json& json, const std::string& key, nlohmann::json& value) {
-    return CopyMember(json, key, kIsArray, value);
+    return GetStructure(json, key, nlohmann::json::value_t::array, value);
 }
 
 bool JsonUtil::GetObjFromJsonObj(json&& json, const std::string& key, nlohmann::json& value) {
-    return MoveMember(json, key, kIsObject, value);
+    return GetStructure(json, key, nlohmann::json::value_t::object, value);
 }
 
 bool JsonUtil::GetArrayFromJsonObj(json&& json, const std::string& key, nlohmann::json& value) {
-    return MoveMember(json, key, kIsArray, value);
+    return GetStructure(json, key, nlohmann::json::value_t::array, value);
 }
 
 }  // namespace KITE::ResourceQuotaCtl

@@ -4,8 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <set>
+#include <sstream>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 
 #include "config_policy.h"
@@ -20,7 +21,6 @@ using Kelvra::ResQuotaInfo;
 using nlohmann::json;
 
 constexpr const char* kBaseDirectory = "/system";
-constexpr size_t kSpentAtOnce = 1024;  // some 400 KB of a document, which the processor's cache still holds
 
 bool IsResourceType(std::string_view key) {
     return std::ranges::find(kResourceTypes, key) != kResourceTypes.end();
@@ -31,7 +31,7 @@ uint32_t ConditionBit(std::string_view name) {
     return entry == kConditionBits.end() ? 0 : entry->second;
 }
 
-// What the child has keeps its place, key by key; only keys that it lacks come from the parent.
+// A key that the child has stays as it is, even with an empty list; only the other keys come from the parent.
 void Inherit(ProcessQuotas& child, const ProcessQuotas& parent) {
     if (child.runningTime == 0) {
         child.runningTime = parent.runningTime;
@@ -39,46 +39,12 @@ void Inherit(ProcessQuotas& child, const ProcessQuotas& parent) {
     child.quotas.insert(parent.quotas.begin(), parent.quotas.end());
 }
 
-// A document takes several times the memory of the policy that is read from it, and only glibc has to be told
-// to give it back to the system.
+// A document takes several times the memory of the policy that is read from it. glibc keeps what is freed below
+// memory in use and has to be told to give it back: else a host keeps 3.6 times what the policy needs.
 void GiveMemoryBack() {
 #ifdef __GLIBC__
     malloc_trim(0);
 #endif
-}
-
-// Moves the entries whose keys the map lacks.
-template <typename Map>
-void MoveMissing(Map& map, Map& from) {
-    if (map.empty()) {
-        map.swap(from);
-    } else {
-        map.merge(from);
-    }
-}
-
-size_t CountRules(const ProcessQuotasMap& processQuotas) {
-    size_t count = 0;
-    for (const auto& [name, entry] : processQuotas) {
-        if (entry) {
-            for (const auto& [key, rules] : entry->quotas) {
-                count += rules.size();
-            }
-        }
-    }
-    return count;
-}
-
-void Fill(ResQuotaInfo& info, const std::string& processName, const std::string& resType,
-          const QuotaForResource& rule) {
-    info.duration = rule.duration;
-    info.resource = rule.resourceQuota;
-    info.id = rule.id;
-    info.processType = 0;
-    info.action = rule.action;
-    info.processName = processName;
-    info.resType = resType;
-    info.conditions = rule.conditions;
 }
 
 }  // namespace
@@ -104,22 +70,26 @@ bool ResPolicyManager::InitFromFiles(const std::vector<std::string>& files) {
 }
 
 bool ResPolicyManager::Init(const std::vector<std::string>& files) {
-    {
-        MergeState state;
-        const bool isLoaded = LoadAndMergeFiles(files, state);
-        isConfigInit_ = isLoaded && HandleInheritInfo(state.mergedQuotas, state.mergedInherit);
-        if (isLoaded && !isConfigInit_) {
-            RQC_LOGE("Merge quota config failed!");
+    ProcessQuotasMap mergedQuotas;
+    ProcessQuotasMap fileQuotas;
+    InheritMap mergedInherit;
+    InheritMap fileInherit;
+    for (const std::string& file : files) {
+        json root;
+        if (!JsonUtil::LoadJsonObjFromFile(root, file) ||
+            !ParseProcessQuotaConfig(std::move(root), fileQuotas, fileInherit)) {
+            RQC_LOGE("config file %{public}s is refused", file.c_str());
+            return false;
         }
+        MergeQuotaConfig(mergedQuotas, fileQuotas, mergedInherit, fileInherit);
     }
-    FreeSpent();
+    if (!HandleInheritInfo(mergedQuotas, mergedInherit)) {
+        RQC_LOGE("Merge quota config failed!");
+        return false;
+    }
+    isConfigInit_ = true;
     GiveMemoryBack();
-    return isConfigInit_;
-}
-
-void ResPolicyManager::FreeSpent() {
-    spent_.clear();
-    spent_.shrink_to_fit();
+    return true;
 }
 
 void ResPolicyManager::GetQuotaConfigFilesList(std::vector<std::string>& files) const {
@@ -144,23 +114,6 @@ void ResPolicyManager::GetQuotaConfigFilesList(std::vector<std::string>& files) 
     }
 }
 
-bool ResPolicyManager::LoadAndMergeFiles(const std::vector<std::string>& files, MergeState& state) {
-    for (const std::string& file : files) {
-        json root;
-        if (!JsonUtil::LoadJsonObjFromFile(root, file) ||
-            !ParseProcessQuotaConfig(std::move(root), state.fileQuotas, state.fileInherit)) {
-            RQC_LOGE("config file %{public}s is refused", file.c_str());
-            return false;
-        }
-        if (&file == &files.back()) {
-            MergeLastQuotaConfig(state);
-        } else {
-            MergeQuotaConfig(state.mergedQuotas, state.fileQuotas, state.mergedInherit, state.fileInherit);
-        }
-    }
-    return true;
-}
-
 bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& processQuotas,
                                                InheritMap& inherit) {
     json entries;
@@ -169,40 +122,29 @@ bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& proc
         return false;
     }
     for (size_t i = 0; i < entries.size(); ++i) {
-        if (const char* wrongKey = ParseProcessEntry(std::move(entries[i]), processQuotas, inherit)) {
+        const auto record = std::make_shared<ProcessQuotas>();
+        std::string parent;
+        json quotas;
+        const char* key = nullptr;  // the one that is being read
+        // The quotas are copied: if they were moved, their pieces would be freed one by one and filled with
+        // records, and no page of the document could be given back when it is freed.
+        const bool isRead =
+            JsonUtil::GetStringFromJsonObj(entries[i], key = "process_name", record->processName) &&
+            JsonUtil::GetStringFromJsonObj(entries[i], key = "inherit", parent) &&
+            JsonUtil::GetObjFromJsonObj(entries[i], key = "process_quotas", quotas) &&
+            ParseProcessQuotas(std::move(quotas), record);
+        if (!isRead) {
             RQC_LOGE("ParseProcessQuotaConfig failed!");
-            RQC_LOGE("/quotas/%{public}lu: %{public}s is missing or wrong", i, wrongKey);
+            RQC_LOGE("/quotas/%{public}lu: %{public}s is missing or wrong", i, key);
             return false;
         }
-        if (spent_.size() >= kSpentAtOnce) {
-            FreeSpent();
+        // Of two entries with one name in a file the later record stands, and the earlier parent.
+        processQuotas[record->processName] = record;
+        if (!parent.empty()) {
+            inherit.emplace(record->processName, std::move(parent));
         }
     }
-    FreeSpent();
     return true;
-}
-
-const char* ResPolicyManager::ParseProcessEntry(json entry, ProcessQuotasMap& processQuotas,
-                                                InheritMap& inherit) {
-    const auto record = std::make_shared<ProcessQuotas>();
-    json& spent = spent_.emplace_back(std::move(entry));
-    if (!JsonUtil::GetStringFromJsonObj(spent, "process_name", record->processName)) {
-        return "process_name";
-    }
-    std::string parent;
-    if (!JsonUtil::GetStringFromJsonObj(spent, "inherit", parent)) {
-        return "inherit";
-    }
-    if (!parent.empty()) {
-        inherit.emplace(record->processName, std::move(parent));
-    }
-    json quotas;
-    if (!JsonUtil::GetObjFromJsonObj(std::move(spent), "process_quotas", quotas) ||
-        !ParseProcessQuotas(std::move(quotas), record)) {
-        return "process_quotas";
-    }
-    processQuotas[record->processName] = record;
-    return nullptr;
 }
 
 bool ResPolicyManager::ParseProcessQuotas(json quotas, const std::shared_ptr<ProcessQuotas>& processQuotas) {
@@ -210,7 +152,6 @@ bool ResPolicyManager::ParseProcessQuotas(json quotas, const std::shared_ptr<Pro
     for (auto& [key, value] : quotas.items()) {
         std::vector<std::shared_ptr<QuotaForResource>> rules;
         if (IsResourceType(key) && value.is_array()) {
-            rules.reserve(value.size());
             for (json& element : value) {
                 const auto rule = std::make_shared<QuotaForResource>();
                 if (!ParseQuotaForResource(std::move(element), rule)) {
@@ -223,121 +164,97 @@ bool ResPolicyManager::ParseProcessQuotas(json quotas, const std::shared_ptr<Pro
         }
         processQuotas->quotas[key] = std::move(rules);
     }
-    spent_.push_back(std::move(quotas));
     return true;
 }
 
 bool ResPolicyManager::ParseQuotaForResource(json rule, const std::shared_ptr<QuotaForResource>& quota) {
-    if (const char* wrongKey = ReadRule(rule, *quota)) {
+    const char* key = nullptr;  // the one that is being read
+    json conditions;
+    const bool isRead = JsonUtil::GetArrayFromJsonObj(rule, key = "condition", conditions) &&
+                        ParseConditionList(std::move(conditions), quota->conditions) &&
+                        JsonUtil::GetIntFromJsonObj(rule, key = "id", quota->id) &&
+                        JsonUtil::GetInt64FromJsonObj(rule, key = "resource_quota", quota->resourceQuota) &&
+                        JsonUtil::GetInt64FromJsonObj(rule, key = "duration", quota->duration) &&
+                        JsonUtil::GetStringFromJsonObj(rule, key = "action", quota->action);
+    if (!isRead) {
         RQC_LOGE("ParseQuotaForResource failed!");
-        RQC_LOGE("%{public}s of a rule is missing or wrong", wrongKey);
-        return false;
+        RQC_LOGE("%{public}s of a rule is missing or wrong", key);
     }
-    spent_.push_back(std::move(rule));
-    return true;
+    return isRead;
 }
 
-const char* ResPolicyManager::ReadRule(const json& rule, QuotaForResource& quota) const {
-    json conditions;
-    if (!JsonUtil::GetArrayFromJsonObj(rule, "condition", conditions)) {
-        return "condition";
-    }
+bool ResPolicyManager::ParseConditionList(json conditions, std::vector<uint32_t>& masks) const {
     for (json& condition : conditions) {
         if (!condition.is_string()) {
-            return "condition";
+            return false;
         }
-        quota.conditions.push_back(ParseConditions(std::move(condition.get_ref<std::string&>())));
+        masks.push_back(ParseConditions(std::move(condition.get_ref<std::string&>())));
     }
-    if (!JsonUtil::GetIntFromJsonObj(rule, "id", quota.id)) {
-        return "id";
-    }
-    if (!JsonUtil::GetInt64FromJsonObj(rule, "resource_quota", quota.resourceQuota)) {
-        return "resource_quota";
-    }
-    if (!JsonUtil::GetInt64FromJsonObj(rule, "duration", quota.duration)) {
-        return "duration";
-    }
-    return JsonUtil::GetStringFromJsonObj(rule, "action", quota.action) ? nullptr : "action";
+    return true;
 }
 
 uint32_t ResPolicyManager::ParseConditions(std::string conditions) const {
     uint32_t mask = 0;
-    for (std::string_view rest = conditions; !rest.empty();) {
-        const size_t end = rest.find('&');
-        mask |= ConditionBit(rest.substr(0, end));
-        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    std::istringstream names(std::move(conditions));
+    for (std::string name; std::getline(names, name, '&');) {
+        mask |= ConditionBit(name);
     }
     return mask;
 }
 
 void ResPolicyManager::MergeQuotaConfig(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas,
                                         InheritMap& mergedInherit, InheritMap& fileInherit) const {
-    Redefine(mergedQuotas, fileQuotas, mergedInherit, fileInherit);
-    mergedQuotas.insert(fileQuotas.begin(), fileQuotas.end());
-    mergedInherit.insert(fileInherit.begin(), fileInherit.end());
-}
-
-void ResPolicyManager::MergeLastQuotaConfig(MergeState& state) const {
-    Redefine(state.mergedQuotas, state.fileQuotas, state.mergedInherit, state.fileInherit);
-    MoveMissing(state.mergedQuotas, state.fileQuotas);
-    MoveMissing(state.mergedInherit, state.fileInherit);
-}
-
-void ResPolicyManager::Redefine(ProcessQuotasMap& mergedQuotas, ProcessQuotasMap& fileQuotas,
-                                InheritMap& mergedInherit, InheritMap& fileInherit) const {
     for (auto& [name, record] : mergedQuotas) {
         const auto later = fileQuotas.find(name);
         if (later == fileQuotas.end()) {
             continue;
         }
-        record = std::move(later->second);
+        record = later->second;
         fileQuotas.erase(later);
         mergedInherit.erase(name);
-        const auto parent = fileInherit.find(name);
-        if (parent != fileInherit.end()) {
-            mergedInherit[name] = std::move(parent->second);
+        if (const auto parent = fileInherit.find(name); parent != fileInherit.end()) {
+            mergedInherit[name] = parent->second;
             fileInherit.erase(parent);
         }
     }
+    // What is new stays in the maps of the file, and counts as said again by the next file.
+    mergedQuotas.insert(fileQuotas.begin(), fileQuotas.end());
+    mergedInherit.insert(fileInherit.begin(), fileInherit.end());
 }
 
-bool ResPolicyManager::HandleInheritInfo(ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit) {
+bool ResPolicyManager::HandleInheritInfo(const ProcessQuotasMap& mergedQuotas, InheritMap& mergedInherit) {
     if (!IsInheritInfoValid(mergedInherit)) {
         return false;
     }
     for (std::string name = GetTopInheritInfo(mergedInherit); !name.empty();
          name = GetTopInheritInfo(mergedInherit)) {
-        const auto link = mergedInherit.find(name);
-        const auto child = mergedQuotas.find(name);
-        const auto parent = mergedQuotas.find(link->second);
+        const std::string& parentName = mergedInherit.at(name);
+        const auto parent = mergedQuotas.find(parentName);
         if (parent == mergedQuotas.end()) {
-            RQC_LOGE("MergeConfig not find template name: %{public}s", link->second.c_str());
+            RQC_LOGE("MergeConfig not find template name: %{public}s", parentName.c_str());
             return false;
         }
-        Inherit(*child->second, *parent->second);
-        mergedInherit.erase(link);
+        Inherit(*mergedQuotas.at(name), *parent->second);
+        mergedInherit.erase(name);
     }
-    MoveMissing(processQuotasMap_, mergedQuotas);
-    ruleCount_ = CountRules(processQuotasMap_);
+    processQuotasMap_.insert(mergedQuotas.begin(), mergedQuotas.end());
     return true;
 }
 
 bool ResPolicyManager::IsInheritInfoValid(const InheritMap& inherit) const {
-    std::unordered_map<std::string_view, const std::string*>
-        walks;  // by name, the child from which it was met
-    walks.reserve(inherit.size());
+    std::set<std::string_view> cleared;  // names from which an earlier walk found no cycle
     for (const auto& [child, firstParent] : inherit) {
-        // Ends where an earlier walk, which found no cycle, has been.
-        for (auto link = inherit.find(child);
-             link != inherit.end() && walks.emplace(link->first, &child).second;
+        std::set<std::string_view> visited;
+        for (auto link = inherit.find(child); link != inherit.end() && !cleared.contains(link->first);
              link = inherit.find(link->second)) {
-            const auto met = walks.find(link->second);
-            if (met != walks.end() && met->second == &child) {
-                RQC_LOGE("Find circular inheritance: %{public}s, %{public}s", link->first.c_str(),
-                         link->second.c_str());
+            const auto& [name, parent] = *link;
+            if (visited.contains(parent)) {
+                RQC_LOGE("Find circular inheritance: %{public}s, %{public}s", name.c_str(), parent.c_str());
                 return false;
             }
+            visited.insert(name);
         }
+        cleared.merge(visited);
     }
     return true;
 }
@@ -356,7 +273,6 @@ std::string ResPolicyManager::GetTopInheritInfo(const InheritMap& inherit) const
 
 void ResPolicyManager::GetAllResQuotaInfos(std::vector<ResQuotaInfo>& infos) {
     const std::lock_guard lock(mutex_);
-    infos.reserve(infos.size() + ruleCount_);
     for (const auto& [name, processQuotas] : processQuotasMap_) {
         GetResQuotaInfosOfOneProcess(processQuotas, infos);
     }
@@ -369,7 +285,14 @@ void ResPolicyManager::GetResQuotaInfosOfOneProcess(const std::shared_ptr<Proces
     }
     for (const auto& [resType, rules] : processQuotas->quotas) {
         for (const auto& rule : rules) {
-            Fill(infos.emplace_back(), processQuotas->processName, resType, *rule);
+            ResQuotaInfo& info = infos.emplace_back();
+            info.duration = rule->duration;
+            info.resource = rule->resourceQuota;
+            info.id = rule->id;
+            info.action = rule->action;
+            info.processName = processQuotas->processName;
+            info.resType = resType;
+            info.conditions = rule->conditions;
         }
     }
 }
@@ -379,9 +302,7 @@ std::map<std::string, int32_t> ResPolicyManager::GetExtensionRunningTime() {
     std::map<std::string, int32_t> runningTimes;
     for (const auto& [name, processQuotas] : processQuotasMap_) {
         if (processQuotas && processQuotas->runningTime >= 1) {
-            // The names come in their order.
-            runningTimes.emplace_hint(runningTimes.end(), processQuotas->processName,
-                                      processQuotas->runningTime);
+            runningTimes.emplace(processQuotas->processName, processQuotas->runningTime);
         }
     }
     return runningTimes;
