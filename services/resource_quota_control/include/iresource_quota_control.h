@@ -12,9 +12,9 @@
 
 namespace KITE::ResourceQuotaCtl {
 
-// The service's remote interface, reachable under system ability RESOURCE_QUOTA_CONTROL_SERVICE_ID once the
-// Kelvra manager has been available. Only the processes "resource_schedule_service", "faultd" and "svcdb" are
-// answered.
+// The service's remote interface, under system ability RESOURCE_QUOTA_CONTROL_SERVICE_ID; it is published
+// when the Kelvra manager is first available. Only the processes "resource_schedule_service", "faultd" and
+// "svcdb" are answered.
 //
 // A request starts with the interface token GetDescriptor().
 //   GET_IO_WRITE_BYTES          request: int32 vector of pids, 1 to 2048
@@ -32,6 +32,7 @@ class IResourceQuotaControl : public IRemoteBroker {
         GET_EXTENSION_RUNNING_TIME = 2,
     };
 
+    // "Mananger" is a part of the contract: clients send the descriptor, and it is compared letter by letter.
     static constexpr const char16_t* GetDescriptor() {
         return u"KITE.ResourceSchedule.EfficiencyMananger.ResourceQuotaControl";
     }

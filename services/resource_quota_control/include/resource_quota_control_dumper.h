@@ -12,8 +12,9 @@ class ResourceQuotaControlDumper {
   public:
     ResourceQuotaControlDumper() = delete;
 
-    // Replaces the result by the report. The first word selects it; without words, and for a word that is no
-    // option, it is the help text.
+    // Replaces the result by the report that the first word selects. Without words, and for an unknown word,
+    // that is the help text. Words behind it are ignored, but for the pid of "DumpGetIoWritebytesAbility",
+    // whose report goes to the log alone.
     static void Dump(const std::vector<std::string>& args, std::string& result);
     // One quota record as a line with its newline.
     static std::string TransitResQuotaToString(const Kelvra::ResQuotaInfo& info);

@@ -28,8 +28,8 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
     ResourceQuotaControlImpl(const ResourceQuotaControlImpl&) = delete;
     ResourceQuotaControlImpl& operator=(const ResourceQuotaControlImpl&) = delete;
 
-    // Subscribes to the Kelvra manager's reports, unless that was tried since the manager came. False when
-    // the manager refuses. Waits for the manager.
+    // Subscribes to the Kelvra manager's reports, and waits for its answer. False when it refuses. One that
+    // was tried since the manager came is not tried again, and that is true, also after a refusal.
     bool InitKelvraTaskObserver();
     // Drops the subscription of a manager that has gone. Any thread.
     void HandleKelvraDied();
@@ -38,8 +38,8 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
     // Handles a batch here and now, report by report; one that fails a check does not stop the others.
     void HandleAbnormalInfos(std::vector<Kelvra::ProcessAnomalyInfo> infos);
 
-    // Appends the history of received (true) or executed (false) reports, oldest first, a line each; empty on
-    // a build that is not debuggable. Any thread.
+    // Appends the history of received (true) or executed (false) reports, a line each, the oldest first: the
+    // last 100, and none on a build that is not debuggable. Any thread.
     void DumpAbnormalInfo(std::string& result, bool isReported);
     // The same for the reports that took the staged treatment.
     void DumpAbnormalEnhanceInfo(std::string& result);
@@ -54,6 +54,9 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
     bool IsExemptBgContinuousTask(const Info& info);
     bool IsExemptEfficiencyResources(const Info& info);
     int32_t GetCurrentCondition(const Info& info, int32_t generalType);
+    // Whether the application's user sees it: it is in the foreground or has a visible window. Nothing when
+    // the report's pid and uid are those of no live application.
+    std::optional<bool> IsSeenApplication(const Info& info);
     bool CheckVisibilityWindowInfo(int32_t uid);
     int32_t ExecuteAbnormalProcess(const Info& info);
 
@@ -72,15 +75,17 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
     void MarkCpuLimitInfo(const std::string& processName, int32_t pid, bool CpuLimitInfo::*stage);
     void ForgetCpuLimitInfo(const std::string& processName, int32_t pid);
 
+    // Keeps the report on a build that is debuggable, once a subscription was accepted.
     void Record(History& history, const Info& info);
     // Called with mutex_ held.
     void UpdateAbnormalInfoBuffer(History& history, Info info);
     DumpInfo ConvertAbnormalInfoToDumpInfo(const Info& info);
+    // One line for the log. The operation is spelt so by contract.
     std::string AbnormalInfoTostring(const Info& info);
     void DumpHistory(std::string& result, History& history);
 
-    std::mutex
-        observerMutex_;  // the observer's pointer; not held while subscribing, for a report may come at once
+    // The observer's pointer. Not held while subscribing: a report may come before that returns.
+    std::mutex observerMutex_;
     std::shared_ptr<KelvraTaskObserver> kelvraTaskObserver_;
 
     std::mutex mutex_;  // the three histories

@@ -14,8 +14,10 @@ namespace KITE::ResourceQuotaCtl {
 
 // The service as its host sees it. Loading the library creates and registers it; the host then starts it.
 //
-// It publishes its remote interface only when the Kelvra manager is available and has accepted a
-// subscription, and does so again at each return of the manager; it is never withdrawn.
+// Each time the Kelvra manager becomes available the service subscribes to its reports, hands it all quotas
+// and publishes its remote interface. A refused subscription stops that once: it counts as tried until the
+// manager goes away, so that the next arrival without a departure publishes. The interface is never
+// withdrawn.
 class ResourceQuotaControlService : public SystemAbility, public ResourceQuotaControlStub {
   public:
     ResourceQuotaControlService();
@@ -26,8 +28,9 @@ class ResourceQuotaControlService : public SystemAbility, public ResourceQuotaCo
     void OnStop() override {}
     void OnAddSystemAbility(int32_t systemAbilityId, const std::string& device) override;
     void OnRemoveSystemAbility(int32_t systemAbilityId, const std::string& device) override;
-    // Writes the report that the arguments ask for. ERR_OK, or ERR_RQC_DUMP_FAILED with nothing written when
-    // the build is not debuggable or the first caller lacks the dump permission.
+    // Writes the report that the arguments ask for. ERR_OK, or ERR_RQC_DUMP_FAILED when the build is not
+    // debuggable, the first caller lacks the dump permission (nothing is written), or the report could not be
+    // written whole.
     int32_t Dump(int fd, const std::vector<std::u16string>& args) override;
     std::string GetClassName() override { return "ResourceQuotaControlService"; }
 
@@ -38,9 +41,9 @@ class ResourceQuotaControlService : public SystemAbility, public ResourceQuotaCo
   private:
     using RequestHandler = std::function<int(ResourceQuotaControlService*, int64_t, std::string&)>;
 
-    // ERR_OK also when the Kelvra manager refuses the quotas: that must not stop publication.
+    // Hands all quotas to the Kelvra manager. ERR_OK also when it refuses them, since that must not stop
+    // publication; ERR_RQC_CONFIG_NOT_INIT without a policy.
     int32_t SetConfigToKelvraManager();
-    bool AllowDump() const;
 
     std::atomic<bool> isRunning{false};
     std::map<uint32_t, RequestHandler> requestHandlers_;  // stays empty: the stub dispatches by itself

@@ -29,8 +29,8 @@ bool NatvieProcessChecker::GetProcessNameByPid(int32_t pid, std::string& name) c
     return true;
 }
 
-// The last '/' of the whole content counts, also one inside a later argument. The name ends at the first NUL, with
-// which the argument ends.
+// The last '/' of the whole content counts, also one inside a later argument. The name ends at the first NUL,
+// with which the argument ends.
 void NatvieProcessChecker::ParseProcessName(const std::string& cmdline, std::string& name) const {
     const size_t slash = cmdline.rfind('/');
     const size_t start = slash == std::string::npos ? 0 : slash + 1;

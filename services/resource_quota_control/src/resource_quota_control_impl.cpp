@@ -18,7 +18,6 @@
 #include "resource_schedule.h"
 #include "singleton.h"
 #include "task_runtime.h"
-#include "time_service.h"
 #include "window_manager.h"
 
 namespace KITE::ResourceQuotaCtl {
@@ -108,9 +107,7 @@ void ResourceQuotaControlImpl::SendHandlerEvent(std::vector<ProcessAnomalyInfo> 
 
 void ResourceQuotaControlImpl::HandleAbnormalInfos(std::vector<ProcessAnomalyInfo> infos) {
     for (const ProcessAnomalyInfo& info : infos) {
-        if (historyEnabled_) {
-            Record(abnormalInfos_, info);
-        }
+        Record(abnormalInfos_, info);
         RQC_LOGI("abnormal info %{public}s", AbnormalInfoTostring(info).c_str());
         if (!DelayedSingleton<NatvieProcessChecker>::GetInstance()->VerifyPidAndProcessName(
                 info.pid, info.processName)) {
@@ -146,7 +143,7 @@ void ResourceQuotaControlImpl::HandleAbnormalProcess(const Info& info, int32_t g
         return;
     }
     const int32_t current = GetCurrentCondition(info, generalType);
-    // Every condition that matches executes the action, also a second one.
+    // Each condition that matches executes the action: two of them execute it twice.
     for (const uint32_t condition : info.conditions) {
         if (LiesIn(condition, current)) {
             RQC_LOGI("current condition is %{public}d, matched condition is %{public}d", current,
@@ -206,14 +203,18 @@ int32_t ResourceQuotaControlImpl::GetCurrentCondition(const Info& info, int32_t 
     if (generalType != kApplicationType) {
         return current;
     }
+    const std::optional<bool> isSeen = IsSeenApplication(info);
+    return isSeen ? current | (*isSeen ? kForeground : kBackground) : current;
+}
+
+std::optional<bool> ResourceQuotaControlImpl::IsSeenApplication(const Info& info) {
     const auto [isMatched, isInForeground] =
         DelayedSingleton<AppMgrHelper>::GetInstance()->VerifyAppPidAndCheckForeground(info.uid, info.pid);
     if (!isMatched) {
         RQC_LOGE("%{public}d does not match %{public}d", info.uid, info.pid);
-        return current;
+        return std::nullopt;
     }
-    const bool isSeen = isInForeground || CheckVisibilityWindowInfo(info.uid);
-    return current | (isSeen ? kForeground : kBackground);
+    return isInForeground || CheckVisibilityWindowInfo(info.uid);
 }
 
 bool ResourceQuotaControlImpl::CheckVisibilityWindowInfo(int32_t uid) {
@@ -230,9 +231,7 @@ bool ResourceQuotaControlImpl::CheckVisibilityWindowInfo(int32_t uid) {
 }
 
 int32_t ResourceQuotaControlImpl::ExecuteAbnormalProcess(const Info& info) {
-    if (historyEnabled_) {
-        Record(executedInfos_, info);
-    }
+    Record(executedInfos_, info);
     if (info.action == "warning") {
         RQC_LOGI("abnormal info %{public}s", AbnormalInfoTostring(info).c_str());
         return ERR_OK;
@@ -248,9 +247,7 @@ int32_t ResourceQuotaControlImpl::ExecuteAbnormalProcess(const Info& info) {
 }
 
 void ResourceQuotaControlImpl::HandleAbnormalProcessEnhance(const Info& info) {
-    if (historyEnabled_) {
-        Record(enhanceInfos_, info);
-    }
+    Record(enhanceInfos_, info);
     RQC_LOGI("resource value, processName: %{public}s, resource: %{public}ld", info.processName.c_str(),
              info.resource);
     const bool isSuppressRequired = CheckWhetherSuppressRequired(info);
@@ -286,13 +283,7 @@ bool ResourceQuotaControlImpl::CheckWhetherSuppressRequired(const Info& info) {
 }
 
 bool ResourceQuotaControlImpl::CheckProcessStatus(const Info& info) {
-    const auto [isMatched, isInForeground] =
-        DelayedSingleton<AppMgrHelper>::GetInstance()->VerifyAppPidAndCheckForeground(info.uid, info.pid);
-    if (!isMatched) {
-        RQC_LOGE("%{public}d does not match %{public}d", info.uid, info.pid);
-        return false;
-    }
-    return isInForeground || CheckVisibilityWindowInfo(info.uid);
+    return IsSeenApplication(info).value_or(false);
 }
 
 void ResourceQuotaControlImpl::ReportSuppressProcessInfo(const Info& info) {
@@ -305,7 +296,6 @@ void ResourceQuotaControlImpl::ReportSuppressProcessInfo(const Info& info) {
     MarkCpuLimitInfo(info.processName, entry->pid, &CpuLimitInfo::isSuppressed);
     RQC_LOGI("process enter suppress, processName: %{public}s, uid: %{public}d,pid: %{public}d",
              info.processName.c_str(), entry->uid, entry->pid);
-    // The payload is made again at the end: to keep thousands of them costs more than to make them.
     SubmitTask([self = shared_from_this(), entry = *entry,
                 processName = info.processName] { self->EndSuppression(processName, entry); },
                {.name = "ReportSuppressProcessInfo", .delay = kSuppressionTime});
@@ -316,7 +306,7 @@ void ResourceQuotaControlImpl::EndSuppression(const std::string& processName,
     Report(kSuppressionEnds, CpuLimitPayload(processName, suppressed));
     CpuLimitInfo ended;
     {
-        // A process that was killed meanwhile has no entry; it gets one that names nobody.
+        // A process that was killed meanwhile has no entry; it gets one with uid and pid 0.
         const std::lock_guard lock(cpuLimitMutex_);
         CpuLimitInfo& entry = cpuLimitInfos_[processName];
         entry = CpuLimitInfo{entry.uid, entry.pid};
@@ -364,62 +354,6 @@ void ResourceQuotaControlImpl::ForgetCpuLimitInfo(const std::string& processName
     const auto entry = cpuLimitInfos_.find(processName);
     if (entry != cpuLimitInfos_.end() && entry->second.pid == pid) {
         cpuLimitInfos_.erase(entry);
-    }
-}
-
-void ResourceQuotaControlImpl::Record(History& history, const Info& info) {
-    const std::lock_guard lock(mutex_);
-    UpdateAbnormalInfoBuffer(history, info);
-}
-
-void ResourceQuotaControlImpl::UpdateAbnormalInfoBuffer(History& history, Info info) {
-    history.push(ConvertAbnormalInfoToDumpInfo(info));
-    if (history.size() > maxHistorySize_) {
-        history.pop();
-    }
-}
-
-DumpInfo ResourceQuotaControlImpl::ConvertAbnormalInfoToDumpInfo(const Info& info) {
-    DumpInfo record(info.duration, info.resource, info.uid, info.pid, info.id,
-                    static_cast<uint32_t>(info.processType), info.action, info.resType, info.processName,
-                    info.conditions);
-    record.timestamp_ = TimeServiceClient::GetInstance().GetWallTimeMs();
-    return record;
-}
-
-std::string ResourceQuotaControlImpl::AbnormalInfoTostring(const Info& info) {
-    std::string text;
-    text.reserve(256);
-    text.append("pid is ").append(std::to_string(info.pid));
-    text.append(", uid is ").append(std::to_string(info.uid));
-    text.append(", process name is ").append(info.processName);
-    text.append(", process type is ").append(std::to_string(static_cast<uint32_t>(info.processType)));
-    text.append(", action is ").append(info.action);
-    text.append(", restype is ").append(info.resType);
-    text.append(", duration is ").append(std::to_string(info.duration));
-    text.append(", condition is ");
-    for (const uint32_t condition : info.conditions) {
-        text.append(std::to_string(condition)).append(" ");
-    }
-    text.append("id is ").append(std::to_string(info.id));
-    return text;
-}
-
-void ResourceQuotaControlImpl::DumpAbnormalInfo(std::string& result, bool isReported) {
-    DumpHistory(result, isReported ? abnormalInfos_ : executedInfos_);
-}
-
-void ResourceQuotaControlImpl::DumpAbnormalEnhanceInfo(std::string& result) {
-    DumpHistory(result, enhanceInfos_);
-}
-
-// A queue can only be walked by rotating it; it ends as it was.
-void ResourceQuotaControlImpl::DumpHistory(std::string& result, History& history) {
-    const std::lock_guard lock(mutex_);
-    for (size_t left = history.size(); left > 0; --left) {
-        result += history.front().ToString() + '\n';
-        history.push(std::move(history.front()));
-        history.pop();
     }
 }
 

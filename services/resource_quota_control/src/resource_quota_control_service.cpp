@@ -25,11 +25,14 @@ constexpr bool kRunOnCreate = true;
 constexpr std::array<std::string_view, 3> kTrustedCallers{"resource_schedule_service", "faultd", "svcdb"};
 constexpr const char* kDumpPermission = "kite.permission.DUMP";
 
-// Read, and the service registered, when the library is loaded; in this order, and once.
+// Loading the library reads the switch, registers the service and reads the kind of build, in this order.
 const bool isServiceEnabled = GetBoolParameter("persist.sys.resource_quota_control_enable", true);
 [[maybe_unused]] const bool isRegistered =
     SystemAbility::MakeAndRegisterAbility(DelayedSingleton<ResourceQuotaControlService>::GetInstance().get());
 const int32_t debuggable = GetIntParameter("const.debuggable", 0);
+
+// Who may call. Queries are answered to trusted processes, which the access-token service knows by name; any
+// other caller has an empty name. Dumps are for debuggable builds and for who holds the permission.
 
 std::string CallingProcessName() {
     NativeTokenInfo info;
@@ -39,6 +42,18 @@ std::string CallingProcessName() {
 
 bool IsTrustedCaller(std::string_view processName) {
     return std::ranges::find(kTrustedCallers, processName) != kTrustedCallers.end();
+}
+
+bool AllowDump() {
+    if (debuggable == 0) {
+        return false;
+    }
+    if (AccessTokenKit::VerifyAccessToken(IPCSkeleton::GetFirstTokenID(), kDumpPermission) !=
+        PERMISSION_GRANTED) {
+        RQC_LOGE("CheckPermission failed");
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -53,6 +68,7 @@ void ResourceQuotaControlService::OnStart() {
     }
     RQC_LOGI("start.");
     if (isRunning) {
+        // Spelt so on purpose: the text is a contract with who reads the log.
         RQC_LOGI("service is runnning, not repeatly start, return.");
         return;
     }
@@ -116,7 +132,7 @@ int32_t ResourceQuotaControlService::GetIoWriteBytes(const std::vector<int32_t>&
         RQC_LOGE("illegal access to this interface.");
         return ERR_RQC_PERMISSION_DENIED;
     }
-    // Checked here too, so that callers within the process are bounded as well.
+    // The stub checks this too; here it bounds callers within the process.
     if (processPids.empty() || processPids.size() > MAX_IO_PIDS) {
         RQC_LOGE("pid vector size is invalid.");
         return ERR_RQC_INVALID_PARAM;
@@ -135,18 +151,6 @@ int32_t ResourceQuotaControlService::GetExtensionRunningTime(std::map<std::strin
     }
     runningTimes = DelayedSingleton<ResPolicyManager>::GetInstance()->GetExtensionRunningTime();
     return ERR_OK;
-}
-
-bool ResourceQuotaControlService::AllowDump() const {
-    if (debuggable == 0) {
-        return false;
-    }
-    if (AccessTokenKit::VerifyAccessToken(IPCSkeleton::GetFirstTokenID(), kDumpPermission) !=
-        PERMISSION_GRANTED) {
-        RQC_LOGE("CheckPermission failed");
-        return false;
-    }
-    return true;
 }
 
 int32_t ResourceQuotaControlService::Dump(int fd, const std::vector<std::u16string>& args) {

@@ -12,8 +12,8 @@ namespace {
 
 constexpr uint64_t kUnreadable = std::numeric_limits<uint64_t>::max();
 
-// The first line with the count. A line that a read error cuts does not count, since it may hold a part of the
-// number only; a last line without its newline does.
+// The first line with the count. A line that a read error cuts does not count, since it may hold a part of
+// the number only; a last line without its newline does.
 bool ReadWriteBytesLine(std::istream& file, std::string& line) {
     while (std::getline(file, line)) {
         if (line.starts_with("write_bytes:")) {

@@ -39,8 +39,8 @@ void Inherit(ProcessQuotas& child, const ProcessQuotas& parent) {
     child.quotas.insert(parent.quotas.begin(), parent.quotas.end());
 }
 
-// A document takes several times the memory of the policy that is read from it. glibc keeps what is freed below
-// memory in use and has to be told to give it back: else a host keeps 3.6 times what the policy needs.
+// A document takes several times the memory of the policy that is read from it. glibc keeps what is freed
+// below memory in use and has to be told to give it back: else a host keeps 3.6 times what the policy needs.
 void GiveMemoryBack() {
 #ifdef __GLIBC__
     malloc_trim(0);
