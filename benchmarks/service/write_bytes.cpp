@@ -65,7 +65,7 @@ void ReadByBareLoop(benchmark::State& state) {
 }  // namespace
 
 void AddWriteBytes() {
-    AddRatio({1, "GetIoWriteBytes of 2,048 live processes", "open, read, close and a scan for the line", 1.05,
+    AddRatio({1, "GetIoWriteBytes of 2,048 live processes", "open, read, close and a scan for the line", 1.6,
               Clock::kProcessor},
              ReadByService, ReadByBareLoop);
 }

@@ -3,7 +3,9 @@
 namespace KITE::Kelvra {
 
 bool ResQuotaInfo::Marshalling(Parcel& parcel) const {
-    return parcel.WriteAll(duration, resource, id, processType, action, processName, resType, conditions);
+    return parcel.WriteInt64(duration) && parcel.WriteInt64(resource) && parcel.WriteInt32(id) &&
+           parcel.WriteInt32(processType) && parcel.WriteString(action) && parcel.WriteString(processName) &&
+           parcel.WriteString(resType) && parcel.WriteUInt32Vector(conditions);
 }
 
 bool ResQuotaInfo::ReadFromParcel(Parcel& parcel) {
@@ -13,8 +15,11 @@ bool ResQuotaInfo::ReadFromParcel(Parcel& parcel) {
 }
 
 bool ProcessAnomalyInfo::Marshalling(Parcel& parcel) const {
-    return parcel.WriteAll(duration, resource, uid, pid, id, processType, action, resType, processName,
-                           conditions, startTime, sampleTime);
+    return parcel.WriteInt64(duration) && parcel.WriteInt64(resource) && parcel.WriteInt32(uid) &&
+           parcel.WriteInt32(pid) && parcel.WriteInt32(id) && parcel.WriteInt32(processType) &&
+           parcel.WriteString(action) && parcel.WriteString(resType) && parcel.WriteString(processName) &&
+           parcel.WriteUInt32Vector(conditions) && parcel.WriteInt64(startTime) &&
+           parcel.WriteInt64(sampleTime);
 }
 
 bool ProcessAnomalyInfo::ReadFromParcel(Parcel& parcel) {

@@ -14,13 +14,13 @@ struct NativeTokenInfo {
     std::string processName;
 };
 
-// The access-token service: what a process may do, by token id. Id 0 names nobody. Any thread.
+// The access-token service: what a process may do, by its token id. Id 0 belongs to no process. Any thread.
 class KITE_API AccessTokenKit {
   public:
     AccessTokenKit() = delete;
 
-    // Fills the record of a native process; 0 on success. For an application, and for an id that names
-    // nobody, the result is not 0 and the record stays as it was.
+    // Fills the record of a native process; 0 on success. For an application, and for an id that belongs to
+    // no process, the result is not 0 and the record stays as it was.
     static int32_t GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& info);
     // PERMISSION_GRANTED or PERMISSION_DENIED.
     static int32_t VerifyAccessToken(uint32_t tokenId, const std::string& permission);

@@ -23,7 +23,7 @@ struct AppStateData {
 };
 
 // The application manager, system service APP_MGR_SERVICE_ID. Each query appends to the list and returns 0,
-// or returns an error and leaves the list as it got. Any thread but the one that serves requests.
+// or returns an error and may have appended some. Any thread but the one that serves requests.
 class KITE_API IAppMgr : public IRemoteBroker {
   public:
     static constexpr const char16_t* GetDescriptor() { return u"KITE.ApplicationManager"; }

@@ -10,7 +10,7 @@ namespace KITE {
 KITE_API bool LoadStringFromFile(const std::string& path, std::string& content);
 
 // Writes the whole text to a descriptor, which stays the caller's. False when not all of it could be written,
-// among other causes because a reader did not take it in time. Any thread.
+// for example because the reader did not take it in time. Any thread.
 KITE_API bool SaveStringToFd(int fd, const std::string& content);
 
 }  // namespace KITE

@@ -2,12 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -34,116 +31,69 @@ class KITE_API Parcel {
 
     Parcel() = default;
     // A copy of bytes that came from elsewhere; nothing is checked until it is read.
-    explicit Parcel(std::span<const std::byte> bytes);
-    // Reads bytes where they are, which must live as long as this parcel, but not as long as others that are
-    // copied or moved from it.
-    struct InPlace {
-        std::span<const std::byte> bytes;
-    };
-    explicit Parcel(InPlace bytes) noexcept
-        : begin_(bytes.bytes.data()), capacity_(bytes.bytes.size()), size_(bytes.bytes.size()) {}
-    Parcel(const Parcel& other) : Parcel(other.Bytes()) { position_ = other.position_; }
-    Parcel(Parcel&& other) noexcept;  // without memory for what is in place the process ends
-    Parcel& operator=(Parcel other) noexcept {
-        Swap(other);
-        return *this;
-    }
-    ~Parcel() = default;
+    explicit Parcel(std::span<const std::byte> bytes) : bytes_(bytes.begin(), bytes.end()) {}
 
     bool WriteBool(bool value) { return WriteInt32(value ? 1 : 0); }
-    bool WriteInt32(int32_t value) { return WriteAll(value); }
-    bool WriteUint32(uint32_t value) { return WriteAll(value); }
-    bool WriteInt64(int64_t value) { return WriteAll(value); }
-    bool WriteUint64(uint64_t value) { return WriteAll(value); }
-    bool WriteString(std::string_view value) { return WriteAll(value); }
-    bool WriteString16(std::u16string_view value) { return WriteAll(value); }
-    bool WriteInt32Vector(const std::vector<int32_t>& values) { return WriteAll(values); }
-    bool WriteUInt32Vector(const std::vector<uint32_t>& values) { return WriteAll(values); }
-    bool WriteUInt64Vector(const std::vector<uint64_t>& values) { return WriteAll(values); }
-    // Appends all of them, numbers, texts and vectors as above, or nothing. Looks for room once, which counts
-    // where a list of records has a million fields.
-    template <typename... Fields>
-    bool WriteAll(const Fields&... fields);
+    bool WriteInt32(int32_t value) { return Append(&value, sizeof(value)); }
+    bool WriteUint32(uint32_t value) { return Append(&value, sizeof(value)); }
+    bool WriteInt64(int64_t value) { return Append(&value, sizeof(value)); }
+    bool WriteUint64(uint64_t value) { return Append(&value, sizeof(value)); }
+    bool WriteString(std::string_view value) { return AppendCounted(value); }
+    bool WriteString16(std::u16string_view value) { return AppendCounted(value); }
+    bool WriteInt32Vector(const std::vector<int32_t>& values) { return AppendCounted(values); }
+    bool WriteUInt32Vector(const std::vector<uint32_t>& values) { return AppendCounted(values); }
+    bool WriteUInt64Vector(const std::vector<uint64_t>& values) { return AppendCounted(values); }
 
     bool ReadBool(bool& value);
-    bool ReadInt32(int32_t& value);
-    bool ReadUint32(uint32_t& value);
-    bool ReadInt64(int64_t& value);
-    bool ReadUint64(uint64_t& value);
-    bool ReadString(std::string& value);
-    bool ReadString16(std::u16string& value);
-    bool ReadInt32Vector(std::vector<int32_t>* values);
-    bool ReadUInt32Vector(std::vector<uint32_t>* values);
-    bool ReadUInt64Vector(std::vector<uint64_t>* values);
+    bool ReadInt32(int32_t& value) { return Take(&value, sizeof(value)); }
+    bool ReadUint32(uint32_t& value) { return Take(&value, sizeof(value)); }
+    bool ReadInt64(int64_t& value) { return Take(&value, sizeof(value)); }
+    bool ReadUint64(uint64_t& value) { return Take(&value, sizeof(value)); }
+    bool ReadString(std::string& value) { return TakeCounted(value); }
+    bool ReadString16(std::u16string& value) { return TakeCounted(value); }
+    bool ReadInt32Vector(std::vector<int32_t>* values) { return values != nullptr && TakeCounted(*values); }
+    bool ReadUInt32Vector(std::vector<uint32_t>* values) { return values != nullptr && TakeCounted(*values); }
+    bool ReadUInt64Vector(std::vector<uint64_t>* values) { return values != nullptr && TakeCounted(*values); }
 
-    std::span<const std::byte> Bytes() const noexcept { return {begin_, size_}; }
-    size_t ReadableBytes() const noexcept { return size_ - position_; }
+    std::span<const std::byte> Bytes() const noexcept { return bytes_; }
+    size_t ReadableBytes() const noexcept { return bytes_.size() - position_; }
 
   private:
-    static constexpr size_t kAlignment = 4;
-
-    static constexpr size_t PaddingOf(size_t size) { return (kAlignment - size % kAlignment) % kAlignment; }
-    static constexpr size_t Padded(size_t size) { return size + PaddingOf(size); }
-
-    // What a field takes, and writing it; the latter returns the place behind it.
-    template <typename Field>
-    static size_t SizeOf(const Field& field);
-    template <typename Field>
-    static std::byte* Put(std::byte* place, const Field& field);
-
-    void Swap(Parcel& other) noexcept;
-    void Reserve(size_t bytes);
-    bool Grow(size_t size);
+    static constexpr size_t Padded(size_t size) { return (size + 3) / 4 * 4; }
+    bool Append(const void* data, size_t size);
     bool Take(void* data, size_t size);
-    bool TakeCount(size_t elementSize, uint32_t& count);
-    template <typename T>
-    bool ReadVector(std::vector<T>* values);
+    // A text or a vector, with its count before it.
+    template <typename Elements>
+    bool AppendCounted(const Elements& elements);
+    template <typename Elements>
+    bool TakeCounted(Elements& elements);
+    bool HasRoomFor(size_t size) const;
 
-    // No vector, which would set each byte before it is written.
-    std::unique_ptr<std::byte[]> own_;
-    const std::byte* begin_ = nullptr;
-    size_t capacity_ = 0;  // above kMaxSize, or of bytes that are not our own, only with no room left
-    size_t size_ = 0;
-    size_t position_ = 0;
+    std::vector<std::byte> bytes_;
+    size_t position_ = 0;  // of the next read
 };
 
-template <typename Field>
-size_t Parcel::SizeOf(const Field& field) {
-    if constexpr (std::is_arithmetic_v<Field>) {
-        return Padded(sizeof(field));
-    } else {
-        return sizeof(uint32_t) + Padded(field.size() * sizeof(*field.data()));
-    }
+template <typename Elements>
+bool Parcel::AppendCounted(const Elements& elements) {
+    const size_t size = elements.size() * sizeof(*elements.data());
+    return HasRoomFor(sizeof(uint32_t) + Padded(size)) &&
+           WriteUint32(static_cast<uint32_t>(elements.size())) && Append(elements.data(), size);
 }
 
-template <typename Field>
-std::byte* Parcel::Put(std::byte* place, const Field& field) {
-    if constexpr (std::is_arithmetic_v<Field>) {
-        static_assert(sizeof(field) % kAlignment == 0);
-        std::memcpy(place, &field, sizeof(field));
-        return place + sizeof(field);
-    } else {
-        const auto count = static_cast<uint32_t>(field.size());
-        const size_t size = field.size() * sizeof(*field.data());
-        place = Put(place, count);
-        if (size != 0) {
-            std::memset(place + Padded(size) - kAlignment, 0, kAlignment);
-            std::memcpy(place, field.data(), size);
-        }
-        return place + Padded(size);
-    }
-}
-
-template <typename... Fields>
-bool Parcel::WriteAll(const Fields&... fields) {
-    const size_t size = (SizeOf(fields) + ...);
-    if (size > capacity_ - size_ && !Grow(size)) {
+template <typename Elements>
+bool Parcel::TakeCounted(Elements& elements) {
+    const size_t start = position_;
+    uint32_t count = 0;
+    if (!ReadUint32(count)) {
         return false;
     }
-    std::byte* place = own_.get() + size_;
-    ((place = Put(place, fields)), ...);
-    size_ += size;
-    return true;
+    const size_t size = count * sizeof(*elements.data());
+    if (Padded(size) > ReadableBytes()) {
+        position_ = start;
+        return false;
+    }
+    elements.resize(count);
+    return Take(elements.data(), size);
 }
 
 // A parcel as a remote call carries it.

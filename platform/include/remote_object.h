@@ -60,7 +60,7 @@ class KITE_API IPCObjectStub : public IRemoteObject {
                         MessageOption& option) override {
         return OnRemoteRequest(code, data, reply, option);
     }
-    // Nothing to tell unless overridden.
+    // Writes nothing unless overridden.
     int32_t Dump(int fd, const std::vector<std::u16string>& args) override;
 
   private:
@@ -85,7 +85,8 @@ sptr<INTERFACE> iface_cast(const sptr<IRemoteObject>& object) {
     return sptr<INTERFACE>(dynamic_cast<INTERFACE*>(object.GetRefPtr()));
 }
 
-// Who is calling, on the thread that handles a remote request; elsewhere 0, which names nobody.
+// Who is calling, on the thread that handles a remote request; on other threads 0, which belongs to no
+// process.
 class KITE_API IPCSkeleton {
   public:
     IPCSkeleton() = delete;

@@ -14,8 +14,7 @@ class KITE_API ResSchedClient {
   public:
     static ResSchedClient& GetInstance();
 
-    // Reports an event; nothing is returned, and a request that cannot be carried out is logged by the
-    // service.
+    // Reports an event. The caller gets no result: the service logs a request that it cannot carry out.
     void ReportData(uint32_t resType, int64_t value,
                     const std::unordered_map<std::string, std::string>& payload);
     // Kills the process that "pid" and "processName" name; "killReason" may say why. 0 once the process is

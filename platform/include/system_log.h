@@ -13,17 +13,17 @@
 //
 //     KITE_LOG(KITE::Log::Level::kInfo, label, "pid is %{public}d", pid);
 //
-// Every conversion carries the mark {public}: what cannot be shown to everybody is not logged. The marks are
-// checked against a missing or misspelt one, and the conversions against the arguments' types, while
-// compiling; known are s (const char*), d (int), u (unsigned), ld and lu (64 bits). A line below the minimum
-// level costs one atomic load and evaluates no argument. Any thread; never waits; never fails.
+// Every conversion carries the mark {public}, since nothing private is logged. A missing or misspelt mark
+// does not compile, nor does a conversion that does not fit its argument. Conversions are s (const char*), d
+// (int), u (unsigned), ld and lu (64 bits). A line below the minimum level costs one atomic load and
+// evaluates no argument. Any thread; never waits; never fails.
 namespace KITE::Log {
 
 static_assert(sizeof(long) == sizeof(int64_t), "the formats take 64-bit numbers for long");
 
 enum class Level : int { kDebug, kInfo, kWarning, kError };
 
-// Whose line it is: the number of a part of the system, and a name for people.
+// Which part of the system writes the line: its number, and its name for people.
 struct Label {
     uint32_t domain;
     const char* tag;
@@ -36,7 +36,7 @@ struct Site {
     int line;
 };
 
-// Lines below this level are not written. Set by whoever owns the process.
+// Lines below this level are not written. The program that owns the process sets it.
 KITE_API extern std::atomic<Level> minimumLevel;
 
 inline bool IsLoggable(Level level) {

@@ -12,7 +12,6 @@
 #include "config_policy.h"
 #include "fake_platform.h"
 #include "file_utils.h"
-#include "log_format.h"
 #include "parameters.h"
 #include "power_manager.h"
 #include "resource_schedule.h"
@@ -39,6 +38,17 @@ void Record(const char* name, const Args&... args) {
     ((call << std::exchange(separator, ", ") << args), ...);
     call << ')';
     Platform::Get().RecordCall(call.str());
+}
+
+std::string Format(const char* format, va_list arguments) {
+    std::array<char, 4096> shortText;
+    va_list again;
+    va_copy(again, arguments);
+    std::string text(static_cast<size_t>(std::vsnprintf(shortText.data(), shortText.size(), format, again)),
+                     ' ');
+    va_end(again);
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
 }
 
 std::string Text(const std::unordered_map<std::string, std::string>& payload) {
@@ -86,14 +96,11 @@ T& TheOne() {
 void Log::Write(Level level, const Label& label, const Site& site, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
+    std::string text = Format(format, arguments);
+    va_end(arguments);
     if (!Platform::Get().isTraced) {
-        std::array<char, 4096> line;
-        std::vsnprintf(line.data(), line.size(), format, arguments);
-        va_end(arguments);
         return;
     }
-    std::string text = FormatLine(format, arguments);
-    va_end(arguments);
     std::string prefix =
         std::string("[") + site.unit + '(' + site.function + "):" + std::to_string(site.line) + "] ";
     const bool isRight = text.starts_with(prefix) && label.domain == 0xD001716 &&

@@ -75,23 +75,6 @@ TEST(ParcelTest, GrowsToItsLimitAndNoFurther) {
     EXPECT_FALSE(foreign.WriteInt32(1));
 }
 
-TEST(ParcelTest, WhatReadsInPlaceIsHandedOnAndWrittenAsACopy) {
-    int32_t theirs = 5;
-    Parcel inPlace(Parcel::InPlace{std::as_bytes(std::span(&theirs, 1))});
-    Parcel written = inPlace;
-    EXPECT_TRUE(written.WriteInt32(1));
-    Parcel moved(std::move(inPlace));
-    theirs = 6;
-    for (Parcel* parcel : {&written, &moved}) {
-        int32_t read = 0;
-        EXPECT_TRUE(parcel->ReadInt32(read));
-        EXPECT_EQ(read, 5);
-    }
-    Parcel again(Parcel::InPlace{std::as_bytes(std::span(&theirs, 1))});
-    EXPECT_TRUE(again.WriteInt32(1));
-    EXPECT_EQ(again.Bytes().size(), 2 * sizeof(theirs));
-}
-
 TEST(ParcelTest, ARecordOfQuotasTravelsWhole) {
     Kelvra::ResQuotaInfo info;
     info.duration = 1;

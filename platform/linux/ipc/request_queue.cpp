@@ -40,7 +40,7 @@ void RequestQueue::RunTransaction(const Request& request) {
     MessageParcel reply;
     int32_t status = ERR_REFUSED;
     RunGuarded("the handler of a request", [&] {
-        MessageParcel data(Parcel::InPlace{request.payload});
+        MessageParcel data(request.payload);
         MessageOption option;
         const CallingScope scope(request.caller);
         status = object_->OnRemoteRequest(request.code, data, reply, option);

@@ -23,7 +23,7 @@ namespace KITE::ResourceQuotaCtl {
 // A call waits for the answer. Its result is negative when there was none: the status of the remote call
 // (ERR_DEAD_OBJECT: the service has gone, find it anew; see remote_object.h). Else it is the service's own:
 // ERR_OK, ERR_RQC_PERMISSION_DENIED for a caller that the service does not trust, or what is said below.
-// ERR_RQC_READ_PARCEL_FAILED is an answer that is not one. Results are filled with ERR_OK only, and else
+// ERR_RQC_READ_PARCEL_FAILED is an answer that cannot be read. Results are filled with ERR_OK only, and else
 // empty. Any thread but one that serves requests.
 class ResourceQuotaControlProxy : public IResourceQuotaControl {
   public:

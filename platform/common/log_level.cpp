@@ -1,0 +1,7 @@
+#include "system_log.h"
+
+namespace KITE::Log {
+
+constinit std::atomic<Level> minimumLevel{Level::kInfo};
+
+}  // namespace KITE::Log
