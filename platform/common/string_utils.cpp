@@ -17,24 +17,14 @@ bool IsLowSurrogate(char32_t unit) {
     return unit >= 0xDC00 && unit < 0xE000;
 }
 
+// The first byte holds the length of the sequence and the highest bits, each further byte six bits.
 void AppendUtf8(std::string& text, char32_t code) {
-    const auto append = [&text](char32_t byte) { text.push_back(static_cast<char>(byte)); };
-    if (code < 0x80) {
-        append(code);
-        return;
+    constexpr char32_t kFirstByte[] = {0, 0xC0, 0xE0, 0xF0};
+    int more = code < 0x80 ? 0 : code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+    text.push_back(static_cast<char>(kFirstByte[more] | (code >> (6 * more))));
+    for (; more > 0; --more) {
+        text.push_back(static_cast<char>(0x80 | ((code >> (6 * (more - 1))) & 0x3F)));
     }
-    if (code < 0x800) {
-        append(0xC0 | (code >> 6));
-    } else {
-        if (code < 0x10000) {
-            append(0xE0 | (code >> 12));
-        } else {
-            append(0xF0 | (code >> 18));
-            append(0x80 | ((code >> 12) & 0x3F));
-        }
-        append(0x80 | ((code >> 6) & 0x3F));
-    }
-    append(0x80 | (code & 0x3F));
 }
 
 void AppendUtf16(std::u16string& text, char32_t code) {

@@ -40,10 +40,6 @@ int32_t ParsePid(std::string_view text) {
     return pid;
 }
 
-void DumpHelp(const Arguments& /*args*/, std::string& result) {
-    result += kHelp;
-}
-
 void DumpConfig(const Arguments& /*args*/, std::string& result) {
     std::vector<Kelvra::ResQuotaInfo> infos;
     DelayedSingleton<ResPolicyManager>::GetInstance()->GetAllResQuotaInfos(infos);
@@ -59,32 +55,26 @@ void DumpRunningTime(const Arguments& /*args*/, std::string& result) {
     }
 }
 
-void DumpReported(const Arguments& /*args*/, std::string& result) {
-    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->DumpAbnormalInfo(result, true);
-}
-
-void DumpHandled(const Arguments& /*args*/, std::string& result) {
-    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->DumpAbnormalInfo(result, false);
-}
-
-void DumpEnhanced(const Arguments& /*args*/, std::string& result) {
-    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->DumpAbnormalEnhanceInfo(result);
+ResourceQuotaControlImpl& Core() {
+    return *DelayedSingleton<ResourceQuotaControlImpl>::GetInstance();
 }
 
 void DumpIoWriteBytes(const Arguments& args, std::string& result) {
-    const int32_t pid = args.size() > 1 ? ParsePid(args[1]) : 0;
-    DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()->DumpWritebytesAbility(result, pid);
+    Core().DumpWritebytesAbility(result, args.size() > 1 ? ParsePid(args[1]) : 0);
 }
 
 using Option = std::pair<std::string_view, void (*)(const Arguments&, std::string&)>;
 
 constexpr std::array<Option, 7> kOptions{{
-    {"-h", DumpHelp},
+    {"-h", [](const Arguments&, std::string& result) { result += kHelp; }},
     {"DumpConfig", DumpConfig},
     {"DumpRunningTime", DumpRunningTime},
-    {"DumpReportedAbnormalInfo", DumpReported},
-    {"DumpHandledAbnormalInfo", DumpHandled},
-    {"DumpHandledAbnormalEnhanceInfo", DumpEnhanced},
+    {"DumpReportedAbnormalInfo",
+     [](const Arguments&, std::string& result) { Core().DumpAbnormalInfo(result, true); }},
+    {"DumpHandledAbnormalInfo",
+     [](const Arguments&, std::string& result) { Core().DumpAbnormalInfo(result, false); }},
+    {"DumpHandledAbnormalEnhanceInfo",
+     [](const Arguments&, std::string& result) { Core().DumpAbnormalEnhanceInfo(result); }},
     {"DumpGetIoWritebytesAbility", DumpIoWriteBytes},
 }};
 
@@ -92,12 +82,9 @@ constexpr std::array<Option, 7> kOptions{{
 
 void ResourceQuotaControlDumper::Dump(const Arguments& args, std::string& result) {
     result.clear();
-    if (args.empty()) {
-        DumpHelp(args, result);
-        return;
-    }
-    const auto option = std::ranges::find(kOptions, args[0], &Option::first);
-    const auto write = option == kOptions.end() ? DumpHelp : option->second;
+    const std::string_view word = args.empty() ? "-h" : std::string_view(args[0]);
+    const auto option = std::ranges::find(kOptions, word, &Option::first);
+    const auto write = option == kOptions.end() ? kOptions.front().second : option->second;
     write(args, result);
 }
 

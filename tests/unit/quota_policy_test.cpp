@@ -215,6 +215,11 @@ TEST_F(PolicyTest, ReadsLargeFilesAndLetsBracketsStandInNames) {
     EXPECT_EQ(Exported().size(), 2U);
 }
 
+TEST_F(PolicyTest, BracketsBehindTheByteThatEndsATextDoNotCount) {
+    AddLayer(Quotas("") + '\0' + std::string(513, '['));
+    EXPECT_TRUE(policy_.Init());
+}
+
 TEST_F(PolicyTest, ReadersWaitForTheWholePolicyOrSeeNone) {
     AddLayer(Quotas(Entry("A", "", "'running_time':1," + Rule("cpu", 1)) + ',' + Entry("B", "A", "")));
     const std::jthread initialiser([this] { policy_.Init(); });
