@@ -21,8 +21,8 @@ namespace KITE::Linux::Sampling {
 // Of one sample of one process; without those that are not needed or could not be read.
 using Readings = std::map<Resource, Reading>;
 
-// Reads what the rules of a process need, by its pid: whether it still is that process has to be asked
-// afterwards. One thread. The rules must outlive it.
+// Reads what the rules of a process need, by its pid; the caller has to check afterwards that it still is that
+// process. One thread. The rules must outlive it.
 class ProcessMeter {
   public:
     ProcessMeter(pid_t pid, std::string_view name, std::span<const Rule> rules);
@@ -31,8 +31,8 @@ class ProcessMeter {
     // What a reading is called in the recorded samples.
     static const char* RecordedNameOf(Resource resource);
 
-    // What cannot be read although the process is there gets a warning, one for each process: without it its
-    // quotas would silently never apply.
+    // Warns, once for each process, of a file that cannot be read although the process is there: its quotas
+    // would silently never apply.
     Readings Read(TimePoint at);
     std::optional<int32_t> ReadUid();
 

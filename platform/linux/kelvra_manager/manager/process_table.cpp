@@ -7,7 +7,6 @@
 
 #include "proc/command_line.h"
 #include "proc/process_file.h"
-#include "proc/process_list.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
@@ -47,8 +46,8 @@ size_t ProcessTable::WatchedCount() const {
         std::ranges::count_if(processes_, [](const auto& entry) { return entry.second.watched != nullptr; }));
 }
 
-// Without a birth there is no process that is not known. One that has ended is noticed when it is measured.
-// Where births cannot be counted, each sample lists.
+// Without a birth since the last listing there is no unknown process. One that has ended is noticed when it
+// is measured. Where births cannot be counted, each sample lists.
 void ProcessTable::FindProcesses() {
     // Counted before listing: a process that is born in between makes the next sample list again.
     const Result<int64_t> births = CountBirths();
@@ -57,15 +56,18 @@ void ProcessTable::FindProcesses() {
     }
     birthsListed_.reset();
     const Result<std::vector<ListedProcess>> listed = ListProcesses();
-    if (!listed) {
-        if (!std::exchange(warned_.unlisted, true)) {
-            PLATFORM_LOGW("/proc cannot be listed, so new processes are not found: %{public}s",
-                          listed.Why().Text().c_str());
-        }
-        return;
+    if (listed) {
+        TakeListing(*listed);
+        birthsListed_ = births ? std::optional(*births) : std::nullopt;
+    } else if (!std::exchange(warned_.unlisted, true)) {
+        PLATFORM_LOGW("/proc cannot be listed, so new processes are not found: %{public}s",
+                      listed.Why().Text().c_str());
     }
+}
+
+void ProcessTable::TakeListing(const std::vector<ListedProcess>& listed) {
     std::map<pid_t, Process> present;
-    for (const auto& [pid, inode] : *listed) {
+    for (const auto& [pid, inode] : listed) {
         auto known = processes_.extract(pid);
         if (known && known.mapped().inode == inode) {
             present.insert(present.end(), std::move(known));
@@ -74,9 +76,6 @@ void ProcessTable::FindProcesses() {
         }
     }
     processes_.swap(present);
-    if (births) {
-        birthsListed_ = *births;
-    }
 }
 
 void ProcessTable::WatchIfItHasRules(pid_t pid, Process& process) {

@@ -12,6 +12,7 @@
 #include "kelvra_manager/manager/report.h"
 #include "kelvra_manager/manager/watched_process.h"
 #include "proc/cpu_clock.h"
+#include "proc/process_list.h"
 
 namespace KITE::Linux::Sampling {
 
@@ -57,6 +58,7 @@ class ProcessTable {
     };
 
     void FindProcesses();
+    void TakeListing(const std::vector<ListedProcess>& listed);
     void WatchIfItHasRules(pid_t pid, Process& process);
 
     const size_t mostWatched_;
