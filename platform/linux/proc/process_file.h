@@ -21,9 +21,9 @@ std::string ProcessFilePath(pid_t pid, std::string_view name);
 bool MeansGone(const std::error_code& error);
 
 Result<UniqueFd> OpenProcessFile(pid_t pid, std::string_view name);
-// Reads into the buffer what the file holds now, as far as the buffer goes. A kept descriptor of "cmdline"
-// answers for the process that it was opened for, never for a later one of the same number, and follows it
-// through exec.
+// Reads into the buffer what the file holds now, as far as the buffer goes. A kept descriptor of "cmdline",
+// "statm" or "io" answers for the process that it was opened for, never for a later one of the same number,
+// and follows it through exec.
 Result<std::string_view> ReadOpenFile(const UniqueFd& file, std::span<char> buffer);
 // Opens, reads and closes.
 Result<std::string_view> ReadProcessFile(pid_t pid, std::string_view name, std::span<char> buffer);

@@ -95,15 +95,19 @@ TEST_F(RealProcesses, AnExecutedProgramIsMatchedAnewAndInheritsNoWindow) {
     EXPECT_EQ(reports_[0].info.id, 2);
 }
 
-TEST_F(RealProcesses, AProgramExecutedByAnUnwatchedProcessIsFoundByTheNextSampleAtAnyAge) {
-    for (const int age : {1, 3, 18}) {
+TEST_F(RealProcesses, AProgramExecutedByAnUnwatchedProcessIsFoundAtAnyAge) {
+    for (const auto& [age, latest] : {std::pair(1U, 1U), {3U, 1U}, {18U, ProcessTable::kCheckPeriod}}) {
         Child child(first_, second_);
         UseRules({Quota(second_, "mem", 1, 0)});
-        for (int sample = 0; sample < age; ++sample) {
+        for (uint32_t sample = 0; sample < age; ++sample) {
             EXPECT_THAT(Sample(), IsEmpty());
         }
         child.ExecuteNext(second_);
-        EXPECT_THAT(Sample(), SizeIs(1)) << age;
+        uint32_t samples = 1;
+        while (Sample().empty() && samples <= latest) {
+            ++samples;
+        }
+        EXPECT_LE(samples, latest);
     }
 }
 
@@ -115,10 +119,13 @@ TEST_F(RealProcesses, OneThatWasTooManyIsWatchedOnceThereIsRoomThoughItSleeps) {
     ProcessTable table(1);
     table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(first_, "mem", 1, 0)}));
     const auto sample = [&] { return table.Sample(at_ += 1s, [](const ReportKey&) { return false; }); };
-    EXPECT_THAT(sample(), SizeIs(1));
-    EXPECT_THAT(sample(), SizeIs(1));
+    for (uint32_t i = 0; i < 2 * ProcessTable::kCheckPeriod; ++i) {
+        EXPECT_THAT(sample(), SizeIs(1));
+    }
     watched->End();
-    sample();
+    for (uint32_t i = 0; i < ProcessTable::kCheckPeriod; ++i) {
+        sample();
+    }
     const std::vector<Report> reports = sample();
     ASSERT_THAT(reports, SizeIs(1));
     EXPECT_EQ(reports[0].info.pid, waiting->Pid());

@@ -29,13 +29,14 @@ class ManagerAbility : public SystemAbility {
     std::shared_ptr<Sampler> sampler_;
 };
 
-// As many processes as there are descriptors for, one each; the host has raised the limit as far as it goes.
+// As many processes as there are descriptors for; the host has raised the limit as far as it goes.
 size_t MostWatched() {
     constexpr rlim_t kForEverythingElse = 128;
+    constexpr rlim_t kPerProcess = WatchedProcess::kMostDescriptors;
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t left = std::max(limit.rlim_cur, kForEverythingElse) - kForEverythingElse;
-    return std::clamp<size_t>(left, 1, ProcessTable::kMostWatched);
+    return std::clamp<size_t>(left / kPerProcess, 1, ProcessTable::kMostWatched);
 }
 
 std::unique_ptr<SampleRecorder> MakeRecorder() {

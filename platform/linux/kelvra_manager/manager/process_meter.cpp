@@ -77,12 +77,17 @@ Readings ProcessMeter::Read(TimePoint at) {
 std::optional<int64_t> ProcessMeter::ReadMemoryKiB() {
     static const int64_t kPageKiB = sysconf(_SC_PAGESIZE) / 1024;
     Buffer buffer;
-    const std::optional<int64_t> pages = ResidentPagesOf(ReadText("statm", buffer));
+    const std::optional<int64_t> pages = ResidentPagesOf(ReadKept(statm_, "statm", buffer));
     if (!pages || *pages > std::numeric_limits<int64_t>::max() / kPageKiB) {
         return std::nullopt;
     }
     const int64_t residentKiB = *pages * kPageKiB;
-    return residentKiB <= smallestMemoryQuota_ ? residentKiB : ReadNumber("smaps_rollup", "Pss:");
+    if (residentKiB <= smallestMemoryQuota_) {
+        return residentKiB;
+    }
+    // Opened anew: a kept descriptor stays with the memory that the process had before an exec.
+    const Result<std::string_view> rollup = ReadProcessFile(pid_, "smaps_rollup", buffer);
+    return NumberOfLine(TextOrWarning(rollup, "smaps_rollup"), "Pss:");
 }
 
 std::optional<int64_t> ProcessMeter::ReadCpuTime() {
@@ -91,21 +96,29 @@ std::optional<int64_t> ProcessMeter::ReadCpuTime() {
 }
 
 std::optional<int64_t> ProcessMeter::ReadWrittenBytes() {
-    return ReadNumber("io", "write_bytes:");
+    Buffer buffer;
+    return NumberOfLine(ReadKept(io_, "io", buffer), "write_bytes:");
 }
 
 std::optional<int32_t> ProcessMeter::ReadUid() {
-    const std::optional<int64_t> uid = ReadNumber("status", "Uid:");
+    Buffer buffer;
+    const std::string_view status = TextOrWarning(ReadProcessFile(pid_, "status", buffer), "status");
+    const std::optional<int64_t> uid = NumberOfLine(status, "Uid:");
     return uid ? std::optional(static_cast<int32_t>(*uid)) : std::nullopt;
 }
 
-std::optional<int64_t> ProcessMeter::ReadNumber(const char* file, std::string_view key) {
-    Buffer buffer;
-    return NumberOfLine(ReadText(file, buffer), key);
+std::string_view ProcessMeter::ReadKept(UniqueFd& kept, const char* file, std::span<char> buffer) {
+    if (!kept) {
+        Result<UniqueFd> opened = OpenProcessFile(pid_, file);
+        if (!opened) {
+            return TextOrWarning(opened.Why(), file);
+        }
+        kept = std::move(*opened);
+    }
+    return TextOrWarning(ReadOpenFile(kept, buffer), file);
 }
 
-std::string_view ProcessMeter::ReadText(const char* file, std::span<char> buffer) {
-    const Result<std::string_view> text = ReadProcessFile(pid_, file, buffer);
+std::string_view ProcessMeter::TextOrWarning(const Result<std::string_view>& text, const char* file) {
     if (text) {
         return *text;
     }

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "base/result.h"
+#include "base/unique_fd.h"
 #include "kelvra_manager/manager/rule_book.h"
 #include "kelvra_manager/manager/window.h"
 #include "proc/cpu_clock.h"
@@ -21,10 +22,12 @@ namespace KITE::Linux::Sampling {
 // Of one sample of one process; without those that are not needed or could not be read.
 using Readings = std::map<Resource, Reading>;
 
-// Reads what the rules of a process need, by its pid; the caller has to check afterwards that it still is that
-// process. One thread. The rules must outlive it.
+// Reads what the rules of a process need, by its pid; the caller has to check afterwards that it still is
+// that process. One thread. The rules must outlive it.
 class ProcessMeter {
   public:
+    static constexpr int kMostDescriptors = 2;
+
     ProcessMeter(pid_t pid, std::string_view name, std::span<const Rule> rules);
 
     static WindowKind WindowKindOf(Resource resource);
@@ -43,14 +46,17 @@ class ProcessMeter {
     std::optional<int64_t> ReadMemoryKiB();
     std::optional<int64_t> ReadCpuTime();
     std::optional<int64_t> ReadWrittenBytes();
-    std::optional<int64_t> ReadNumber(const char* file, std::string_view key);
-    // Empty when the file cannot be read.
-    std::string_view ReadText(const char* file, std::span<char> buffer);
+    // Through a descriptor that is kept: to open a file takes several times as long as to read it.
+    std::string_view ReadKept(UniqueFd& kept, const char* file, std::span<char> buffer);
+    // Empty, with a warning, for what could not be read.
+    std::string_view TextOrWarning(const Result<std::string_view>& text, const char* file);
 
     const pid_t pid_;
     const std::string name_;
     const std::span<const Rule> rules_;
     const CpuClock cpuClock_;
+    UniqueFd statm_;
+    UniqueFd io_;
     int64_t smallestMemoryQuota_;
     bool warned_ = false;
 };

@@ -22,11 +22,12 @@ void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
 }
 
 std::vector<Report> ProcessTable::Sample(TimePoint at, const IsOnTheWay& isOnTheWay) {
+    ++sample_;
     FindProcesses();
     room_ = mostWatched_ - WatchedCount();
     std::vector<Report> reports;
     for (auto& [pid, process] : processes_) {
-        if (!process.watched) {
+        if (!process.watched && IsCheckDue(pid, process)) {
             WatchIfItHasRules(pid, process);
         }
         if (!process.watched) {
@@ -36,9 +37,19 @@ std::vector<Report> ProcessTable::Sample(TimePoint at, const IsOnTheWay& isOnThe
             std::ranges::move(process.watched->TakeReports(isOnTheWay), std::back_inserter(reports));
         } else {
             process.watched.reset();
+            process.age = 0;
         }
     }
     return reports;
+}
+
+bool ProcessTable::IsCheckDue(pid_t pid, Process& process) const {
+    if (process.age < kCheckPeriod) {
+        ++process.age;
+        return true;
+    }
+    // By pid, so that the checks are spread over the samples.
+    return (sample_ + static_cast<uint32_t>(pid)) % kCheckPeriod == 0;
 }
 
 size_t ProcessTable::WatchedCount() const {

@@ -19,12 +19,15 @@ namespace KITE::Linux::Sampling {
 // The processes of the machine, as far as the rules care. One thread.
 //
 // A process whose name has rules is watched: measured in every sample. Any other may execute a program that
-// has rules at any time, but not without moving its CPU clock. So every sample reads that clock, and the name
-// only when the clock has moved: for a process that sleeps this takes a tenth of the time. /proc is listed
-// only when a process or thread was born since the last listing, which takes longer than all of that.
+// has rules at any time, but not without moving its CPU clock. So the clock is read, and the name only when
+// the clock has moved: for a process that sleeps this takes a tenth of the time. The clocks of thousands of
+// processes still take longer than all other work. So that is done in every sample while a process is young,
+// since a fork is often seen before its exec, and in every kCheckPeriod-th one later on. /proc is listed only
+// when a process or thread was born since the last listing.
 class ProcessTable {
   public:
     static constexpr size_t kMostWatched = 2048;
+    static constexpr uint32_t kCheckPeriod = 8;  // in samples, also the age from which it counts
 
     // Watches at most that many processes; any more with rules are left alone, with a warning, until there is
     // room. The recorder, if there is one, gets each sample; it must outlive the table.
@@ -45,6 +48,7 @@ class ProcessTable {
 
         ino_t inode;
         CpuClock clock;
+        uint32_t age = 0;  // in samples
         // What the clock said before the name was found to have no rules; absent when it was not found so.
         std::optional<nanoseconds> ruledOutAt = std::nullopt;
         std::unique_ptr<WatchedProcess> watched = nullptr;
@@ -59,6 +63,7 @@ class ProcessTable {
 
     void FindProcesses();
     void TakeListing(const std::vector<ListedProcess>& listed);
+    bool IsCheckDue(pid_t pid, Process& process) const;
     void WatchIfItHasRules(pid_t pid, Process& process);
 
     const size_t mostWatched_;
@@ -66,7 +71,8 @@ class ProcessTable {
     std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>());
     std::optional<int64_t> birthsListed_;  // how many there were before the last listing
     std::map<pid_t, Process> processes_;   // after book_, whose rules the watched ones refer to
-    size_t room_ = 0;                      // how many more may be watched; counted anew in each sample
+    uint32_t sample_ = 0;
+    size_t room_ = 0;  // how many more may be watched; counted anew in each sample
     Warned warned_;
 };
 

@@ -24,6 +24,8 @@ namespace KITE::Linux::Sampling {
 // gives the name, all that was measured before is of this process and of this program.
 class WatchedProcess {
   public:
+    static constexpr int kMostDescriptors = 1 + ProcessMeter::kMostDescriptors;
+
     // Takes the opened "cmdline" from which the name was read. Null when the process has gone. Warns when the
     // quota service would refuse reports of this process. The rules must outlive it.
     static std::unique_ptr<WatchedProcess> Open(pid_t pid, UniqueFd cmdline, std::string_view name,
