@@ -139,10 +139,9 @@ int Host::Wait() {
     return isBusLost_ ? kExitBusLost : kExitStopped;
 }
 
-// Nothing new comes in before anything is taken down, and the treatments end when nobody can begin one any
-// more. The bus goes last but for the log, since abilities may still call others while they stop.
+// First nothing new comes in. Treatments end when no task can begin one any more. The bus goes last but for
+// the log, since abilities may call others while they stop.
 void Host::Stop() {
-    Bus::Instance().Abilities().StopCallbacks();
     WithdrawAbilities();
     Bus::Instance().StopServing();
     for (; !started_.empty(); started_.pop_back()) {

@@ -100,7 +100,7 @@ void WithdrawAbilities() {
     }
     ServingThread& thread = Bus::Instance().Thread();
     for (const auto& [abilityId, object] : withdrawn) {
-        thread.Run([&thread, id = abilityId] {
+        thread.Post([&thread, id = abilityId] {
             AskDaemon(thread.Connection(), "ReleaseName", AbilityBusName(id),
                       [](int32_t, sd_bus_message*) {});
         });
@@ -144,7 +144,7 @@ bool SystemAbility::Publish(sptr<IRemoteObject> object) {
         PLATFORM_LOGE("ability %{public}d is not published: its object is not one of this process", id);
         return false;
     }
-    // The object comes before the name, so that whoever sees the name finds the object.
+    // The object comes before the name, so that a process that sees the name finds the object.
     Linux::Bus& bus = Linux::Bus::Instance();
     if (!bus.Export(Linux::AbilityPath(id), stub)) {
         PLATFORM_LOGE("ability %{public}d is not published: its object cannot be served", id);

@@ -10,7 +10,7 @@ namespace KITE::Linux {
 KITE_API std::vector<SystemAbility*> RegisteredAbilities();
 
 // Gives back the names of the published abilities, and the references to their objects. Called by the host
-// when no ability can publish any more, while the bus is still there.
+// when it begins to stop, while the bus is still there.
 KITE_API void WithdrawAbilities();
 
 }  // namespace KITE::Linux

@@ -29,9 +29,9 @@ std::error_code Bus::Start(const std::string& address, std::function<void()> los
 }
 
 void Bus::StopServing() {
-    abilities_.StopCallbacks();
     thread_.Run([this] { objects_.Withdraw(); });
     objects_.StopDumps();
+    abilities_.StopCallbacks();
 }
 
 void Bus::Stop() {

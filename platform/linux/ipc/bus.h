@@ -26,7 +26,7 @@ class KITE_API Bus {
     // be reached or refuses the user.
     std::error_code Start(const std::string& address, std::function<void()> lost = nullptr);
 
-    // Ends the calls of listeners, withdraws the objects and waits for a dump that is being written. Requests
+    // Withdraws the objects, waits for a dump that is being written and ends the calls of listeners. Requests
     // that still wait get an error. Calls to others go on working. Not on the serving thread.
     void StopServing();
 

@@ -30,7 +30,7 @@ Answer ReadAnswer(int32_t status, sd_bus_message* message) {
     size_t size = 0;
     if (sd_bus_message_read(message, "i", &status) <= 0 ||
         sd_bus_message_read_array(message, 'y', &bytes, &size) < 0) {
-        PLATFORM_LOGE("the answer of %{public}s is refused, it is no status and bytes",
+        PLATFORM_LOGE("the answer of %{public}s is refused: it does not hold a status and bytes",
                       sd_bus_message_get_sender(message));
         return {ERR_REFUSED, {}};
     }

@@ -27,7 +27,7 @@ class KITE_API ServingThread {
   public:
     using Work = std::function<void()>;
 
-    // `closing` runs as the last work before the connection is closed: whoever holds a part of the connection
+    // `closing` runs as the last work before the connection is closed: what holds a part of the connection
     // drops it then.
     explicit ServingThread(Work closing);
     ~ServingThread() { Stop(); }

@@ -64,6 +64,10 @@ TEST_F(RemoteCall, WhatTheBusDoesNotCarryIsRefusedBeforeItIsSent) {
 
 TEST_F(RemoteCall, StoppingEndsCallsWithoutAnAnswerAndRefusesWork) {
     std::future<int32_t> outcome = CallInVain(peer);
+    bus.StopServing();
+    EXPECT_FALSE(bus.Export(kPath, recorder));
+    EXPECT_EQ(Call({self, kPath}), ERR_DEAD_OBJECT);
+    EXPECT_EQ(outcome.wait_for(0s), std::future_status::timeout) << "calls to others go on";
     bus.Stop();
     EXPECT_EQ(outcome.get(), ERR_DEAD_OBJECT);
     EXPECT_FALSE(bus.Thread().Post([] {}));
