@@ -8,6 +8,7 @@
 #include "access_token.h"
 #include "base/text.h"
 #include "ipc/serving_thread.h"
+#include "ipc/wire.h"
 #include "proc/process_stat.h"
 #include "runtime/access_tokens.h"
 #include "runtime/guard.h"
@@ -92,11 +93,11 @@ const sd_bus_vtable* TreatmentsObject::Vtable() {
 void TreatmentsObject::Serve() {
     thread_.Run([this] {
         sd_bus_slot* slot = nullptr;
-        const int result =
-            sd_bus_add_object_vtable(thread_.Connection(), &slot, kPath, kInterface, Vtable(), this);
+        const int result = sd_bus_add_object_vtable(thread_.Connection(), &slot, kTreatmentsPath,
+                                                    kTreatmentsInterface, Vtable(), this);
         slot_.reset(slot);
         if (result < 0) {
-            PLATFORM_LOGE("%{public}s cannot be served: %{public}s", kPath,
+            PLATFORM_LOGE("%{public}s cannot be served: %{public}s", kTreatmentsPath,
                           ErrorOf(-result).message().c_str());
         }
     });

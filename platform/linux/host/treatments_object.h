@@ -33,8 +33,6 @@ class Treatments;
 // work is done by a task.
 class TreatmentsObject {
   public:
-    static constexpr const char* kPath = "/kite/treatments";
-    static constexpr const char* kInterface = "kite.Treatments";
     static constexpr const char* kManagePermission = "kite.permission.MANAGE_TREATMENTS";
     static constexpr const char* kReadPermission = "kite.permission.DUMP";
     static constexpr const char* kNotTreatedError = "kite.Treatments.Error.NotTreated";

@@ -11,7 +11,7 @@
 //   Transact(u code, ay request) -> (i status, ay reply)
 //   Dump(as arguments, h descriptor) -> (i status)
 // in the interface kite.Ability. The byte arrays are parcels. The codes of the requests to the Kelvra manager
-// and to its subscribers stand in kelvra_manager/protocol.h.
+// and to its subscribers, and the path of a subscriber, stand in kelvra_manager/protocol.h.
 namespace KITE::Linux {
 
 inline constexpr int32_t kQuotaServiceId = 1913;
@@ -19,6 +19,10 @@ inline constexpr int32_t kQuotaServiceId = 1913;
 inline constexpr const char* kAbilityInterface = "kite.Ability";
 inline constexpr const char* kTransactMethod = "Transact";
 inline constexpr const char* kDumpMethod = "Dump";
+
+// The quota host's object for administrators (host/treatments_object.h).
+inline constexpr const char* kTreatmentsPath = "/kite/treatments";
+inline constexpr const char* kTreatmentsInterface = "kite.Treatments";
 
 inline constexpr const char* kDaemonName = "org.freedesktop.DBus";
 inline constexpr const char* kDaemonPath = "/org/freedesktop/DBus";

@@ -5,7 +5,8 @@
 namespace KITE::Linux {
 
 void ReportThrown(const char* what, const char* message) {
-    PLATFORM_LOGE("%{public}s threw: %{public}s", what, message == nullptr ? "something unknown" : message);
+    PLATFORM_LOGE("%{public}s threw: %{public}s", what,
+                  message == nullptr ? "an object that is not a std::exception" : message);
 }
 
 }  // namespace KITE::Linux

@@ -6,11 +6,10 @@
 
 namespace KITE::Linux {
 
-// Logs what a call into another component threw; null when it was no std::exception.
+// Logs that the call threw, with the exception's message; null for an object that is not a std::exception.
 KITE_API void ReportThrown(const char* what, const char* message);
 
-// Calls into another component's code: what it throws ends here, with an error line, and nothing leaves.
-// `what` names the call.
+// Calls another component's code. An exception ends here, with an error line. `what` names the call.
 template <typename Function>
 void RunGuarded(const char* what, Function&& function) {
     try {

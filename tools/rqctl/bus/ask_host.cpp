@@ -46,8 +46,8 @@ ExitStatus Call(const std::string& member, const std::function<int(sd_bus_messag
                 const std::function<int(sd_bus_message*)>& read) {
     sd_bus* connection = Linux::Bus::Instance().Thread().Connection();
     const Linux::MessageHandle call =
-        Linux::NewCall(connection, Linux::AbilityBusName(Linux::kQuotaServiceId), TreatmentsObject::kPath,
-                       TreatmentsObject::kInterface, member);
+        Linux::NewCall(connection, Linux::AbilityBusName(Linux::kQuotaServiceId), Linux::kTreatmentsPath,
+                       Linux::kTreatmentsInterface, member);
     sd_bus_error error{};
     sd_bus_message* answer = nullptr;
     int result = call ? fill(call.get()) : -ENOMEM;
