@@ -20,15 +20,21 @@ TEST_F(RemoteCall, ARequestCarriesItsBytesBothWaysAndTellsWhoSentIt) {
     peer.Claim(KELVRA_MANAGER_SERVICE_ID);
     MessageParcel request;
     request.WriteInt32(41);
-    Integration::Answer answer = peer.Transact(self, kPath, 7, request);
-    int32_t number = 0;
-    EXPECT_EQ(answer.status, 7);
-    EXPECT_TRUE(answer.reply.ReadInt32(number) && number == 42);
-    bus.Thread().Run([&] {
-        EXPECT_EQ(recorder->caller.name, peer.Name());
-        EXPECT_EQ(recorder->caller.uid, getuid());
-        EXPECT_TRUE(recorder->ownsManager);
-    });
+    // The second time with the uid that was kept.
+    for (int i = 0; i < 2; ++i) {
+        Integration::Answer answer = peer.Transact(self, kPath, 7, request);
+        int32_t number = 0;
+        EXPECT_EQ(answer.status, 7);
+        EXPECT_TRUE(answer.reply.ReadInt32(number) && number == 42);
+        bus.Thread().Run([&] {
+            EXPECT_EQ(recorder->caller.name, peer.Name());
+            EXPECT_EQ(recorder->caller.uid, getuid());
+            EXPECT_TRUE(recorder->ownsManager);
+            EXPECT_EQ(CallerUid(), std::nullopt) << "the request is over";
+        });
+    }
+    EXPECT_EQ(Call({self, kPath}), 5);
+    bus.Thread().Run([&] { EXPECT_FALSE(recorder->ownsManager) << "the peer owns the name"; });
     EXPECT_EQ(CallerName(), "");
     EXPECT_EQ(CallerUid(), std::nullopt);
     EXPECT_EQ(IPCSkeleton::GetCallingTokenID(), 0U);
@@ -60,6 +66,17 @@ TEST_F(RemoteCall, WhatTheBusDoesNotCarryIsRefusedBeforeItIsSent) {
 
     recorder->onRequest = nullptr;
     EXPECT_EQ(Call({self, kPath}), 5) << "the connection did not survive";
+}
+
+TEST_F(RemoteCall, WorkRunsInTheOrderInWhichItWasHandedOver) {
+    std::promise<void> allPosted;
+    std::vector<int> order;
+    bus.Thread().Post([&] { allPosted.get_future().wait(); });
+    for (int i = 0; i < 9; ++i) {
+        bus.Thread().Post([&order, i] { order.push_back(i); });
+    }
+    allPosted.set_value();
+    bus.Thread().Run([&] { EXPECT_TRUE(order.size() == 9 && std::ranges::is_sorted(order)); });
 }
 
 TEST_F(RemoteCall, StoppingEndsCallsWithoutAnAnswerAndRefusesWork) {
