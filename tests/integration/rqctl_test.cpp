@@ -33,7 +33,7 @@ TEST_F(RqctlTest, AsksTheServiceAndExplainsWhatItIsTold) {
         {kUntrustedUid, {"dump"}, 4, ".*0x261000C.*is debuggable\n.*uid 20001 lacks .*DUMP.*"},
         {kTrustedUid, {"running-time"}, 0, "ext_a  300\n"},
         {kTrustedUid, {"running-time", "--json"}, 0, "\\{\"ext_a\":300\\}\n"},
-        {kUntrustedUid, {"running-time"}, 4, ".*svcdb.*uid 20001 is none of the known.*"},
+        {kUntrustedUid, {"running-time"}, 4, ".*svcdb.*uid 20001 is not listed.*"},
         {kTrustedUid, {"io-bytes", "4194304", self}, 0, " *4194304 +unreadable\n *[0-9]+ +[0-9]+ .*\n"},
         {kTrustedUid,
          {"io-bytes", "--json", "4194304"},
@@ -43,7 +43,10 @@ TEST_F(RqctlTest, AsksTheServiceAndExplainsWhatItIsTold) {
         {kTrustedUid, {"io-bytes", "0"}, 105, ".*"},
         {kTrustedUid, {"io-bytes"}, 106, ".*PID.*"},
         {kTrustedUid, {}, 106, ".*"},
-        {kTrustedUid, {"plot", "--state", "/none"}, 5, "rqctl: /none/events.jsonl: cannot be read\n"},
+        {kTrustedUid,
+         {"plot", "--state", "/none"},
+         5,
+         "rqctl: /none/events.jsonl: No such file or directory\n"},
         {kTrustedUid, {"plot"}, 0, "<!DOCTYPE html>.*No process was .*"},
         {kTrustedUid, {"running-time", "--bus", "unix:path=/none"}, 3, "rqctl: cannot connect .*"},
     };
@@ -154,7 +157,7 @@ TEST_F(RqctlTest, PlotsTheSamplesThatTheManagerRecorded) {
     EXPECT_EQ(SIGKILL, StartTarget("hog", {"burn"}).AwaitEnd());
     EXPECT_EQ(0, StopQuotaHost());
     const std::string page = Plot();
-    const std::string label = "over the last 1 s; peak ";
+    const std::string label = "over 1 s; peak ";
     const size_t at = page.find(label);
     ASSERT_NE(std::string::npos, at) << page;
     EXPECT_GT(std::stod(page.substr(at + label.size())), 10);

@@ -3,7 +3,9 @@
 #include <CLI/CLI.hpp>
 
 #include <exception>
+#include <string>
 
+#include "base/version.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
 #include "runtime/platform_log.h"
@@ -46,6 +48,7 @@ void Describe(CLI::App& app, Context& context) {
     app.add_option("--bus", context.settings.busAddress, "address of the bus; the system bus if not given")
         ->envname("KITE_BUS")
         ->take_last();
+    app.set_version_flag("--version", std::string("rqctl ") + KITE::Linux::kVersion);
     app.footer(kExitStatusHelp);
     app.require_subcommand(1);
     for (Add* add : kCommands) {

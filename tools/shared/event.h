@@ -29,8 +29,8 @@ struct Event {
     std::string action;
 
     // Of a treatment.
-    std::string form;    // the means
-    std::string reason;  //
+    std::string form;  // the means
+    std::string reason;
     int64_t result = 0;  // 0 or an error number
     std::optional<int64_t> byUid;
 
@@ -44,8 +44,11 @@ struct Event {
 // For ReadJson. A key that is read and has another type is a fault, as is a nested value.
 Event ReadEvent(const Linux::JsonNode& line);
 
-// The word for what was done to a process, and its tone.
+enum class TreatmentKind : uint8_t { kSuppress, kSuppressEnd, kFreeze, kThaw, kKill, kRelease };
+
+// What can be done to a process, and how the tools tell it.
 struct TreatmentWord {
+    TreatmentKind kind;
     std::string_view event;  // its name
     std::string_view word;   // "frozen"
     Tone tone;
@@ -53,5 +56,6 @@ struct TreatmentWord {
 
 // Null for an event that is no treatment.
 const TreatmentWord* FindTreatmentWord(const Event& event);
+std::string_view WordOf(TreatmentKind kind);
 
 }  // namespace KITE::Tools

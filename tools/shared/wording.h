@@ -17,6 +17,9 @@ std::string MomentText(int64_t time);
 // What was measured, in the resource type's unit: "cpu 83 % of a core over 5 s".
 std::string MeasureText(std::string_view resourceType, int64_t resource, int64_t duration);
 
+// "12.3 MiB", "512 B": in the largest unit of which there is at least one.
+std::string BytesText(double bytes);
+
 // "hog (pid 412)", with the name escaped.
 std::string ProcessText(std::string_view name, int64_t pid);
 

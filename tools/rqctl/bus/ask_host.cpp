@@ -1,12 +1,15 @@
 #include "rqctl/bus/ask_host.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
+#include "base/result.h"
 #include "host/treatments_object.h"
 #include "ipc/bus.h"
 #include "ipc/bus_connection.h"
@@ -20,22 +23,26 @@ namespace {
 
 using Linux::TreatmentsObject;
 
-ExitStatus Explain(std::string_view name, const std::string& text) {
+// The errors of the bus itself that mean: the host does not run, or is too busy to answer.
+constexpr std::string_view kUnreachableErrors[] = {SD_BUS_ERROR_SERVICE_UNKNOWN,
+                                                   SD_BUS_ERROR_NAME_HAS_NO_OWNER, SD_BUS_ERROR_NO_REPLY,
+                                                   SD_BUS_ERROR_TIMEOUT, SD_BUS_ERROR_UNKNOWN_OBJECT};
+
+ExitStatus Explain(std::string_view name, std::string_view text) {
     if (name == SD_BUS_ERROR_ACCESS_DENIED) {
-        return Fail(kDenied, "uid " + std::to_string(geteuid()) +
-                                 " may not do that: its entry in tokens.json needs the permission " +
-                                 TreatmentsObject::kManagePermission + " (" +
-                                 TreatmentsObject::kReadPermission + " is enough to look)");
+        return Fail(
+            kDenied,
+            fmt::format("uid {} may not do that: its entry in tokens.json needs the permission "
+                        "{} ({} is enough for \"treated\")",
+                        geteuid(), TreatmentsObject::kManagePermission, TreatmentsObject::kReadPermission));
     }
     if (name == TreatmentsObject::kNotTreatedError) {
-        return Fail(kNotTreated, "that process is neither suppressed nor frozen");
+        return Fail(kNotTreated, "the process is neither suppressed nor frozen");
     }
     if (name == TreatmentsObject::kNoSuchProcessError) {
         return Fail(kNoSuch, "there is no such process");
     }
-    if (name == SD_BUS_ERROR_SERVICE_UNKNOWN || name == SD_BUS_ERROR_NAME_HAS_NO_OWNER ||
-        name == SD_BUS_ERROR_NO_REPLY || name == SD_BUS_ERROR_TIMEOUT ||
-        name == SD_BUS_ERROR_UNKNOWN_OBJECT) {
+    if (std::ranges::find(kUnreachableErrors, name) != std::end(kUnreachableErrors)) {
         return Fail(kUnreachable, "the quota host does not run or does not answer");
     }
     return Fail(kFailed, Escaped(text));
@@ -60,7 +67,8 @@ ExitStatus Call(const std::string& member, const std::function<int(sd_bus_messag
     if (sd_bus_error_is_set(&error) != 0) {
         status = Explain(error.name, error.message == nullptr ? "" : error.message);
     } else if (result < 0 || (result = read(answer)) < 0) {
-        status = Fail(kFailed, std::string("no usable answer: ") + strerrordesc_np(-result));
+        status = Fail(
+            kFailed, Linux::Failure("the quota host's answer cannot be used", Linux::ErrorOf(result)).Text());
     }
     sd_bus_error_free(&error);
     return status;
@@ -68,9 +76,9 @@ ExitStatus Call(const std::string& member, const std::function<int(sd_bus_messag
 
 }  // namespace
 
-ExitStatus AskTreatments(const Context& context, const std::string& member,
-                         const std::function<int(sd_bus_message*)>& fill,
-                         const std::function<int(sd_bus_message*)>& read) {
+ExitStatus AskHost(const Context& context, const std::string& member,
+                   const std::function<int(sd_bus_message*)>& fill,
+                   const std::function<int(sd_bus_message*)>& read) {
     Linux::BusConnection connection;
     if (const std::error_code error = connection.Open(context.settings.busAddress)) {
         return Fail(kUnreachable, "cannot connect to the bus: " + error.message());

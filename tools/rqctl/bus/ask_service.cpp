@@ -1,10 +1,11 @@
 #include "rqctl/bus/ask_service.h"
 
+#include <fmt/format.h>
+
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "access_token.h"
+#include "base/file_names.h"
 #include "resource_quota_control_errors.h"
 #include "rqctl/output.h"
 #include "runtime/access_tokens.h"
@@ -13,27 +14,18 @@ namespace KITE::Rqctl {
 
 using namespace ResourceQuotaCtl;
 
-namespace {
-
-std::string Hex(int32_t result) {
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(result));
-    return text;
-}
-
-}  // namespace
-
-ExitStatus Service::Connect() {
+ExitStatus ServiceConnection::Open() {
     if (const std::error_code error = connection_.Open(context_.settings.busAddress)) {
         return Fail(kUnreachable, "cannot connect to the bus: " + error.message());
     }
     proxy_ = ResourceQuotaControlProxy::Find();
-    return proxy_ ? kDone
-                  : Fail(kUnreachable,
-                         "the service is not there: its host does not run, or the Kelvra manager's does not");
+    return proxy_
+               ? kDone
+               : Fail(kUnreachable,
+                      "the service is not on the bus: its host or that of the Kelvra manager does not run");
 }
 
-ExitStatus Service::Explain(int32_t result) const {
+ExitStatus ServiceConnection::Explain(int32_t result) const {
     switch (result) {
         case ERR_DEAD_OBJECT:
             return Fail(kUnreachable, "the service went away");
@@ -48,31 +40,35 @@ ExitStatus Service::Explain(int32_t result) const {
         case ERR_RQC_READ_PARCEL_FAILED:
             return Fail(kFailed, "the service's answer cannot be understood");
         case ERR_RQC_TOO_MANY_ITEMS:
-            return Fail(kFailed, "there are more than " + std::to_string(MAX_RUNNING_TIMES) +
-                                     ", which no answer holds; \"rqctl dump DumpRunningTime\" lists them");
+            return Fail(
+                kFailed,
+                fmt::format("there are more than {} running times, which is the most that an answer holds; "
+                            "\"rqctl dump DumpRunningTime\" lists them all",
+                            MAX_RUNNING_TIMES));
         default:
-            return Fail(kFailed, "the service answers with " + Hex(result));
+            return Fail(kFailed,
+                        fmt::format("the service answers with 0x{:X}", static_cast<uint32_t>(result)));
     }
 }
 
-ExitStatus Service::ExplainDenial() const {
+ExitStatus ServiceConnection::ExplainDenial() const {
     std::string text =
         "the service does not answer this user. It answers resource_schedule_service, faultd and svcdb.";
-    const Self self = LookUpSelf(context_);
+    const OwnToken self = LookUpOwnToken(context_);
     if (self.isKnown) {
-        text += "\nAs far as " + context_.settings.etcDirectory + " tells, uid " + std::to_string(geteuid()) +
-                (self.processName.empty() ? " is none of the known processes."
-                                          : " is \"" + Escaped(self.processName) + "\".");
+        text += fmt::format(
+            "\nIn the tokens of {}, uid {} is {}.", context_.settings.etcDirectory, geteuid(),
+            self.processName.empty() ? "not listed" : fmt::format("\"{}\"", Escaped(self.processName)));
     }
     return Fail(kDenied, text);
 }
 
-bool IsTold(const Context& context, const std::string& file) {
-    return access((context.settings.etcDirectory + "/" + file).c_str(), R_OK) == 0;
+bool IsReadable(const Context& context, const std::string& file) {
+    return access((context.settings.etcDirectory + file).c_str(), R_OK) == 0;
 }
 
-Self LookUpSelf(const Context& context) {
-    if (!IsTold(context, "tokens.json") || !Linux::LoadAccessTokens()) {
+OwnToken LookUpOwnToken(const Context& context) {
+    if (!IsReadable(context, Linux::FileName::kTokens) || !Linux::LoadAccessTokens()) {
         return {};
     }
     const uint32_t token = Linux::TokenOfUid(geteuid());

@@ -8,17 +8,16 @@
 
 namespace KITE::Rqctl {
 
-// The way to the service, for as long as this object lives.
-class Service {
+// The connection to the service, for as long as this object lives.
+class ServiceConnection {
   public:
-    explicit Service(const Context& context) : context_(context) {}
+    explicit ServiceConnection(const Context& context) : context_(context) {}
 
-    // kDone, or why there is no way, having said so.
-    ExitStatus Connect();
-    ResourceQuotaCtl::ResourceQuotaControlProxy& operator*() const { return *proxy_; }
+    // kDone, or why the service cannot be reached, after telling it.
+    ExitStatus Open();
     ResourceQuotaCtl::ResourceQuotaControlProxy* operator->() const { return proxy_.GetRefPtr(); }
 
-    // The exit status of a result of the proxy's that is not ERR_OK, having said what it means.
+    // The exit status for a result of the proxy's that is not ERR_OK, after telling what it means.
     ExitStatus Explain(int32_t result) const;
 
   private:
@@ -29,15 +28,15 @@ class Service {
     sptr<ResourceQuotaCtl::ResourceQuotaControlProxy> proxy_;
 };
 
-// Whether the file in the etc directory can be read by us, so that it tells something.
-bool IsTold(const Context& context, const std::string& file);
+// Whether this process can read the file in the etc directory (base/file_names.h).
+bool IsReadable(const Context& context, const std::string& file);
 
-// What the service's own user table, as far as the etc directory tells, makes of whoever runs us.
-struct Self {
-    bool isKnown = false;  // false: the table cannot be read
+// What the access tokens in the etc directory say about the uid of this process.
+struct OwnToken {
+    bool isKnown = false;  // false: the file cannot be read or is not accepted
     std::string processName;
     bool mayDump = false;
 };
-Self LookUpSelf(const Context& context);
+OwnToken LookUpOwnToken(const Context& context);
 
 }  // namespace KITE::Rqctl

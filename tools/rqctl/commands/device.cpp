@@ -1,17 +1,16 @@
-// rqctl device: what the machine cannot know by itself, shown and set.
+// rqctl device: shows and sets the device state, which the kernel cannot tell.
 
-#include <algorithm>
-#include <array>
-#include <charconv>
+#include <fmt/format.h>
+
 #include <memory>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "base/file_names.h"
 #include "device/device_state.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/device/file_replacement.h"
+#include "rqctl/device/settings.h"
 #include "rqctl/output.h"
 
 namespace KITE::Rqctl {
@@ -19,7 +18,6 @@ namespace KITE::Rqctl {
 namespace {
 
 using nlohmann::ordered_json;
-using Numbers = std::vector<int64_t>;
 
 constexpr const char* kHelp =
     "  KEY                       VALUE\n"
@@ -36,237 +34,95 @@ constexpr const char* kHelp =
     "Lists are separated by commas:\n"
     "rqctl device screen off app:20001 412,413 foreground:20001 on\n\n";
 
-// What a value says, by the kind that its key takes.
-enum class Kind : uint8_t { kSwitch, kList, kNumber };
-
-struct Key {
-    std::string_view name;
-    size_t ids;  // how many numbers stand behind it: none, a uid, a uid and a pid
-    Kind kind;
-    // The list that holds the entry; for a switch or a list within an application, its member there.
-    std::string_view list;
-    std::string_view member;
-};
-
-constexpr std::array<Key, 9> kKeys{{
-    {"screen", 0, Kind::kSwitch, "", "screen_on"},
-    {"app", 1, Kind::kList, "applications", "processes"},
-    {"render", 1, Kind::kList, "applications", "render_processes"},
-    {"foreground", 1, Kind::kSwitch, "applications", "foreground"},
-    {"window", 1, Kind::kSwitch, "applications", "visible_window"},
-    {"extension", 1, Kind::kList, "extensions", ""},
-    {"task", 2, Kind::kList, "continuous_tasks", "types"},
-    {"app-resources", 2, Kind::kNumber, "/efficiency_resources/applications", "resources"},
-    {"process-resources", 2, Kind::kNumber, "/efficiency_resources/processes", "resources"},
-}};
-
-struct Setting {
-    const Key* key = nullptr;
-    Numbers ids;
-    bool isOn = false;
-    Numbers values;  // none of them: "none"
-};
-
-std::optional<Numbers> NumbersOf(std::string_view text, char separator) {
-    Numbers numbers;
-    while (true) {
-        const std::string_view part = text.substr(0, text.find(separator));
-        int64_t& number = numbers.emplace_back();
-        const auto [end, error] = std::from_chars(part.data(), part.data() + part.size(), number);
-        if (error != std::errc() || end != part.data() + part.size()) {
-            return std::nullopt;
-        }
-        if (part.size() == text.size()) {
-            return numbers;
-        }
-        text.remove_prefix(part.size() + 1);
-    }
-}
-
-Setting SettingOf(std::string_view key, std::string_view value) {
-    const std::string_view name = key.substr(0, key.find(':'));
-    const auto found = std::ranges::find(kKeys, name, &Key::name);
-    if (found == kKeys.end()) {
-        throw CLI::ValidationError("KEY", std::string(key) + " is not known");
-    }
-    Setting setting{&*found, {}, value == "on", {}};
-    const auto ids = key.size() == name.size() ? Numbers() : NumbersOf(key.substr(name.size() + 1), ':');
-    if (!ids || ids->size() != found->ids) {
-        constexpr std::array<const char*, 3> kForms{"", ":UID", ":UID:PID"};
-        throw CLI::ValidationError(
-            "KEY", std::string(key) + " is not of the form " + std::string(name) + kForms.at(found->ids));
-    }
-    setting.ids = *ids;
-    if (found->kind == Kind::kSwitch) {
-        if (value != "on" && value != "off") {
-            throw CLI::ValidationError("VALUE", std::string(key) + " is on or off");
-        }
-    } else if (value != "none") {
-        const auto values = NumbersOf(value, ',');
-        if (!values || (found->kind == Kind::kNumber && values->size() != 1)) {
-            throw CLI::ValidationError("VALUE",
-                                       std::string(key) + " takes numbers or none: " + std::string(value));
-        }
-        setting.values = *values;
-    }
-    return setting;
-}
-
-std::vector<Setting> SettingsOf(const std::vector<std::string>& words) {
+std::vector<DeviceSetting> ParseWords(const std::vector<std::string>& words) {
     if (words.size() % 2 != 0) {
-        throw CLI::ValidationError("KEY", words.back() + " has no VALUE");
+        throw CLI::ValidationError(words.back() + " has no VALUE");
     }
-    std::vector<Setting> settings;
+    std::vector<DeviceSetting> settings;
     for (size_t i = 0; i < words.size(); i += 2) {
-        settings.push_back(SettingOf(words[i], words[i + 1]));
+        const auto setting = ParseDeviceSetting(words[i], words[i + 1]);
+        if (!setting) {
+            throw CLI::ValidationError(setting.Why().Text());
+        }
+        settings.push_back(*setting);
     }
     return settings;
 }
 
-// An entry's identity: {"uid": N} or {"uid": N, "pid": M}.
-ordered_json IdentityOf(const Numbers& ids) {
-    ordered_json identity{{"uid", ids[0]}};
-    if (ids.size() > 1) {
-        identity["pid"] = ids[1];
-    }
-    return identity;
-}
-
-bool IsOf(const ordered_json& entry, const ordered_json& identity) {
-    return std::ranges::all_of(identity.items(),
-                               [&](const auto& item) { return entry.at(item.key()) == item.value(); });
-}
-
-void Remove(ordered_json& list, const ordered_json& identity) {
-    auto kept = ordered_json::array();
-    std::ranges::copy_if(list, std::back_inserter(kept),
-                         [&](const ordered_json& entry) { return !IsOf(entry, identity); });
-    list = std::move(kept);
-}
-
-// In each entry of that identity; in a new one where there is none.
-void Set(ordered_json& list, const ordered_json& identity, const std::string& member,
-         const ordered_json& value) {
-    const auto isOfIt = [&](const ordered_json& entry) { return IsOf(entry, identity); };
-    if (std::ranges::none_of(list, isOfIt)) {
-        list.push_back(identity);
-    }
-    for (ordered_json& entry : list) {
-        if (isOfIt(entry)) {
-            entry[member] = value;
-        }
-    }
-}
-
-ordered_json& ListOf(ordered_json& state, std::string_view name) {
-    const bool isPath = name.starts_with('/');
-    ordered_json& list =
-        isPath ? state[ordered_json::json_pointer(std::string(name))] : state[std::string(name)];
-    if (list.is_null()) {
-        list = ordered_json::array();
-    }
-    return list;
-}
-
-void Apply(const Setting& setting, ordered_json& state) {
-    const Key& key = *setting.key;
-    const std::string member(key.member);
-    if (key.list.empty()) {
-        state[member] = setting.isOn;
-        return;
-    }
-    ordered_json& list = ListOf(state, key.list);
-    const ordered_json identity = IdentityOf(setting.ids);
-    if (key.kind == Kind::kSwitch) {
-        Set(list, identity, member, setting.isOn);
-    } else if (member.empty()) {
-        Remove(list, identity);
-        for (const int64_t pid : setting.values) {
-            list.emplace_back(IdentityOf({setting.ids[0], pid}));
-        }
-    } else if (setting.values.empty() && key.name != "render") {
-        Remove(list, identity);
-    } else if (key.kind == Kind::kNumber) {
-        Set(list, identity, member, setting.values[0]);
-    } else {
-        Set(list, identity, member, setting.values);
-    }
-}
-
 template <typename T>
 std::string Joined(const std::vector<T>& numbers) {
-    std::string text;
-    for (const T number : numbers) {
-        text += (text.empty() ? "" : ", ") + std::to_string(number);
-    }
-    return text.empty() ? "none" : text;
+    return numbers.empty() ? "none" : fmt::format("{}", fmt::join(numbers, ", "));
 }
 
 void ShowResources(const std::vector<Linux::DeviceState::EfficiencyResource>& resources, const char* whose) {
     for (const auto& [uid, pid, bits] : resources) {
-        Say(std::string("efficiency resources of the ") + whose + ", uid " + std::to_string(uid) + ", pid " +
-            std::to_string(pid) + ": " + std::to_string(bits));
+        Say(fmt::format("efficiency resources of the {}, uid {}, pid {}: {}", whose, uid, pid, bits));
     }
 }
 
 void Show(const Linux::DeviceState& state) {
-    Say(std::string("screen ") + (state.screenOn ? "on" : "off"));
+    Say(state.screenOn ? "screen on" : "screen off");
     for (const auto& application : state.applications) {
-        Say("application, uid " + std::to_string(application.uid) + ": processes " +
-            Joined(application.processes) + "; render processes " + Joined(application.renderProcesses) +
-            (application.foreground ? "; in the foreground" : "; in the background") +
-            (application.visibleWindow ? "; with a visible window" : ""));
+        Say(fmt::format("application, uid {}: processes {}; render processes {}; in the {}{}",
+                        application.uid, Joined(application.processes), Joined(application.renderProcesses),
+                        application.foreground ? "foreground" : "background",
+                        application.visibleWindow ? "; with a visible window" : ""));
     }
     for (const auto& [uid, pid] : state.extensions) {
-        Say("extension, uid " + std::to_string(uid) + ", pid " + std::to_string(pid));
+        Say(fmt::format("extension, uid {}, pid {}", uid, pid));
     }
     for (const auto& [uid, pid, types] : state.continuousTasks) {
-        Say("continuous task, uid " + std::to_string(uid) + ", pid " + std::to_string(pid) + ": types " +
-            Joined(types));
+        Say(fmt::format("continuous task, uid {}, pid {}: types {}", uid, pid, Joined(types)));
     }
     ShowResources(state.applicationResources, "application");
     ShowResources(state.processResources, "process");
 }
 
-ExitStatus Run(const Context& context, const std::vector<Setting>& settings) {
-    const std::string path = context.settings.stateDirectory + "/device_state.json";
-    FileReplacement file(path);
-    std::string error;
-    if (!file.Open(error)) {
-        return Fail(kFailed, error);
+// Writes nothing that the hosts would not accept.
+Linux::Result<void> Change(FileReplacement& file, ordered_json document,
+                           const std::vector<DeviceSetting>& settings) {
+    for (const DeviceSetting& setting : settings) {
+        Apply(setting, document);
     }
-    std::string text = file.Exists() ? file.Content() : R"({"screen_on": true})";
-    const Linux::Result<Linux::DeviceState> state = Linux::ReadDeviceState(text);
+    const std::string text = document.dump(4) + '\n';
+    if (const auto changed = Linux::ReadDeviceState(text); !changed) {
+        return changed.Why().In("nothing is set, for the result would not be a device state");
+    }
+    return file.Replace(text);
+}
+
+ExitStatus Run(const Context& context, const std::vector<DeviceSetting>& settings) {
+    const std::string path = context.settings.stateDirectory + Linux::FileName::kDeviceState;
+    auto file = FileReplacement::Open(path);
+    if (!file) {
+        return Fail(kFailed, file.Why().Text());
+    }
+    const std::string text = file->Content().value_or(R"({"screen_on": true})");
+    const auto state = Linux::ReadDeviceState(text);
     if (!state) {
         return Fail(kFailed, state.Why().In(path).Text());
     }
-    auto document = ordered_json::parse(text);
+    const auto document = ordered_json::parse(text);
     if (settings.empty()) {
         context.wantsJson ? SayJson(document) : Show(*state);
         return kDone;
     }
-    for (const Setting& setting : settings) {
-        Apply(setting, document);
-    }
-    text = document.dump(4) + '\n';
-    if (const auto changed = Linux::ReadDeviceState(text); !changed) {
-        return Fail(kFailed, "nothing is set: this would not be a device state: " + changed.Why().Text());
-    }
-    return file.Replace(text, error) ? kDone : Fail(kFailed, error);
+    const Linux::Result<void> changed = Change(*file, document, settings);
+    return changed ? kDone : Fail(kFailed, changed.Why().Text());
 }
 
 }  // namespace
 
 void AddDevice(CLI::App& app, Context& context) {
     const auto words = std::make_shared<std::vector<std::string>>();
-    const auto settings = std::make_shared<std::vector<Setting>>();
+    const auto settings = std::make_shared<std::vector<DeviceSetting>>();
     CLI::App& command = AddCommand(
         app, context, "device",
         "Shows the device state, or sets parts of it. What is not named stays; the file is replaced "
         "as a whole.",
         [&context, settings] { return Run(context, *settings); });
     command.add_option("WORDS", *words, "keys and values, in turn")->type_name("");
-    command.parse_complete_callback([words, settings] { *settings = SettingsOf(*words); });
+    command.parse_complete_callback([words, settings] { *settings = ParseWords(*words); });
     command.footer(std::string(kHelp) + kExitStatusHelp);
     AddJsonOption(command, context);
 }

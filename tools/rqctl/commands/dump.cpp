@@ -1,15 +1,17 @@
 // rqctl dump: what the service tells about itself.
 
+#include <fmt/format.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/file.h"
+#include "base/file_names.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
 #include "parameters.h"
 #include "resource_quota_control_errors.h"
@@ -22,40 +24,41 @@ namespace KITE::Rqctl {
 
 namespace {
 
+std::string_view BuildText(const Context& context) {
+    if (!IsReadable(context, Linux::FileName::kParameters)) {
+        return "whether the build is debuggable is unknown: parameters.json cannot be read";
+    }
+    return GetIntParameter("const.debuggable", 0) == 0
+               ? "the build is not debuggable: const.debuggable in parameters.json is 0 or missing"
+               : "the build is debuggable";
+}
+
+std::string PermissionText(const OwnToken& self) {
+    return self.isKnown ? fmt::format("uid {} {} the permission kite.permission.DUMP in tokens.json",
+                                      geteuid(), self.mayDump ? "has" : "lacks")
+                        : "permissions are unknown: tokens.json cannot be read or is not accepted";
+}
+
 // The service answers every refusal alike. Which of its two conditions is missing can be told from the files
 // that its host reads, if those are the ones that we see.
 ExitStatus ExplainRefusal(const Context& context) {
-    std::string text = "the service refuses the dump, or could not write it (0x261000C). As far as " +
-                       context.settings.etcDirectory + " tells:";
-    if (!IsTold(context, "parameters.json")) {
-        text += "\n  nothing of the build: parameters.json cannot be read";
-    } else if (GetIntParameter("const.debuggable", 0) == 0) {
-        text += "\n  the build is not debuggable: const.debuggable in parameters.json is 0 or missing";
-    } else {
-        text += "\n  the build is debuggable";
-    }
-    const Self self = LookUpSelf(context);
-    const std::string uid = "uid " + std::to_string(geteuid());
-    if (!self.isKnown) {
-        text += "\n  nothing of permissions: tokens.json cannot be read or is not accepted";
-    } else {
-        text += "\n  " + uid + (self.mayDump ? " has" : " lacks") +
-                " the permission kite.permission.DUMP in tokens.json";
-    }
-    return Fail(kDenied, text);
+    return Fail(kDenied,
+                fmt::format("the service refuses the dump, or could not write it (0x261000C). According to "
+                            "the files in {}:\n  {}\n  {}",
+                            context.settings.etcDirectory, BuildText(context),
+                            PermissionText(LookUpOwnToken(context))));
 }
 
-// Line by line, since the names in it are whatever processes call themselves.
+// Line by line and escaped: a process chooses its name.
 void Show(const std::string& dump) {
-    std::istringstream lines(dump);
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string_view line : Linux::Split(dump, '\n')) {
         Say(Escaped(line));
     }
 }
 
 ExitStatus Run(const Context& context, const std::array<std::string, 2>& words) {
-    Service service(context);
-    if (const ExitStatus status = service.Connect()) {
+    ServiceConnection service(context);
+    if (const ExitStatus status = service.Open()) {
         return status;
     }
     // The service gives a slow reader two seconds; a file in memory never keeps it waiting.
@@ -84,8 +87,9 @@ ExitStatus Run(const Context& context, const std::array<std::string, 2>& words) 
 
 void AddDump(CLI::App& app, Context& context) {
     const auto words = std::make_shared<std::array<std::string, 2>>();
-    CLI::App& command = AddCommand(app, context, "dump", "Prints what the service tells about itself.",
-                                   [&context, words] { return Run(context, *words); });
+    CLI::App& command =
+        AddCommand(app, context, "dump", "Prints the service's dump: its configuration and what it did.",
+                   [&context, words] { return Run(context, *words); });
     command
         .add_option("OPTION", (*words)[0],
                     "DumpConfig, DumpRunningTime, DumpReportedAbnormalInfo, DumpHandledAbnormalInfo, "

@@ -1,8 +1,8 @@
 // rqctl io-bytes: how much processes have written.
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <limits>
 #include <memory>
 #include <string>
@@ -12,6 +12,7 @@
 #include "rqctl/bus/ask_service.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
+#include "shared/wording.h"
 
 namespace KITE::Rqctl {
 
@@ -20,40 +21,22 @@ namespace {
 using ResourceQuotaCtl::MAX_IO_PIDS;
 using ResourceQuotaCtl::UNREADABLE_WRITE_BYTES;
 
-// "12.3 MiB".
-std::string WithUnit(uint64_t bytes) {
-    static constexpr std::array<const char*, 7> kUnits{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-    auto value = static_cast<double>(bytes);
-    size_t unit = 0;
-    for (; value >= 1024 && unit + 1 < kUnits.size(); ++unit) {
-        value /= 1024;
-    }
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.*f %s", unit == 0 ? 0 : 1, value, kUnits.at(unit));
-    return text.data();
-}
-
 void Show(int32_t pid, uint64_t bytes) {
-    std::array<char, 64> text{};
     if (bytes == UNREADABLE_WRITE_BYTES) {
-        std::snprintf(text.data(), text.size(), "%8d  %20s", pid, "unreadable");
-        Say(Paint(Tone::kQuiet, text.data()));
-        return;
+        Say(Paint(Tone::kQuiet, fmt::format("{:8}  {:>20}", pid, "unreadable")));
+    } else {
+        Say(fmt::format("{:8}  {:20}  {}", pid, bytes,
+                        bytes < 1024 ? "" : BytesText(static_cast<double>(bytes))));
     }
-    std::snprintf(text.data(), text.size(), "%8d  %20lu  ", pid, bytes);
-    Say(text.data() + (bytes < 1024 ? "" : WithUnit(bytes)));
 }
 
 void ShowAll(const std::vector<int32_t>& pids, const std::vector<uint64_t>& bytes, bool wantsJson) {
     auto document = nlohmann::ordered_json::array();
     for (size_t i = 0; i < pids.size(); ++i) {
         if (wantsJson) {
-            nlohmann::ordered_json& entry = document.emplace_back();
-            entry["pid"] = pids[i];
-            entry["write_bytes"] = nullptr;
-            if (bytes[i] != UNREADABLE_WRITE_BYTES) {
-                entry["write_bytes"] = bytes[i];
-            }
+            const bool isReadable = bytes[i] != UNREADABLE_WRITE_BYTES;
+            document.push_back(
+                {{"pid", pids[i]}, {"write_bytes", isReadable ? nlohmann::ordered_json(bytes[i]) : nullptr}});
         } else {
             Show(pids[i], bytes[i]);
         }
@@ -64,7 +47,8 @@ void ShowAll(const std::vector<int32_t>& pids, const std::vector<uint64_t>& byte
 }
 
 // One request takes a bounded number of pids.
-int32_t AskForAll(const Service& service, const std::vector<int32_t>& pids, std::vector<uint64_t>& bytes) {
+int32_t AskForAll(const ServiceConnection& service, const std::vector<int32_t>& pids,
+                  std::vector<uint64_t>& bytes) {
     for (size_t at = 0; at < pids.size(); at += MAX_IO_PIDS) {
         const auto first = pids.begin() + static_cast<ptrdiff_t>(at);
         const auto count = static_cast<ptrdiff_t>(std::min(MAX_IO_PIDS, pids.size() - at));
@@ -78,8 +62,8 @@ int32_t AskForAll(const Service& service, const std::vector<int32_t>& pids, std:
 }
 
 ExitStatus Run(const Context& context, const std::vector<int32_t>& pids) {
-    Service service(context);
-    if (const ExitStatus status = service.Connect()) {
+    ServiceConnection service(context);
+    if (const ExitStatus status = service.Open()) {
         return status;
     }
     std::vector<uint64_t> bytes;

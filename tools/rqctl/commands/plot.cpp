@@ -1,10 +1,12 @@
 // rqctl plot: what was done to whom, as a page to look at.
 
-#include <cstdio>
-#include <fstream>
+#include <unistd.h>
+
 #include <memory>
 #include <string>
 
+#include "base/file.h"
+#include "base/file_names.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
 #include "rqctl/plot/page.h"
@@ -15,21 +17,16 @@ namespace KITE::Rqctl {
 namespace {
 
 ExitStatus Run(const Context& context, const std::string& output) {
-    RunRecord record;
-    std::string error;
-    if (!ReadRunRecord(context.settings.stateDirectory + "/events.jsonl", Linux::SamplesPath(), record,
-                       error)) {
-        return Fail(kFailed, error);
+    const auto record =
+        ReadRunRecord(context.settings.stateDirectory + Linux::FileName::kEvents, Linux::SamplesPath());
+    if (!record) {
+        return Fail(kFailed, record.Why().Text());
     }
-    const std::string page = PageOf(record);
-    if (output.empty()) {
-        std::fwrite(page.data(), 1, page.size(), stdout);
-        return std::fflush(stdout) == 0 ? kDone : Fail(kFailed, "standard output cannot be written");
-    }
-    std::ofstream file(output, std::ios::binary | std::ios::trunc);
-    file << page;
-    file.close();
-    return file.good() ? kDone : Fail(kFailed, output + ": cannot be written");
+    const std::string page = PageOf(*record);
+    const std::error_code error =
+        output.empty() ? Linux::WriteAll(STDOUT_FILENO, page) : Linux::WriteFile(output, page);
+    const std::string target = output.empty() ? "standard output" : output;
+    return error ? Fail(kFailed, Linux::Failure(target, error).Text()) : kDone;
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // rqctl running-time: how long extensions may run.
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <map>
 #include <string>
@@ -19,15 +21,13 @@ void Show(const std::map<std::string, int32_t>& times) {
         width = std::max(width, Escaped(name).size());
     }
     for (const auto& [name, time] : times) {
-        std::string line = Escaped(name);
-        line.resize(width + 2, ' ');
-        Say(line + std::to_string(time));
+        Say(fmt::format("{:{}}  {}", Escaped(name), width, time));
     }
 }
 
 ExitStatus Run(const Context& context) {
-    Service service(context);
-    if (const ExitStatus status = service.Connect()) {
+    ServiceConnection service(context);
+    if (const ExitStatus status = service.Open()) {
         return status;
     }
     std::map<std::string, int32_t> times;

@@ -1,4 +1,6 @@
-// rqctl treated: who is suppressed or frozen now, since when and why.
+// rqctl treated: which processes are suppressed or frozen now, since when and why.
+
+#include <fmt/format.h>
 
 #include <filesystem>
 #include <string>
@@ -6,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/file_names.h"
 #include "rqctl/bus/ask_host.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
@@ -70,11 +73,10 @@ std::string LineOf(const Treated& treated) {
                 (treated.frozenUntil != 0 ? " until " + MomentText(treated.frozenUntil) : ", without an end");
     }
     if (treated.suppressedSince == 0 && treated.frozenSince == 0) {
-        line += ", not all could be undone yet";
+        line += ", a part of its treatment could not be undone yet";
     }
-    return line +
-           "; last report before: " + MeasureText(treated.resourceType, treated.resource, treated.duration) +
-           ", rule " + std::to_string(treated.ruleId);
+    return fmt::format("{}; last report before: {}, rule {}", line,
+                       MeasureText(treated.resourceType, treated.resource, treated.duration), treated.ruleId);
 }
 
 ordered_json JsonOf(const Treated& treated) {
@@ -105,24 +107,24 @@ void Show(const Listing& listing, bool wantsJson) {
     }
 }
 
-// The records of a host that may have been killed; to standard error, since they are no answer.
+// The records of a host that may have been killed; to standard error, since they are not the answer.
 void TellOfRecords() {
-    const std::string directory = Linux::RunDirectory() + "/treated";
     std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    for (const auto& entry :
+         std::filesystem::directory_iterator(Linux::RunDirectory() + Linux::FileName::kTreatments, error)) {
         const std::string name = entry.path().filename();
         if (!name.starts_with('.')) {
-            Fail(kUnreachable, "a record says that a host treats pid " +
-                                   Escaped(name.substr(0, name.find('-'))) +
-                                   "; if that was killed, \"kite_host --release --run " +
-                                   Escaped(Linux::RunDirectory()) + "\" releases it");
+            Fail(kUnreachable,
+                 fmt::format("a record says that a host treats pid {}; if that host was killed, "
+                             "\"kite_host --release --run {}\" releases the process",
+                             Escaped(name.substr(0, name.find('-'))), Escaped(Linux::RunDirectory())));
         }
     }
 }
 
 ExitStatus Run(const Context& context) {
     Listing listing;
-    const ExitStatus status = AskTreatments(
+    const ExitStatus status = AskHost(
         context, "List", [](sd_bus_message*) { return 0; },
         [&listing](sd_bus_message* answer) { return Read(answer, listing); });
     if (status == kDone) {
@@ -136,10 +138,10 @@ ExitStatus Run(const Context& context) {
 }  // namespace
 
 void AddTreated(CLI::App& app, Context& context) {
-    AddJsonOption(
-        AddCommand(app, context, "treated", "Lists who is suppressed or frozen, since when and why.",
-                   [&context] { return Run(context); }),
-        context);
+    AddJsonOption(AddCommand(app, context, "treated",
+                             "Lists the processes that are suppressed or frozen, since when and why.",
+                             [&context] { return Run(context); }),
+                  context);
 }
 
 }  // namespace KITE::Rqctl

@@ -5,98 +5,94 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
+#include <utility>
 
 #include "base/file.h"
 
 namespace KITE::Rqctl {
 
+using Linux::Failure;
+using Linux::LastError;
+using Linux::Result;
 using Linux::UniqueFd;
 
-FileReplacement::FileReplacement(std::string path)
-    : path_(std::move(path)),
-      directoryPath_(std::filesystem::path(path_).parent_path()),
-      name_(std::filesystem::path(path_).filename()) {}
-
-bool FileReplacement::Fail(const std::string& what, std::string& error) const {
-    error = what + ": " + strerrordesc_np(errno);
-    return false;
+Result<FileReplacement> FileReplacement::Open(const std::string& path) {
+    FileReplacement file(path);
+    if (const Result<void> locked = file.LockDirectory(); !locked) {
+        return locked.Why().In(file.directoryPath_);
+    }
+    if (const Result<void> read = file.ReadOld(); !read) {
+        return read.Why().In(path);
+    }
+    return file;
 }
 
-bool FileReplacement::Open(std::string& error) {
+Result<void> FileReplacement::LockDirectory() {
     directory_ = UniqueFd(open(directoryPath_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status {};
     if (!directory_ || fstat(directory_.Get(), &status) != 0 || flock(directory_.Get(), LOCK_EX) != 0) {
-        return Fail(directoryPath_, error);
+        return LastError();
     }
     owner_ = status.st_uid;
     group_ = status.st_gid;
-    return ReadOld(error);
+    return {};
 }
 
-bool FileReplacement::ReadOld(std::string& error) {
+Result<void> FileReplacement::ReadOld() {
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     const UniqueFd file(openat(directory_.Get(), name_.c_str(), kFlags));
     if (!file && errno == ENOENT) {
-        return true;
+        return {};
     }
     if (!file && errno == ELOOP) {
-        error = path_ + ": is a symbolic link, which is not replaced";
-        return false;
+        return Failure("is a symbolic link, which is not replaced");
     }
     struct stat status {};
     if (!file || fstat(file.Get(), &status) != 0) {
-        return Fail(path_, error);
+        return LastError();
     }
     if (!S_ISREG(status.st_mode)) {
-        error = path_ + ": is not a regular file";
-        return false;
+        return Failure("is not a regular file");
     }
-    Linux::Result<std::string> content = Linux::ReadFile(file.Get());
+    Result<std::string> content = Linux::ReadFile(file.Get());
     if (!content) {
-        error = content.Why().In(path_).Text();
-        return false;
+        return content.Why();
     }
     content_ = std::move(*content);
-    exists_ = true;
     owner_ = status.st_uid;
     group_ = status.st_gid;
     mode_ = status.st_mode & 07777;
-    return true;
+    return {};
 }
 
-bool FileReplacement::WriteNew(int fd, std::string_view content) const {
-    while (!content.empty()) {
-        const ssize_t written = write(fd, content.data(), content.size());
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
-        content.remove_prefix(static_cast<size_t>(written < 0 ? 0 : written));
+std::error_code FileReplacement::WriteNew(int fd, std::string_view content) const {
+    if (const std::error_code error = Linux::WriteAll(fd, content)) {
+        return error;
     }
     // The mode comes last: a change of owner takes bits away.
-    return fchown(fd, owner_, group_) == 0 && fchmod(fd, mode_) == 0 && fsync(fd) == 0;
+    const bool isDone = fchown(fd, owner_, group_) == 0 && fchmod(fd, mode_) == 0 && fsync(fd) == 0;
+    return isDone ? std::error_code() : LastError();
 }
 
-bool FileReplacement::Replace(std::string_view content, std::string& error) {
+Result<void> FileReplacement::Replace(std::string_view content) {
     const std::string newName = "." + name_ + ".new";
     const int directory = directory_.Get();
-    // What a killed predecessor left: the lock says that it is nobody's now.
+    // A killed process may have left one; the lock says that it is not being written now.
     unlinkat(directory, newName.c_str(), 0);
     constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     const UniqueFd file(openat(directory, newName.c_str(), kFlags, 0600));
     if (!file) {
-        return Fail(directoryPath_, error);
+        return Failure(directoryPath_, LastError());
     }
-    if (!WriteNew(file.Get(), content) ||
-        renameat(directory, newName.c_str(), directory, name_.c_str()) != 0) {
-        Fail(path_, error);
+    std::error_code error = WriteNew(file.Get(), content);
+    if (!error && renameat(directory, newName.c_str(), directory, name_.c_str()) != 0) {
+        error = LastError();
+    }
+    if (error) {
         unlinkat(directory, newName.c_str(), 0);
-        return false;
+        return Failure(directoryPath_ + "/" + name_, error);
     }
-    return fsync(directory) == 0 || Fail(directoryPath_, error);
+    return fsync(directory) == 0 ? Result<void>() : Failure(directoryPath_, LastError());
 }
 
 }  // namespace KITE::Rqctl

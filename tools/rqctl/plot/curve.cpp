@@ -6,82 +6,88 @@ namespace KITE::Rqctl {
 
 namespace {
 
+using Linux::Judged;
+using Linux::ResourceType;
+
 // More than two of the longest sample periods.
 constexpr int64_t kGap = 150'000;
 
-using Counter = int64_t Sample::*;
+struct Reading {
+    int64_t time;
+    int64_t start;
+    int64_t value;
 
-bool IsContinued(const Sample& before, const Sample& sample) {
-    return sample.start == before.start && sample.time - before.time <= kGap;
-}
-
-std::vector<Point> LevelCurve(const std::vector<Sample>& samples) {
-    std::vector<Point> curve;
-    const Sample* before = nullptr;
-    for (const Sample& sample : samples) {
-        if (sample.memoryKiB >= 0) {
-            curve.push_back({sample.time, static_cast<double>(sample.memoryKiB),
-                             before == nullptr || !IsContinued(*before, sample)});
-            before = &sample;
-        }
+    bool IsContinuedBy(const Reading& next, bool isCounter) const {
+        return next.start == start && next.time - time <= kGap && !(isCounter && next.value < value);
     }
-    return curve;
-}
+};
 
-// The growth of a counter between two samples: percent of the time for nanoseconds, bytes for the share of
-// the duration.
-double GrowthOf(Counter counter, const Sample& from, const Sample& to, int64_t durationMs) {
-    const auto growth = static_cast<double>(to.*counter - from.*counter);
-    const auto span = static_cast<double>(to.time - from.time);
-    if (counter == &Sample::cpuNs) {
-        return growth / (span * 1e6) * 100;
-    }
-    return span > static_cast<double>(durationMs) && durationMs > 0
-               ? growth * static_cast<double>(durationMs) / span
-               : growth;
-}
+using Readings = std::vector<Reading>;
 
-std::vector<Point> CounterCurve(Counter counter, int64_t durationMs, const std::vector<Sample>& samples) {
-    std::vector<Point> curve;
-    std::vector<const Sample*> piece;
-    size_t base = 0;
-    bool beginsPiece = true;
+// The pieces: without a gap, of one process, and of a counter that does not fall.
+std::vector<Readings> PiecesOf(const ResourceType& type, const std::vector<Sample>& samples) {
+    std::vector<Readings> pieces;
     for (const Sample& sample : samples) {
-        if (sample.*counter < 0) {
+        const Reading reading{sample.time, sample.start, sample.Of(type)};
+        if (reading.value < 0) {
             continue;
         }
-        if (!piece.empty() &&
-            (!IsContinued(*piece.back(), sample) || sample.*counter < piece.back()->*counter)) {
-            piece.clear();
-            base = 0;
-            beginsPiece = true;
+        if (pieces.empty() || !pieces.back().back().IsContinuedBy(reading, type.judged != Judged::kAmount)) {
+            pieces.emplace_back();
         }
-        piece.push_back(&sample);
-        while (base + 2 < piece.size() && sample.time - piece[base + 1]->time >= durationMs) {
+        pieces.back().push_back(reading);
+    }
+    return pieces;
+}
+
+// What the growth of a counter comes to: percent of the time for nanoseconds, else the share of the duration.
+double GrowthOf(Judged judged, const Reading& from, const Reading& to, int64_t durationMs) {
+    const auto growth = static_cast<double>(to.value - from.value);
+    const auto span = static_cast<double>(to.time - from.time);
+    if (judged == Judged::kShareOfTime) {
+        return growth / (span * 1e6) * 100;
+    }
+    const auto duration = static_cast<double>(durationMs);
+    return span > duration && durationMs > 0 ? growth * duration / span : growth;
+}
+
+void AddAmounts(const Readings& piece, std::vector<Point>& curve) {
+    for (const Reading& reading : piece) {
+        curve.push_back({reading.time, static_cast<double>(reading.value), &reading == &piece.front()});
+    }
+}
+
+void AddGrowth(Judged judged, const Readings& piece, int64_t durationMs, std::vector<Point>& curve) {
+    size_t base = 0;
+    bool beginsPiece = true;
+    for (size_t at = 1; at < piece.size(); ++at) {
+        const Reading& reading = piece[at];
+        while (base + 1 < at && reading.time - piece[base + 1].time >= durationMs) {
             ++base;
         }
-        if (sample.time > piece[base]->time) {
-            curve.push_back({sample.time, GrowthOf(counter, *piece[base], sample, durationMs), beginsPiece});
+        if (reading.time > piece[base].time) {
+            curve.push_back({reading.time, GrowthOf(judged, piece[base], reading, durationMs), beginsPiece});
             beginsPiece = false;
         }
     }
-    return curve;
 }
 
 }  // namespace
 
-std::vector<Point> CurveOf(std::string_view resource, int64_t duration, const std::vector<Sample>& samples) {
-    if (resource == "mem") {
-        return LevelCurve(samples);
-    }
+std::vector<Point> CurveOf(const ResourceType& type, int64_t duration, const std::vector<Sample>& samples) {
     // A longer one reaches back to the first sample anyway.
     int64_t durationMs = std::clamp<int64_t>(duration, 0, INT32_MAX) * 1000;
     // The times are those of a wall clock: samples of a second apart are 999 ms apart at times.
     durationMs -= durationMs / 20;
-    if (resource == "io") {
-        return CounterCurve(&Sample::writtenBytes, durationMs, samples);
+    std::vector<Point> curve;
+    for (const Readings& piece : PiecesOf(type, samples)) {
+        if (type.judged == Judged::kAmount) {
+            AddAmounts(piece, curve);
+        } else {
+            AddGrowth(type.judged, piece, durationMs, curve);
+        }
     }
-    return CounterCurve(&Sample::cpuNs, durationMs, samples);
+    return curve;
 }
 
 }  // namespace KITE::Rqctl

@@ -1,15 +1,18 @@
 #include "rqctl/plot/figure.h"
 
+#include <fmt/chrono.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
-#include <cstdio>
-#include <ctime>
+#include <map>
 
-#include "rqctl/output.h"
+#include "shared/terminal.h"
 
 namespace KITE::Rqctl {
+
+using namespace Tools;
 
 namespace {
 
@@ -26,46 +29,40 @@ constexpr double kAxis = 24;
 
 constexpr size_t kMostPoints = 900;
 
-template <typename... Args>
-std::string Format(const char* format, Args... args) {
-    std::array<char, 512> text{};
-    std::snprintf(text.data(), text.size(), format, args...);
-    return text.data();
-}
-
 // A number as people write it, of at most three digits behind the point.
 std::string Plain(double value) {
-    return Format("%.*f", value >= 100 || value == std::floor(value) ? 0 : value >= 10 ? 1 : 2, value);
+    return fmt::format("{:.{}f}", value,
+                       value >= 100 || value == std::floor(value) ? 0
+                       : value >= 10                              ? 1
+                                                                  : 2);
 }
 
-struct Unit {
-    double size;  // how many of the resource's own units
-    const char* name;
+// The unit of an axis.
+struct Scale {
+    double size = 1;  // how many of the resource type's own units
+    std::string name;
+
+    std::string TextOf(double value) const { return fmt::format("{} {}", Plain(value / size), name); }
 };
 
-// Memory is counted in KiB, io in bytes.
-Unit UnitFor(const std::string& resource, double largest) {
-    static constexpr std::array<const char*, 5> kNames{"B", "KiB", "MiB", "GiB", "TiB"};
-    if (resource != "mem" && resource != "io") {
-        return {1, "%"};
+Scale ScaleFor(const Linux::ResourceType& type, double largest) {
+    if (type.bytes == 0) {
+        return {1, std::string(type.measure.substr(0, type.measure.find(' ')))};
     }
-    size_t name = resource == "mem" ? 1 : 0;
+    static constexpr std::array<const char*, 5> kNames{"B", "KiB", "MiB", "GiB", "TiB"};
+    const auto bytes = static_cast<double>(type.bytes);
+    size_t name = 0;
     double size = 1;
-    for (; largest / size >= 1024 && name + 1 < kNames.size(); ++name) {
+    for (; largest * bytes / size >= 1024 && name + 1 < kNames.size(); ++name) {
         size *= 1024;
     }
-    return {size, kNames.at(name)};
+    return {size / bytes, kNames.at(name)};
 }
 
-std::string CaptionOf(const std::string& resource, int64_t duration) {
-    const std::string over = std::to_string(duration) + " s";
-    if (resource == "mem") {
-        return "mem: memory, proportional set size";
-    }
-    if (resource == "io") {
-        return "io: written to storage in the last " + over;
-    }
-    return HtmlEscaped(resource) + ": processor time, percent of one core over the last " + over;
+std::string CaptionOf(const Linux::ResourceType& type, int64_t duration) {
+    return type.judged == Linux::Judged::kAmount
+               ? fmt::format("{}: {}", type.name, type.quantity)
+               : fmt::format("{}: {} {} {} s", type.name, type.quantity, type.span, duration);
 }
 
 // The distance of lines that are round numbers, at most `most` of them.
@@ -119,16 +116,16 @@ class Figure {
 
     std::string Take(const std::string& caption) const {
         const double height = Bottom() + kAxis;
-        return Format("<svg viewBox='0 0 %.0f %.0f' role='img'>\n", kWidth, height) +
+        return fmt::format("<svg viewBox='0 0 {:.0f} {:.0f}' role='img'>\n", kWidth, height) +
                "<text class='caption' x='4' y='14'>" + caption + "</text>\n" + content_ + "</svg>\n";
     }
 
     void SetScale(double largest) { largest_ = largest; }
     void DrawTimeAxis();
-    void DrawValueAxis(const Unit& unit);
+    void DrawValueAxis(const Scale& scale);
     void DrawBands();
     void DrawCurve(const std::vector<Point>& curve);
-    void DrawQuotas(const std::vector<Quota>& quotas, const Unit& unit);
+    void DrawQuotas(const std::vector<Quota>& quotas, const Scale& scale);
     void DrawTreatments();
     void DrawNote(const char* text);
 
@@ -171,61 +168,60 @@ void Figure::PlaceBadges() {
 }
 
 void Figure::DrawTimeAxis() {
-    content_ += Format("<path class='axis' d='M%.1f %.1fH%.1f'/>\n", kLeft, Bottom(), kRight);
+    content_ += fmt::format("<path class='axis' d='M{:.1f} {:.1f}H{:.1f}'/>\n", kLeft, Bottom(), kRight);
     const int64_t step = TimeStep(panel_.end - panel_.begin);
     for (int64_t time = (panel_.begin + step - 1) / step * step; time <= panel_.end; time += step) {
-        content_ += Format(
-            "<path class='grid' d='M%.1f %.1fV%.1f'/><text class='tick' x='%.1f' y='%.1f' "
-            "text-anchor='middle'>%s</text>\n",
+        content_ += fmt::format(
+            "<path class='grid' d='M{:.1f} {:.1f}V{:.1f}'/><text class='tick' x='{:.1f}' y='{:.1f}' "
+            "text-anchor='middle'>{}</text>\n",
             X(time), Top(), Bottom(), std::clamp(X(time), kLeft, kRight - 20), Bottom() + 16,
-            ClockText(time).c_str());
+            fmt::format("{:%T}", fmt::localtime(time / 1000)));
     }
 }
 
-void Figure::DrawValueAxis(const Unit& unit) {
-    const double step = RoundStep(largest_ / unit.size, plotHeight_ < kPlotHeight ? 2 : 4);
-    for (double value = 0; value * unit.size <= largest_; value += step) {
-        const double y = Y(value * unit.size);
-        content_ += Format(
-            "<path class='grid' d='M%.1f %.1fH%.1f'/><text class='tick' x='%.1f' y='%.1f' "
-            "text-anchor='end'>%s %s</text>\n",
-            kLeft, y, kRight, kLeft - 6, y + 4, Plain(value).c_str(), unit.name);
+void Figure::DrawValueAxis(const Scale& scale) {
+    const double step = scale.size * RoundStep(largest_ / scale.size, plotHeight_ < kPlotHeight ? 2 : 4);
+    for (double value = 0; value <= largest_; value += step) {
+        const double y = Y(value);
+        content_ += fmt::format(
+            "<path class='grid' d='M{:.1f} {:.1f}H{:.1f}'/><text class='tick' x='{:.1f}' y='{:.1f}' "
+            "text-anchor='end'>{}</text>\n",
+            kLeft, y, kRight, kLeft - 6, y + 4, scale.TextOf(value));
     }
 }
 
 void Figure::DrawBands() {
     for (const Band& band : panel_.bands) {
-        const bool isFreeze = band.kind == Treatment::Kind::kFreeze;
-        content_ += Format(
-            "<rect class='%s' x='%.1f' y='%.1f' width='%.1f' height='%.1f'><title>%s from %s to "
-            "%s</title></rect>\n",
-            isFreeze ? "frozen" : "suppressed", X(band.from), Top(), std::max(1.0, X(band.to) - X(band.from)),
-            plotHeight_, isFreeze ? "frozen" : "suppressed", ExactClockText(band.from).c_str(),
-            ExactClockText(band.to).c_str());
+        const std::string_view word = WordOf(band.kind);
+        content_ += fmt::format(
+            "<rect class='{}' x='{:.1f}' y='{:.1f}' width='{:.1f}' height='{:.1f}'><title>{} from {} to "
+            "{}</title></rect>\n",
+            word, X(band.from), Top(), std::max(1.0, X(band.to) - X(band.from)), plotHeight_, word,
+            ClockText(band.from), ClockText(band.to));
     }
 }
 
 void Figure::DrawCurve(const std::vector<Point>& curve) {
     std::string path;
     for (const Point& point : Thinned(curve)) {
-        path += Format("%s%.1f %.1f", point.beginsPiece || path.empty() ? "M" : "L", X(point.time),
-                       Y(point.value));
+        path += fmt::format("{}{:.1f} {:.1f}", point.beginsPiece || path.empty() ? "M" : "L", X(point.time),
+                            Y(point.value));
     }
     content_ += "<path class='curve' d='" + path + "'/>\n";
 }
 
-void Figure::DrawQuotas(const std::vector<Quota>& quotas, const Unit& unit) {
+void Figure::DrawQuotas(const std::vector<Quota>& quotas, const Scale& scale) {
     constexpr double kLabelHeight = 13;
     double lastLabel = 0;
     for (const Quota& quota : quotas) {
         const auto limit = static_cast<double>(quota.limit);
         const double y = Y(limit);
-        content_ += Format("<path class='quota' d='M%.1f %.1fH%.1f'/>\n", kLeft, y, kRight);
+        content_ += fmt::format("<path class='quota' d='M{:.1f} {:.1f}H{:.1f}'/>\n", kLeft, y, kRight);
         const double labelY = y - 4 < Top() + kLabelHeight ? y + kLabelHeight : y - 4;
         if (std::abs(labelY - lastLabel) >= kLabelHeight) {
-            content_ +=
-                Format("<text class='limit' x='%.1f' y='%.1f' text-anchor='end'>quota %s %s, %ld s</text>\n",
-                       kRight - 4, labelY, Plain(limit / unit.size).c_str(), unit.name, quota.duration);
+            content_ += fmt::format(
+                "<text class='limit' x='{:.1f}' y='{:.1f}' text-anchor='end'>quota {}, {} s</text>\n",
+                kRight - 4, labelY, scale.TextOf(limit), quota.duration);
             lastLabel = labelY;
         }
     }
@@ -234,96 +230,67 @@ void Figure::DrawQuotas(const std::vector<Quota>& quotas, const Unit& unit) {
 void Figure::DrawTreatments() {
     for (size_t i = 0; i < panel_.treatments.size(); ++i) {
         const Treatment& treatment = panel_.treatments[i];
-        const Look look = LookOf(treatment.kind);
+        const Mark& mark = MarkOf(treatment.kind);
         const double x = X(treatment.time);
         if (!HasBadges()) {
-            content_ += Format("<g class='%s'><path class='moment' d='M%.1f %.1fV%.1f'/></g>\n", look.style,
-                               x, Top(), Bottom());
+            content_ += fmt::format("<g class='{}'><path class='moment' d='M{:.1f} {:.1f}V{:.1f}'/></g>\n",
+                                    mark.style, x, Top(), Bottom());
             continue;
         }
         const double y = kCaption + kBadgeRow * static_cast<double>(rowOfBadge_[i]);
-        content_ += Format("<g class='%s%s'><path class='moment' d='M%.1f %.1fV%.1f'/>", look.style,
-                           treatment.error == 0 ? "" : " failed", x, y + 8, Bottom());
-        content_ += Format("<circle cx='%.1f' cy='%.1f' r='8.5'/><text x='%.1f' y='%.1f'>%s</text>", x, y + 8,
-                           x, y + 12, look.letter);
-        content_ += std::string("<title>") + (treatment.error == 0 ? "" : "failed: ") + look.word + ", " +
-                    ExactClockText(treatment.time) + "</title></g>\n";
+        content_ += fmt::format(
+            "<g class='{}{}'><path class='moment' d='M{:.1f} {:.1f}V{:.1f}'/><circle cx='{:.1f}' "
+            "cy='{:.1f}' r='8.5'/><text x='{:.1f}' y='{:.1f}'>{}</text><title>{}, {}</title></g>\n",
+            mark.style, treatment.error == 0 ? "" : " failed", x, y + 8, Bottom(), x, y + 8, x, y + 12,
+            mark.letter, TreatmentText(treatment), ClockText(treatment.time));
     }
 }
 
 void Figure::DrawNote(const char* text) {
-    content_ += Format("<text class='note' x='%.1f' y='%.1f' text-anchor='middle'>%s</text>\n",
-                       (kLeft + kRight) / 2, (Top() + Bottom()) / 2 + 4, text);
+    content_ += fmt::format("<text class='note' x='{:.1f}' y='{:.1f}' text-anchor='middle'>{}</text>\n",
+                            (kLeft + kRight) / 2, (Top() + Bottom()) / 2 + 4, text);
 }
 
 }  // namespace
 
 std::string HtmlEscaped(std::string_view text) {
+    static const std::map<char, const char*> kEntities{
+        {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
     std::string escaped;
     for (const char character : Escaped(text)) {
-        switch (character) {
-            case '&':
-                escaped += "&amp;";
-                break;
-            case '<':
-                escaped += "&lt;";
-                break;
-            case '>':
-                escaped += "&gt;";
-                break;
-            case '"':
-                escaped += "&quot;";
-                break;
-            case '\'':
-                escaped += "&#39;";
-                break;
-            default:
-                escaped += character;
-        }
+        const auto entity = kEntities.find(character);
+        escaped += entity == kEntities.end() ? std::string(1, character) : entity->second;
     }
     return escaped;
 }
 
 std::string ClockText(int64_t time) {
-    const std::time_t seconds = time / 1000;
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    return Format("%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
+    return fmt::format("{:%T}.{:03}", fmt::localtime(time / 1000), time % 1000);
 }
 
-std::string ExactClockText(int64_t time) {
-    return ClockText(time) + Format(".%03d", static_cast<int>(time % 1000));
+const Mark& MarkOf(TreatmentKind kind) {
+    // In the order of the kinds.
+    static constexpr std::array<Mark, 6> kMarks{
+        {{"S", "suppress"}, {"E", "end"}, {"F", "freeze"}, {"T", "end"}, {"K", "kill"}, {"R", "end"}}};
+    return kMarks.at(static_cast<size_t>(kind));
 }
 
-Look LookOf(Treatment::Kind kind) {
-    switch (kind) {
-        case Treatment::Kind::kSuppress:
-            return {"S", "suppressed", "suppress"};
-        case Treatment::Kind::kSuppressEnd:
-            return {"E", "end of the suppression", "end"};
-        case Treatment::Kind::kFreeze:
-            return {"F", "frozen", "freeze"};
-        case Treatment::Kind::kThaw:
-            return {"T", "thawed", "end"};
-        case Treatment::Kind::kKill:
-            return {"K", "killed", "kill"};
-        case Treatment::Kind::kRelease:
-            break;
-    }
-    return {"R", "released by an administrator", "end"};
+std::string TreatmentText(const Treatment& treatment) {
+    return fmt::format("{}{}", treatment.error == 0 ? "" : "failed: ", WordOf(treatment.kind));
 }
 
-bool Measured::IsAboveQuota() const {
+bool MeasuredResource::IsAboveQuota() const {
     return std::ranges::any_of(
         quotas, [this](const Quota& quota) { return peak > static_cast<double>(quota.limit); });
 }
 
-Measured Measure(const Panel& panel, const std::string& resource, const std::vector<Quota>& quotas) {
-    Measured measured{resource, quotas, 0, {}, 0};
+MeasuredResource MeasuredOf(const Panel& panel, const Linux::ResourceType& type,
+                            const std::vector<Quota>& quotas) {
+    MeasuredResource measured{&type, quotas, 0, {}, 0};
     if (!quotas.empty()) {
         measured.duration = std::ranges::min_element(quotas, {}, &Quota::duration)->duration;
     }
-    measured.curve = CurveOf(resource, measured.duration, panel.process->samples);
+    measured.curve = CurveOf(type, measured.duration, panel.process->samples);
     std::erase_if(measured.curve,
                   [&](const Point& point) { return point.time < panel.begin || point.time > panel.end; });
     for (const Point& point : measured.curve) {
@@ -332,26 +299,26 @@ Measured Measure(const Panel& panel, const std::string& resource, const std::vec
     return measured;
 }
 
-std::string FigureOf(const Panel& panel, const Measured& measured) {
+std::string FigureOf(const Panel& panel, const MeasuredResource& measured) {
     double largest = std::max(1.0, measured.peak);
     for (const Quota& quota : measured.quotas) {
         largest = std::max(largest, static_cast<double>(quota.limit));
     }
-    const Unit unit = UnitFor(measured.resource, largest);
-    const std::string caption = CaptionOf(measured.resource, measured.duration);
+    const Scale scale = ScaleFor(*measured.type, largest);
+    const std::string caption = CaptionOf(*measured.type, measured.duration);
     Figure figure(panel, measured.IsAboveQuota() ? kPlotHeight : kFlatHeight);
     figure.SetScale(largest * 1.12);
     figure.DrawBands();
     figure.DrawTimeAxis();
-    figure.DrawValueAxis(unit);
-    figure.DrawQuotas(measured.quotas, unit);
+    figure.DrawValueAxis(scale);
+    figure.DrawQuotas(measured.quotas, scale);
     figure.DrawCurve(measured.curve);
     figure.DrawTreatments();
     if (measured.curve.empty()) {
         figure.DrawNote("nothing was measured");
         return figure.Take(caption);
     }
-    return figure.Take(caption + "; peak " + Plain(measured.peak / unit.size) + " " + unit.name);
+    return figure.Take(caption + "; peak " + scale.TextOf(measured.peak));
 }
 
 std::string FigureWithoutSamples(const Panel& panel) {
@@ -359,7 +326,7 @@ std::string FigureWithoutSamples(const Panel& panel) {
     figure.DrawBands();
     figure.DrawTimeAxis();
     figure.DrawTreatments();
-    return figure.Take("no samples were recorded of it");
+    return figure.Take("no samples were recorded of this process");
 }
 
 }  // namespace KITE::Rqctl

@@ -10,23 +10,23 @@
 
 namespace KITE::Rqctl {
 
-// Texts of a page, escaped for HTML; control characters and what is not UTF-8 become visible.
+// A text in HTML; control characters and what is not UTF-8 become visible.
 std::string HtmlEscaped(std::string_view text);
-// "22:31:04" and "22:31:04.120", local time.
+// A moment in ms since the epoch: "22:31:04.120", local time.
 std::string ClockText(int64_t time);
-std::string ExactClockText(int64_t time);
 
-// The letter, the word and the class of a treatment, as figures and their legend have them.
-struct Look {
-    const char* letter;
-    const char* word;
-    const char* style;
+// How figures and their legend mark a kind of treatment.
+struct Mark {
+    std::string_view letter;
+    std::string_view style;  // the class in the style sheet
 };
-Look LookOf(Treatment::Kind kind);
+const Mark& MarkOf(Tools::TreatmentKind kind);
+// "frozen", or "failed: frozen".
+std::string TreatmentText(const Treatment& treatment);
 
 // What was measured of one resource of a panel.
-struct Measured {
-    std::string resource;
+struct MeasuredResource {
+    const Linux::ResourceType* type;
     std::vector<Quota> quotas;
     int64_t duration = 0;  // of the shortest one; the curve is that of its window
     std::vector<Point> curve;
@@ -34,10 +34,11 @@ struct Measured {
 
     bool IsAboveQuota() const;
 };
-Measured Measure(const Panel& panel, const std::string& resource, const std::vector<Quota>& quotas);
+MeasuredResource MeasuredOf(const Panel& panel, const Linux::ResourceType& type,
+                            const std::vector<Quota>& quotas);
 
 // A figure of it, the quotas, and what was done; a flat one where no quota was broken. An SVG element.
-std::string FigureOf(const Panel& panel, const Measured& measured);
+std::string FigureOf(const Panel& panel, const MeasuredResource& measured);
 
 // A figure of nothing but what was done.
 std::string FigureWithoutSamples(const Panel& panel);

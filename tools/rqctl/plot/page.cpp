@@ -1,10 +1,9 @@
 #include "rqctl/plot/page.h"
 
+#include <fmt/chrono.h>
+
 #include <algorithm>
-#include <array>
 #include <cstddef>
-#include <cstring>
-#include <ctime>
 
 #include "rqctl/plot/figure.h"
 #include "rqctl/plot/panel.h"
@@ -13,7 +12,8 @@ namespace KITE::Rqctl {
 
 namespace {
 
-using Kind = Treatment::Kind;
+using Tools::WordOf;
+using Kind = Tools::TreatmentKind;
 
 constexpr size_t kMostPanels = 100;
 constexpr size_t kShortList = 8;
@@ -69,8 +69,8 @@ li { font-variant-numeric: tabular-nums; overflow-wrap: anywhere; }
 </pattern></defs></svg>
 )html";
 
-std::string KeyOf(const std::string& picture, const std::string& text) {
-    return "<span><svg class='key' viewBox='0 0 26 18'>" + picture + "</svg>" + text + "</span>\n";
+std::string KeyOf(std::string_view picture, std::string_view text) {
+    return fmt::format("<span><svg class='key' viewBox='0 0 26 18'>{}</svg>{}</span>\n", picture, text);
 }
 
 std::string Legend() {
@@ -81,11 +81,11 @@ std::string Legend() {
                          KeyOf("<rect class='frozen' width='26' height='18'/>", "while frozen");
     for (const Kind kind :
          {Kind::kSuppress, Kind::kSuppressEnd, Kind::kFreeze, Kind::kThaw, Kind::kKill, Kind::kRelease}) {
-        const Look look = LookOf(kind);
-        legend +=
-            KeyOf(std::string("<g class='") + look.style +
-                      "'><circle cx='13' cy='9' r='8.2'/><text x='13' y='13'>" + look.letter + "</text></g>",
-                  look.word);
+        const Mark& mark = MarkOf(kind);
+        legend += KeyOf(
+            fmt::format("<g class='{}'><circle cx='13' cy='9' r='8.2'/><text x='13' y='13'>{}</text></g>",
+                        mark.style, mark.letter),
+            WordOf(kind));
     }
     return legend +
            KeyOf("<g class='kill failed'><circle cx='13' cy='9' r='8.2'/><text x='13' y='13'>K</text></g>",
@@ -94,12 +94,7 @@ std::string Legend() {
 }
 
 std::string DateText(int64_t time) {
-    const std::time_t seconds = time / 1000;
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    std::array<char, 64> text{};
-    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S %Z", &local);
-    return HtmlEscaped(text.data());
+    return HtmlEscaped(fmt::format("{:%F %T %Z}", fmt::localtime(time / 1000)));
 }
 
 std::string Introduction(const RunRecord& record, const std::vector<Panel>& panels, size_t omitted) {
@@ -109,10 +104,9 @@ std::string Introduction(const RunRecord& record, const std::vector<Panel>& pane
     }
     const auto begin = std::ranges::min_element(panels, {}, &Panel::begin)->begin;
     const auto end = std::ranges::max_element(panels, {}, &Panel::end)->end;
-    text += "<p class='quiet'>" + DateText(begin) + " to " + DateText(end) + "</p>\n";
+    text += fmt::format("<p class='quiet'>{} to {}</p>\n", DateText(begin), DateText(end));
     if (record.isDryRun) {
-        text +=
-            "<p class='warning'>This was, at least in part, a dry run: nothing was really done then.</p>\n";
+        text += "<p class='warning'>At least a part of this was a dry run, in which nothing is done.</p>\n";
     }
     if (!record.hasSamples) {
         text +=
@@ -120,50 +114,53 @@ std::string Introduction(const RunRecord& record, const std::vector<Panel>& pane
             "on.</p>\n";
     }
     if (omitted != 0) {
-        text += "<p class='warning'>" + std::to_string(omitted) + " earlier ones are left out.</p>\n";
+        text += fmt::format("<p class='warning'>{} earlier ones are left out.</p>\n", omitted);
     }
     if (record.skippedLines != 0) {
-        text += "<p class='quiet'>" + std::to_string(record.skippedLines) +
-                " lines of the files could not be understood.</p>\n";
+        text += fmt::format("<p class='quiet'>{} lines of the files could not be understood.</p>\n",
+                            record.skippedLines);
     }
     return text + Legend();
 }
 
 std::string ListOf(const std::vector<Treatment>& treatments) {
-    std::string list = std::string("<details") + (treatments.size() <= kShortList ? " open" : "") +
-                       "><summary>" + std::to_string(treatments.size()) +
-                       (treatments.size() == 1 ? " moment" : " moments") + "</summary><ol>\n";
+    std::string list = fmt::format("<details{}><summary>{} moment{}</summary><ol>\n",
+                                   treatments.size() <= kShortList ? " open" : "", treatments.size(),
+                                   treatments.size() == 1 ? "" : "s");
     for (const Treatment& treatment : treatments) {
-        const Look look = LookOf(treatment.kind);
-        list += "<li>" + ExactClockText(treatment.time) + " <b>" + look.letter + "</b> " +
-                (treatment.error == 0 ? "" : "failed: ") + look.word;
+        list += fmt::format("<li>{} <b>{}</b> {}", ClockText(treatment.time), MarkOf(treatment.kind).letter,
+                            TreatmentText(treatment));
         if (treatment.error != 0) {
-            const char* reason = strerrordesc_np(static_cast<int>(treatment.error));
-            list += std::string(" (") + (reason == nullptr ? "unknown error" : reason) + ")";
+            list += fmt::format(" ({})", Linux::ErrorOf(static_cast<int>(treatment.error)).message());
         }
-        list += treatment.detail.empty() ? "" : ", <bdi>" + HtmlEscaped(treatment.detail) + "</bdi>";
+        list += treatment.detail.empty() ? "" : fmt::format(", <bdi>{}</bdi>", HtmlEscaped(treatment.detail));
         list += "</li>\n";
     }
     return list + "</ol></details>\n";
 }
 
-std::string SectionOf(const Panel& panel) {
-    std::string section = "<section><h2><bdi>" + HtmlEscaped(panel.name) + "</bdi> <small>pid " +
-                          std::to_string(panel.pid) + ", first treated " +
-                          DateText(panel.treatments.front().time) + "</small></h2>\n";
-    std::vector<std::string> figures;
-    for (const auto& [resource, quotas] : panel.process->quotas) {
-        // What broke its quota comes first.
-        const Measured measured = Measure(panel, resource, quotas);
-        figures.insert(measured.IsAboveQuota() ? figures.begin() : figures.end(), FigureOf(panel, measured));
-    }
-    for (const std::string& figure : figures) {
-        section += figure;
-    }
+std::string FiguresOf(const Panel& panel) {
     if (panel.process->quotas.empty()) {
-        section += FigureWithoutSamples(panel);
+        return FigureWithoutSamples(panel);
     }
-    return section + ListOf(panel.treatments) + "</section>\n";
+    std::vector<MeasuredResource> resources;
+    for (const auto& [type, quotas] : panel.process->quotas) {
+        resources.push_back(MeasuredOf(panel, *type, quotas));
+    }
+    // Those whose quota was exceeded come first.
+    std::ranges::stable_partition(resources, &MeasuredResource::IsAboveQuota);
+    std::string figures;
+    for (const MeasuredResource& measured : resources) {
+        figures += FigureOf(panel, measured);
+    }
+    return figures;
+}
+
+std::string SectionOf(const Panel& panel) {
+    return fmt::format(
+        "<section><h2><bdi>{}</bdi> <small>pid {}, first treated {}</small></h2>\n{}{}</section>\n",
+        HtmlEscaped(panel.name), panel.pid, DateText(panel.treatments.front().time), FiguresOf(panel),
+        ListOf(panel.treatments));
 }
 
 }  // namespace

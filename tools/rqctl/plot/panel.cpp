@@ -8,7 +8,7 @@ namespace KITE::Rqctl {
 
 namespace {
 
-using Kind = Treatment::Kind;
+using Kind = Tools::TreatmentKind;
 
 constexpr int64_t kMinute = 60'000;
 // A longer run is not shown on one axis, and treatments further apart are not shown together.
@@ -29,7 +29,7 @@ struct Range {
     int64_t Length() const { return end - begin; }
 };
 
-Range RangeOf(const TreatedRecord& process) {
+Range RangeOf(const TreatedProcess& process) {
     Range range;
     for (const Treatment& treatment : process.treatments) {
         range.Include(treatment.time);
@@ -51,7 +51,7 @@ Range RangeOf(const RunRecord& record) {
 }
 
 // A treatment without an end lasts as long as the process was seen.
-std::vector<Band> BandsOf(const TreatedRecord& process) {
+std::vector<Band> BandsOf(const TreatedProcess& process) {
     std::vector<Band> bands;
     const auto end = [&](Kind kind, int64_t time) {
         for (Band& band : bands) {
@@ -92,7 +92,7 @@ std::vector<Band> BandsOf(const TreatedRecord& process) {
 }
 
 // The part of a process's record that lies in the panel's time.
-void Fill(Panel& panel, const TreatedRecord& process, const std::vector<Band>& bands) {
+void Fill(Panel& panel, const TreatedProcess& process, const std::vector<Band>& bands) {
     const auto isWithin = [&](const auto& one) { return one.time >= panel.begin && one.time <= panel.end; };
     std::ranges::copy_if(process.treatments, std::back_inserter(panel.treatments), isWithin);
     for (const Band& band : bands) {
@@ -105,7 +105,7 @@ void Fill(Panel& panel, const TreatedRecord& process, const std::vector<Band>& b
 }
 
 // Times around treatments that lie close to each other, as far as the process was there.
-std::vector<Range> EpisodesOf(const TreatedRecord& process) {
+std::vector<Range> EpisodesOf(const TreatedProcess& process) {
     const Range seen = RangeOf(process);
     std::vector<Range> episodes;
     for (const Treatment& treatment : process.treatments) {

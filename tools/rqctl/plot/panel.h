@@ -11,7 +11,7 @@ namespace KITE::Rqctl {
 
 // A stretch of time in which a process was suppressed or frozen.
 struct Band {
-    Treatment::Kind kind = Treatment::Kind::kSuppress;  // or kFreeze
+    Tools::TreatmentKind kind{};  // kSuppress or kFreeze
     int64_t from = 0;
     int64_t to = 0;
 };
@@ -19,13 +19,13 @@ struct Band {
 // What is shown together of one process: its treatments that lie close to each other, and the time around
 // them.
 struct Panel {
-    int32_t pid = 0;
+    int64_t pid = 0;
     std::string name;
     int64_t begin = 0;
     int64_t end = 0;
     std::vector<Treatment> treatments;
     std::vector<Band> bands;
-    const TreatedRecord* process = nullptr;  // all that is known of it
+    const TreatedProcess* process = nullptr;  // all that is known of it
 };
 
 // In the order of their first treatments. They refer to the record.
