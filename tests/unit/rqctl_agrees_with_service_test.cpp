@@ -59,7 +59,7 @@ class QuotaCheckTest : public ResourceQuotaCtl::ServiceTest {
             files.push_back(AddLayer(text));
         }
         layers_ = ReadLayers(files);
-        const std::vector<Finding> findings = Lint(layers_);
+        const std::vector<Finding> findings = FindingsIn(layers_);
         policy_ = std::make_unique<ResPolicyManager>();
         isAccepted_ = policy_->InitFromFiles(files);
         ASSERT_EQ(isAccepted_, std::ranges::count(findings, Severity::kError, &Finding::severity) == 0)
@@ -86,24 +86,25 @@ TEST_F(QuotaCheckTest, ExplainsEveryRuleInForceByTheLineThatItWasWrittenIn) {
         std::vector<std::string> texts(1 + Random(4));
         std::ranges::generate(texts, [this] { return RandomFile(); });
         ASSERT_NO_FATAL_FAILURE(Read(texts));
-        const ExplainedPolicy explained(layers_);
-        ASSERT_EQ(explained.IsAccepted(), isAccepted_);
+        const PolicyInForce policy(layers_);
+        ASSERT_EQ(policy.IsAccepted(), isAccepted_);
         accepted += isAccepted_ ? 1 : 0;
         std::vector<Kelvra::ResQuotaInfo> expected;
         policy_->GetAllResQuotaInfos(expected);
         auto times = policy_->GetExtensionRunningTime();
         auto next = expected.begin();
         for (const char* name : {"A", "B", "C", "T", "U"}) {
-            const Explanation explanation = explained.Explain(name);
-            for (const auto& [record, origin] : explanation.rules) {
+            const auto entry = policy.Find(name);
+            ASSERT_TRUE(entry);
+            for (const auto& [record, origin] : entry->rules) {
                 ASSERT_TRUE(next != expected.end() && next->id == record.id && next->processName == name);
                 EXPECT_EQ(origin.value->Find("id")->number, record.id) << ::testing::PrintToString(texts);
                 inherited += origin.element->Name().text != name ? 1 : 0;
                 ++next;
             }
-            ASSERT_EQ(explanation.runningTime, times[name]);
-            if (explanation.runningTime != 0) {
-                EXPECT_EQ(explanation.runningTimeOrigin.value->number, explanation.runningTime);
+            ASSERT_EQ(entry->runningTime, times[name]);
+            if (entry->runningTime != 0) {
+                EXPECT_EQ(entry->runningTimeOrigin.value->number, entry->runningTime);
             }
         }
         ASSERT_EQ(next, expected.end());

@@ -21,12 +21,12 @@ struct Finding {
 };
 
 // What is wrong within each layer by itself.
-void LintLayer(const Layer& layer, std::vector<Finding>& findings);
+void CheckLayer(const Layer& layer, std::vector<Finding>& findings);
 
 // What is wrong between elements: names, templates and parents.
-void LintMerge(const std::vector<Layer>& layers, std::vector<Finding>& findings);
+void CheckEntries(const std::vector<Layer>& layers, std::vector<Finding>& findings);
 
 // Everything, in the order of the layers and of their texts. The layers must outlive the findings.
-std::vector<Finding> Lint(const std::vector<Layer>& layers);
+std::vector<Finding> FindingsIn(const std::vector<Layer>& layers);
 
 }  // namespace KITE::Rqctl

@@ -1,4 +1,7 @@
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <map>
 #include <set>
 #include <string>
 #include <tuple>
@@ -11,107 +14,98 @@ namespace KITE::Rqctl {
 
 namespace {
 
-// Whether a process can bear the name: what the Kelvra manager reads of a first argument, and the service,
-// which cuts it, finds in the name again.
-bool CanBeBorne(const std::string& name) {
+// Whether a process can have the name: the Kelvra manager reads it of a first argument, and the service,
+// which cuts it, finds what it sees in the name again.
+bool IsProcessName(const std::string& name) {
     return !name.empty() && Linux::ProcessNameOf(name) == name;
 }
 
-class MergeLint {
+class EntryFindings {
   public:
-    MergeLint(const MergedLayers& merged, std::vector<Finding>& findings)
+    EntryFindings(const MergedLayers& merged, std::vector<Finding>& findings)
         : merged_(merged), findings_(findings) {
         for (const auto& [name, entry] : merged.Entries()) {
-            if (entry.heir != nullptr) {
-                parents_.insert(entry.heir->Parent().text);
+            if (entry.parentFrom != nullptr) {
+                parents_.insert(entry.parentFrom->Parent().text);
             }
         }
     }
 
-    void Run() {
-        FindNamesDefinedTwice();
-        for (const auto& [name, entry] : merged_.Entries()) {
-            CheckParent(name, entry);
-            CheckName(name, entry);
-        }
-    }
-
-  private:
-    void Add(Severity severity, const Element& element, const JsonValue& member, std::string found,
-             std::string allowed) {
-        const std::string pointer = Below(Below("/quotas", element.index), member.key);
-        findings_.push_back(
-            {severity, element.layer, member.begin, pointer, std::move(found), std::move(allowed)});
-    }
-    static std::string Shown(const Element& element, const JsonValue& member) {
-        return element.layer->json.Shown(member);
-    }
-    static std::string LineOf(const Element& element) {
-        return std::to_string(element.layer->json.PositionOf(element.Name().begin).line);
-    }
-
-    void FindNamesDefinedTwice() {
+    void CheckForNamesDefinedTwice() {
         std::map<std::pair<const Layer*, std::string>, const Element*> first;
         for (const Element& element : merged_.Elements()) {
             const auto [found, isNew] = first.try_emplace({element.layer, element.Name().text}, &element);
             if (!isNew) {
                 Add(Severity::kWarning, element, element.Name(),
-                    Shown(element, element.Name()) + " is also in line " + LineOf(*found->second) +
-                        ": these rules replace those, the parent stays that one's",
+                    fmt::format(
+                        "{} is also in line {}: these rules replace those, but the parent stays that of "
+                        "line {}",
+                        Excerpt(element, element.Name()), LineOf(*found->second), LineOf(*found->second)),
                     "each name once in a file");
             }
         }
     }
 
-    void CheckParent(const std::string& name, const Entry& entry) {
-        if (entry.heir == nullptr) {
+    void CheckParent(const Entry& entry) {
+        if (entry.parentFrom == nullptr) {
             return;
         }
-        const Element& heir = *entry.heir;
-        const std::string parent = Shown(heir, heir.Parent());
+        const Element& from = *entry.parentFrom;
+        const std::string parent = Excerpt(from, from.Parent());
         if (merged_.ParentOf(entry) == nullptr) {
-            Add(Severity::kError, heir, heir.Parent(), "there is no entry " + parent,
+            Add(Severity::kError, from, from.Parent(), fmt::format("there is no entry {}", parent),
                 "the name of an entry of any layer");
-        } else if (IsOnCycle(name)) {
-            Add(Severity::kError, heir, heir.Parent(), parent + " inherits from this entry",
-                "a parent that does not");
+        } else if (IsOnCycle(entry)) {
+            Add(Severity::kError, from, from.Parent(), fmt::format("{} inherits from this entry", parent),
+                "a parent that does not inherit from this entry");
         }
-        const JsonValue& written = entry.record->Parent();
-        if (written.text != heir.Parent().text) {
-            Add(Severity::kWarning, *entry.record, written,
-                Shown(*entry.record, written) + " has no effect: the parent stays " + parent + " of " +
-                    heir.layer->path + ':' + LineOf(heir),
+        const JsonValue& written = entry.rulesFrom->Parent();
+        if (written.text != from.Parent().text) {
+            Add(Severity::kWarning, *entry.rulesFrom, written,
+                fmt::format("{} has no effect: the parent stays {} of {}:{}",
+                            Excerpt(*entry.rulesFrom, written), parent, from.layer->path, LineOf(from)),
                 "the same parent as there");
         }
-    }
-
-    bool IsOnCycle(const std::string& name) const {
-        std::set<const Entry*> visited;
-        const Entry* start = merged_.Find(name);
-        for (const Entry* entry = merged_.ParentOf(*start); entry != nullptr && visited.insert(entry).second;
-             entry = merged_.ParentOf(*entry)) {
-            if (entry == start) {
-                return true;
-            }
-        }
-        return false;
     }
 
     void CheckName(const std::string& name, const Entry& entry) {
         if (parents_.contains(name)) {
             return;
         }
-        constexpr const char* kAllowed = "the last component of a process's first argument, without a slash";
-        const JsonValue& written = entry.record->Name();
-        if (!CanBeBorne(name)) {
-            Add(Severity::kWarning, *entry.record, written,
-                Shown(*entry.record, written) + " is borne by no process and inherited by no entry",
-                kAllowed);
+        const JsonValue& written = entry.rulesFrom->Name();
+        const std::string excerpt = Excerpt(*entry.rulesFrom, written);
+        if (!IsProcessName(name)) {
+            Add(Severity::kWarning, *entry.rulesFrom, written,
+                fmt::format("no process can have the name {}, and no entry inherits from it", excerpt),
+                "the last component of a process's first argument, without a slash");
         } else if (name.find("template") != std::string::npos) {
-            Add(Severity::kWarning, *entry.record, written,
-                "no entry inherits from the template " + Shown(*entry.record, written),
+            Add(Severity::kWarning, *entry.rulesFrom, written,
+                fmt::format("no entry inherits from the template {}", excerpt),
                 "a template that is inherited from, or a process's name");
         }
+    }
+
+  private:
+    void Add(Severity severity, const Element& element, const JsonValue& member, std::string found,
+             std::string allowed) {
+        findings_.push_back({severity, element.layer, member.begin,
+                             Below(Below("/quotas", element.index), member.key), std::move(found),
+                             std::move(allowed)});
+    }
+    static std::string Excerpt(const Element& element, const JsonValue& member) {
+        return element.layer->json.Excerpt(member);
+    }
+    static size_t LineOf(const Element& element) {
+        return element.layer->json.PositionOf(element.Name().begin).line;
+    }
+
+    bool IsOnCycle(const Entry& start) const {
+        std::set<const Entry*> visited;
+        const Entry* entry = merged_.ParentOf(start);
+        while (entry != nullptr && entry != &start && visited.insert(entry).second) {
+            entry = merged_.ParentOf(*entry);
+        }
+        return entry == &start;
     }
 
     const MergedLayers& merged_;
@@ -121,23 +115,27 @@ class MergeLint {
 
 }  // namespace
 
-void LintMerge(const std::vector<Layer>& layers, std::vector<Finding>& findings) {
+void CheckEntries(const std::vector<Layer>& layers, std::vector<Finding>& all) {
     const MergedLayers merged(layers);
-    MergeLint(merged, findings).Run();
+    EntryFindings findings(merged, all);
+    findings.CheckForNamesDefinedTwice();
+    for (const auto& [name, entry] : merged.Entries()) {
+        findings.CheckParent(entry);
+        findings.CheckName(name, entry);
+    }
 }
 
-std::vector<Finding> Lint(const std::vector<Layer>& layers) {
+std::vector<Finding> FindingsIn(const std::vector<Layer>& layers) {
     std::vector<Finding> findings;
     for (const Layer& layer : layers) {
-        LintLayer(layer, findings);
+        CheckLayer(layer, findings);
     }
-    // What a file that cannot be read defines is not known; nobody should look for it in the others.
-    const auto isReadable = [](const Layer& layer) { return !layer.json.fault; };
-    if (std::ranges::all_of(layers, isReadable)) {
-        LintMerge(layers, findings);
+    // The templates of a file that cannot be read are unknown, not missing.
+    if (std::ranges::all_of(layers, [](const Layer& layer) { return !layer.json.fault; })) {
+        CheckEntries(layers, findings);
     }
-    const auto inOrder = [](const Finding& finding) { return std::tuple(finding.layer, finding.offset); };
-    std::ranges::stable_sort(findings, {}, inOrder);
+    std::ranges::stable_sort(
+        findings, {}, [](const Finding& finding) { return std::tuple(finding.layer, finding.offset); });
     return findings;
 }
 

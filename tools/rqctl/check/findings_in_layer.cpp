@@ -1,22 +1,24 @@
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
-#include <limits>
 #include <numeric>
 #include <optional>
 #include <set>
 #include <utility>
 
+#include "base/text.h"
 #include "process_quotas.h"
 #include "rqctl/check/findings.h"
-#include "rqctl/check/units.h"
+#include "rqctl/check/rule_words.h"
 
 namespace KITE::Rqctl {
 
 namespace {
 
+using Linux::ResourceType;
 using ResourceQuotaCtl::kConditionBits;
-using ResourceQuotaCtl::kResourceTypes;
 using Names = std::vector<std::string_view>;
 
 constexpr const char* kString = "a string";
@@ -36,14 +38,6 @@ size_t EditDistance(std::string_view from, std::string_view to) {
     return row.back();
 }
 
-std::string Joined(const Names& names) {
-    std::string joined;
-    for (const std::string_view name : names) {
-        joined += (joined.empty() ? "" : ", ") + std::string(name);
-    }
-    return joined;
-}
-
 // The names, and which of them may have been meant.
 std::string AllowedOf(const Names& names, std::string_view written) {
     constexpr size_t kLongestWord = 64;
@@ -52,318 +46,301 @@ std::string AllowedOf(const Names& names, std::string_view written) {
     const auto distance = [&](std::string_view name) { return EditDistance(word, name); };
     const auto nearest = std::ranges::min_element(names, {}, distance);
     const bool isNear = distance(*nearest) <= (nearest->size() + 1) / 2 || word.starts_with(*nearest);
-    return Joined(names) + (isNear ? " (nearest: " + std::string(*nearest) + ")" : "");
+    return fmt::format("{}{}", fmt::join(names, ", "),
+                       isNear ? fmt::format(" (nearest: {})", *nearest) : std::string());
 }
 
-Names ConditionNames() {
-    Names names;
-    for (const auto& [name, bit] : kConditionBits) {
-        names.push_back(name);
-    }
-    return names;
-}
-
-std::vector<std::string_view> PiecesOf(std::string_view condition) {
-    std::vector<std::string_view> pieces;
-    while (!condition.empty()) {
-        const size_t end = std::min(condition.find('&'), condition.size());
-        pieces.push_back(condition.substr(0, end));
-        condition.remove_prefix(std::min(end + 1, condition.size()));
-    }
-    return pieces;
-}
-
-uint32_t BitOf(std::string_view name) {
-    const auto found = std::ranges::find(kConditionBits, name, [](const auto& bit) { return bit.first; });
-    return found == kConditionBits.end() ? 0 : found->second;
-}
-
-// A value and its place in the document.
-struct Place {
+// A value and the JSON pointer to it.
+struct Node {
     const JsonValue* value;
     std::string pointer;
 
-    Place Under(const JsonValue& member) const { return {&member, Below(pointer, member.key)}; }
-    Place Element(size_t index) const { return {&value->children[index], Below(pointer, index)}; }
+    Node Member(const JsonValue& member) const { return {&member, Below(pointer, member.key)}; }
+    Node Element(size_t index) const { return {&value->children[index], Below(pointer, index)}; }
 };
 
-class LayerLint {
+// Collects the findings in one layer.
+class LayerFindings {
   public:
-    LayerLint(const Layer& layer, std::vector<Finding>& findings) : layer_(layer), findings_(findings) {}
+    LayerFindings(const Layer& layer, std::vector<Finding>& findings) : layer_(layer), findings_(findings) {}
 
-    void Run() {
-        const Place root{&layer_.json.root, ""};
-        if (layer_.json.fault) {
-            const JsonFault& fault = *layer_.json.fault;
-            findings_.push_back({Severity::kError, &layer_, fault.offset, "", fault.found, fault.allowed});
-            return;
-        }
-        FindDuplicates(root);
-        if (!IsObject(root)) {
-            return;
-        }
-        WarnOfOtherKeys(root, {"quotas"});
-        const auto quotas = Required(root, "quotas", &JsonValue::IsArray, "a list");
-        for (size_t i = 0; quotas && i < quotas->value->children.size(); ++i) {
-            CheckElement(quotas->Element(i));
-        }
+    void Error(const Node& node, std::string found, std::string allowed) {
+        Add(Severity::kError, node, node.value->begin, std::move(found), std::move(allowed));
     }
+    void Warn(const Node& node, std::string found, std::string allowed) {
+        Add(Severity::kWarning, node, node.value->begin, std::move(found), std::move(allowed));
+    }
+    void WarnAtKey(const Node& node, std::string found, std::string allowed) {
+        Add(Severity::kWarning, node, node.value->keyBegin, std::move(found), std::move(allowed));
+    }
+    std::string Excerpt(const Node& node) const { return layer_.json.Excerpt(*node.value); }
 
-  private:
-    void Add(Severity severity, const Place& place, size_t offset, std::string found, std::string allowed) {
-        findings_.push_back({severity, &layer_, offset, place.pointer, std::move(found), std::move(allowed)});
-    }
-    void Error(const Place& place, std::string found, std::string allowed) {
-        Add(Severity::kError, place, place.value->begin, std::move(found), std::move(allowed));
-    }
-    void Warn(const Place& place, std::string found, std::string allowed) {
-        Add(Severity::kWarning, place, place.value->begin, std::move(found), std::move(allowed));
-    }
-    void WarnAtKey(const Place& place, std::string found, std::string allowed) {
-        Add(Severity::kWarning, place, place.value->keyBegin, std::move(found), std::move(allowed));
-    }
-    std::string Shown(const Place& place) const { return layer_.json.Shown(*place.value); }
-
-    bool IsObject(const Place& place) {
-        if (!place.value->IsObject()) {
-            Error(place, Shown(place), "an object");
+    bool RequireObject(const Node& node) {
+        if (!node.value->IsObject()) {
+            Error(node, Excerpt(node), "an object");
         }
-        return place.value->IsObject();
+        return node.value->IsObject();
     }
 
-    // The member, when it is there and of the type that the service asks for; else that is an error.
-    std::optional<Place> Required(const Place& object, std::string_view key,
-                                  bool (JsonValue::*isOfType)() const, const char* type) {
+    // The member, when it is there and of the type that the service requires; else that is an error.
+    std::optional<Node> Require(const Node& object, std::string_view key, bool (JsonValue::*isOfType)() const,
+                                const char* type) {
         const JsonValue* member = object.value->Find(key);
         if (member == nullptr) {
-            Error(object, '"' + std::string(key) + "\" is missing", type);
+            Error(object, fmt::format("\"{}\" is missing", key), type);
             return std::nullopt;
         }
-        Place place = object.Under(*member);
+        Node node = object.Member(*member);
         if (!(member->*isOfType)()) {
-            Error(place, Shown(place), type);
+            Error(node, Excerpt(node), type);
             return std::nullopt;
         }
-        return place;
-    }
-
-    // Of members of the same key, the last is the one that counts.
-    void FindDuplicates(const Place& place) {
-        const auto& children = place.value->children;
-        if (!place.value->IsObject()) {
-            for (size_t i = 0; i < children.size(); ++i) {
-                FindDuplicates(place.Element(i));
-            }
-            return;
-        }
-        std::set<std::string_view> later;
-        for (size_t i = children.size(); i-- > 0;) {
-            const Place member = place.Under(children[i]);
-            if (!later.insert(children[i].key).second) {
-                WarnAtKey(member, "the key stands again below, and that one counts", "each key once");
-            }
-            FindDuplicates(member);
-        }
+        return node;
     }
 
     // A key that begins with $ is a note of tools, such as "$schema".
-    void WarnOfOtherKeys(const Place& object, const Names& known) {
+    void WarnOfOtherKeys(const Node& object, const Names& keys) {
         for (const JsonValue& member : object.value->children) {
-            if (!member.key.starts_with('$') && std::ranges::find(known, member.key) == known.end()) {
-                WarnAtKey(object.Under(member), "the key is ignored", AllowedOf(known, member.key));
+            if (!member.key.starts_with('$') && std::ranges::find(keys, member.key) == keys.end()) {
+                WarnAtKey(object.Member(member), "the key is ignored", AllowedOf(keys, member.key));
             }
         }
     }
 
-    void CheckElement(const Place& element) {
-        if (!IsObject(element)) {
-            return;
-        }
-        WarnOfOtherKeys(element, {"process_name", "inherit", "process_quotas"});
-        Required(element, "process_name", &JsonValue::IsString, kString);
-        Required(element, "inherit", &JsonValue::IsString, "a string, \"\" for no parent");
-        const auto quotas = Required(element, "process_quotas", &JsonValue::IsObject, "an object");
-        if (!quotas) {
-            return;
-        }
-        Names known(kResourceTypes.begin(), kResourceTypes.end());
-        known.emplace_back("running_time");
-        WarnOfOtherKeys(*quotas, known);
-        for (const std::string_view key : known) {
-            if (const JsonValue* member = quotas->value->Find(key)) {
-                key == "running_time" ? CheckRunningTime(quotas->Under(*member))
-                                      : CheckRules(quotas->Under(*member));
-            }
-        }
-    }
-
-    void CheckRunningTime(const Place& place) {
-        constexpr const char* kAllowed = "an integer from 1 to 2147483647";
-        if (!place.value->IsInteger()) {
-            Warn(place, Shown(place) + " counts as no running time", kAllowed);
-            return;
-        }
-        const int32_t time = CutTo32(place);
-        if (time == 0) {
-            Warn(place, "0 is as if the key were not there: a template's is inherited", kAllowed);
-        } else if (time < 0) {
-            Warn(place, std::to_string(time) + " is never told to anybody", kAllowed);
-        }
-    }
-
-    int32_t CutTo32(const Place& place) {
-        const int64_t wide = place.value->number;
-        const auto cut = static_cast<int32_t>(wide);
-        if (cut != wide || place.value->isCut) {
-            Warn(place, Shown(place) + " is cut to " + std::to_string(cut),
+    // Warns of an integer that the service cuts to 32 bits.
+    int32_t CutTo32(const Node& node) {
+        const auto cut = static_cast<int32_t>(node.value->number);
+        if (cut != node.value->number || node.value->isCut) {
+            Warn(node, fmt::format("{} is cut to {}", Excerpt(node), cut),
                  "an integer from -2147483648 to 2147483647");
         }
         return cut;
     }
-
-    int64_t CutTo64(const Place& place) {
-        const auto cut = place.value->number;
-        if (place.value->isCut) {
-            Warn(place, Shown(place) + " is cut to " + std::to_string(cut), "at most 9223372036854775807");
+    int64_t CutTo64(const Node& node) {
+        if (node.value->isCut) {
+            Warn(node, fmt::format("{} is cut to {}", Excerpt(node), node.value->number),
+                 "at most 9223372036854775807");
         }
-        return cut;
+        return node.value->number;
     }
 
-    void CheckRules(const Place& rules) {
-        if (!rules.value->IsArray()) {
-            Warn(rules, Shown(rules) + " counts as an empty list", "a list of rules");
-            return;
-        }
-        for (size_t i = 0; i < rules.value->children.size(); ++i) {
-            if (const Place rule = rules.Element(i); IsObject(rule)) {
-                CheckRule(rule, UnitOf(rules.value->key));
-            }
-        }
-    }
-
-    // The service reads the keys in this order.
-    void CheckRule(const Place& rule, const Unit& unit) {
-        WarnOfOtherKeys(rule, {"condition", "id", "resource_quota", "duration", "action"});
-        if (const auto conditions = Required(rule, "condition", &JsonValue::IsArray, "a list of strings")) {
-            CheckConditions(*conditions, unit);
-        }
-        if (const auto id = Required(rule, "id", &JsonValue::IsInteger, kInteger)) {
-            CutTo32(*id);
-        }
-        if (const auto quota = Required(rule, "resource_quota", &JsonValue::IsInteger, kInteger)) {
-            CheckQuota(*quota, unit);
-        }
-        if (const auto duration = Required(rule, "duration", &JsonValue::IsInteger, kInteger)) {
-            CheckDuration(*duration, unit);
-        }
-        if (const auto action = Required(rule, "action", &JsonValue::IsString, kString)) {
-            CheckAction(*action, unit);
-        }
-    }
-
-    void CheckQuota(const Place& place, const Unit& unit) {
-        const int64_t quota = CutTo64(place);
-        const std::string allowed = "0 to " + std::to_string(unit.mostPossible - 1) + ' ' + unit.name;
-        if (quota < 0) {
-            Warn(place, std::to_string(quota) + " is exceeded by every process, at all times", allowed);
-        } else if (quota >= unit.mostPossible) {
-            Warn(place, std::to_string(quota) + ' ' + unit.name + " can never be exceeded", allowed);
-        }
-    }
-
-    void CheckDuration(const Place& place, const Unit& unit) {
-        const int64_t duration = CutTo64(place);
-        if (duration <= 0) {
-            Warn(place, std::to_string(duration) + " means the shortest time, that of one sample",
-                 "1 second and more");
-        } else if (unit.isStaged && duration > kLongestStagedDuration) {
-            const char* instead = duration < kSuppressionSeconds
-                                      ? ": it is frozen, but then suppressed again in place of killed"
-                                      : ": it is suppressed again and again, never frozen or killed";
-            Warn(place,
-                 std::to_string(duration) + " s are too long for the stages to follow each other within " +
-                     std::to_string(kSuppressionSeconds) + " s" + instead,
-                 "1 or " + std::to_string(kLongestStagedDuration) + " seconds");
-        } else if (duration > kLongestDuration) {
-            Warn(place, std::to_string(duration) + " s are cut to " + std::to_string(kLongestDuration),
-                 "up to " + std::to_string(kLongestDuration) + " seconds");
-        }
-    }
-
-    void CheckAction(const Place& place, const Unit& unit) {
-        static const Names kActions{"warning", "freeze", "kill"};
-        const std::string& action = place.value->text;
-        if (unit.isStaged) {
-            if (!action.empty()) {
-                Warn(place, Shown(place) + " is not looked at: the staged treatment has no action", "\"\"");
-            }
-        } else if (std::ranges::find(kActions, action) == kActions.end()) {
-            Warn(place, Shown(place) + " is no action and does nothing", AllowedOf(kActions, action));
-        }
-    }
-
-    void CheckConditions(const Place& conditions, const Unit& unit) {
-        const size_t count = conditions.value->children.size();
-        if (unit.isStaged && count > 0) {
-            Warn(conditions, "conditions are not looked at: the staged treatment has none", "[]");
-        }
-        std::vector<uint32_t> masks;
-        for (size_t i = 0; i < count; ++i) {
-            const Place condition = conditions.Element(i);
-            if (!condition.value->IsString()) {
-                Error(condition, Shown(condition), kString);
-            } else if (!unit.isStaged) {
-                const uint32_t mask = CheckCondition(condition);
-                WarnOfSecondMatch(condition, mask, masks);
-                masks.push_back(mask);
-            }
-        }
-    }
-
-    uint32_t CheckCondition(const Place& place) {
-        static const Names kNames = ConditionNames();
-        uint32_t mask = 0;
-        for (const std::string_view name : PiecesOf(place.value->text)) {
-            const uint32_t bit = BitOf(name);
-            mask |= bit;
-            if (bit == 0) {
-                Warn(place, nlohmann::json(name).dump() + " is no condition and adds nothing",
-                     AllowedOf(kNames, name));
-            }
-        }
-        if (mask == 0) {
-            Warn(place, Shown(place) + " names no condition and always holds", Joined(kNames));
-        } else if (NeverHolds(mask)) {
-            Warn(place, Shown(place) + " never holds",
-                 "conditions without audio, and not foreground and background together");
-        }
-        return mask;
-    }
-
-    // Of two alternatives of which one holds wherever the other does.
-    void WarnOfSecondMatch(const Place& place, uint32_t mask, const std::vector<uint32_t>& before) {
-        const auto isImplied = [mask](uint32_t other) {
-            const bool isOneInOther = (mask & other) == mask || (mask & other) == other;
-            return isOneInOther && !NeverHolds(mask | other);
-        };
-        const auto found = std::ranges::find_if(before, isImplied);
-        if (found != before.end()) {
-            const auto index = static_cast<size_t>(found - before.begin());
-            Warn(place,
-                 Shown(place) + " holds together with alternative " + std::to_string(index) +
-                     ", and the action then runs twice",
-                 "alternatives of which none implies another");
-        }
+  private:
+    void Add(Severity severity, const Node& node, size_t offset, std::string found, std::string allowed) {
+        findings_.push_back({severity, &layer_, offset, node.pointer, std::move(found), std::move(allowed)});
     }
 
     const Layer& layer_;
     std::vector<Finding>& findings_;
 };
 
+// Of members of the same key, the last is the one that counts.
+void CheckForRepeatedKeys(const Node& node, LayerFindings& findings) {
+    const auto& children = node.value->children;
+    std::set<std::string_view> later;
+    for (size_t i = children.size(); i-- > 0;) {
+        const Node child = node.value->IsObject() ? node.Member(children[i]) : node.Element(i);
+        if (node.value->IsObject() && !later.insert(children[i].key).second) {
+            findings.WarnAtKey(child, "the key is repeated below, and the last one counts", "each key once");
+        }
+        CheckForRepeatedKeys(child, findings);
+    }
+}
+
+void CheckQuota(const Node& node, const ResourceType& type, LayerFindings& findings) {
+    const int64_t quota = findings.CutTo64(node);
+    const std::string allowed = fmt::format("0 to {} {}", type.mostPossible - 1, type.unit);
+    if (quota < 0) {
+        findings.Warn(node, fmt::format("every process exceeds {} at all times", quota), allowed);
+    } else if (quota >= type.mostPossible) {
+        findings.Warn(node, fmt::format("{} {} can never be exceeded", quota, type.unit), allowed);
+    }
+}
+
+void CheckDuration(const Node& node, const ResourceType& type, LayerFindings& findings) {
+    const int64_t duration = findings.CutTo64(node);
+    if (duration <= 0) {
+        findings.Warn(node, fmt::format("{} means the time between two samples", duration),
+                      "1 second and more");
+    } else if (type.isStaged && duration > kLongestStagedDuration) {
+        findings.Warn(
+            node,
+            fmt::format("with {} s the stages do not follow each other within {} s: the process is {}",
+                        duration, kSuppressionSeconds,
+                        duration < kSuppressionSeconds
+                            ? "frozen, but then suppressed again instead of killed"
+                            : "suppressed again and again, never frozen or killed"),
+            fmt::format("1 or {} seconds", kLongestStagedDuration));
+    } else if (duration > kLongestDuration) {
+        findings.Warn(node, fmt::format("{} s are cut to {}", duration, kLongestDuration),
+                      fmt::format("up to {} seconds", kLongestDuration));
+    }
+}
+
+void CheckAction(const Node& node, const ResourceType& type, LayerFindings& findings) {
+    static const Names kActions{"warning", "freeze", "kill"};
+    const std::string& action = node.value->text;
+    if (type.isStaged && !action.empty()) {
+        findings.Warn(node, findings.Excerpt(node) + " is ignored: the staged treatment has no action",
+                      "\"\"");
+    } else if (!type.isStaged && std::ranges::find(kActions, action) == kActions.end()) {
+        findings.Warn(node, findings.Excerpt(node) + " is not an action, so nothing is done",
+                      AllowedOf(kActions, action));
+    }
+}
+
+// Returns the mask of the condition's bits.
+uint32_t CheckCondition(const Node& node, LayerFindings& findings) {
+    static const Names kNames = [] {
+        Names names;
+        std::ranges::transform(kConditionBits, std::back_inserter(names),
+                               [](const auto& condition) { return condition.first; });
+        return names;
+    }();
+    uint32_t mask = 0;
+    for (const std::string_view name : Linux::Split(node.value->text, '&')) {
+        const auto known = std::ranges::find(kNames, name);
+        if (known == kNames.end()) {
+            findings.Warn(node, nlohmann::json(name).dump() + " is not a condition and is ignored",
+                          AllowedOf(kNames, name));
+        } else {
+            mask |= kConditionBits[static_cast<size_t>(known - kNames.begin())].second;
+        }
+    }
+    if (mask == 0) {
+        findings.Warn(node, findings.Excerpt(node) + " contains no condition, so it always holds",
+                      fmt::format("{}", fmt::join(kNames, ", ")));
+    } else if (NeverHolds(mask)) {
+        findings.Warn(node, findings.Excerpt(node) + " never holds",
+                      "conditions without audio, and not foreground and background together");
+    }
+    return mask;
+}
+
+// Of two alternatives of which one holds wherever the other does.
+void CheckForSecondMatch(const Node& node, uint32_t mask, const std::vector<uint32_t>& before,
+                         LayerFindings& findings) {
+    const auto isImplied = [mask](uint32_t other) {
+        const bool isOneInOther = (mask & other) == mask || (mask & other) == other;
+        return isOneInOther && !NeverHolds(mask | other);
+    };
+    const auto found = std::ranges::find_if(before, isImplied);
+    if (found != before.end()) {
+        findings.Warn(node,
+                      fmt::format("{} holds together with alternative {}, and the action then runs twice",
+                                  findings.Excerpt(node), found - before.begin()),
+                      "alternatives that do not imply each other");
+    }
+}
+
+void CheckConditions(const Node& conditions, const ResourceType& type, LayerFindings& findings) {
+    const size_t count = conditions.value->children.size();
+    if (type.isStaged && count > 0) {
+        findings.Warn(conditions, "conditions are ignored: the staged treatment has none", "[]");
+    }
+    std::vector<uint32_t> masks;
+    for (size_t i = 0; i < count; ++i) {
+        const Node condition = conditions.Element(i);
+        if (!condition.value->IsString()) {
+            findings.Error(condition, findings.Excerpt(condition), kString);
+        } else if (!type.isStaged) {
+            const uint32_t mask = CheckCondition(condition, findings);
+            CheckForSecondMatch(condition, mask, masks, findings);
+            masks.push_back(mask);
+        }
+    }
+}
+
+// The service reads the keys in this order.
+void CheckRule(const Node& rule, const ResourceType& type, LayerFindings& findings) {
+    if (!findings.RequireObject(rule)) {
+        return;
+    }
+    findings.WarnOfOtherKeys(rule, {"condition", "id", "resource_quota", "duration", "action"});
+    if (const auto node = findings.Require(rule, "condition", &JsonValue::IsArray, "a list of strings")) {
+        CheckConditions(*node, type, findings);
+    }
+    if (const auto node = findings.Require(rule, "id", &JsonValue::IsInteger, kInteger)) {
+        findings.CutTo32(*node);
+    }
+    if (const auto node = findings.Require(rule, "resource_quota", &JsonValue::IsInteger, kInteger)) {
+        CheckQuota(*node, type, findings);
+    }
+    if (const auto node = findings.Require(rule, "duration", &JsonValue::IsInteger, kInteger)) {
+        CheckDuration(*node, type, findings);
+    }
+    if (const auto node = findings.Require(rule, "action", &JsonValue::IsString, kString)) {
+        CheckAction(*node, type, findings);
+    }
+}
+
+void CheckRules(const Node& rules, const ResourceType& type, LayerFindings& findings) {
+    if (!rules.value->IsArray()) {
+        findings.Warn(rules, findings.Excerpt(rules) + " counts as an empty list", "a list of rules");
+        return;
+    }
+    for (size_t i = 0; i < rules.value->children.size(); ++i) {
+        CheckRule(rules.Element(i), type, findings);
+    }
+}
+
+void CheckRunningTime(const Node& node, LayerFindings& findings) {
+    constexpr const char* kAllowed = "an integer from 1 to 2147483647";
+    if (!node.value->IsInteger()) {
+        findings.Warn(node, findings.Excerpt(node) + " is not an integer and counts as 0", kAllowed);
+        return;
+    }
+    const int32_t time = findings.CutTo32(node);
+    if (time == 0) {
+        findings.Warn(node, "0 counts as a missing key: the template's running time is inherited", kAllowed);
+    } else if (time < 0) {
+        findings.Warn(node, fmt::format("{} is not handed out: only times from 1 on are", time), kAllowed);
+    }
+}
+
+void CheckElement(const Node& element, LayerFindings& findings) {
+    constexpr std::string_view kRunningTime = "running_time";
+    if (!findings.RequireObject(element)) {
+        return;
+    }
+    findings.WarnOfOtherKeys(element, {"process_name", "inherit", "process_quotas"});
+    findings.Require(element, "process_name", &JsonValue::IsString, kString);
+    findings.Require(element, "inherit", &JsonValue::IsString, "a string, \"\" for no parent");
+    const auto quotas = findings.Require(element, "process_quotas", &JsonValue::IsObject, "an object");
+    if (!quotas) {
+        return;
+    }
+    Names keys;
+    for (const ResourceType& type : Linux::kResourceTypes) {
+        keys.push_back(type.name);
+        if (const JsonValue* rules = quotas->value->Find(type.name)) {
+            CheckRules(quotas->Member(*rules), type, findings);
+        }
+    }
+    keys.push_back(kRunningTime);
+    findings.WarnOfOtherKeys(*quotas, keys);
+    if (const JsonValue* time = quotas->value->Find(kRunningTime)) {
+        CheckRunningTime(quotas->Member(*time), findings);
+    }
+}
+
 }  // namespace
 
-void LintLayer(const Layer& layer, std::vector<Finding>& findings) {
-    LayerLint(layer, findings).Run();
+void CheckLayer(const Layer& layer, std::vector<Finding>& all) {
+    if (const auto& fault = layer.json.fault) {
+        all.push_back({Severity::kError, &layer, fault->offset, "", fault->found, fault->allowed});
+        return;
+    }
+    LayerFindings findings(layer, all);
+    const Node root{&layer.json.root, ""};
+    CheckForRepeatedKeys(root, findings);
+    if (!findings.RequireObject(root)) {
+        return;
+    }
+    findings.WarnOfOtherKeys(root, {"quotas"});
+    const auto quotas = findings.Require(root, "quotas", &JsonValue::IsArray, "a list");
+    for (size_t i = 0; quotas && i < quotas->value->children.size(); ++i) {
+        CheckElement(quotas->Element(i), findings);
+    }
 }
 
 }  // namespace KITE::Rqctl

@@ -1,6 +1,9 @@
 #include "rqctl/check/json_text.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <sstream>
 #include <utility>
 
 #include "json_utils.h"
@@ -12,44 +15,14 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t kMaxDepth = ResourceQuotaCtl::JsonUtil::kMaxDepth;
+// What stands between tokens; the parser tells of no token for a closing bracket.
+constexpr const char* kSeparators = " \t\r\n,:]}";
 
-// Finds the tokens of a text for a parser that knows their meaning: called once for each that is no comma,
-// colon or closing bracket, in order.
-class TokenFinder {
-  public:
-    explicit TokenFinder(std::string_view text) : text_(text) {}
-
-    // Moves to the next token; begin and end are then its own.
-    void Next() {
-        begin = std::min(text_.find_first_not_of(" \t\r\n,:]}", end), text_.size());
-        end = begin + LengthAt(begin);
-    }
-
-    size_t begin = 0;
-    size_t end = 0;
-
-  private:
-    size_t LengthAt(size_t at) const {
-        if (at == text_.size() || text_[at] == '{' || text_[at] == '[') {
-            return at == text_.size() ? 0 : 1;
-        }
-        if (text_[at] != '"') {
-            return std::min(text_.find_first_of(" \t\r\n,:]}", at), text_.size()) - at;
-        }
-        size_t last = at + 1;
-        while (last < text_.size() && text_[last] != '"') {
-            last += text_[last] == '\\' ? 2 : 1;
-        }
-        return std::min(last + 1, text_.size()) - at;
-    }
-
-    std::string_view text_;
-};
-
-// Makes values of the JSON library's events. Null on every way out of a callback means: stop.
+// Makes values of the JSON library's events. The library does not tell where a token stands, but the stream
+// knows how far it has read: a token lies between the end of the one before it and there.
 class TreeBuilder : public nlohmann::json_sax<json> {
   public:
-    explicit TreeBuilder(JsonText& text) : text_(text), tokens_(text.text) {}
+    explicit TreeBuilder(JsonText& text) : text_(text), stream_(text.text) { json::sax_parse(stream_, this); }
 
     bool null() override { return AddScalar(json::value_t::null); }
     bool boolean(bool /*value*/) override { return AddScalar(json::value_t::boolean); }
@@ -75,14 +48,11 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     bool start_array(size_t /*size*/) override { return Open(json::value_t::array); }
     bool end_object() override { return Close(); }
     bool end_array() override { return Close(); }
-
     bool key(string_t& name) override {
-        tokens_.Next();
         key_ = std::move(name);
-        keyBegin_ = tokens_.begin;
+        keyBegin_ = NextToken();
         return true;
     }
-
     bool parse_error(size_t read, const std::string& lastToken,
                      const nlohmann::detail::exception& error) override {
         const std::string_view message = error.what();
@@ -94,17 +64,24 @@ class TreeBuilder : public nlohmann::json_sax<json> {
         const bool isLiteral = found.starts_with("unexpected string") || found.starts_with("unexpected num");
         const size_t length = isLiteral ? lastToken.size() : 1;
         text_.fault = {std::min(read - std::min(read, length), text_.text.size()), std::move(found),
-                       "JSON, without comments and without a comma behind the last element"};
+                       "JSON, without comments and without a comma after the last element"};
         return false;
     }
 
   private:
+    // Where the token begins that was just read.
+    size_t NextToken() {
+        const size_t begin = text_.text.find_first_not_of(kSeparators, end_);
+        end_ = static_cast<size_t>(stream_.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in));
+        return begin;
+    }
+
     JsonValue& Add(json::value_t type) {
-        tokens_.Next();
         JsonValue& value = open_.empty() ? text_.root : open_.back()->children.emplace_back();
         value.type = type;
-        value.begin = tokens_.begin;
-        value.end = tokens_.end;
+        value.begin = NextToken();
+        // To see the end of a number, the parser has read one byte more.
+        value.end = text_.text.find_last_not_of(kSeparators, end_ - 1) + 1;
         value.key = std::exchange(key_, {});
         value.keyBegin = keyBegin_;
         return value;
@@ -118,8 +95,8 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     bool Open(json::value_t type) {
         JsonValue& value = Add(type);
         if (open_.size() == kMaxDepth) {
-            text_.fault = {value.begin, "nested deeper than " + std::to_string(kMaxDepth),
-                           "at most " + std::to_string(kMaxDepth) + " levels"};
+            text_.fault = {value.begin, fmt::format("nested deeper than {}", kMaxDepth),
+                           fmt::format("at most {} levels", kMaxDepth)};
             return false;
         }
         open_.push_back(&value);
@@ -132,7 +109,8 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     }
 
     JsonText& text_;
-    TokenFinder tokens_;
+    std::istringstream stream_;
+    size_t end_ = 0;
     std::vector<JsonValue*> open_;  // a value's children grow only while it is the last of these
     std::string key_;
     size_t keyBegin_ = 0;
@@ -140,18 +118,6 @@ class TreeBuilder : public nlohmann::json_sax<json> {
 
 bool IsCharacterStart(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
-}
-
-constexpr size_t kStretch = 1024;
-
-// The position behind a text that begins at the given one.
-Position Behind(Position at, std::string_view passed) {
-    const size_t lineBegin = passed.rfind('\n') + 1;
-    if (lineBegin > 0) {
-        at = {at.line + static_cast<size_t>(std::ranges::count(passed, '\n')), 1};
-    }
-    at.column += static_cast<size_t>(std::ranges::count_if(passed.substr(lineBegin), IsCharacterStart));
-    return at;
 }
 
 // A byte order mark is no character of the text.
@@ -163,36 +129,31 @@ std::string WithoutMark(std::string text) {
 }  // namespace
 
 const JsonValue* JsonValue::Find(std::string_view name) const {
-    if (!IsObject()) {
-        return nullptr;
-    }
     const auto found = std::find_if(children.rbegin(), children.rend(),
                                     [name](const JsonValue& member) { return member.key == name; });
-    return found == children.rend() ? nullptr : &*found;
+    return !IsObject() || found == children.rend() ? nullptr : &*found;
 }
 
-JsonText::JsonText(std::string content) : text(WithoutMark(std::move(content))), stretches_(1) {
-    for (std::string_view rest = text; rest.size() >= kStretch; rest.remove_prefix(kStretch)) {
-        stretches_.push_back(Behind(stretches_.back(), rest.substr(0, kStretch)));
-    }
-    TreeBuilder builder(*this);
-    json::sax_parse(text, &builder);
+JsonText::JsonText(std::string content) : text(WithoutMark(std::move(content))) {
+    TreeBuilder{*this};
 }
 
 Position JsonText::PositionOf(size_t offset) const {
-    const size_t stretch = offset / kStretch;
-    return Behind(stretches_[stretch], std::string_view(text).substr(stretch * kStretch, offset % kStretch));
+    const std::string_view passed = std::string_view(text).substr(0, offset);
+    const std::string_view line = passed.substr(passed.rfind('\n') + 1);
+    return {1 + static_cast<size_t>(std::ranges::count(passed, '\n')),
+            1 + static_cast<size_t>(std::ranges::count_if(line, IsCharacterStart))};
 }
 
-std::string JsonText::Shown(const JsonValue& value) const {
+std::string JsonText::Excerpt(const JsonValue& value) const {
     if (value.IsObject() || value.IsArray()) {
         return value.IsObject() ? "an object" : "a list";
     }
-    constexpr size_t kMostShown = 60;
-    if (value.end - value.begin <= kMostShown) {
+    constexpr size_t kLongest = 60;
+    if (value.end - value.begin <= kLongest) {
         return text.substr(value.begin, value.end - value.begin);
     }
-    size_t length = kMostShown;
+    size_t length = kLongest;
     while (!IsCharacterStart(text[value.begin + length])) {
         --length;
     }
@@ -208,7 +169,7 @@ std::string Below(const std::string& pointer, std::string_view key) {
 }
 
 std::string Below(const std::string& pointer, size_t index) {
-    return pointer + '/' + std::to_string(index);
+    return fmt::format("{}/{}", pointer, index);
 }
 
 }  // namespace KITE::Rqctl

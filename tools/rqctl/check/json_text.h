@@ -19,7 +19,9 @@ struct Position {
 
 // A value of a JSON text and where it stands, by offsets into the text.
 struct JsonValue {
-    nlohmann::json::value_t type{};
+    using Type = nlohmann::json::value_t;
+
+    Type type{};
     size_t begin = 0;
     size_t end = 0;                   // behind it; of an object or a list, behind its opening bracket
     std::string text;                 // of a string
@@ -29,43 +31,35 @@ struct JsonValue {
     size_t keyBegin = 0;              //
     std::vector<JsonValue> children;  // elements, or members as they stand, also those of the same key
 
-    bool IsObject() const { return type == nlohmann::json::value_t::object; }
-    bool IsArray() const { return type == nlohmann::json::value_t::array; }
-    bool IsString() const { return type == nlohmann::json::value_t::string; }
-    bool IsInteger() const {
-        using Type = nlohmann::json::value_t;
-        return type == Type::number_integer || type == Type::number_unsigned;
-    }
+    bool IsObject() const { return type == Type::object; }
+    bool IsArray() const { return type == Type::array; }
+    bool IsString() const { return type == Type::string; }
+    bool IsInteger() const { return type == Type::number_integer || type == Type::number_unsigned; }
     // The last member of that key, which is the one that counts; null when there is none.
     const JsonValue* Find(std::string_view name) const;
 };
 
-// Why a text is none that the service reads.
+// Why the service cannot read a text.
 struct JsonFault {
     size_t offset = 0;
     std::string found;
     std::string allowed;
 };
 
-// Reads a text as the service's parser does, which takes nothing nested deeper than JsonUtil::kMaxDepth. The
-// fault is empty when it could be read.
+// A text, read as the service's parser reads it, which takes nothing nested deeper than JsonUtil::kMaxDepth.
 struct JsonText {
     explicit JsonText(std::string content);
 
     Position PositionOf(size_t offset) const;
-    // The value as it stands, for a message: shortened; an object or a list by its kind.
-    std::string Shown(const JsonValue& value) const;
+    // The value as it stands in the text, shortened; an object or a list by its kind.
+    std::string Excerpt(const JsonValue& value) const;
 
     std::string text;
     JsonValue root;
     std::optional<JsonFault> fault;
-
-  private:
-    // Where each stretch of the text begins, so that finding a position takes a short walk.
-    std::vector<Position> stretches_;
 };
 
-// The pointer to a member or an element of what the pointer points to.
+// The JSON pointer to a member or an element of what the pointer points to.
 std::string Below(const std::string& pointer, std::string_view key);
 std::string Below(const std::string& pointer, size_t index);
 

@@ -2,12 +2,13 @@
 
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <utility>
 
+#include "base/result.h"
 #include "json_utils.h"
 #include "res_policy_manager.h"
 
@@ -21,30 +22,31 @@ using ResourceQuotaCtl::ProcessQuotas;
 using ResourceQuotaCtl::ProcessQuotasMap;
 using ResourceQuotaCtl::ResPolicyManager;
 
+// Reads the file as the service does.
 Layer ReadLayer(const std::string& path) {
     std::string text;
     if (JsonUtil::ReadFileToString(path, text)) {
         return {path, JsonText(std::move(text))};
     }
-    const char* reason = access(path.c_str(), R_OK) == 0 ? "it cannot be opened" : strerrordesc_np(errno);
+    const Linux::Failure reason =
+        access(path.c_str(), R_OK) == 0 ? Linux::Failure("it cannot be opened") : Linux::LastError();
     Layer layer{path, JsonText("")};
-    layer.json.fault = {0, std::string("cannot be read: ") + reason, "a quota file"};
+    layer.json.fault = {0, "cannot be read: " + reason.Text(), "a quota file"};
     return layer;
 }
 
-std::vector<Element> ElementsOf(const std::vector<Layer>& layers) {
+bool IsText(const JsonValue* value) {
+    return value != nullptr && value->IsString();
+}
+
+// Of a layer that can be read.
+std::vector<Element> ElementsOf(const Layer& layer) {
     std::vector<Element> elements;
-    for (const Layer& layer : layers) {
-        const JsonValue* quotas = layer.json.root.Find("quotas");
-        for (size_t i = 0; !layer.json.fault && quotas != nullptr && i < quotas->children.size(); ++i) {
-            const JsonValue& value = quotas->children[i];
-            const JsonValue* name = value.Find("process_name");
-            const JsonValue* parent = value.Find("inherit");
-            const bool isElement = quotas->IsArray() && name != nullptr && name->IsString() &&
-                                   parent != nullptr && parent->IsString();
-            if (isElement) {
-                elements.push_back({&layer, &value, i});
-            }
+    const JsonValue* quotas = layer.json.fault ? nullptr : layer.json.root.Find("quotas");
+    for (size_t i = 0; quotas != nullptr && quotas->IsArray() && i < quotas->children.size(); ++i) {
+        const JsonValue& value = quotas->children[i];
+        if (IsText(value.Find("process_name")) && IsText(value.Find("inherit"))) {
+            elements.push_back({&layer, &value, i});
         }
     }
     return elements;
@@ -79,11 +81,9 @@ std::vector<std::string> QuotaFilesOf(const std::vector<std::string>& paths) {
     }
     for (const std::string& path : paths) {
         std::error_code ignored;
-        const bool isDirectory = std::filesystem::is_directory(path, ignored);
-        const bool hasSlash = path.ends_with('/');
-        files.push_back(isDirectory
-                            ? path.substr(0, path.size() - (hasSlash ? 1 : 0)) + ResPolicyManager::kConfigFile
-                            : path);
+        const std::string directory = path.ends_with('/') ? path.substr(0, path.size() - 1) : path;
+        files.push_back(
+            std::filesystem::is_directory(path, ignored) ? directory + ResPolicyManager::kConfigFile : path);
     }
     return files;
 }
@@ -97,7 +97,10 @@ std::vector<Layer> ReadLayers(const std::vector<std::string>& files) {
     return layers;
 }
 
-MergedLayers::MergedLayers(const std::vector<Layer>& layers) : elements_(ElementsOf(layers)) {
+MergedLayers::MergedLayers(const std::vector<Layer>& layers) {
+    for (const Layer& layer : layers) {
+        std::ranges::copy(ElementsOf(layer), std::back_inserter(elements_));
+    }
     Merge merge;
     auto element = elements_.begin();
     for (const Layer& layer : layers) {
@@ -107,13 +110,13 @@ MergedLayers::MergedLayers(const std::vector<Layer>& layers) : elements_(Element
         merge.EndFile();
     }
     for (const auto& [name, record] : merge.mergedQuotas) {
-        entries_[name].record = merge.elements.at(record);
+        entries_[name].rulesFrom = merge.elements.at(record);
     }
     // Several elements may name the parent in force; the last of them is as good as the others.
     for (const Element& candidate : elements_) {
         const auto parent = merge.parents.find(candidate.Name().text);
         if (parent != merge.parents.end() && parent->second == candidate.Parent().text) {
-            entries_[parent->first].heir = &candidate;
+            entries_[parent->first].parentFrom = &candidate;
         }
     }
 }
@@ -124,7 +127,7 @@ const Entry* MergedLayers::Find(const std::string& name) const {
 }
 
 const Entry* MergedLayers::ParentOf(const Entry& entry) const {
-    return entry.heir == nullptr ? nullptr : Find(entry.heir->Parent().text);
+    return entry.parentFrom == nullptr ? nullptr : Find(entry.parentFrom->Parent().text);
 }
 
 }  // namespace KITE::Rqctl

@@ -29,10 +29,10 @@ struct Element {
     const JsonValue& Parent() const { return *value->Find("inherit"); }
 };
 
-// What is in force under one name.
+// One name of the merged layers: its rules and its parent may come from different elements of that name.
 struct Entry {
-    const Element* record = nullptr;  // its rules are this one's
-    const Element* heir = nullptr;    // its parent is this one's; null when it has none
+    const Element* rulesFrom = nullptr;
+    const Element* parentFrom = nullptr;  // null when it has no parent
 };
 
 // The layers on top of each other, merged by the service's own code. Elements that no service would read are

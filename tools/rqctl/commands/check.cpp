@@ -1,5 +1,7 @@
 // rqctl check: what is wrong in quota files.
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -21,7 +23,7 @@ struct Options {
     bool isStrict = false;
 };
 
-struct Result {
+struct Verdict {
     std::vector<Finding> findings;
     bool isAccepted = false;
 
@@ -30,14 +32,14 @@ struct Result {
     }
 };
 
-Result Check(const std::vector<Layer>& layers) {
-    Result result{Lint(layers), ExplainedPolicy(layers).IsAccepted()};
-    if (!result.isAccepted && result.Count(Severity::kError) == 0) {
-        result.findings.push_back({Severity::kError, &layers.front(), 0, "",
-                                   "refused by the service for a reason not found here",
-                                   "what its log says"});
+Verdict Check(const std::vector<Layer>& layers) {
+    Verdict verdict{FindingsIn(layers), PolicyInForce(layers).IsAccepted()};
+    if (!verdict.isAccepted && verdict.Count(Severity::kError) == 0) {
+        verdict.findings.push_back({Severity::kError, &layers.front(), 0, "",
+                                    "refused by the service for a reason that is not found here",
+                                    "what its log says"});
     }
-    return result;
+    return verdict;
 }
 
 std::string SeverityText(const Finding& finding) {
@@ -46,31 +48,28 @@ std::string SeverityText(const Finding& finding) {
 
 void PrintFinding(const Finding& finding) {
     const Position at = finding.layer->json.PositionOf(finding.offset);
-    const std::string where = finding.layer->path + ':' + std::to_string(at.line) + ':' +
-                              std::to_string(at.column) + ": " +
-                              (finding.pointer.empty() ? "(document)" : finding.pointer) + ": ";
+    const std::string where = fmt::format("{}:{}:{}: {}: ", finding.layer->path, at.line, at.column,
+                                          finding.pointer.empty() ? "(document)" : finding.pointer);
     const Tone tone = finding.severity == Severity::kError ? Tone::kBad : Tone::kWarning;
     Say(Escaped(where) + Paint(tone, SeverityText(finding) + ": ") +
-        Escaped(finding.found + ", allowed: " + finding.allowed));
+        Escaped(fmt::format("{}, allowed: {}", finding.found, finding.allowed)));
 }
 
-std::string Counted(size_t count, const std::string& noun) {
-    return std::to_string(count) + ' ' + noun + (count == 1 ? "" : "s");
+std::string Counted(size_t count, std::string_view noun) {
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
-void PrintText(const Result& result) {
-    for (const Finding& finding : result.findings) {
-        PrintFinding(finding);
-    }
-    const std::string verdict =
-        result.isAccepted ? Paint(Tone::kGood, "accepted") : Paint(Tone::kBad, "refused");
-    Say(verdict + " by the service: " + Counted(result.Count(Severity::kError), "error") + ", " +
-        Counted(result.Count(Severity::kWarning), "warning"));
+void PrintText(const Verdict& verdict) {
+    std::ranges::for_each(verdict.findings, PrintFinding);
+    Say(fmt::format("{} by the service: {}, {}",
+                    verdict.isAccepted ? Paint(Tone::kGood, "accepted") : Paint(Tone::kBad, "refused"),
+                    Counted(verdict.Count(Severity::kError), "error"),
+                    Counted(verdict.Count(Severity::kWarning), "warning")));
 }
 
-void PrintJson(const Result& result) {
+void PrintJson(const Verdict& verdict) {
     auto findings = nlohmann::ordered_json::array();
-    for (const Finding& finding : result.findings) {
+    for (const Finding& finding : verdict.findings) {
         const Position at = finding.layer->json.PositionOf(finding.offset);
         findings.push_back({{"file", finding.layer->path},
                             {"line", at.line},
@@ -80,21 +79,21 @@ void PrintJson(const Result& result) {
                             {"found", finding.found},
                             {"allowed", finding.allowed}});
     }
-    SayJson({{"accepted", result.isAccepted},
-             {"errors", result.Count(Severity::kError)},
-             {"warnings", result.Count(Severity::kWarning)},
+    SayJson({{"accepted", verdict.isAccepted},
+             {"errors", verdict.Count(Severity::kError)},
+             {"warnings", verdict.Count(Severity::kWarning)},
              {"findings", std::move(findings)}});
 }
 
 ExitStatus Run(const Context& context, const Options& options) {
     const QuietLog quiet;
     const std::vector<Layer> layers = ReadLayers(QuotaFilesOf(options.paths));
-    const Result result = Check(layers);
-    context.wantsJson ? PrintJson(result) : PrintText(result);
-    if (!result.isAccepted) {
+    const Verdict verdict = Check(layers);
+    context.wantsJson ? PrintJson(verdict) : PrintText(verdict);
+    if (!verdict.isAccepted) {
         return kRefused;
     }
-    return options.isStrict && !result.findings.empty() ? kWarnings : kDone;
+    return options.isStrict && !verdict.findings.empty() ? kWarnings : kDone;
 }
 
 }  // namespace

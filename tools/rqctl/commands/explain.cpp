@@ -1,18 +1,20 @@
 // rqctl explain: the rules that are in force for a process, and where they were written.
 
-#include <charconv>
+#include <fmt/format.h>
+
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/file.h"
+#include "base/resource_types.h"
+#include "base/text.h"
 #include "proc/command_line.h"
 #include "proc/process_file.h"
-#include "rqctl/check/layers.h"
 #include "rqctl/check/policy_in_force.h"
-#include "rqctl/check/quiet_log.h"
-#include "rqctl/check/units.h"
+#include "rqctl/check/rule_words.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
 
@@ -27,7 +29,7 @@ struct Options {
     std::vector<std::string> paths;
 };
 
-// A process as the two parties see it that a report needs.
+// The names that the Kelvra manager and the service know a process by.
 struct Identity {
     int32_t pid = 0;
     std::string watchedAs;  // by the Kelvra manager; empty: not at all
@@ -36,10 +38,10 @@ struct Identity {
 };
 
 std::optional<int32_t> AsPid(const std::string& subject) {
-    int32_t pid = 0;
-    const char* end = subject.data() + subject.size();
-    const auto [rest, error] = std::from_chars(subject.data(), end, pid);
-    return error == std::errc() && rest == end && pid > 0 ? std::optional(pid) : std::nullopt;
+    const auto pid = Linux::ParseDecimal(subject);
+    return pid && *pid > 0 && *pid <= std::numeric_limits<int32_t>::max()
+               ? std::optional(static_cast<int32_t>(*pid))
+               : std::nullopt;
 }
 
 std::optional<Identity> IdentityOf(int32_t pid) {
@@ -47,92 +49,80 @@ std::optional<Identity> IdentityOf(int32_t pid) {
     if (!commandLine) {
         return std::nullopt;
     }
-    const std::string seen(Linux::SeenNameOf(*commandLine));
     const std::string name(Linux::ProcessNameOf(*commandLine));
+    const std::string seen(Linux::SeenNameOf(*commandLine));
     return Identity{pid, name, seen, !name.empty() && Linux::IsAcceptedAs(seen, name)};
 }
 
 std::string IdentityInWords(const Identity& identity) {
-    const std::string pid = "pid " + std::to_string(identity.pid);
     if (identity.watchedAs.empty()) {
-        return pid + " has no name that the Kelvra manager could watch: nothing applies";
+        return fmt::format("pid {} has no name that the Kelvra manager could watch: no rule applies",
+                           identity.pid);
     }
-    return pid + ": the Kelvra manager watches it as \"" + Escaped(identity.watchedAs) +
-           "\"; the service sees \"" + Escaped(identity.seenAs) +
-           (identity.isAccepted ? "\" and accepts reports of it"
-                                : "\", a name that a slash in an argument makes, and accepts no report of "
-                                  "it: nothing is done");
+    return fmt::format("pid {}: the Kelvra manager watches it as \"{}\"; the service sees \"{}\"{}",
+                       identity.pid, Escaped(identity.watchedAs), Escaped(identity.seenAs),
+                       identity.isAccepted
+                           ? " and accepts reports of it"
+                           : ", which follows the last slash in its arguments, and refuses every report of "
+                             "it: nothing is done to it");
 }
 
-std::string Place(const Element& element, const JsonValue& value) {
-    const Position at = element.layer->json.PositionOf(value.begin);
-    return Escaped(element.layer->path) + ':' + std::to_string(at.line);
+Position PositionOf(const Origin& origin) {
+    return origin.element->layer->json.PositionOf(origin.value->begin);
 }
 
-std::string OriginInWords(const Explanation& explanation, const Origin& origin) {
-    const bool isOwn = origin.element == explanation.line.front()->record;
-    return Place(*origin.element, *origin.value) +
-           (isOwn ? "" : ", from template " + Escaped(origin.element->Name().text));
+std::string PlaceOf(const Origin& origin) {
+    return fmt::format("{}:{}", Escaped(origin.element->layer->path), PositionOf(origin).line);
 }
 
-void PrintLine(const Explanation& explanation) {
-    for (const Entry* entry : explanation.line) {
-        const Element& element = *entry->record;
+std::string OriginInWords(const EntryInForce& entry, const Origin& origin) {
+    const bool isOwn = origin.element == entry.ancestry.front()->rulesFrom;
+    return PlaceOf(origin) +
+           (isOwn ? "" : fmt::format(", from template {}", Escaped(origin.element->Name().text)));
+}
+
+void PrintText(const EntryInForce& entry) {
+    for (const Entry* ancestor : entry.ancestry) {
+        const Element& element = *ancestor->rulesFrom;
         const std::string name = Escaped(element.Name().text);
-        const bool isFirst = entry == explanation.line.front();
-        Say((isFirst ? Paint(Tone::kNotice, name) : "  inherits from " + name) + " (" +
-            Place(element, element.Name()) + ')');
+        const bool isFirst = ancestor == entry.ancestry.front();
+        Say(fmt::format("{} ({})", isFirst ? Paint(Tone::kNotice, name) : "  inherits from " + name,
+                        PlaceOf({&element, &element.Name()})));
     }
-}
-
-void PrintText(const Explanation& explanation, const std::optional<Identity>& identity) {
-    if (identity) {
-        Say(IdentityInWords(*identity));
+    if (entry.runningTime != 0) {
+        Say(fmt::format("  running time {} ({})", entry.runningTime,
+                        OriginInWords(entry, entry.runningTimeOrigin)));
     }
-    if (explanation.line.empty()) {
-        return;
+    for (const auto& [record, origin] : entry.rules) {
+        Say(fmt::format("  {}, rule {} ({})\n    if    {}\n    when  {}\n    then  {}", record.resType,
+                        record.id, OriginInWords(entry, origin), QuotaInWords(record),
+                        ConditionsInWords(record), ActionInWords(record)));
     }
-    PrintLine(explanation);
-    if (explanation.runningTime != 0) {
-        Say("  running time " + std::to_string(explanation.runningTime) + " (" +
-            OriginInWords(explanation, explanation.runningTimeOrigin) + ')');
-    }
-    for (const EffectiveRule& rule : explanation.rules) {
-        Say("  " + rule.record.resType + ", rule " + std::to_string(rule.record.id) + " (" +
-            OriginInWords(explanation, rule.origin) + ')');
-        Say("    if    " + LimitInWords(rule.record));
-        Say("    when  " + ConditionsInWords(rule.record));
-        Say("    then  " + ActionInWords(rule.record));
-    }
-    if (explanation.rules.empty()) {
+    if (entry.rules.empty()) {
         Say("  no rules");
     }
 }
 
-ordered_json ToJson(const Element& element, const JsonValue& value) {
-    const Position at = element.layer->json.PositionOf(value.begin);
-    return {{"entry", element.Name().text},
-            {"file", element.layer->path},
+ordered_json ToJson(const Origin& origin) {
+    const Position at = PositionOf(origin);
+    return {{"entry", origin.element->Name().text},
+            {"file", origin.element->layer->path},
             {"line", at.line},
             {"column", at.column}};
 }
 
-ordered_json ToJson(const EffectiveRule& rule) {
+ordered_json ToJson(const RuleInForce& rule) {
     const Kelvra::ResQuotaInfo& record = rule.record;
-    return {{"resource", record.resType},
-            {"id", record.id},
-            {"resource_quota", record.resource},
-            {"unit", UnitOf(record.resType).name},
-            {"duration", record.duration},
-            {"conditions", record.conditions},
-            {"action", record.action},
-            {"if", LimitInWords(record)},
-            {"when", ConditionsInWords(record)},
-            {"then", ActionInWords(record)},
-            {"origin", ToJson(*rule.origin.element, *rule.origin.value)}};
+    const Linux::ResourceType* type = Linux::FindResourceType(record.resType);
+    return {{"resource", record.resType},        {"id", record.id},
+            {"resource_quota", record.resource}, {"unit", type == nullptr ? "" : type->unit},
+            {"duration", record.duration},       {"conditions", record.conditions},
+            {"action", record.action},           {"if", QuotaInWords(record)},
+            {"when", ConditionsInWords(record)}, {"then", ActionInWords(record)},
+            {"origin", ToJson(rule.origin)}};
 }
 
-void PrintJson(const Explanation& explanation, const std::optional<Identity>& identity) {
+void PrintJson(const EntryInForce& entry, const std::optional<Identity>& identity) {
     ordered_json document;
     if (identity) {
         document["pid"] = identity->pid;
@@ -141,19 +131,33 @@ void PrintJson(const Explanation& explanation, const std::optional<Identity>& id
         document["accepted"] = identity->isAccepted;
     }
     document["entries"] = ordered_json::array();
-    for (const Entry* entry : explanation.line) {
-        document["entries"].push_back(ToJson(*entry->record, entry->record->Name()));
+    for (const Entry* ancestor : entry.ancestry) {
+        document["entries"].push_back(ToJson({ancestor->rulesFrom, &ancestor->rulesFrom->Name()}));
     }
-    if (explanation.runningTime != 0) {
-        document["running_time"] = explanation.runningTime;
-        document["running_time_origin"] =
-            ToJson(*explanation.runningTimeOrigin.element, *explanation.runningTimeOrigin.value);
+    if (entry.runningTime != 0) {
+        document["running_time"] = entry.runningTime;
+        document["running_time_origin"] = ToJson(entry.runningTimeOrigin);
     }
     document["rules"] = ordered_json::array();
-    for (const EffectiveRule& rule : explanation.rules) {
+    for (const RuleInForce& rule : entry.rules) {
         document["rules"].push_back(ToJson(rule));
     }
     SayJson(document);
+}
+
+ExitStatus Show(const Context& context, const EntryInForce& entry, const std::optional<Identity>& identity) {
+    if (context.wantsJson) {
+        PrintJson(entry, identity);
+    } else if (identity) {
+        Say(IdentityInWords(*identity));
+    }
+    if (entry.ancestry.empty()) {
+        return Fail(kNoSuch, "there is no entry of that name: no rule applies");
+    }
+    if (!context.wantsJson) {
+        PrintText(entry);
+    }
+    return kDone;
 }
 
 ExitStatus Run(const Context& context, const Options& options) {
@@ -167,13 +171,12 @@ ExitStatus Run(const Context& context, const Options& options) {
         return Fail(kRefused, "there is no quota file in the installed directories");
     }
     const std::vector<Layer> layers = ReadLayers(files);
-    const ExplainedPolicy policy(layers);
+    const PolicyInForce policy(layers);
     if (!policy.IsAccepted()) {
-        return Fail(kRefused, "the service refuses the quota files; rqctl check says why");
+        return Fail(kRefused, "the service refuses the quota files; \"rqctl check\" says why");
     }
-    const Explanation explanation = policy.Explain(identity ? identity->watchedAs : options.subject);
-    context.wantsJson ? PrintJson(explanation, identity) : PrintText(explanation, identity);
-    return explanation.line.empty() ? Fail(kNoSuch, "no entry bears the name: no rule applies") : kDone;
+    const auto entry = policy.Find(identity ? identity->watchedAs : options.subject);
+    return entry ? Show(context, *entry, identity) : Fail(kFailed, entry.Why().Text());
 }
 
 }  // namespace

@@ -39,26 +39,25 @@ struct Listing {
     std::vector<Treated> processes;
 };
 
+// Above 0 when there was one more in the list, 0 at its end, else a negative error number.
+int ReadOne(sd_bus_message* answer, Treated& treated) {
+    const char* name = "";
+    const char* resourceType = "";
+    const int result = sd_bus_message_read(
+        answer, "(isxxxsixx)", &treated.pid, &name, &treated.suppressedSince, &treated.frozenSince,
+        &treated.frozenUntil, &resourceType, &treated.ruleId, &treated.resource, &treated.duration);
+    treated.name = name;
+    treated.resourceType = resourceType;
+    return result;
+}
+
 int Read(sd_bus_message* answer, Listing& listing) {
     int isDryRun = 0;
     int result = sd_bus_message_read(answer, "b", &isDryRun);
     listing.isDryRun = isDryRun != 0;
     result = result < 0 ? result : sd_bus_message_enter_container(answer, 'a', "(isxxxsixx)");
-    while (result >= 0) {
-        Treated treated;
-        const char* name = nullptr;
-        const char* resourceType = nullptr;
-        result = sd_bus_message_read(answer, "(isxxxsixx)", &treated.pid, &name, &treated.suppressedSince,
-                                     &treated.frozenSince, &treated.frozenUntil, &resourceType,
-                                     &treated.ruleId, &treated.resource, &treated.duration);
-        if (result == 0) {
-            break;
-        }
-        if (result > 0) {
-            treated.name = name;
-            treated.resourceType = resourceType;
-            listing.processes.push_back(std::move(treated));
-        }
+    for (Treated treated; result >= 0 && (result = ReadOne(answer, treated)) > 0;) {
+        listing.processes.push_back(treated);
     }
     return result;
 }
