@@ -153,12 +153,12 @@ TEST_F(WatchTest, EachReportAndWhatComesOfItIsTold) {
     FakeManager& manager = StartWithFakeManager();
     Process& victim = StartTarget("victim", {"idle"});
     Kelvra::ProcessAnomalyInfo hostile = Anomaly(victim, "io", "kill");
-    hostile.processName = "evil\x1b[2J\n\xc2\x9b";
+    hostile.processName = "evil\x1b[2J\n\xc2\x9b\x7f";
     ASSERT_EQ(0, manager.Report({Anomaly(victim, "cpu", "warning"), hostile}));
     const std::string who = "victim (pid " + std::to_string(victim.Pid()) + ")";
     EXPECT_TRUE(watch.output.Await(who + " of uid 20001: cpu "));
     EXPECT_TRUE(watch.output.Await("a warning, nothing is done"));
-    EXPECT_TRUE(watch.output.Await("evil\\x1b[2J\\x0a\\xc2\\x9b (pid "));
+    EXPECT_TRUE(watch.output.Await("evil\\x1b[2J\\x0a\\xc2\\x9b\\x7f (pid "));
     ASSERT_TRUE(json.output.Await("evil"));
 
     // No clock tells such a time. And the file is as full as it gets, so that the next event begins another.
