@@ -157,6 +157,7 @@ TEST_F(WatchTest, EachReportAndWhatComesOfItIsTold) {
     ASSERT_EQ(0, manager.Report({Anomaly(victim, "cpu", "warning"), hostile}));
     const std::string who = "victim (pid " + std::to_string(victim.Pid()) + ")";
     EXPECT_TRUE(watch.output.Await(who + " of uid 20001: cpu "));
+    EXPECT_TRUE(watch.output.Await(" % of a core over "));
     EXPECT_TRUE(watch.output.Await("a warning, nothing is done"));
     EXPECT_TRUE(watch.output.Await("evil\\x1b[2J\\x0a\\xc2\\x9b\\x7f (pid "));
     ASSERT_TRUE(json.output.Await("evil"));

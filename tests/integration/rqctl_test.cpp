@@ -133,7 +133,9 @@ TEST_F(RqctlTest, PlotsWhatWasRecordedAndLetsNoNameIntoThePage) {
     const std::string frozen = event.dump();
     event["name"] = "KILL";
     event["RESULT"] = EPERM;
-    WriteWholeFile(State() + "/events.jsonl.1", frozen + "\n[[[\n{\"time\":-1,\"name\":\"KILL\"}\n");
+    WriteWholeFile(State() + "/events.jsonl.1",
+                   frozen + "\n[[[\n{\"time\":-1,\"domain\":\"KITE\",\"name\":\"KILL\"}\n" +
+                       R"({"time":1,"domain":"KITE","name":"KILL","PID":6,"nested":[[]]})" + '\n');
     WriteWholeFile(State() + "/events.jsonl", event.dump() + "\n\"half a li");
     const std::string page = Plot();
     EXPECT_EQ(std::string::npos, page.find("<script"));
@@ -144,7 +146,7 @@ TEST_F(RqctlTest, PlotsWhatWasRecordedAndLetsNoNameIntoThePage) {
               page.find("&lt;/h2&gt;&lt;script&gt;alert(1)&lt;/script&gt;&quot;&#39;&amp;\\x1b"));
     EXPECT_NE(std::string::npos, page.find("<b>F</b> frozen, <bdi>&lt;img src=x&gt;"));
     EXPECT_NE(std::string::npos, page.find("failed: killed (Operation not permitted)"));
-    EXPECT_NE(std::string::npos, page.find(">3 lines"));
+    EXPECT_NE(std::string::npos, page.find(">4 lines"));
 }
 
 TEST_F(RqctlTest, PlotsTheSamplesThatTheManagerRecorded) {
