@@ -1,4 +1,5 @@
 #include <fstream>
+#include <regex>
 
 #include "rqctl_fixture.h"
 
@@ -188,6 +189,33 @@ TEST_F(WatchTest, EachReportAndWhatComesOfItIsTold) {
         command->process.Signal(SIGINT);
         EXPECT_EQ(0, command->process.AwaitExit());
     }
+}
+
+TEST_F(WatchTest, TheRecordedHistoryIsToldInFull) {
+    const std::string report =
+        R"({"time":TIME,"domain":"KITE","name":"REPORT","PID":8,"PROCESS_NAME":"twin","UID":7,)"
+        R"("RESOURCE_TYPE":"cpu","RULE_ID":3,"RESOURCE":83,"DURATION":5,"ACTION":"kill"})";
+    WriteWholeFile(State() + "/events.jsonl",
+                   std::regex_replace(report, std::regex("TIME"), "1700000000000") + R"(
+{"time":1700000000001,"domain":"KITE","name":"KILL","PID":9,"PROCESS_NAME":"twin","FORM":"SIGKILL","RESULT":1}
+)" + std::regex_replace(report, std::regex("TIME"), "1700000005000") +
+                       R"(
+{"time":1700000005001,"domain":"KITE","name":"RELEASE","PID":8,"PROCESS_NAME":"twin","REASON":"asked for","RESULT":0,"BY_UID":5,"DRY_RUN":true}
+)");
+    Command& fromNow = StartWatch({});
+    Command& history = StartWatch({"--history"});
+    EXPECT_TRUE(history.output.Await("released"));
+    const std::string told = "twin (pid 8) of uid 7: cpu 83 % of a core over 5 s, rule 3, action \"kill\"";
+    const std::vector<std::string> lines = LinesOf(history.output.Text());
+    const std::vector<std::string> expected{
+        "report          " + told, "not killed      twin (pid 9): Operation not permitted, by SIGKILL",
+        "no action       twin (pid 8) since its report: it is exempt", "report          " + told,
+        "released        dry run, nothing is done: twin (pid 8), asked for by uid 5"};
+    ASSERT_EQ(expected.size(), lines.size());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_THAT(lines[i], testing::HasSubstr(expected[i]));
+    }
+    EXPECT_EQ("", fromNow.output.Text());
 }
 
 }  // namespace KITE::Integration

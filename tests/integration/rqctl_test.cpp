@@ -104,6 +104,7 @@ TEST_F(RqctlTest, ReplacesTheDeviceStateAsAWhole) {
     EXPECT_EQ(5, Rqctl({"device", "render:20001", "0"}).status);
     EXPECT_EQ(105, Rqctl({"device", "screen", "dim"}).status);
     EXPECT_EQ(105, Rqctl({"device", "foreground", "on"}).status);
+    EXPECT_EQ(105, Rqctl({"device", "app-resources:1:2", "1,2"}).status);
     EXPECT_EQ(5, Rqctl({"device", "screen", "on"}, kUntrustedUid).status);
     EXPECT_EQ(content, ReadWholeFile(DeviceState()));
     fs::rename(DeviceState(), other);
