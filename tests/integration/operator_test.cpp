@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <fstream>
 #include <regex>
 
@@ -216,6 +217,27 @@ TEST_F(WatchTest, TheRecordedHistoryIsToldInFull) {
         EXPECT_THAT(lines[i], testing::HasSubstr(expected[i]));
     }
     EXPECT_EQ("", fromNow.output.Text());
+}
+
+TEST_F(WatchTest, AFileThatCameAndWentBetweenTwoLooksIsTold) {
+    const auto add = [&](const std::string& name) {
+        const std::string line = R"({"time":1,"domain":"KITE","name":")" + name + "\"}\n";
+        std::ofstream(State() + "/events.jsonl", std::ios::app) << line;
+    };
+    const auto rotate = [&] {
+        std::filesystem::rename(State() + "/events.jsonl", State() + "/events.jsonl.1");
+    };
+    Command& watch = StartWatch({});
+    add("FIRST");
+    ASSERT_TRUE(watch.output.Await("FIRST"));
+    watch.process.Signal(SIGSTOP);
+    for (const char* name : {"SECOND", "THIRD"}) {
+        rotate();
+        add(name);
+    }
+    watch.process.Signal(SIGCONT);
+    EXPECT_TRUE(watch.output.Await("SECOND"));
+    EXPECT_TRUE(watch.output.Await("THIRD"));
 }
 
 }  // namespace KITE::Integration
