@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing, and asks nothing and nobody when none is.
+# Installs the Debian packages that are missing, and asks no package server when none is.
 #
-#   install-dependencies.sh run|bench|package|test|ci
+#   install-dependencies.sh run|bench|package|builds|test|ci
 set -euo pipefail
 
 packages=(g++-12 cmake ninja-build pkg-config libsystemd-dev libasio-dev nlohmann-json3-dev libcli11-dev libfmt-dev
@@ -14,12 +14,13 @@ bench)
     optional=(monit)
     ;;
 package) packages+=(debootstrap systemd-container dpkg-dev file) ;;
+builds) packages+=(clang-14 clang-16 dpkg-dev musl-dev) ;;
 test | ci)
     packages+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3-jsonschema)
     [ "$1" = test ] || packages+=(clang-format-14 clang-tidy-14 git libbenchmark-dev)
     ;;
 *)
-    echo "usage: $0 run|bench|package|test|ci" >&2
+    echo "usage: $0 run|bench|package|builds|test|ci" >&2
     exit 2
     ;;
 esac
