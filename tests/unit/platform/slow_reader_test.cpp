@@ -121,6 +121,7 @@ TEST(SaveStringToFdTest, AStoppedTerminalDoesNotHoldTheCaller) {
     ASSERT_EQ(ptsname_r(master.Get(), name, sizeof(name)), 0);
     const UniqueFd terminal(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
     EXPECT_TRUE(SaveStringToFd(terminal.Get(), "text\n"));
+    EXPECT_FALSE(SaveStringToFd(UniqueFd(open(name, O_RDONLY | O_NOCTTY | O_CLOEXEC)).Get(), "text\n"));
     const auto start = Clock::now();
     EXPECT_FALSE(SaveStringToFd(terminal.Get(), LargeText()));
     EXPECT_LT(Clock::now() - start, 4s);
