@@ -31,6 +31,7 @@ TEST_F(EventFileTest, QueuedEventsComeBeforeTheNextOneAndAreWrittenWhenVeryManyW
     EXPECT_EQ(Get("events.jsonl"), "");
     ASSERT_FALSE(RecordEvent("B", {}));
     QueueEvent("C", {{"TEXT", std::string(4 << 20, 'x')}});
+    EXPECT_GT(Get("events.jsonl").size(), size_t{4} << 20);
     QueueEvent("D", {});
     WriteQueuedEvents();
     const std::string text = Get("events.jsonl");
