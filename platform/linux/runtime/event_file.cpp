@@ -8,7 +8,7 @@
 #include "base/event_names.h"
 #include "base/file_names.h"
 #include "base/immortal.h"
-#include "base/line_file.h"
+#include "base/rotated_file.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
 #include "system_event.h"

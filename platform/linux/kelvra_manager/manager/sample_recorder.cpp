@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "base/line_file.h"
+#include "base/rotated_file.h"
 #include "runtime/platform_log.h"
 #include "time_service.h"
 

@@ -1,4 +1,4 @@
-#include "base/line_file.h"
+#include "base/rotated_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
