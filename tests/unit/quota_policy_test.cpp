@@ -151,6 +151,7 @@ TEST_F(RefusalTest, OfWhatIsNoJsonOrTooDeep) {
                    {"{}//", broken("{}//")},
                    {deep, broken(deep)},
                    {deep.substr(1, 1024), noArray},
+                   {std::string(511, '[') + R"({"a":1})" + std::string(511, ']'), noArray},
                    {"[]", noArray},
                    {Json("{'quotas':{}}"), noArray}},
                   true);
