@@ -37,6 +37,7 @@ TEST(Reporter, SendsBatchesOfBoundedSizeKnowsWhatIsOnItsWayAndDropsOnlyTheSubscr
     answers[1](ERR_DEAD_OBJECT);
     EXPECT_TRUE(reporter->HasSubscriber()) << "another one took its place";
     reporter->Send(std::vector<Report>(1));
+    ASSERT_THAT(sizes, ElementsAre(1000, 1, 1));
     answers[2](ERR_DEAD_OBJECT);
     EXPECT_FALSE(reporter->HasSubscriber());
 }

@@ -129,6 +129,7 @@ TEST(RuleBook, LeavesOutOnlyWhatCanNeverApply) {
                          Quota("foo", "io", 1, std::numeric_limits<int64_t>::max())});
     ASSERT_THAT(book.RulesFor("foo"), SizeIs(2));
     EXPECT_EQ(book.RulesFor("foo")[0].duration, 0s);
+    EXPECT_GT(book.RulesFor("foo")[1].duration, 0s);
     EXPECT_THAT(book.RulesFor("/bin/foo"), IsEmpty());
     EXPECT_THAT(book.RulesFor("fo"), IsEmpty());
 }

@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 
+#include <thread>
+
 #include "base/text.h"
 #include "proc/command_line.h"
 #include "proc/process_file.h"
+#include "proc/process_list.h"
 #include "proc/process_stat.h"
 
 // Texts of /proc, parts of which processes choose.
@@ -39,6 +42,7 @@ TEST(ProcTexts, NumbersThatAreNotWholeAreAbsent) {
     EXPECT_EQ(ResidentPagesOf("100"), std::nullopt);
     const std::string io = "cancelled_write_bytes: 7\nwrite_bytes: 4096\n";
     EXPECT_THAT(NumberOfLine(io, "write_bytes:"), Optional(4096));
+    EXPECT_EQ(NumberOfLine("write_bytes: 40 7\n"sv.substr(0, 15), "write_bytes:"), std::nullopt) << "cut off";
     for (const char* line :
          {"write_bytes: 40", "write_bytes: x\n", "write_bytes: 99999999999999999999\n", "write_bytes:"}) {
         EXPECT_EQ(NumberOfLine(line, "write_bytes:"), std::nullopt) << line;
@@ -58,6 +62,16 @@ TEST(ProcTexts, ACommandNameCannotPassForOtherFields) {
     for (const char* text : {"", " 1", "+1", "1 ", "0x1", "12a", "99999999999999999999"}) {
         EXPECT_FALSE(ParseDecimal(text).has_value()) << text;
     }
+}
+
+TEST(ProcTexts, BirthsOfThreadsAreCounted) {
+    const int64_t before = CountBirths().ValueOr(-1);
+    ASSERT_GE(before, 0);
+    constexpr int kThreads = 20;
+    for (int i = 0; i < kThreads; ++i) {
+        std::thread([] {}).join();
+    }
+    EXPECT_GE(CountBirths().ValueOr(-1), before + kThreads);
 }
 
 }  // namespace
