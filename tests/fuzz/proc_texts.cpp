@@ -1,6 +1,7 @@
 // Texts of /proc through everything that reads them: those of kNames, with 0xFF between them, and a second
 // series that the files hold later. Rooms that read the same thing must agree.
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -8,6 +9,7 @@
 
 #include <array>
 #include <cstdarg>
+#include <cstdio>
 
 #include "fuzz.h"
 #include "kelvra_manager/manager/watched_process.h"
@@ -17,6 +19,7 @@
 #include "proc/process_stat.h"
 #include "resource_quota_control_io_helper.h"
 #include "runtime/settings.h"
+#include "visibility.h"
 
 using namespace KITE;
 using namespace KITE::Fuzz;
@@ -85,21 +88,30 @@ void Watch(const std::vector<std::string>& texts) {
     }
 }
 
+// Where whoever opens one of that process's files finds its text; any other path is itself.
+std::string RealPathOf(std::string_view path) {
+    const auto known = std::ranges::find(kNames, path.substr(std::min(kFolder.size(), path.size())));
+    if (!path.starts_with(kFolder) || known == kNames.end()) {
+        return std::string(path);
+    }
+    return "/proc/self/fd/" + std::to_string(files[static_cast<size_t>(known - kNames.begin())]);
+}
+
 }  // namespace
 
-// Whoever opens one of that process's files gets its text; all other files are the real ones.
+// The two ways to open a file: the platform's, and that of the service's streams.
 extern "C" int open(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
     const auto mode = va_arg(arguments, mode_t);
     va_end(arguments);
-    const std::string_view name(path);
-    const auto known = std::ranges::find(kNames, name.substr(std::min(kFolder.size(), name.size())));
-    std::string own;
-    if (name.starts_with(kFolder) && known != kNames.end()) {
-        own = "/proc/self/fd/" + std::to_string(files[static_cast<size_t>(known - kNames.begin())]);
-    }
-    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, own.empty() ? path : own.c_str(), flags, mode));
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, RealPathOf(path).c_str(), flags, mode));
+}
+
+// Exported, since the streams call it from the standard library.
+extern "C" KITE_API FILE* fopen64(const char* path, const char* mode) {
+    static const auto real = reinterpret_cast<decltype(&fopen64)>(dlsym(RTLD_NEXT, "fopen64"));
+    return real(RealPathOf(path).c_str(), mode);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
