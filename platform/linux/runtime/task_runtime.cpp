@@ -1,6 +1,5 @@
 #include "runtime/task_runtime.h"
 
-#define ASIO_STANDALONE
 #include <algorithm>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
