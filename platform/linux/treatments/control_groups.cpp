@@ -104,16 +104,14 @@ std::vector<pid_t> ProcessesIn(const Group& group) {
     return processes;
 }
 
+// Also true when that cannot be known.
 bool HasChildGroups(const Group& group) {
     std::error_code error;
     std::filesystem::directory_iterator entry(group.path, error);
-    while (!error && entry != std::filesystem::directory_iterator()) {
-        if (entry->is_directory(error)) {
-            return true;
-        }
+    while (!error && entry != std::filesystem::directory_iterator() && !entry->is_directory(error)) {
         entry.increment(error);
     }
-    return static_cast<bool>(error);
+    return error || entry != std::filesystem::directory_iterator();
 }
 
 timespec TimespecOf(std::chrono::nanoseconds time) {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <optional>
 
 #include "base/text.h"
@@ -90,29 +89,25 @@ Result<ReportedProcessPtr> ReportedProcesses::Remember(pid_t pid, int64_t startT
 }
 
 ReportedProcessPtr ReportedProcesses::Keep(ReportedProcessPtr process, BrokenQuota brokenQuota) {
-    const pid_t pid = process->Key().first;
-    const auto [place, isNew] = entries_.try_emplace(pid);
-    if (!isNew) {
-        byAge_.erase(place->second.order);
-    }
-    place->second = {process, nextOrder_++, std::move(brokenQuota)};
-    byAge_.emplace(place->second.order, pid);
+    entries_[process->Key().first] = {process, ++lastReport_, std::move(brokenQuota)};
     MakeRoom();
     return process;
 }
 
 void ReportedProcesses::MakeRoom() {
-    for (auto oldest = byAge_.begin(); entries_.size() > capacity_ && oldest != byAge_.end();) {
-        const auto entry = entries_.find(oldest->second);
-        // Copies are made under the lock only, so that a single owner stays single.
-        const bool isHeld = entry->second.process.use_count() > 1;
-        const bool isNewest = std::next(oldest) == byAge_.end();
-        if (isHeld || isNewest) {
-            ++oldest;
-        } else {
-            entries_.erase(entry);
-            oldest = byAge_.erase(oldest);
+    while (entries_.size() > capacity_) {
+        auto oldest = entries_.end();
+        for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+            // Copies are made under the lock only, so that a single owner stays single.
+            const bool isHeld = entry->second.process.use_count() > 1;
+            if (!isHeld && (oldest == entries_.end() || entry->second.report < oldest->second.report)) {
+                oldest = entry;
+            }
         }
+        if (oldest == entries_.end()) {
+            return;
+        }
+        entries_.erase(oldest);
     }
 }
 
@@ -132,7 +127,6 @@ void ReportedProcesses::DropExited(pid_t pid) {
     const std::lock_guard lock(mutex_);
     const auto entry = entries_.find(pid);
     if (entry != entries_.end() && HasExited(entry->second.process->Pidfd())) {
-        byAge_.erase(entry->second.order);
         entries_.erase(entry);
     }
 }

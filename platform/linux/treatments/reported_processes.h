@@ -4,7 +4,6 @@
 
 #include <asio/posix/stream_descriptor.hpp>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -82,7 +81,7 @@ class ReportedProcesses {
   private:
     struct Entry {
         ReportedProcessPtr process;
-        uint64_t order;
+        uint64_t report;  // the number of the last one
         BrokenQuota brokenQuota;
     };
 
@@ -94,8 +93,7 @@ class ReportedProcesses {
     EndWatcher& watcher_;
     mutable std::mutex mutex_;  // guards what follows
     std::unordered_map<pid_t, Entry> entries_;
-    std::map<uint64_t, pid_t> byAge_;
-    uint64_t nextOrder_ = 0;
+    uint64_t lastReport_ = 0;
 };
 
 }  // namespace KITE::Linux

@@ -61,6 +61,25 @@ TEST_F(TreatmentRecordTest, ARecordOfGroupsThatAreNotMountedIsKept) {
     EXPECT_TRUE(HasRecords());
 }
 
+// Written by version 1.0, whose records a host of this version may find.
+TEST_F(TreatmentRecordTest, ARecordOfAnEarlierVersionIsReadWhole) {
+    const std::string text =
+        R"({"boot_id":"b","freeze":{"frozen_group":{"group":{"hierarchy":"unified","path":"/g/kite-12-34"},)"
+        R"("previous":"0","previous_weight":""},"was_stopped":true},"host_pid":5,"host_start_time":6,"pid":12,)"
+        R"("placements":[{"group":{"hierarchy":"cpu","path":"/c/kite-12-34"},"home":{"hierarchy":"cpu",)"
+        R"("path":"/c"}}],"process_name":"n","start_time":34,"suppression":{"idle_group":{"group":{"hierarchy":)"
+        R"("cpu","path":"/c/kite-12-34"},"previous":"0","previous_weight":"1024"},"process_group":7,"session":8,)"
+        R"("since":9,"threads":[{"deadline":1,"flags":2,"nice":-3,"period":4,"policy":5,"priority":6,)"
+        R"("runtime":7,"start_time":8,"tid":9}]}})"
+        "\n";
+    const Result<TreatmentRecord> record = ReadRecord(text);
+    ASSERT_TRUE(record) << record.Why().Text();
+    EXPECT_EQ(WriteRecord(*record), text) << "nothing was lost";
+    EXPECT_EQ(record->suppression->family.pid, 12);
+    EXPECT_EQ(record->suppression->threads[0].attributes.nice, -3);
+    EXPECT_EQ(record->suppression->idleGroup->previousWeight, "1024");
+}
+
 TEST_F(TreatmentRecordTest, ARecordNamesOnlyGroupsThatATreatmentCouldHaveChanged) {
     const Cgroups groups("30 20 0:27 / /groups rw - cgroup2 none rw\n", false);
     struct Case {
