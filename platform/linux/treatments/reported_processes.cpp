@@ -25,19 +25,16 @@ Result<void> ReportedProcess::Verify(const std::string& requestedName) const {
     if (requestedName != name_) {
         return Differs("it was reported as " + Printable(name_));
     }
-    const auto& [pid, startTime] = key_;
+    const pid_t pid = key_.first;
     const Result<ProcessStat> stat = ReadProcessStat(pid);
     const std::string name = ReadProcessName(pid);
     const std::optional<ExecutableIdentity> executable = ReadExecutableIdentity(pid);
-    // Looked at last: a process that lives now has lived during all the reads.
+    // Looked at last: while the process lives, its pid means no other, so that all was read of this one.
     if (HasExited(Pidfd())) {
         return Differs("it has ended");
     }
     if (!stat) {
         return Differs("it cannot be looked at");
-    }
-    if (stat->startTime != startTime) {
-        return Differs("its start time differs from the reported one");
     }
     if (name != name_) {
         return Differs("its name is now " + Printable(name));

@@ -54,6 +54,10 @@ TEST_F(SuppressionTest, ChildrenOfAnIdleProcessGetItsPolicyBackAlsoWhenItIsGone)
 
 TEST_F(SuppressionTest, TheEndOfOneSuppressionLeavesAnotherOfTheSameSession) {
     Treatments& host = StartHost();
+    const Program idleBefore({"idle-before", "burn"}, false);
+    const sched_param none{};
+    ASSERT_EQ(sched_setscheduler(idleBefore.Pid(), SCHED_IDLE, &none), 0);
+    ASSERT_TRUE(idleBefore.Runs());
     const Program first({kName, "burn"}, false);
     const Program second({kName, "burn"}, false);
     for (const Program* program : {&first, &second}) {
@@ -63,6 +67,7 @@ TEST_F(SuppressionTest, TheEndOfOneSuppressionLeavesAnotherOfTheSameSession) {
     first.Signal(SIGKILL);
     ASSERT_TRUE(Eventually([&] { return Events().back() == "RELEASE 0"; }));
     EXPECT_TRUE(IsIdle(second.Pid()));
+    EXPECT_TRUE(IsIdle(idleBefore.Pid())) << "by its own choice";
     ASSERT_FALSE(host.EndSuppression(second.Pid(), kName));
     EXPECT_FALSE(IsIdle(second.Pid()));
 }

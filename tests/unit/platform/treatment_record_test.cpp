@@ -41,9 +41,15 @@ TEST_F(TreatmentRecordTest, ARecordThatFitsNothingIsRefusedOrForgotten) {
     EXPECT_TRUE(Release(record));
     EXPECT_FALSE(HasRecords());
     EXPECT_TRUE(StandsStill(newcomer));
+    ++record.startTime;
     record.bootId = "of-another-boot";
     EXPECT_TRUE(Release(record));
     EXPECT_FALSE(HasRecords());
+    EXPECT_TRUE(StandsStill(newcomer));
+    // The record of one process under the name of another's.
+    EXPECT_FALSE(Context().records.Write(record));
+    std::filesystem::rename(Path("treated/" + record.Key() + ".json"), Path("treated/12-34.json"));
+    EXPECT_FALSE(ReleaseLeft());
     std::ofstream(Path("treated/12-34.json")) << R"({"boot_id":"x","pid":1})";
     EXPECT_FALSE(ReleaseLeft());
     EXPECT_TRUE(ReleaseLeft());
@@ -55,10 +61,12 @@ TEST_F(TreatmentRecordTest, ARecordThatFitsNothingIsRefusedOrForgotten) {
 
 TEST_F(TreatmentRecordTest, ARecordOfGroupsThatAreNotMountedIsKept) {
     TreatmentRecord record = RecordOf(Begin());
-    record.freeze = FreezeRecord{ChangedGroup{{Hierarchy::kUnified, "/nowhere/own"}, "0", ""}, false};
+    Put("cgroup.freeze", "1");
+    record.freeze = FreezeRecord{ChangedGroup{{Hierarchy::kUnified, directory_}, "0", ""}, false};
     EXPECT_FALSE(Release(record));
     EXPECT_FALSE(ReleaseLeft());
     EXPECT_TRUE(HasRecords());
+    EXPECT_EQ(Get("cgroup.freeze"), "1") << "written where no group is";
 }
 
 // Written by version 1.0, whose records a host of this version may find.
