@@ -1,6 +1,5 @@
 #include <filesystem>
 #include <fstream>
-#include <regex>
 
 #include "rqctl_fixture.h"
 
@@ -194,13 +193,11 @@ TEST_F(WatchTest, EachReportAndWhatComesOfItIsTold) {
 
 TEST_F(WatchTest, TheRecordedHistoryIsToldInFull) {
     const std::string report =
-        R"({"time":TIME,"domain":"KITE","name":"REPORT","PID":8,"PROCESS_NAME":"twin","UID":7,)"
+        R"(,"domain":"KITE","name":"REPORT","PID":8,"PROCESS_NAME":"twin","UID":7,)"
         R"("RESOURCE_TYPE":"cpu","RULE_ID":3,"RESOURCE":83,"DURATION":5,"ACTION":"kill"})";
-    WriteWholeFile(State() + "/events.jsonl",
-                   std::regex_replace(report, std::regex("TIME"), "1700000000000") + R"(
+    WriteWholeFile(State() + "/events.jsonl", R"({"time":1700000000000)" + report + R"(
 {"time":1700000000001,"domain":"KITE","name":"KILL","PID":9,"PROCESS_NAME":"twin","FORM":"SIGKILL","RESULT":1}
-)" + std::regex_replace(report, std::regex("TIME"), "1700000005000") +
-                       R"(
+{"time":1700000005000)" + report + R"(
 {"time":1700000005001,"domain":"KITE","name":"RELEASE","PID":8,"PROCESS_NAME":"twin","REASON":"asked for","RESULT":0,"BY_UID":5,"DRY_RUN":true}
 )");
     Command& fromNow = StartWatch({});
