@@ -134,14 +134,18 @@ TEST_F(RealProcesses, OneThatWasTooManyIsWatchedOnceThereIsRoomThoughItSleeps) {
 void MeetThreeProblems(const std::string& name) {
     PLATFORM_LOGW("first line");  // the log opens what it needs while it can
     ProcessTable table(0);
-    table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 1, 0)}));
+    const auto rules = std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 1, 0)});
+    const auto otherRules = std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 2, 0)});
+    table.UseRules(rules);
     const auto isOnTheWay = [](const ReportKey&) { return false; };
     table.Sample(Second(0), isOnTheWay);
-    const DescriptorLimit none(0);
-    table.Sample(Second(1), isOnTheWay);
-    table.Sample(Second(2), isOnTheWay);
-    table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 2, 0)}));
-    table.Sample(Second(3), isOnTheWay);
+    {
+        const DescriptorLimit none(0);
+        table.Sample(Second(1), isOnTheWay);
+        table.Sample(Second(2), isOnTheWay);
+        table.UseRules(otherRules);
+        table.Sample(Second(3), isOnTheWay);
+    }
     StopLog();
     _exit(0);
 }

@@ -14,6 +14,7 @@
 #include <memory>
 #include <thread>
 
+#include "base/result.h"
 #include "integration/process.h"
 #include "runtime/settings.h"
 
@@ -78,6 +79,10 @@ struct Program : Process {
 class DescriptorLimit {
   public:
     explicit DescriptorLimit(rlim_t limit) {
+        // UndefinedBehaviorSanitizer opens a pipe to look at an object's type for the first time, and takes a
+        // pipe that it does not get for a fault. So the errors that will be met are looked at before.
+        const std::error_code before = ErrorOf(EMFILE);
+        static_cast<void>(before == ErrorOf(ENFILE) || before.message().empty());
         getrlimit(RLIMIT_NOFILE, &usual_);
         const rlimit few{limit, usual_.rlim_max};
         setrlimit(RLIMIT_NOFILE, &few);
