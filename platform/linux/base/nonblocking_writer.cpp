@@ -168,7 +168,7 @@ Result<size_t> NonblockingWriter::Splice(std::string_view text) {
         }
         staged_ = static_cast<size_t>(staged);
     }
-    const Result<size_t> moved = Counted(
+    Result<size_t> moved = Counted(
         splice(stagingOut_.Get(), nullptr, fd_, nullptr, std::min(staged_, text.size()), SPLICE_F_NONBLOCK));
     staged_ -= moved ? *moved : 0;
     return moved;
