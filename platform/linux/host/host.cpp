@@ -100,6 +100,8 @@ bool Host::Start() {
 bool Host::StartBus() {
     const std::error_code error = Bus::Instance().Start(options_.settings.busAddress, [this] {
         isBusLost_ = true;
+        // The main thread has blocked the signal and waits for it.
+        // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
         pthread_kill(thread_, SIGTERM);
     });
     if (error) {

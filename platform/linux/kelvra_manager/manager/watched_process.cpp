@@ -79,6 +79,7 @@ std::vector<Report> WatchedProcess::TakeReports(const IsOnTheWay& isOnTheWay) {
         return {};
     }
     std::vector<Report> reports;
+    reports.reserve(breaches.size());
     for (const Breach& breach : breaches) {
         reports.push_back(ReportOf(breach, *uid));
     }
