@@ -63,9 +63,10 @@ Result<void> WriteBusConfiguration(const std::string& directory, const std::stri
     std::string group;
     for (const uid_t uid : users) {
         const std::string number = std::to_string(uid);
-        const std::string entry = "kite" + number + ":x:" + number + ":";
-        passwd += entry + number + "::/:/bin/false\n";
-        group += entry + "\n";
+        std::string entry = "kite";
+        entry.append(number).append(":x:").append(number).append(":");
+        passwd.append(entry).append(number).append("::/:/bin/false\n");
+        group.append(entry).append("\n");
     }
     const std::string rules = directory + "/kite.ability.conf";
     const auto addressed = [&](const std::string& text) {
