@@ -204,14 +204,17 @@ int32_t ResourceQuotaControlImpl::GetCurrentCondition(const Info& info, int32_t 
         return current;
     }
     const std::optional<bool> isSeen = IsSeenApplication(info);
-    return isSeen ? current | (*isSeen ? kForeground : kBackground) : current;
+    if (!isSeen) {
+        RQC_LOGE("%{public}d does not match %{public}d", info.uid, info.pid);
+        return current;
+    }
+    return current | (*isSeen ? kForeground : kBackground);
 }
 
 std::optional<bool> ResourceQuotaControlImpl::IsSeenApplication(const Info& info) {
     const auto [isMatched, isInForeground] =
         DelayedSingleton<AppMgrHelper>::GetInstance()->VerifyAppPidAndCheckForeground(info.uid, info.pid);
     if (!isMatched) {
-        RQC_LOGE("%{public}d does not match %{public}d", info.uid, info.pid);
         return std::nullopt;
     }
     return isInForeground || CheckVisibilityWindowInfo(info.uid);
@@ -283,7 +286,12 @@ bool ResourceQuotaControlImpl::CheckWhetherSuppressRequired(const Info& info) {
 }
 
 bool ResourceQuotaControlImpl::CheckProcessStatus(const Info& info) {
-    return IsSeenApplication(info).value_or(false);
+    const std::optional<bool> isSeen = IsSeenApplication(info);
+    if (!isSeen) {
+        // Logged by each caller: a line bears the name of the function that logs it.
+        RQC_LOGE("%{public}d does not match %{public}d", info.uid, info.pid);
+    }
+    return isSeen.value_or(false);
 }
 
 void ResourceQuotaControlImpl::ReportSuppressProcessInfo(const Info& info) {
