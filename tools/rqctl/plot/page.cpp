@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 
 #include "rqctl/plot/figure.h"
 #include "rqctl/plot/page_head.h"
@@ -98,7 +99,7 @@ std::string FiguresOf(const Panel& panel) {
         resources.push_back(MeasuredOf(panel, *type, quotas));
     }
     // Those whose quota was exceeded come first.
-    std::ranges::stable_partition(resources, &MeasuredResource::IsAboveQuota);
+    std::stable_partition(resources.begin(), resources.end(), std::mem_fn(&MeasuredResource::IsAboveQuota));
     std::string figures;
     for (const MeasuredResource& measured : resources) {
         figures += FigureOf(panel, measured);
