@@ -89,12 +89,13 @@ class TableSample {
 
     void Run() {
         at_ += seconds(1);
-        table_.Sample(at_, [](const Linux::Sampling::ReportKey&) { return false; });
+        table_.Sample(at_, reporter_);
     }
 
     size_t WatchedCount() const { return table_.WatchedCount(); }
 
   private:
+    const Linux::Sampling::Reporter reporter_;
     Linux::Sampling::ProcessTable table_;
     Linux::Sampling::TimePoint at_;
 };

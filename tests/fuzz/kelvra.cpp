@@ -22,7 +22,7 @@ constexpr uid_t kQuotaService = 1001;
 void Request(Input& input) {
     const auto reporter = std::make_shared<Sampling::Reporter>();
     const auto sampler = std::make_shared<Sampling::Sampler>(std::chrono::seconds(1), 10, reporter);
-    const auto manager = MakeSptr<Sampling::ManagerStub>(sampler, reporter);
+    const auto manager = MakeSptr<Sampling::ManagerStub>(sampler);
     const bool isTrusted = input.ConsumeIntegralInRange(0, 7) != 0;
     const Caller caller{":1.1", isTrusted ? std::optional(kQuotaService) : std::nullopt};
     const CallingScope scope(caller);

@@ -23,27 +23,19 @@ constexpr std::chrono::minutes kPauseBetweenLines{1};
 bool CallerCheck::IsQuotaService(uint32_t request) {
     NativeTokenInfo caller;
     const uint32_t token = IPCSkeleton::GetCallingTokenID();
-    const bool isIt = token != 0 && AccessTokenKit::GetNativeTokenInfo(token, caller) == 0 &&
-                      caller.processName == kQuotaService;
-    if (!isIt) {
-        LogRefusal(request, "the quota service");
-    }
-    return isIt;
+    const bool isNamed = token != 0 && AccessTokenKit::GetNativeTokenInfo(token, caller) == 0;
+    return (isNamed && caller.processName == kQuotaService) || Refuse(request, "the quota service");
 }
 
 bool CallerCheck::IsKelvraManager(uint32_t request) {
-    const bool isIt = CallerOwnsAbility(KELVRA_MANAGER_SERVICE_ID);
-    if (!isIt) {
-        LogRefusal(request, "the Kelvra manager");
-    }
-    return isIt;
+    return CallerOwnsAbility(KELVRA_MANAGER_SERVICE_ID) || Refuse(request, "the Kelvra manager");
 }
 
-void CallerCheck::LogRefusal(uint32_t request, const char* expected) {
+bool CallerCheck::Refuse(uint32_t request, const char* expected) {
     const auto now = std::chrono::steady_clock::now();
     if (now < nextLine_) {
         ++unlogged_;
-        return;
+        return false;
     }
     nextLine_ = now + kPauseBetweenLines;
     const std::optional<uid_t> uid = CallerUid();
@@ -51,6 +43,7 @@ void CallerCheck::LogRefusal(uint32_t request, const char* expected) {
         "request %{public}u of %{public}s, uid %{public}ld, is refused: only %{public}s may send it; "
         "%{public}u other requests were refused since the last such line",
         request, CallerName().c_str(), uid ? long{*uid} : -1L, expected, std::exchange(unlogged_, 0U));
+    return false;
 }
 
 }  // namespace KITE::Linux

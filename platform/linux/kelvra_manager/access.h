@@ -21,7 +21,8 @@ class KITE_API CallerCheck {
     bool IsKelvraManager(uint32_t request);
 
   private:
-    void LogRefusal(uint32_t request, const char* expected);
+    // Logs that; false.
+    bool Refuse(uint32_t request, const char* expected);
 
     std::chrono::steady_clock::time_point nextLine_;
     unsigned unlogged_ = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,13 +12,10 @@
 namespace KITE::Linux {
 
 // Appends the list; false when the parcel is full.
-template <typename Record>
-bool WriteRecordList(const std::vector<Record>& records, Parcel& parcel) {
-    bool isWritten = parcel.WriteUint32(static_cast<uint32_t>(records.size()));
-    for (size_t i = 0; isWritten && i < records.size(); ++i) {
-        isWritten = records[i].Marshalling(parcel);
-    }
-    return isWritten;
+template <typename Records>
+bool WriteRecordList(const Records& records, Parcel& parcel) {
+    return parcel.WriteUint32(static_cast<uint32_t>(records.size())) &&
+           std::ranges::all_of(records, [&](const auto& record) { return record.Marshalling(parcel); });
 }
 
 // Takes the list, which must be all that the parcel still holds. The count comes from outside: room is made

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "kelvra_manager/manager/rule_book.h"
-#include "kelvra_manager/manager/window.h"
+#include "kelvra_manager/manager/windows.h"
 #include "platform_fixture.h"
 
 namespace KITE::Linux::Sampling {

@@ -25,13 +25,13 @@ TEST(Reporter, SendsBatchesOfBoundedSizeKnowsWhatIsOnItsWayAndDropsOnlyTheSubscr
     reporter->SetSubscriber(deliver);
     std::vector<Report> reports(1001);
     for (size_t i = 0; i < reports.size(); ++i) {
-        reports[i].key.pid = static_cast<pid_t>(i);
+        reports[i].pid = static_cast<pid_t>(i);
     }
     reporter->Send(reports);
     EXPECT_THAT(sizes, ElementsAre(1000, 1));
     answers[0](ERR_TIMED_OUT);
-    EXPECT_FALSE(reporter->IsOnTheWay(reports[999].key));
-    EXPECT_TRUE(reporter->IsOnTheWay(reports[1000].key));
+    EXPECT_FALSE(reporter->IsOnTheWay(999, 0, ""));
+    EXPECT_TRUE(reporter->IsOnTheWay(1000, 0, ""));
     EXPECT_TRUE(reporter->HasSubscriber());
     reporter->SetSubscriber(deliver);
     answers[1](ERR_DEAD_OBJECT);

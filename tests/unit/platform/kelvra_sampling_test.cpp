@@ -1,7 +1,5 @@
 #include <sys/file.h>
 
-#include <set>
-
 #include "kelvra_fixture.h"
 #include "kelvra_manager/manager/process_table.h"
 #include "kelvra_manager/manager/sampler.h"
@@ -49,14 +47,13 @@ class RealProcesses : public DirectoryTest {
     // Of one second later.
     std::vector<Report>& Sample() {
         at_ += 1s;
-        reports_ = table_.Sample(at_, [this](const ReportKey& key) { return onTheWay_.contains(key); });
-        return reports_;
+        return reports_ = table_.Sample(at_, *reporter_);
     }
 
     const std::string first_ = "kelvra_first_" + std::to_string(getpid());
     const std::string second_ = "kelvra_second_" + std::to_string(getpid());
     TimePoint at_;
-    std::set<ReportKey> onTheWay_;
+    const std::shared_ptr<Reporter> reporter_ = std::make_shared<Reporter>();
     ProcessTable table_;
     std::vector<Report> reports_;  // of the last sample
 };
@@ -66,7 +63,7 @@ TEST_F(RealProcesses, AReportSaysWhatTheQuotaSaysAndWhatWasMeasured) {
     UseRules({Quota(first_, "mem", 1, 1, 77)});
     EXPECT_THAT(Sample(), IsEmpty());
     ASSERT_THAT(Sample(), SizeIs(1));
-    const Kelvra::ProcessAnomalyInfo& info = reports_[0].info;
+    const Kelvra::ProcessAnomalyInfo& info = reports_[0];
     EXPECT_EQ(info.pid, child.Pid());
     EXPECT_EQ(info.uid, static_cast<int32_t>(getuid()));
     EXPECT_EQ(info.id, 77);
@@ -92,7 +89,7 @@ TEST_F(RealProcesses, AnExecutedProgramIsMatchedAnewAndInheritsNoWindow) {
     EXPECT_THAT(Sample(), IsEmpty());
     EXPECT_THAT(Sample(), IsEmpty());
     ASSERT_THAT(Sample(), SizeIs(1));
-    EXPECT_EQ(reports_[0].info.id, 2);
+    EXPECT_EQ(reports_[0].id, 2);
 }
 
 TEST_F(RealProcesses, AProgramExecutedByAnUnwatchedProcessIsFoundAtAnyAge) {
@@ -118,7 +115,7 @@ TEST_F(RealProcesses, OneThatWasTooManyIsWatchedOnceThereIsRoomThoughItSleeps) {
         std::minmax({&one, &other}, [](Child* a, Child* b) { return a->Pid() < b->Pid(); });
     ProcessTable table(1);
     table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(first_, "mem", 1, 0)}));
-    const auto sample = [&] { return table.Sample(at_ += 1s, [](const ReportKey&) { return false; }); };
+    const auto sample = [&] { return table.Sample(at_ += 1s, *reporter_); };
     for (uint32_t i = 0; i < 2 * ProcessTable::kCheckPeriod; ++i) {
         EXPECT_THAT(sample(), SizeIs(1));
     }
@@ -128,7 +125,7 @@ TEST_F(RealProcesses, OneThatWasTooManyIsWatchedOnceThereIsRoomThoughItSleeps) {
     }
     const std::vector<Report> reports = sample();
     ASSERT_THAT(reports, SizeIs(1));
-    EXPECT_EQ(reports[0].info.pid, waiting->Pid());
+    EXPECT_EQ(reports[0].pid, waiting->Pid());
 }
 
 void MeetThreeProblems(const std::string& name) {
@@ -137,14 +134,14 @@ void MeetThreeProblems(const std::string& name) {
     const auto rules = std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 1, 0)});
     const auto otherRules = std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 2, 0)});
     table.UseRules(rules);
-    const auto isOnTheWay = [](const ReportKey&) { return false; };
-    table.Sample(Second(0), isOnTheWay);
+    const Reporter reporter;
+    table.Sample(Second(0), reporter);
     {
         const DescriptorLimit none(0);
-        table.Sample(Second(1), isOnTheWay);
-        table.Sample(Second(2), isOnTheWay);
+        table.Sample(Second(1), reporter);
+        table.Sample(Second(2), reporter);
         table.UseRules(otherRules);
-        table.Sample(Second(3), isOnTheWay);
+        table.Sample(Second(3), reporter);
     }
     StopLog();
     _exit(0);
@@ -200,10 +197,13 @@ TEST_F(RealProcesses, AReportOnItsWayHoldsBackTheNextOfItsKindAndNoOther) {
     UseRules({Quota(first_, "mem", 1, 0)});
     const std::vector<Report> reports = Sample();
     ASSERT_THAT(reports, SizeIs(2));
-    onTheWay_.insert(reports[0].key);
+    std::function<void(int32_t)> answer;
+    reporter_->SetSubscriber(
+        [&](const MessageParcel&, std::function<void(int32_t)> answered) { answer = std::move(answered); });
+    reporter_->Send({reports.data(), 1});
     ASSERT_THAT(Sample(), SizeIs(1));
-    EXPECT_EQ(reports_[0].key, reports[1].key);
-    onTheWay_.clear();
+    EXPECT_EQ(reports_[0].pid, reports[1].pid);
+    answer(ERR_NONE);
     EXPECT_THAT(Sample(), SizeIs(2));
 }
 
@@ -213,8 +213,8 @@ TEST_F(RealProcesses, BusyThreadsAreMeasuredInPercentOfOneCore) {
     Sample();
     const double used = burner.CpuPercent(300ms);
     ASSERT_THAT(Sample(), SizeIs(1));
-    EXPECT_LE(reports_[0].info.resource, 101) << "of the first core";
-    EXPECT_GE(static_cast<double>(reports_[0].info.resource), used * 0.8);
+    EXPECT_LE(reports_[0].resource, 101) << "of the first core";
+    EXPECT_GE(static_cast<double>(reports_[0].resource), used * 0.8);
 }
 
 TEST(Sampler, TakesThePlaceOnTheGridThatALateSampleCameTo) {
@@ -223,28 +223,23 @@ TEST(Sampler, TakesThePlaceOnTheGridThatALateSampleCameTo) {
     EXPECT_EQ(NextSampleTime(Second(10), Second(13.5), 1s), Second(13));
 }
 
-TEST(Sampler, ReportsOnceThereAreQuotasAndASubscriberAndStopsAtOnce) {
+TEST(Sampler, ReportsOnceThereAreQuotasAndASubscriber) {
     const auto reporter = std::make_shared<Reporter>();
     std::atomic<int> batches = 0;
     Sampler sampler(100ms, 10, reporter);
     sampler.Start();
     const std::string name = ReadProcessName(getpid());
     sampler.SetQuotas({Quota(name, "mem", 1, 0)});
-    reporter->SetSubscriber([](const MessageParcel&, const std::function<void(int32_t)>& answered) {
+    sampler.SetSubscriber([](const MessageParcel&, const std::function<void(int32_t)>& answered) {
         answered(ERR_DEAD_OBJECT);
     });
-    sampler.SubscriberHasChanged();
     ASSERT_TRUE(Eventually([&] { return !reporter->HasSubscriber(); }));
-    reporter->SetSubscriber([&](const MessageParcel&, const std::function<void(int32_t)>& answered) {
+    sampler.SetSubscriber([&](const MessageParcel&, const std::function<void(int32_t)>& answered) {
         answered(ERR_NONE);
         ++batches;
     });
-    sampler.SubscriberHasChanged();
     EXPECT_TRUE(Eventually([&] { return batches >= 2; }));
     sampler.Stop();
-    const int afterStop = batches;
-    sampler.SubscriberHasChanged();
-    EXPECT_EQ(batches, afterStop);
 }
 
 }  // namespace

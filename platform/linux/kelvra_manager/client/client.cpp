@@ -34,23 +34,6 @@ int32_t CallManager(uint32_t code, MessageParcel& data) {
     return status;
 }
 
-// The one object for all subscriptions of the process.
-struct Subscription {
-    std::mutex mutex;  // one subscription at a time: held until the manager has answered
-    sptr<Linux::SubscriberStub> stub = MakeSptr<Linux::SubscriberStub>();
-    bool isExported = false;
-
-    bool Export() {
-        isExported = isExported || Linux::Bus::Instance().Export(Protocol::kSubscriberPath, stub);
-        return isExported;
-    }
-};
-
-Subscription& TheSubscription() {
-    static Subscription subscription;
-    return subscription;
-}
-
 // The interface takes a const subscriber, and the report call is not const. The cast is sound: a subscriber
 // is owned by a shared pointer, so it was not defined as a constant.
 std::weak_ptr<KelvraManagerTaskSubscriber> WeakPointerTo(const KelvraManagerTaskSubscriber& subscriber) {
@@ -75,21 +58,22 @@ int32_t KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQu
 }
 
 int32_t KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscriber& subscriber) {
+    static std::mutex oneAtATime;                                // held until the manager has answered
+    static const auto stub = MakeSptr<Linux::SubscriberStub>();  // of all subscriptions of the process
     const std::weak_ptr<KelvraManagerTaskSubscriber> weak = WeakPointerTo(subscriber);
-    Subscription& subscription = TheSubscription();
-    const std::lock_guard lock(subscription.mutex);
-    if (weak.expired() || !subscription.Export()) {
+    const std::lock_guard lock(oneAtATime);
+    if (weak.expired() || !Linux::Bus::Instance().Export(Protocol::kSubscriberPath, stub)) {
         PLATFORM_LOGE("no subscription to anomaly reports: the bus does not serve the subscriber");
         return Protocol::kNotReachable;
     }
-    subscription.stub->SetSubscriber(weak);
+    stub->SetSubscriber(weak);
     MessageParcel data;
     data.WriteInterfaceToken(Protocol::kManagerDescriptor);
     data.WriteString(Protocol::kSubscriberPath);
     const int32_t status = CallManager(Protocol::kSubscribe, data);
     if (status != ERR_NONE) {
         // The manager may have subscribed it all the same; after a failure no report must come.
-        subscription.stub->SetSubscriber({});
+        stub->SetSubscriber({});
     }
     return status;
 }

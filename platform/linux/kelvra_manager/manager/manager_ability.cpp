@@ -40,18 +40,15 @@ size_t MostWatched() {
 }
 
 std::unique_ptr<SampleRecorder> MakeRecorder() {
-    if (!GetBoolParameter("kelvra.record_samples", false)) {
-        return nullptr;
-    }
-    return std::make_unique<SampleRecorder>(SamplesPath());
+    const bool isWanted = GetBoolParameter("kelvra.record_samples", false);
+    return isWanted ? std::make_unique<SampleRecorder>(SamplesPath()) : nullptr;
 }
 
 void ManagerAbility::OnStart() {
     const std::chrono::milliseconds period(GetIntParameter("kelvra.sample_period_ms", 1000, 100, 60'000));
-    const auto reporter = std::make_shared<Reporter>();
-    sampler_ = std::make_shared<Sampler>(period, MostWatched(), reporter, MakeRecorder());
+    sampler_ = std::make_shared<Sampler>(period, MostWatched(), std::make_shared<Reporter>(), MakeRecorder());
     sampler_->Start();
-    if (!Publish(MakeSptr<ManagerStub>(sampler_, reporter))) {
+    if (!Publish(MakeSptr<ManagerStub>(sampler_))) {
         PLATFORM_LOGE("the Kelvra manager cannot be published: no quotas are taken and nothing is reported");
     }
 }

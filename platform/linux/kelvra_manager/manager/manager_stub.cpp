@@ -14,10 +14,8 @@
 
 namespace KITE::Linux::Sampling {
 
-ManagerStub::ManagerStub(std::shared_ptr<Sampler> sampler, std::shared_ptr<Reporter> reporter)
-    : IPCObjectStub(KelvraProtocol::kManagerDescriptor, true),
-      sampler_(std::move(sampler)),
-      reporter_(std::move(reporter)) {}
+ManagerStub::ManagerStub(std::shared_ptr<Sampler> sampler)
+    : IPCObjectStub(KelvraProtocol::kManagerDescriptor, true), sampler_(std::move(sampler)) {}
 
 int32_t ManagerStub::OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                                      MessageOption& option) {
@@ -59,12 +57,11 @@ int32_t ManagerStub::Subscribe(MessageParcel& data) {
         PLATFORM_LOGE("a subscription is refused: it names no object path");
         return KelvraProtocol::kBadSubscriberPath;
     }
-    reporter_->SetSubscriber([subscriber](const MessageParcel& batch, std::function<void(int32_t)> answered) {
+    sampler_->SetSubscriber([subscriber](const MessageParcel& batch, std::function<void(int32_t)> answered) {
         subscriber->SendRequestAsync(
             KelvraProtocol::kReport, batch,
             [answered = std::move(answered)](int32_t status, MessageParcel& /*reply*/) { answered(status); });
     });
-    sampler_->SubscriberHasChanged();
     PLATFORM_LOGI("reports go to %{public}s from now on", CallerName().c_str());
     return ERR_NONE;
 }

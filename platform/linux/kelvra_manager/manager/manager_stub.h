@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "kelvra_manager/access.h"
-#include "kelvra_manager/manager/reporter.h"
 #include "kelvra_manager/manager/sampler.h"
 #include "remote_object.h"
 
@@ -13,7 +12,7 @@ namespace KITE::Linux::Sampling {
 // The manager's remote object. Its requests come one at a time, on the thread that serves.
 class ManagerStub : public IPCObjectStub {
   public:
-    ManagerStub(std::shared_ptr<Sampler> sampler, std::shared_ptr<Reporter> reporter);
+    explicit ManagerStub(std::shared_ptr<Sampler> sampler);
 
     // Refuses every caller but the quota service.
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
@@ -24,7 +23,6 @@ class ManagerStub : public IPCObjectStub {
     int32_t Subscribe(MessageParcel& data);
 
     const std::shared_ptr<Sampler> sampler_;
-    const std::shared_ptr<Reporter> reporter_;
     CallerCheck callers_;
 };
 

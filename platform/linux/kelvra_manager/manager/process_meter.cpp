@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <array>
-#include <iterator>
 #include <limits>
+#include <utility>
 
 #include "proc/process_file.h"
 #include "runtime/platform_log.h"
@@ -19,32 +19,6 @@ using Buffer = std::array<char, 4096>;
 
 }  // namespace
 
-struct ProcessMeter::Gauge {
-    Resource resource;
-    std::optional<int64_t> (ProcessMeter::*read)();
-    WindowKind window;
-    const char* recordedName;
-};
-
-const ProcessMeter::Gauge& ProcessMeter::GaugeOf(Resource resource) {
-    static constexpr Gauge kGauges[] = {
-        {Resource::kMemory, &ProcessMeter::ReadMemoryKiB, WindowKind::kLevel, "memory_kib"},
-        {Resource::kCpu, &ProcessMeter::ReadCpuTime, WindowKind::kPercent, "cpu_ns"},
-        {Resource::kCpuExt, &ProcessMeter::ReadCpuTime, WindowKind::kPercent, "cpu_ns"},
-        {Resource::kIo, &ProcessMeter::ReadWrittenBytes, WindowKind::kAmount, "written_bytes"},
-    };
-    static_assert(std::size(kGauges) == std::size(kResourceTypes), "each resource type has a gauge");
-    return *std::ranges::find(kGauges, resource, &Gauge::resource);
-}
-
-WindowKind ProcessMeter::WindowKindOf(Resource resource) {
-    return GaugeOf(resource).window;
-}
-
-const char* ProcessMeter::RecordedNameOf(Resource resource) {
-    return GaugeOf(resource).recordedName;
-}
-
 ProcessMeter::ProcessMeter(pid_t pid, std::string_view name, std::span<const Rule> rules)
     : pid_(pid),
       name_(name),
@@ -52,7 +26,7 @@ ProcessMeter::ProcessMeter(pid_t pid, std::string_view name, std::span<const Rul
       cpuClock_(pid),
       smallestMemoryQuota_(std::numeric_limits<int64_t>::max()) {
     for (const Rule& rule : rules) {
-        if (rule.resource == Resource::kMemory) {
+        if (rule.type->resource == Resource::kMemory) {
             smallestMemoryQuota_ = std::min(smallestMemoryQuota_, rule.quota.resource);
         }
     }
@@ -61,15 +35,28 @@ ProcessMeter::ProcessMeter(pid_t pid, std::string_view name, std::span<const Rul
 Readings ProcessMeter::Read(TimePoint at) {
     Readings readings;
     for (const Rule& rule : rules_) {
-        if (readings.contains(rule.resource)) {
+        if (readings.contains(rule.type)) {
             continue;
         }
         const TimePoint readAt = Clock::now();
-        if (const std::optional<int64_t> value = (this->*GaugeOf(rule.resource).read)()) {
-            readings[rule.resource] = {at, readAt, *value};
+        if (const std::optional<int64_t> value = ReadValue(rule.type->resource)) {
+            readings[rule.type] = {at, readAt, *value};
         }
     }
     return readings;
+}
+
+std::optional<int64_t> ProcessMeter::ReadValue(Resource resource) {
+    switch (resource) {
+        case Resource::kMemory:
+            return ReadMemoryKiB();
+        case Resource::kCpu:
+        case Resource::kCpuExt:
+            return ReadCpuTime();
+        case Resource::kIo:
+            return ReadWrittenBytes();
+    }
+    return std::nullopt;
 }
 
 // For PSS the kernel walks the process's page tables under their lock, some milliseconds for a gigabyte. RSS
@@ -122,8 +109,7 @@ std::string_view ProcessMeter::TextOrWarning(const Result<std::string_view>& tex
     if (text) {
         return *text;
     }
-    if (!MeansGone(text.Code()) && !warned_) {
-        warned_ = true;
+    if (!MeansGone(text.Code()) && !std::exchange(warned_, true)) {
         PLATFORM_LOGW(
             "the quotas of process %{public}d, %{public}s, do not apply: /proc/%{public}d/%{public}s: "
             "%{public}s",

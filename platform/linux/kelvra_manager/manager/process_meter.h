@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -11,16 +10,10 @@
 
 #include "base/result.h"
 #include "base/unique_fd.h"
-#include "kelvra_manager/manager/rule_book.h"
-#include "kelvra_manager/manager/window.h"
+#include "kelvra_manager/manager/windows.h"
 #include "proc/cpu_clock.h"
 
-// How each resource type is measured and judged on Linux. A new resource type is a row of
-// base/resource_types.h and a row of kGauges in process_meter.cpp.
 namespace KITE::Linux::Sampling {
-
-// Of one sample of one process; without those that are not needed or could not be read.
-using Readings = std::map<Resource, Reading>;
 
 // Reads what the rules of a process need, by its pid; the caller has to check afterwards that it still is
 // that process. One thread. The rules must outlive it.
@@ -30,19 +23,13 @@ class ProcessMeter {
 
     ProcessMeter(pid_t pid, std::string_view name, std::span<const Rule> rules);
 
-    static WindowKind WindowKindOf(Resource resource);
-    // What a reading is called in the recorded samples.
-    static const char* RecordedNameOf(Resource resource);
-
     // Warns, once for each process, of a file that cannot be read although the process is there: its quotas
     // would silently never apply.
     Readings Read(TimePoint at);
     std::optional<int32_t> ReadUid();
 
   private:
-    struct Gauge;
-
-    static const Gauge& GaugeOf(Resource resource);
+    std::optional<int64_t> ReadValue(Resource resource);
     std::optional<int64_t> ReadMemoryKiB();
     std::optional<int64_t> ReadCpuTime();
     std::optional<int64_t> ReadWrittenBytes();

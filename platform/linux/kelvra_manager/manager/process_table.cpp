@@ -7,6 +7,7 @@
 
 #include "proc/command_line.h"
 #include "proc/process_file.h"
+#include "proc/process_stat.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
@@ -16,12 +17,12 @@ void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
         return;
     }
     processes_.clear();
-    birthsListed_.reset();
+    birthsListed_ = kUnknown;
     warned_ = {};
     book_ = book;
 }
 
-std::vector<Report> ProcessTable::Sample(TimePoint at, const IsOnTheWay& isOnTheWay) {
+std::vector<Report> ProcessTable::Sample(TimePoint at, const Reporter& reporter) {
     ++sample_;
     FindProcesses();
     room_ = mostWatched_ - WatchedCount();
@@ -34,7 +35,7 @@ std::vector<Report> ProcessTable::Sample(TimePoint at, const IsOnTheWay& isOnThe
             continue;
         }
         if (process.watched->Sample(at, recorder_)) {
-            std::ranges::move(process.watched->TakeReports(isOnTheWay), std::back_inserter(reports));
+            std::ranges::move(process.watched->TakeReports(reporter), std::back_inserter(reports));
         } else {
             process.watched.reset();
             process.age = 0;
@@ -61,24 +62,21 @@ size_t ProcessTable::WatchedCount() const {
 // is measured. Where births cannot be counted, each sample lists.
 void ProcessTable::FindProcesses() {
     // Counted before listing: a process that is born in between makes the next sample list again.
-    const Result<int64_t> births = CountBirths();
-    if (births && *births == birthsListed_) {
+    const int64_t births = CountBirths().ValueOr(kUnknown);
+    if (births != kUnknown && births == birthsListed_) {
         return;
     }
-    birthsListed_.reset();
+    birthsListed_ = kUnknown;
     const Result<std::vector<ListedProcess>> listed = ListProcesses();
-    if (listed) {
-        TakeListing(*listed);
-        birthsListed_ = births ? std::optional(*births) : std::nullopt;
-    } else if (!std::exchange(warned_.unlisted, true)) {
-        PLATFORM_LOGW("/proc cannot be listed, so new processes are not found: %{public}s",
-                      listed.Why().Text().c_str());
+    if (!listed) {
+        if (!std::exchange(warned_.unlisted, true)) {
+            PLATFORM_LOGW("/proc cannot be listed, so new processes are not found: %{public}s",
+                          listed.Why().Text().c_str());
+        }
+        return;
     }
-}
-
-void ProcessTable::TakeListing(const std::vector<ListedProcess>& listed) {
     std::map<pid_t, Process> present;
-    for (const auto& [pid, inode] : listed) {
+    for (const auto& [pid, inode] : *listed) {
         auto known = processes_.extract(pid);
         if (known && known.mapped().inode == inode) {
             present.insert(present.end(), std::move(known));
@@ -87,6 +85,7 @@ void ProcessTable::TakeListing(const std::vector<ListedProcess>& listed) {
         }
     }
     processes_.swap(present);
+    birthsListed_ = births;
 }
 
 void ProcessTable::WatchIfItHasRules(pid_t pid, Process& process) {
@@ -112,8 +111,11 @@ void ProcessTable::WatchIfItHasRules(pid_t pid, Process& process) {
     if (rules.empty()) {
         process.ruledOutAt = clock;
     } else if (room_ > 0) {
-        process.watched = WatchedProcess::Open(pid, std::move(*cmdline), name, rules);
-        room_ -= process.watched ? 1 : 0;
+        if (const Result<ProcessStat> stat = ReadProcessStat(pid)) {
+            process.watched =
+                std::make_unique<WatchedProcess>(pid, stat->startTime, std::move(*cmdline), name, rules);
+            --room_;
+        }
     } else if (!std::exchange(warned_.tooMany, true)) {
         PLATFORM_LOGW("more than %{public}lu processes have quotas; the others are not watched",
                       mostWatched_);

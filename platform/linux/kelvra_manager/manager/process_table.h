@@ -9,7 +9,6 @@
 #include <optional>
 #include <vector>
 
-#include "kelvra_manager/manager/report.h"
 #include "kelvra_manager/manager/watched_process.h"
 #include "proc/cpu_clock.h"
 #include "proc/process_list.h"
@@ -37,12 +36,15 @@ class ProcessTable {
     // Takes other rules; all windows start anew. The same book again changes nothing.
     void UseRules(const std::shared_ptr<const RuleBook>& book);
 
-    // Finds processes, measures those that have rules, and returns the reports that are due.
-    std::vector<Report> Sample(TimePoint at, const IsOnTheWay& isOnTheWay);
+    // Finds processes, measures those that have rules, and returns the reports that are due. The reporter
+    // tells which are on their way already.
+    std::vector<Report> Sample(TimePoint at, const Reporter& reporter);
 
     size_t WatchedCount() const;
 
   private:
+    static constexpr int64_t kUnknown = -1;
+
     struct Process {
         Process(pid_t pid, ino_t itsInode) : inode(itsInode), clock(pid) {}
 
@@ -62,15 +64,14 @@ class ProcessTable {
     };
 
     void FindProcesses();
-    void TakeListing(const std::vector<ListedProcess>& listed);
     bool IsCheckDue(pid_t pid, Process& process) const;
     void WatchIfItHasRules(pid_t pid, Process& process);
 
     const size_t mostWatched_;
     SampleRecorder* const recorder_;
-    std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>());
-    std::optional<int64_t> birthsListed_;  // how many there were before the last listing
-    std::map<pid_t, Process> processes_;   // after book_, whose rules the watched ones refer to
+    std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>();
+    int64_t birthsListed_ = kUnknown;     // how many there were before the last listing
+    std::map<pid_t, Process> processes_;  // after book_, whose rules the watched ones refer to
     uint32_t sample_ = 0;
     size_t room_ = 0;  // how many more may be watched; counted anew in each sample
     Warned warned_;

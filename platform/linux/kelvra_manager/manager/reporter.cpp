@@ -19,62 +19,59 @@ bool Reporter::HasSubscriber() const {
     return subscriber_ != nullptr;
 }
 
-void Reporter::Send(const std::vector<Report>& reports) {
-    Subscriber subscriber;
-    {
-        const std::lock_guard lock(mutex_);
-        subscriber = subscriber_;
-    }
-    std::span<const Report> left(reports);
-    while (subscriber && !left.empty()) {
-        const size_t count = std::min(kMostRecordsOfBatch, left.size());
-        SendBatch(subscriber, left.first(count));
-        left = left.subspan(count);
+void Reporter::Send(std::span<const Report> reports) {
+    std::unique_lock lock(mutex_);
+    const Subscriber subscriber = subscriber_;
+    lock.unlock();
+    while (subscriber && !reports.empty()) {
+        const size_t count = std::min(kMostRecordsOfBatch, reports.size());
+        SendBatch(subscriber, reports.first(count));
+        reports = reports.subspan(count);
     }
 }
 
-void Reporter::SendBatch(const Subscriber& subscriber, std::span<const Report> reports) {
-    std::vector<ReportKey> keys;
-    std::vector<Kelvra::ProcessAnomalyInfo> infos;
+Reporter::Keys Reporter::KeysOf(std::span<const Report> reports) {
+    Keys keys;
     for (const Report& report : reports) {
-        keys.push_back(report.key);
-        infos.push_back(report.info);
+        keys.emplace(report.pid, report.startTime, report.resType);
     }
+    return keys;
+}
+
+void Reporter::SendBatch(const Subscriber& subscriber, std::span<const Report> reports) {
     MessageParcel batch;
-    if (!WriteRecordList(infos, batch)) {
+    if (!WriteRecordList(reports, batch)) {
         PLATFORM_LOGE("a batch of %{public}lu reports is dropped: it is too large for a message",
                       reports.size());
         return;
     }
+    const Keys keys = KeysOf(reports);
     {
         const std::lock_guard lock(mutex_);
         onTheWay_.insert(keys.begin(), keys.end());
     }
-    (*subscriber)(batch, [weak = weak_from_this(), subscriber, keys = std::move(keys)](int32_t status) {
+    (*subscriber)(batch, [weak = weak_from_this(), subscriber, keys](int32_t status) {
         if (const auto self = weak.lock()) {
             self->HandleAnswer(subscriber, keys, status);
         }
     });
 }
 
-void Reporter::HandleAnswer(const Subscriber& subscriber, const std::vector<ReportKey>& keys,
-                            int32_t status) {
+void Reporter::HandleAnswer(const Subscriber& subscriber, const Keys& keys, int32_t status) {
     if (status != ERR_NONE) {
         PLATFORM_LOGW("the subscriber did not take a batch of %{public}lu reports: status %{public}d",
                       keys.size(), status);
     }
     const std::lock_guard lock(mutex_);
-    for (const ReportKey& key : keys) {
-        onTheWay_.erase(key);
-    }
+    std::erase_if(onTheWay_, [&](const auto& key) { return keys.contains(key); });
     if (status == ERR_DEAD_OBJECT && subscriber == subscriber_) {
         subscriber_ = nullptr;
     }
 }
 
-bool Reporter::IsOnTheWay(const ReportKey& key) const {
+bool Reporter::IsOnTheWay(pid_t pid, int64_t startTime, std::string_view resourceType) const {
     const std::lock_guard lock(mutex_);
-    return onTheWay_.contains(key);
+    return onTheWay_.contains({pid, startTime, std::string(resourceType)});
 }
 
 }  // namespace KITE::Linux::Sampling

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -7,11 +9,15 @@
 #include <mutex>
 #include <set>
 #include <span>
-#include <vector>
+#include <string>
+#include <string_view>
+#include <tuple>
 
-#include "kelvra_manager/manager/report.h"
+#include "kelvra_manager_client.h"
 
 namespace KITE::Linux::Sampling {
+
+using Report = Kelvra::ProcessAnomalyInfo;
 
 // Carries reports to the subscriber. Must be owned by a shared pointer: answers come whenever they come. Any
 // thread.
@@ -28,19 +34,21 @@ class Reporter : public std::enable_shared_from_this<Reporter> {
     bool HasSubscriber() const;
 
     // Sends the reports, in batches of bounded size. Without a subscriber they are dropped.
-    void Send(const std::vector<Report>& reports);
-    // Whether a report of that kind was sent and is not answered yet.
-    bool IsOnTheWay(const ReportKey& key) const;
+    void Send(std::span<const Report> reports);
+    // Whether a report of that process and resource type was sent and is not answered yet.
+    bool IsOnTheWay(pid_t pid, int64_t startTime, std::string_view resourceType) const;
 
   private:
     using Subscriber = std::shared_ptr<const Deliver>;
+    using Keys = std::set<std::tuple<pid_t, int64_t, std::string>>;  // start time, resource type
 
+    static Keys KeysOf(std::span<const Report> reports);
     void SendBatch(const Subscriber& subscriber, std::span<const Report> reports);
-    void HandleAnswer(const Subscriber& subscriber, const std::vector<ReportKey>& keys, int32_t status);
+    void HandleAnswer(const Subscriber& subscriber, const Keys& keys, int32_t status);
 
     mutable std::mutex mutex_;  // of the two below; never held across a delivery
     Subscriber subscriber_;
-    std::set<ReportKey> onTheWay_;
+    Keys onTheWay_;
 };
 
 }  // namespace KITE::Linux::Sampling

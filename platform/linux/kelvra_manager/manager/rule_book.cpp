@@ -1,7 +1,6 @@
 #include "kelvra_manager/manager/rule_book.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "base/text.h"
 #include "runtime/platform_log.h"
@@ -15,38 +14,26 @@ constexpr int64_t kLongestDurationSeconds = 1'000'000'000;
 
 constexpr size_t kMostWarnings = 20;
 
-// Why a quota can never apply; null when it can.
-const char* FaultOf(const Kelvra::ResQuotaInfo& quota) {
-    if (FindResourceType(quota.resType) == nullptr) {
-        return "the resource type is unknown";
-    }
-    const bool canBeName = !quota.processName.empty() && quota.processName.find('/') == std::string::npos;
-    return canBeName ? nullptr : "no process can have this name";
-}
-
 }  // namespace
 
-RuleBook::RuleBook(std::vector<Kelvra::ResQuotaInfo> quotas) {
+RuleBook::RuleBook(const std::vector<Kelvra::ResQuotaInfo>& quotas) {
     size_t faulty = 0;
-    for (Kelvra::ResQuotaInfo& quota : quotas) {
-        const char* fault = FaultOf(quota);
-        if (fault == nullptr) {
-            Add(std::move(quota));
+    for (const Kelvra::ResQuotaInfo& quota : quotas) {
+        const ResourceType* const type = FindResourceType(quota.resType);
+        const std::string& name = quota.processName;
+        if (type != nullptr && !name.empty() && name.find('/') == std::string::npos) {
+            const std::chrono::seconds duration(
+                std::clamp(quota.duration, int64_t{0}, kLongestDurationSeconds));
+            rules_[name].push_back({type, duration, quota});
         } else if (++faulty <= kMostWarnings) {
             PLATFORM_LOGW("quota %{public}d, %{public}s of \"%{public}s\", is left out: %{public}s", quota.id,
-                          Printable(quota.resType).c_str(), Printable(quota.processName).c_str(), fault);
+                          Printable(quota.resType).c_str(), Printable(name).c_str(),
+                          type == nullptr ? "the resource type is unknown" : "no process can have this name");
         }
     }
     if (faulty > kMostWarnings) {
         PLATFORM_LOGW("%{public}lu quotas are left out in all", faulty);
     }
-}
-
-void RuleBook::Add(Kelvra::ResQuotaInfo quota) {
-    const Resource resource = FindResourceType(quota.resType)->resource;
-    const std::chrono::seconds duration(std::clamp(quota.duration, int64_t{0}, kLongestDurationSeconds));
-    std::vector<Rule>& rules = rules_[quota.processName];
-    rules.push_back({resource, duration, std::move(quota)});
 }
 
 std::span<const Rule> RuleBook::RulesFor(std::string_view processName) const {

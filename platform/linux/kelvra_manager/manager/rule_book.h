@@ -18,7 +18,7 @@ using std::chrono::nanoseconds;
 
 // A quota, ready to be judged.
 struct Rule {
-    Resource resource = Resource::kMemory;
+    const ResourceType* type = nullptr;
     // Length of the window. Zero, for a quota whose duration is not positive, means the shortest window that
     // sampling allows: each sample of a level, and the time between two samples of a counter.
     nanoseconds duration{0};
@@ -30,15 +30,13 @@ class RuleBook {
   public:
     // A quota that can never apply is left out, with a warning: one of an unknown resource type, or of a name
     // that no process can have, because it is empty or has a slash.
-    explicit RuleBook(std::vector<Kelvra::ResQuotaInfo> quotas);
+    explicit RuleBook(const std::vector<Kelvra::ResQuotaInfo>& quotas = {});
 
     // The rules for processes of that name, in the order in which they came; they live as long as the book.
     std::span<const Rule> RulesFor(std::string_view processName) const;
     bool IsEmpty() const noexcept { return rules_.empty(); }
 
   private:
-    void Add(Kelvra::ResQuotaInfo quota);
-
     std::map<std::string, std::vector<Rule>, std::less<>> rules_;
 };
 

@@ -14,8 +14,8 @@ void SampleRecorder::Add(pid_t pid, int64_t startTime, const std::string& name, 
                                 {"pid", pid},
                                 {"start", startTime},
                                 {"name", name}};
-    for (const auto& [resource, reading] : readings) {
-        line[ProcessMeter::RecordedNameOf(resource)] = reading.value;
+    for (const auto& [type, reading] : readings) {
+        line[type->sampleKey] = reading.value;
     }
     for (const Rule& rule : rules) {
         const Kelvra::ResQuotaInfo& quota = rule.quota;

@@ -7,8 +7,7 @@
 #include <string>
 #include <system_error>
 
-#include "kelvra_manager/manager/process_meter.h"
-#include "kelvra_manager/manager/rule_book.h"
+#include "kelvra_manager/manager/windows.h"
 
 namespace KITE::Linux::Sampling {
 

@@ -16,26 +16,20 @@ Sampler::Sampler(std::chrono::milliseconds period, size_t mostWatched, std::shar
     : period_(period),
       mostWatched_(mostWatched),
       reporter_(std::move(reporter)),
-      recorder_(std::move(recorder)),
-      book_(std::make_shared<RuleBook>(std::vector<Kelvra::ResQuotaInfo>())) {}
+      recorder_(std::move(recorder)) {}
 
 void Sampler::Start() {
-    const std::lock_guard lock(mutex_);
-    if (!thread_.joinable() && !stopping_) {
-        thread_ = std::thread(&Sampler::Run, this);
-    }
+    thread_ = std::thread(&Sampler::Run, this);
 }
 
 void Sampler::Stop() {
-    std::thread ended;
     {
         const std::lock_guard lock(mutex_);
         stopping_ = true;
-        ended.swap(thread_);
     }
     changed_.notify_all();
-    if (ended.joinable()) {
-        ended.join();
+    if (thread_.joinable()) {
+        thread_.join();
     }
 }
 
@@ -48,10 +42,13 @@ void Sampler::SetQuotas(std::vector<Kelvra::ResQuotaInfo> quotas) {
     changed_.notify_all();
 }
 
-void Sampler::SubscriberHasChanged() {
-    // The sampling thread may have looked for a subscriber and not wait yet, and would miss the notice. It
-    // holds the mutex in between.
-    { const std::lock_guard lock(mutex_); }
+void Sampler::SetSubscriber(Reporter::Deliver deliver) {
+    {
+        // The sampling thread holds the mutex from its look for a subscriber until it waits. So it does not
+        // miss the notice.
+        const std::lock_guard lock(mutex_);
+        reporter_->SetSubscriber(std::move(deliver));
+    }
     changed_.notify_all();
 }
 
@@ -71,18 +68,14 @@ void Sampler::SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock) {
         lock.unlock();
         RunGuarded("a sample", [&] {
             table.UseRules(book);
-            SampleOnce(table, at);
+            reporter_->Send(table.Sample(at, *reporter_));
+            if (recorder_) {
+                recorder_->Write();
+            }
         });
         lock.lock();
         changed_.wait_until(lock, at + period_, [this] { return !HasWork(); });
         at = NextSampleTime(at, Clock::now(), period_);
-    }
-}
-
-void Sampler::SampleOnce(ProcessTable& table, TimePoint at) {
-    reporter_->Send(table.Sample(at, [this](const ReportKey& key) { return reporter_->IsOnTheWay(key); }));
-    if (recorder_) {
-        recorder_->Write();
     }
 }
 

@@ -28,19 +28,18 @@ class Sampler {
     Sampler& operator=(const Sampler&) = delete;
     ~Sampler() { Stop(); }
 
-    // Starts the thread and joins it; each takes effect once.
+    // Starts the thread, once at most, and joins it. Of the owner.
     void Start();
     void Stop();
 
     // Replaces all quotas.
     void SetQuotas(std::vector<Kelvra::ResQuotaInfo> quotas);
-    // Takes notice of a new subscriber.
-    void SubscriberHasChanged();
+    // Replaces the reporter's subscriber.
+    void SetSubscriber(Reporter::Deliver deliver);
 
   private:
     void Run();
     void SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock);
-    void SampleOnce(ProcessTable& table, TimePoint at);
     bool HasWork() const { return !stopping_ && !book_->IsEmpty() && reporter_->HasSubscriber(); }
 
     const std::chrono::milliseconds period_;
@@ -49,7 +48,7 @@ class Sampler {
     const std::unique_ptr<SampleRecorder> recorder_;  // the sampling thread's
     std::mutex mutex_;  // of the members below; never held while sampling or sending
     std::condition_variable changed_;
-    std::shared_ptr<const RuleBook> book_;
+    std::shared_ptr<const RuleBook> book_ = std::make_shared<RuleBook>();
     bool stopping_ = false;
     std::thread thread_;
 };

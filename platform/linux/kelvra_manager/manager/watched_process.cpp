@@ -8,21 +8,9 @@
 #include "device/device_state.h"
 #include "proc/command_line.h"
 #include "proc/process_file.h"
-#include "proc/process_stat.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
-
-std::unique_ptr<WatchedProcess> WatchedProcess::Open(pid_t pid, UniqueFd cmdline, std::string_view name,
-                                                     std::span<const Rule> rules) {
-    const Result<ProcessStat> stat = ReadProcessStat(pid);
-    if (!stat) {
-        return nullptr;
-    }
-    auto process = std::make_unique<WatchedProcess>(pid, stat->startTime, std::move(cmdline), name, rules);
-    process->WarnIfReportsWillBeRefused();
-    return process;
-}
 
 WatchedProcess::WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, std::string_view name,
                                std::span<const Rule> rules)
@@ -32,12 +20,14 @@ WatchedProcess::WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, s
       cmdline_(std::move(cmdline)),
       rules_(rules),
       meter_(pid, name, rules),
-      windows_(rules) {}
+      windows_(rules) {
+    WarnIfReportsWillBeRefused();
+}
 
 // The service's own check takes the name behind the last slash of all arguments.
 void WatchedProcess::WarnIfReportsWillBeRefused() const {
     const Result<std::string> commandLine = ReadFile(cmdline_.Get());
-    if (!commandLine || !IsSame()) {
+    if (!commandLine || ProcessNameOf(*commandLine) != name_) {
         return;
     }
     const std::string_view seen = SeenNameOf(*commandLine);
@@ -67,10 +57,9 @@ bool WatchedProcess::Sample(TimePoint at, SampleRecorder* recorder) {
     return true;
 }
 
-std::vector<Report> WatchedProcess::TakeReports(const IsOnTheWay& isOnTheWay) {
-    const std::vector<Breach> breaches = windows_.TakeBreaches([&](Resource resource) {
-        return isOnTheWay({pid_, startTime_, resource});
-    });
+std::vector<Report> WatchedProcess::TakeReports(const Reporter& reporter) {
+    const std::vector<Breach> breaches = windows_.TakeBreaches(
+        [&](const ResourceType& type) { return reporter.IsOnTheWay(pid_, startTime_, type.name); });
     if (breaches.empty()) {
         return {};
     }
@@ -79,7 +68,6 @@ std::vector<Report> WatchedProcess::TakeReports(const IsOnTheWay& isOnTheWay) {
         return {};
     }
     std::vector<Report> reports;
-    reports.reserve(breaches.size());
     for (const Breach& breach : breaches) {
         reports.push_back(ReportOf(breach, *uid));
     }
@@ -93,19 +81,18 @@ Report WatchedProcess::ReportOf(const Breach& breach, int32_t uid) const {
         "%{public}s, pid %{public}d, breaks its %{public}s quota: %{public}ld measured, quota %{public}ld",
         name_.c_str(), pid_, quota.resType.c_str(), breach.measured, quota.resource);
     Report report;
-    report.key = {pid_, startTime_, breach.rule->resource};
-    report.info.duration = quota.duration;
-    report.info.resource = breach.measured;
-    report.info.uid = uid;
-    report.info.pid = pid_;
-    report.info.id = quota.id;
-    report.info.processType = kGeneralTypeFactor * GeneralTypeOf(uid, pid_);
-    report.info.action = quota.action;
-    report.info.resType = quota.resType;
-    report.info.processName = quota.processName;
-    report.info.conditions = quota.conditions;
-    report.info.startTime = startTime_;
-    report.info.sampleTime = nanoseconds(Clock::now().time_since_epoch()).count();
+    report.duration = quota.duration;
+    report.resource = breach.measured;
+    report.uid = uid;
+    report.pid = pid_;
+    report.id = quota.id;
+    report.processType = kGeneralTypeFactor * GeneralTypeOf(uid, pid_);
+    report.action = quota.action;
+    report.resType = quota.resType;
+    report.processName = quota.processName;
+    report.conditions = quota.conditions;
+    report.startTime = startTime_;
+    report.sampleTime = nanoseconds(Clock::now().time_since_epoch()).count();
     return report;
 }
 

@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -11,9 +10,9 @@
 
 #include "base/unique_fd.h"
 #include "kelvra_manager/manager/process_meter.h"
-#include "kelvra_manager/manager/process_windows.h"
-#include "kelvra_manager/manager/report.h"
+#include "kelvra_manager/manager/reporter.h"
 #include "kelvra_manager/manager/sample_recorder.h"
+#include "kelvra_manager/manager/windows.h"
 
 namespace KITE::Linux::Sampling {
 
@@ -26,12 +25,8 @@ class WatchedProcess {
   public:
     static constexpr int kMostDescriptors = 1 + ProcessMeter::kMostDescriptors;
 
-    // Takes the opened "cmdline" from which the name was read. Null when the process has gone. Warns when the
-    // quota service would refuse reports of this process. The rules must outlive it.
-    static std::unique_ptr<WatchedProcess> Open(pid_t pid, UniqueFd cmdline, std::string_view name,
-                                                std::span<const Rule> rules);
-
-    // Use Open.
+    // Takes the opened "cmdline" from which the name was read. Warns when the quota service would refuse
+    // reports of this process. The rules must outlive it.
     WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, std::string_view name,
                    std::span<const Rule> rules);
 
@@ -40,8 +35,9 @@ class WatchedProcess {
     bool Sample(TimePoint at, SampleRecorder* recorder = nullptr);
 
     // The reports that the last sample calls for; the window of each starts anew. Each gets its log line.
-    // None when the process turns out to be another by now.
-    std::vector<Report> TakeReports(const IsOnTheWay& isOnTheWay);
+    // None of a resource type of which one is on its way, and none at all when the process turns out to be
+    // another by now.
+    std::vector<Report> TakeReports(const Reporter& reporter);
 
   private:
     void WarnIfReportsWillBeRefused() const;
