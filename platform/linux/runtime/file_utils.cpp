@@ -20,8 +20,8 @@ bool SaveStringToFd(int fd, const std::string& content) {
     using Linux::NonblockingWriter;
     constexpr std::chrono::seconds kReaderPatience{2};
     NonblockingWriter writer(fd, NonblockingWriter::Doubtful::kRefuse);
-    const std::error_code error =
-        writer.WriteAllUntil(std::chrono::steady_clock::now() + kReaderPatience, content);
+    std::string_view text = content;
+    const std::error_code error = writer.WriteUntil(std::chrono::steady_clock::now() + kReaderPatience, text);
     if (error) {
         PLATFORM_LOGE("cannot write to descriptor %{public}d: %{public}s", fd, error.message().c_str());
     }

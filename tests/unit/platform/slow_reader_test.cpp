@@ -6,7 +6,6 @@
 #include <future>
 #include <numeric>
 
-#include "base/nonblocking_writer.h"
 #include "file_utils.h"
 #include "platform_fixture.h"
 
@@ -41,39 +40,6 @@ std::string LargeText() {
     std::string text(1 << 20, '\0');
     std::iota(text.begin(), text.end(), '\0');
     return text;
-}
-
-// Writes until the pipe is full; what is left begins with bytes that wait in the writer.
-std::string_view Fill(NonblockingWriter& writer, std::string_view text) {
-    Result<size_t> written = writer.Write(text);
-    for (; written; written = writer.Write(text)) {
-        text.remove_prefix(*written);
-    }
-    EXPECT_EQ(written.Code(), ErrorOf(EAGAIN));
-    return text;
-}
-
-TEST_F(DescriptorTest, AReaderOfANamedPipeThatComesBackGetsNothingOfATextThatWasGivenUp) {
-    ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
-    const auto openReader = [this] {
-        return UniqueFd(open(Path("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    };
-    UniqueFd reader = openReader();
-    const UniqueFd fifo(open(Path("fifo").c_str(), O_WRONLY | O_CLOEXEC));
-    NonblockingWriter writer(fifo.Get(), NonblockingWriter::Doubtful::kRefuse);
-    ASSERT_EQ(*writer.Write("x"), 1U);  // takes a page of the pipe, so that not all of the large text fits
-    const std::string text = LargeText();
-    std::string_view left = Fill(writer, text);
-    ReadAll(reader.Get());
-    EXPECT_EQ(*writer.Write(left.substr(0, 5)), 5U);
-    EXPECT_EQ(ReadAll(reader.Get()), left.substr(0, 5));
-    left = Fill(writer, left.substr(5));
-    reader = UniqueFd();
-    EXPECT_EQ(writer.Write(left).Code(), ErrorOf(EPIPE));
-    reader = openReader();
-    ReadAll(reader.Get());
-    EXPECT_EQ(*writer.Write("next"), 4U);
-    EXPECT_EQ(ReadAll(reader.Get()), "next");
 }
 
 TEST(SaveStringToFdTest, AReaderGetsTheWholeTextOrCostsTwoSecondsOrIsAnErrorAndNoSignal) {

@@ -1,9 +1,6 @@
 #include "runtime/log/stderr_log.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <system_error>
@@ -15,18 +12,21 @@ namespace KITE::Linux {
 
 namespace {
 
+using std::chrono::steady_clock;
+
 constexpr std::chrono::seconds kReaderPatience{1};
+// How long the thread waits for a reader until it looks again whether it is to stop.
+constexpr std::chrono::milliseconds kStopLatency{100};
 
 void AppendTime(std::string& out) {
     timespec now{};
     tm parts{};
-    char text[80];
+    char text[32];
     clock_gettime(CLOCK_REALTIME, &now);
     gmtime_r(&now.tv_sec, &parts);
-    const int length = std::snprintf(text, sizeof(text), "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ",
-                                     parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour,
-                                     parts.tm_min, parts.tm_sec, now.tv_nsec / 1000000);
-    out.append(text, static_cast<size_t>(length));
+    out.append(text, std::strftime(text, sizeof(text), "%FT%T", &parts));
+    std::snprintf(text, sizeof(text), ".%03ldZ", now.tv_nsec / 1000000);
+    out += text;
 }
 
 // So that no text passes for a line of its own or moves the cursor of a terminal.
@@ -58,130 +58,77 @@ void AppendLine(std::string& out, const LogLine& line) {
 
 }  // namespace
 
-StderrLog::StderrLog(int fd)
-    : fd_(fd),
-      stopEvent_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      writer_(fd, NonblockingWriter::Doubtful::kWrite) {}
+StderrLog::StderrLog(int fd) : writer_(fd, NonblockingWriter::Doubtful::kWrite) {}
 
 void StderrLog::Write(const LogLine& line) {
-    std::unique_lock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (mode_ == Mode::kIdle) {
         StartThread();
     }
-    const bool wakesThread = Enqueue(line) && mode_ == Mode::kThreaded;
-    if (wakesThread) {
-        // The thread often runs at once in the caller's place, and would only find the mutex taken.
-        lock.unlock();
+    if (queuedLines_ >= kMaxLines || queue_.size() >= kMaxBytes) {
+        ++dropped_;
+    } else {
+        AppendLine(queue_, line);
+        ++queuedLines_;
+    }
+    if (mode_ == Mode::kThreaded) {
         wake_.notify_one();
-    } else if (mode_ == Mode::kDirect) {
+    } else {
         WriteDirectly();
     }
 }
 
-// True when the queue was empty before.
-bool StderrLog::Enqueue(const LogLine& line) {
-    if (pendingLines_ >= kMaxLines || pending_.size() >= kMaxBytes) {
-        ++dropped_;
-        return false;
-    }
-    AppendLine(pending_, line);
-    return pendingLines_++ == 0;
-}
-
-// Queues the notice of the lines that were dropped since the last one, if there are any.
-bool StderrLog::EnqueueDropNotice() {
-    if (dropped_ == 0) {
-        return false;
-    }
-    char text[256];
-    AppendLine(pending_, DropNotice(text, std::exchange(dropped_, 0)));
-    ++pendingLines_;
-    return true;
-}
-
+// Without a thread the callers write, as far as that needs no waiting.
 void StderrLog::StartThread() {
-    mode_ = Mode::kDirect;
-    if (!stopEvent_) {
-        return;
-    }
     const SignalsBlocked blocked;
     try {
         thread_ = std::thread([this] { Run(); });
         mode_ = Mode::kThreaded;
     } catch (const std::system_error&) {
-        // Without a thread the callers write, as far as that needs no waiting.
+        mode_ = Mode::kDirect;
     }
 }
 
 void StderrLog::Run() {
     std::unique_lock lock(mutex_);
-    for (;;) {
-        wake_.wait(lock, [this] { return !pending_.empty() || mode_ == Mode::kStopping; });
-        EnqueueDropNotice();
-        if (pending_.empty()) {
-            return;
-        }
-        const std::string batch = std::exchange(pending_, {});
-        pendingLines_ = 0;
-        lock.unlock();
-        const std::string_view unwritten = WriteBatch(batch);
-        lock.lock();
-        if (!unwritten.empty()) {
-            pending_.insert(0, unwritten);
-            return;
-        }
-    }
-}
-
-// Returns what could not be written before the time to stop.
-std::string_view StderrLog::WriteBatch(std::string_view batch) {
-    while (Is(WriteSome(batch), EAGAIN)) {
-        if (!WaitUntilWritable()) {
-            return batch;
-        }
-    }
-    return {};
-}
-
-// Takes off the text what was written, which is all of it or what needs no waiting. Another error than EAGAIN
-// means that no reader will ever take the rest.
-std::error_code StderrLog::WriteSome(std::string_view& text) {
-    while (!text.empty()) {
-        const Result<size_t> written = writer_.Write(text);
-        if (!written) {
-            return written.Code();
-        }
-        text.remove_prefix(*written);
-    }
-    return {};
-}
-
-// False when the time to stop has come.
-bool StderrLog::WaitUntilWritable() {
-    pollfd waiting[] = {{fd_, POLLOUT, 0}, {stopEvent_.Get(), POLLIN, 0}};
-    poll(waiting, std::size(waiting), -1);
-    if (waiting[1].revents == 0) {
-        return true;
-    }
-    using std::chrono::ceil, std::chrono::milliseconds;
-    std::unique_lock lock(mutex_);
-    const auto left = ceil<milliseconds>(deadline_ - std::chrono::steady_clock::now());
-    lock.unlock();
-    return left > milliseconds::zero() && poll(waiting, 1, static_cast<int>(left.count())) != 0;
-}
-
-// The notice of dropped lines comes behind all lines that were queued before them, so it is not queued while
-// the reader stalls: each further line that is dropped would make a notice of its own.
-void StderrLog::WriteDirectly() {
     do {
-        std::string_view left = pending_;
-        if (Is(WriteSome(left), EAGAIN)) {
-            pending_.erase(0, pending_.size() - left.size());
+        wake_.wait(lock, [this] { return stopTime_ || queuedLines_ != 0 || !batch_.empty(); });
+        if (!TakeBatch()) {
             return;
         }
-        pending_.clear();
-        pendingLines_ = 0;
-    } while (EnqueueDropNotice());
+        const auto deadline = steady_clock::now() + kStopLatency;
+        const auto until = stopTime_ ? std::min(*stopTime_, deadline) : deadline;
+        lock.unlock();
+        WriteBatch(until);
+        lock.lock();
+    } while (!stopTime_ || steady_clock::now() < *stopTime_);
+}
+
+// Takes the queued lines, with the count of those that were dropped behind them, once the batch before has
+// been written. False when there is nothing to write.
+bool StderrLog::TakeBatch() {
+    if (batch_.empty()) {
+        batch_.swap(queue_);
+        queuedLines_ = 0;
+        if (dropped_ != 0) {
+            char text[256];
+            AppendLine(batch_, DropNotice(text, std::exchange(dropped_, 0)));
+        }
+    }
+    return !batch_.empty();
+}
+
+// False when the time is over before all is written. After another error no reader will ever take the rest.
+bool StderrLog::WriteBatch(steady_clock::time_point deadline) {
+    std::string_view rest = batch_;
+    const bool isLate = Is(writer_.WriteUntil(deadline, rest), ETIMEDOUT);
+    batch_.erase(0, isLate ? batch_.size() - rest.size() : std::string::npos);
+    return !isLate;
+}
+
+void StderrLog::WriteDirectly() {
+    while (TakeBatch() && WriteBatch(steady_clock::now())) {
+    }
 }
 
 void StderrLog::Stop() {
@@ -191,16 +138,16 @@ void StderrLog::Stop() {
         if (mode_ != Mode::kThreaded) {
             return;
         }
-        mode_ = Mode::kStopping;
-        deadline_ = std::chrono::steady_clock::now() + kReaderPatience;
-        ending = std::move(thread_);
+        stopTime_ = steady_clock::now() + kReaderPatience;
         wake_.notify_one();
+        ending.swap(thread_);
     }
-    eventfd_write(stopEvent_.Get(), 1);
-    ending.join();
-    const std::lock_guard lock(mutex_);
-    mode_ = Mode::kDirect;
-    WriteDirectly();
+    if (ending.joinable()) {
+        ending.join();
+        const std::lock_guard lock(mutex_);
+        mode_ = Mode::kDirect;
+        WriteDirectly();
+    }
 }
 
 }  // namespace KITE::Linux

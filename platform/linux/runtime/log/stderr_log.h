@@ -4,12 +4,12 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 
 #include "base/nonblocking_writer.h"
-#include "base/unique_fd.h"
 #include "runtime/log/log_line.h"
 
 namespace KITE::Linux {
@@ -40,28 +40,25 @@ class StderrLog {
     void Stop();
 
   private:
-    enum class Mode { kIdle, kThreaded, kStopping, kDirect };
+    enum class Mode { kIdle, kThreaded, kDirect };
 
-    bool Enqueue(const LogLine& line);
-    bool EnqueueDropNotice();
     void StartThread();
     void Run();
-    std::string_view WriteBatch(std::string_view batch);
-    std::error_code WriteSome(std::string_view& text);
-    bool WaitUntilWritable();
+    bool TakeBatch();
+    bool WriteBatch(std::chrono::steady_clock::time_point deadline);
     void WriteDirectly();
 
-    const int fd_;
-    const UniqueFd stopEvent_;
-    NonblockingWriter writer_;  // the thread's while there is one, then guarded by mutex_
+    // What is written now, and how. The thread's while there is one, then guarded by mutex_.
+    NonblockingWriter writer_;
+    std::string batch_;
 
     std::mutex mutex_;  // guards what follows; held across no write that could wait
     std::condition_variable wake_;
     Mode mode_ = Mode::kIdle;
-    std::string pending_;
-    size_t pendingLines_ = 0;
+    std::string queue_;
+    size_t queuedLines_ = 0;
     uint64_t dropped_ = 0;
-    std::chrono::steady_clock::time_point deadline_;  // of stopping
+    std::optional<std::chrono::steady_clock::time_point> stopTime_;  // when the thread ends at the latest
     std::thread thread_;
 };
 
