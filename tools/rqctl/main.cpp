@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/version.h"
+#include "host/settings_options.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
 #include "runtime/platform_log.h"
@@ -31,23 +32,7 @@ constexpr Add* kCommands[] = {
 };
 
 void Describe(CLI::App& app, Context& context) {
-    app.add_option("--etc", context.settings.etcDirectory, "directory of the platform's configuration")
-        ->envname("KITE_ETC")
-        ->capture_default_str()
-        ->take_last();
-    app.add_option("--state", context.settings.stateDirectory, "directory of the platform's state")
-        ->envname("KITE_STATE")
-        ->capture_default_str()
-        ->take_last();
-    app.add_option(
-           "--run", context.settings.runDirectory,
-           "directory of the records of what is treated now; /run/kite if that is there, else the state "
-           "directory")
-        ->envname("KITE_RUN")
-        ->take_last();
-    app.add_option("--bus", context.settings.busAddress, "address of the bus; the system bus if not given")
-        ->envname("KITE_BUS")
-        ->take_last();
+    KITE::Linux::AddSettingsOptions(app, context.settings);
     app.set_version_flag("--version", std::string("rqctl ") + KITE::Linux::kVersion);
     app.footer(kExitStatusHelp);
     app.require_subcommand(1);

@@ -9,13 +9,20 @@ namespace KITE::Linux {
 // before. The signals by which the processor tells a fault stay open, for a sanitizer to report them.
 class SignalsBlocked {
   public:
-    SignalsBlocked() noexcept;
+    SignalsBlocked() noexcept {
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) {
+            sigdelset(&blocked, fault);
+        }
+        pthread_sigmask(SIG_SETMASK, &blocked, &before_);
+    }
     SignalsBlocked(const SignalsBlocked&) = delete;
     SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-    ~SignalsBlocked();
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
   private:
-    sigset_t before_;
+    sigset_t before_{};
 };
 
 }  // namespace KITE::Linux

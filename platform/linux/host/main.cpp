@@ -19,6 +19,7 @@
 
 #include "base/version.h"
 #include "host/host.h"
+#include "host/settings_options.h"
 
 namespace {
 
@@ -30,19 +31,7 @@ const std::map<std::string, KITE::Log::Level> kLogLevels{{"debug", KITE::Log::Le
                                                          {"error", KITE::Log::Level::kError}};
 
 void Describe(CLI::App& app, HostOptions& options) {
-    app.add_option("--etc", options.settings.etcDirectory, "directory of the platform's configuration")
-        ->envname("KITE_ETC")
-        ->capture_default_str();
-    app.add_option("--state", options.settings.stateDirectory, "directory of the platform's state")
-        ->envname("KITE_STATE")
-        ->capture_default_str();
-    app.add_option(
-           "--run", options.settings.runDirectory,
-           "directory of the records of what is treated now; /run/kite if that is there, else the state "
-           "directory")
-        ->envname("KITE_RUN");
-    app.add_option("--bus", options.settings.busAddress, "address of the bus; the system bus if not given")
-        ->envname("KITE_BUS");
+    KITE::Linux::AddSettingsOptions(app, options.settings);
     app.add_option("--log-level", options.logLevel, "least level that is logged")
         ->transform(CLI::CheckedTransformer(kLogLevels, CLI::ignore_case));
     app.add_flag("--log-to-stderr", options.settings.logsToStandardError,

@@ -6,14 +6,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "access_token.h"
 #include "base/file.h"
 #include "base/file_names.h"
+#include "base/immortal.h"
 #include "base/json_node.h"
 #include "base/unique_fd.h"
 #include "runtime/settings.h"
@@ -35,12 +34,10 @@ struct Token {
 // A token's id is its place in the table plus one.
 using TokenTable = std::vector<Token>;
 
-std::mutex tableMutex;
-std::shared_ptr<const TokenTable> currentTable = std::make_shared<const TokenTable>();  // guarded by it
-
-std::shared_ptr<const TokenTable> CurrentTable() {
-    const std::lock_guard lock(tableMutex);
-    return currentTable;
+// Written only before there is another thread.
+TokenTable& Tokens() {
+    static Linux::Immortal<TokenTable> tokens;
+    return tokens.value;
 }
 
 uid_t UidOfUser(const JsonNode& node) {
@@ -113,11 +110,8 @@ Result<void> RequireRootOwned(int fd) {
 
 Result<TokenTable> LoadTable(const std::string& path) {
     const Linux::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!file && errno == ENOENT) {
-        return TokenTable();
-    }
     if (!file) {
-        return Linux::LastError();
+        return errno == ENOENT ? Result<TokenTable>(TokenTable()) : Linux::LastError();
     }
     if (const Result<void> owned = RequireRootOwned(file.Get()); !owned) {
         return owned.Why();
@@ -127,8 +121,8 @@ Result<TokenTable> LoadTable(const std::string& path) {
 }
 
 // Null for an id without a token.
-const Token* FindToken(const TokenTable& table, uint32_t tokenId) {
-    return tokenId != 0 && tokenId <= table.size() ? &table[tokenId - 1] : nullptr;
+const Token* FindToken(uint32_t tokenId) {
+    return tokenId != 0 && tokenId <= Tokens().size() ? &Tokens()[tokenId - 1] : nullptr;
 }
 
 }  // namespace
@@ -139,21 +133,17 @@ Result<void> Linux::LoadAccessTokens() {
     if (!table) {
         return table.Why().In(path);
     }
-    auto replacement = std::make_shared<const TokenTable>(std::move(*table));
-    const std::lock_guard lock(tableMutex);
-    currentTable.swap(replacement);
+    Tokens() = std::move(*table);
     return {};
 }
 
 uint32_t Linux::TokenOfUid(uid_t uid) {
-    const auto table = CurrentTable();
-    const auto found = std::ranges::find(*table, uid, &Token::uid);
-    return found == table->end() ? 0 : static_cast<uint32_t>(found - table->begin()) + 1;
+    const auto found = std::ranges::find(Tokens(), uid, &Token::uid);
+    return found == Tokens().end() ? 0 : static_cast<uint32_t>(found - Tokens().begin()) + 1;
 }
 
 int32_t AccessTokenKit::GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& info) {
-    const auto table = CurrentTable();
-    const Token* token = FindToken(*table, tokenId);
+    const Token* token = FindToken(tokenId);
     if (token == nullptr) {
         return -1;
     }
@@ -162,8 +152,7 @@ int32_t AccessTokenKit::GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& in
 }
 
 int32_t AccessTokenKit::VerifyAccessToken(uint32_t tokenId, const std::string& permission) {
-    const auto table = CurrentTable();
-    const Token* token = FindToken(*table, tokenId);
+    const Token* token = FindToken(tokenId);
     const bool isGranted =
         token != nullptr && std::ranges::find(token->permissions, permission) != token->permissions.end();
     return isGranted ? PERMISSION_GRANTED : PERMISSION_DENIED;

@@ -17,7 +17,7 @@ namespace KITE::Linux {
 // Each entry gives one uid a native process name and permissions. Fails, and leaves the table as it was, when
 // the file cannot be read, does not belong to root, may be written by others, is malformed, or names a uid
 // twice or a user that does not exist. A missing file is an empty table. Until the first success no uid has a
-// token. Any thread.
+// token. The table is read without a lock, so the host loads it before it starts a thread that may do so.
 KITE_API Result<void> LoadAccessTokens();
 
 // The token id of the processes that run under the uid; 0 when the table has none. Any thread.

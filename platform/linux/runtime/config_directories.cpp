@@ -16,10 +16,6 @@ namespace {
 
 using namespace KITE::Linux;
 
-struct ListDeleter {
-    void operator()(CfgDir* list) const noexcept { FreeCfgDirList(list); }
-};
-
 std::vector<std::string> ReadDirectories(const JsonNode& root) {
     std::vector<std::string> directories;
     root.AllowKeys({"directories"});
@@ -47,18 +43,6 @@ Result<void> RequireUsable(const std::string& directory) {
     return {};
 }
 
-// Null when there is not enough memory for all entries.
-CfgDir* MakeList(const std::vector<std::string>& directories) {
-    std::unique_ptr<CfgDir, ListDeleter> list(static_cast<CfgDir*>(std::calloc(1, sizeof(CfgDir))));
-    for (size_t i = 0; list && i < directories.size(); ++i) {
-        list->paths[i] = strdup(directories[i].c_str());
-        if (list->paths[i] == nullptr) {
-            list.reset();
-        }
-    }
-    return list.release();
-}
-
 }  // namespace
 
 CfgDir* GetCfgDirList() {
@@ -70,26 +54,25 @@ CfgDir* GetCfgDirList() {
         }
         return nullptr;
     }
-    std::vector<std::string> usable;
+    auto list = std::make_unique<CfgDir>();
+    size_t count = 0;
     for (const std::string& directory : *named) {
         if (const Result<void> isUsable = RequireUsable(directory); !isUsable) {
             PLATFORM_LOGW("configuration directory %{public}s is left out: %{public}s", directory.c_str(),
                           isUsable.Why().Text().c_str());
-        } else if (usable.size() == MAX_CFG_POLICY_DIRS_CNT) {
+        } else if (count == MAX_CFG_POLICY_DIRS_CNT) {
             PLATFORM_LOGW("configuration directory %{public}s is left out: it is behind the first %{public}d",
                           directory.c_str(), int{MAX_CFG_POLICY_DIRS_CNT});
         } else {
-            usable.push_back(directory);
+            list->paths[count++] = strdup(directory.c_str());
         }
     }
-    return usable.empty() ? nullptr : MakeList(usable);
+    return count == 0 ? nullptr : list.release();
 }
 
 void FreeCfgDirList(CfgDir* list) {
-    if (list != nullptr) {
-        for (char* path : list->paths) {
-            std::free(path);
-        }
-        std::free(list);
+    const std::unique_ptr<CfgDir> freed(list);
+    for (size_t i = 0; freed && i < MAX_CFG_POLICY_DIRS_CNT; ++i) {
+        std::free(freed->paths[i]);
     }
 }

@@ -26,11 +26,13 @@ constexpr size_t kMostQueuedBytes = size_t{4} << 20;
 // What the platform saw or did, as opposed to a fault of what it watches.
 constexpr int32_t kBehaviourEvent = 4;
 
+// An item is an EventItem or an EventField.
+template <typename Item>
 std::string LineOf(std::string_view domain, std::string_view name, int32_t type,
-                   const std::vector<EventItem>& items) {
+                   const std::vector<Item>& items) {
     const int64_t now = TimeServiceClient::GetInstance().GetWallTimeMs();
     nlohmann::ordered_json line = {{"time", now}, {"domain", domain}, {"name", name}, {"type", type}};
-    for (const EventItem& item : items) {
+    for (const Item& item : items) {
         std::visit([&](const auto& value) { line.emplace(std::string(item.key), value); }, item.value);
     }
     if (GetSettings().isDryRun) {
@@ -112,12 +114,7 @@ void WriteQueuedEvents() {
 
 int32_t QuillRec::Write(std::string_view domain, std::string_view name, EventType type,
                         const std::vector<EventField>& fields) {
-    std::vector<Linux::EventItem> items;
-    for (const EventField& field : fields) {
-        Linux::EventItem& item = items.emplace_back(Linux::EventItem{field.key, {}});
-        std::visit([&](const auto& value) { item.value = value; }, field.value);
-    }
-    return Linux::Record(Linux::LineOf(domain, name, static_cast<int32_t>(type), items)).value();
+    return Linux::Record(Linux::LineOf(domain, name, static_cast<int32_t>(type), fields)).value();
 }
 
 }  // namespace KITE

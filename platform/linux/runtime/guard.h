@@ -2,12 +2,9 @@
 
 #include <exception>
 
-#include "visibility.h"
+#include "runtime/platform_log.h"
 
 namespace KITE::Linux {
-
-// Logs that the call threw, with the exception's message; null for an object that is not a std::exception.
-KITE_API void ReportThrown(const char* what, const char* message);
 
 // Calls another component's code. An exception ends here, with an error line. `what` names the call.
 template <typename Function>
@@ -15,9 +12,9 @@ void RunGuarded(const char* what, Function&& function) {
     try {
         function();
     } catch (const std::exception& thrown) {
-        ReportThrown(what, thrown.what());
+        PLATFORM_LOGE("%{public}s threw: %{public}s", what, thrown.what());
     } catch (...) {
-        ReportThrown(what, nullptr);
+        PLATFORM_LOGE("%{public}s threw an object that is not a std::exception", what);
     }
 }
 

@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
-#include <asio/thread_pool.hpp>
-#include <exception>
-#include <mutex>
-#include <optional>
+#include <memory>
 #include <thread>
 #include <utility>
 
@@ -26,49 +23,7 @@ size_t WorkerCount() {
     return std::clamp<size_t>(std::thread::hardware_concurrency(), 2, 4);
 }
 
-// A submitted task on its way to a worker.
-struct Task {
-    void operator()() { RunGuarded(("task " + name).c_str(), function); }
-
-    std::string name;
-    std::function<void()> function;
-};
-
 }  // namespace
-
-// The delays have a pool of their own, so that Stop can wait for all submitted tasks without waiting for
-// delays.
-struct TaskRuntime::Threads {
-    std::mutex mutex;
-    bool isStopped = false;  // guarded by mutex; once set, the pools get nothing more
-    asio::thread_pool workers{WorkerCount()};
-    std::optional<asio::thread_pool> timers{1};
-
-    void PostAfter(Task task, std::chrono::microseconds delay);
-    bool Accept(Task& task, std::chrono::microseconds delay);
-};
-
-void TaskRuntime::Threads::PostAfter(Task task, std::chrono::microseconds delay) {
-    const auto timer = std::make_shared<asio::steady_timer>(*timers, delay);
-    timer->async_wait([this, timer, task = std::move(task)](const asio::error_code& error) mutable {
-        if (!error) {
-            asio::post(workers, std::move(task));
-        }
-    });
-}
-
-bool TaskRuntime::Threads::Accept(Task& task, std::chrono::microseconds delay) {
-    const std::lock_guard lock(mutex);
-    if (isStopped) {
-        return false;
-    }
-    if (delay <= std::chrono::microseconds::zero()) {
-        asio::post(workers, std::move(task));
-    } else {
-        PostAfter(std::move(task), std::min(delay, kMaxDelay));
-    }
-    return true;
-}
 
 TaskRuntime& TaskRuntime::Instance() {
     static Immortal<TaskRuntime> instance;
@@ -77,7 +32,8 @@ TaskRuntime& TaskRuntime::Instance() {
 
 TaskRuntime::TaskRuntime() {
     const SignalsBlocked blocked;
-    threads_ = std::make_unique<Threads>();
+    workers_.emplace(WorkerCount());
+    timers_.emplace(1);
 }
 
 TaskRuntime::~TaskRuntime() {
@@ -85,25 +41,39 @@ TaskRuntime::~TaskRuntime() {
 }
 
 void TaskRuntime::Submit(std::function<void()> function, TaskAttributes attributes) {
-    Task task{std::move(attributes.name), std::move(function)};
-    if (!threads_->Accept(task, attributes.delay)) {
-        PLATFORM_LOGW("task %{public}s is dropped: the host stops", task.name.c_str());
+    const std::lock_guard lock(mutex_);
+    if (isStopped_) {
+        PLATFORM_LOGW("task %{public}s is dropped: the host stops", attributes.name.c_str());
+        return;
     }
+    auto task = [name = std::move(attributes.name), function = std::move(function)] {
+        RunGuarded(("task " + name).c_str(), function);
+    };
+    if (attributes.delay <= std::chrono::microseconds::zero()) {
+        asio::post(*workers_, std::move(task));
+        return;
+    }
+    const auto timer = std::make_shared<asio::steady_timer>(*timers_, std::min(attributes.delay, kMaxDelay));
+    timer->async_wait([this, timer, task = std::move(task)](const asio::error_code& error) mutable {
+        if (!error) {
+            asio::post(*workers_, std::move(task));
+        }
+    });
 }
 
 void TaskRuntime::Stop() {
     {
-        const std::lock_guard lock(threads_->mutex);
-        if (std::exchange(threads_->isStopped, true)) {
+        const std::lock_guard lock(mutex_);
+        if (std::exchange(isStopped_, true)) {
             return;
         }
     }
-    threads_->timers->stop();
-    threads_->timers->join();
+    timers_->stop();
+    timers_->join();
     // Drops the delayed tasks with all that they hold. Not under the lock: what they hold may submit a task
     // when it is destroyed.
-    threads_->timers.reset();
-    threads_->workers.join();
+    timers_.reset();
+    workers_->join();
 }
 
 }  // namespace KITE::Linux

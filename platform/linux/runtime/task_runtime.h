@@ -1,7 +1,9 @@
 #pragma once
 
+#include <asio/thread_pool.hpp>
 #include <functional>
-#include <memory>
+#include <mutex>
+#include <optional>
 
 // The declared operations; not this file, which has the same name.
 #include <task_runtime.h>
@@ -27,8 +29,11 @@ class KITE_API TaskRuntime {
     void Stop();
 
   private:
-    struct Threads;
-    std::unique_ptr<Threads> threads_;
+    std::mutex mutex_;
+    bool isStopped_ = false;  // guarded by the mutex; once set, the pools get nothing more
+    std::optional<asio::thread_pool> workers_;
+    // A pool of their own, so that Stop can wait for all submitted tasks without waiting for delays.
+    std::optional<asio::thread_pool> timers_;
 };
 
 }  // namespace KITE::Linux
