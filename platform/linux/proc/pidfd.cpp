@@ -4,6 +4,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "proc/process_stat.h"
 
 namespace KITE::Linux {
@@ -14,7 +16,8 @@ Result<UniqueFd> OpenProcess(pid_t pid, int64_t startTime) {
     }
     UniqueFd pidfd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     if (!pidfd) {
-        return LastError();
+        // By kernel versions, the id of a thread that leads no process is an invalid one or has no entry.
+        return errno == EINVAL || errno == ENOENT ? ErrorOf(ESRCH) : LastError();
     }
     const Result<ProcessStat> stat = ReadProcessStat(pid);
     const bool hasExited = HasExited(pidfd.Get());

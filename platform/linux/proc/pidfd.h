@@ -3,7 +3,9 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <set>
 #include <system_error>
+#include <utility>
 
 #include "base/result.h"
 #include "base/unique_fd.h"
@@ -11,8 +13,12 @@
 // Processes by descriptor: unlike a pid, it never comes to mean another process. Any thread.
 namespace KITE::Linux {
 
-// A pidfd of the process that bears the pid and started at that time (clock ticks since boot). ESRCH when
-// there is none such, EINVAL for a thread's id, another error when that cannot be known.
+// A process: its pid, and its start time in clock ticks since boot.
+using ProcessKey = std::pair<pid_t, int64_t>;
+using ProcessKeys = std::set<ProcessKey>;
+
+// A pidfd of the process that bears the pid and started at that time. ESRCH when there is none such, another
+// error when that cannot be known.
 Result<UniqueFd> OpenProcess(pid_t pid, int64_t startTime);
 
 // Whether the process that a pidfd names has ended.

@@ -6,6 +6,7 @@
 #include "base/text.h"
 #include "runtime/event_file.h"
 #include "runtime/platform_log.h"
+#include "runtime/settings.h"
 
 namespace KITE::Linux {
 
@@ -21,25 +22,13 @@ std::string TextOf(const TreatmentResult& result) {
            (result.means.empty() ? "" : ", tried by " + result.means);
 }
 
-void Record(const Announcement& announcement) {
-    const auto& [event, pid, processName, result, by] = announcement;
-    std::vector<EventItem> items{{"PID", pid},
-                                 {"PROCESS_NAME", processName},
-                                 {"FORM", result.means},
-                                 {"REASON", result.note},
-                                 {"RESULT", result.error.value()}};
-    if (by) {
-        items.push_back({"BY_UID", *by});
-    }
-    static_cast<void>(RecordEvent(event, items));  // it logs a failure itself
-}
-
 }  // namespace
 
-std::error_code Announce(const Announcement& announcement, bool isDryRun) {
+std::error_code Announce(const Announcement& announcement) {
     const auto& [event, pid, processName, result, by] = announcement;
-    const std::string text = std::string(isDryRun ? "dry run: " : "") + std::string(event) + " of pid " +
-                             std::to_string(pid) + " (" + Printable(processName) + ") " + TextOf(result);
+    const std::string text = std::string(GetSettings().isDryRun ? "dry run: " : "") + std::string(event) +
+                             " of pid " + std::to_string(pid) + " (" + Printable(processName) + ") " +
+                             TextOf(result);
     if (result.error) {
         PLATFORM_LOGE("%{public}s", text.c_str());
     } else {
@@ -50,8 +39,20 @@ std::error_code Announce(const Announcement& announcement, bool isDryRun) {
             "a group of pid %{public}d or its record cannot be removed yet, it is tried again: %{public}s",
             pid, result.cleanupError.message().c_str());
     }
-    Record(announcement);
+    std::vector<EventItem> items{{"PID", pid},
+                                 {"PROCESS_NAME", processName},
+                                 {"FORM", result.means},
+                                 {"REASON", result.note},
+                                 {"RESULT", result.error.value()}};
+    if (by) {
+        items.push_back({"BY_UID", *by});
+    }
+    static_cast<void>(RecordEvent(event, items));  // it logs a failure itself
     return result.error;
+}
+
+std::error_code AnnounceRelease(const TreatmentRecord& record, const char* why) {
+    return Announce({EventName::kRelease, record.pid, record.processName, {.error = {}, .note = why}});
 }
 
 }  // namespace KITE::Linux

@@ -21,6 +21,8 @@ struct Announcement {
 };
 
 // Writes one log line and one event; returns the result's error. Any thread.
-std::error_code Announce(const Announcement& announcement, bool isDryRun);
+std::error_code Announce(const Announcement& announcement);
+// That the record's process is not treated any more.
+std::error_code AnnounceRelease(const TreatmentRecord& record, const char* why);
 
 }  // namespace KITE::Linux

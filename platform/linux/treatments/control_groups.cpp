@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <filesystem>
 #include <system_error>
 #include <thread>
 
@@ -30,22 +29,6 @@ constexpr const char* kProcsFile = "cgroup.procs";
 bool HasPart(std::string_view text, char separator, std::string_view part) {
     const std::vector<std::string_view> parts = Split(text, separator);
     return std::ranges::find(parts, part) != parts.end();
-}
-
-// mountinfo writes blanks and backslashes as three octal digits.
-std::string Unescape(std::string_view text) {
-    const auto isOctal = [](char digit) { return digit >= '0' && digit <= '7'; };
-    std::string plain;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 3 < text.size() && std::all_of(&text[i + 1], &text[i + 4], isOctal)) {
-            plain +=
-                static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + text[i + 3] - '0');
-            i += 3;
-        } else {
-            plain += text[i];
-        }
-    }
-    return plain;
 }
 
 std::optional<Hierarchy> HierarchyOfMount(std::string_view type, std::string_view options) {
@@ -104,19 +87,10 @@ std::vector<pid_t> ProcessesIn(const Group& group) {
     return processes;
 }
 
-// Also true when that cannot be known.
+// Also true when that cannot be known. A group's directory is linked by itself, its parent and each child.
 bool HasChildGroups(const Group& group) {
-    std::error_code error;
-    std::filesystem::directory_iterator entry(group.path, error);
-    while (!error && entry != std::filesystem::directory_iterator() && !entry->is_directory(error)) {
-        entry.increment(error);
-    }
-    return error || entry != std::filesystem::directory_iterator();
-}
-
-timespec TimespecOf(std::chrono::nanoseconds time) {
-    constexpr int64_t kPerSecond = 1'000'000'000;
-    return {time.count() / kPerSecond, time.count() % kPerSecond};
+    struct stat status {};
+    return stat(group.path.c_str(), &status) != 0 || status.st_nlink > 2;
 }
 
 bool IsMarkedDelegated(const std::string& path) {
@@ -144,8 +118,11 @@ Cgroups::Cgroups(std::string_view mountinfo, bool managerRuns) : managerRuns_(ma
         if (place.size() < 5 || what.size() < 3) {
             continue;
         }
+        // A path with a blank in it is written in another way, leads nowhere here, and so counts as
+        // unmounted.
         if (const std::optional<Hierarchy> hierarchy = HierarchyOfMount(what[0], what[2])) {
-            mounts_.push_back({*hierarchy, Unescape(place[3]), Unescape(place[4])});
+            const std::string_view root = place[3] == "/" ? std::string_view() : place[3];
+            mounts_.push_back({*hierarchy, std::string(root), std::string(place[4])});
         }
     }
 }
@@ -157,20 +134,16 @@ const Cgroups::Mount* Cgroups::Find(Hierarchy hierarchy) const {
 
 std::optional<Group> Cgroups::GroupAt(Hierarchy hierarchy, std::string_view pathInHierarchy) const {
     const Mount* mount = Find(hierarchy);
-    if (mount == nullptr || !IsWellFormed(pathInHierarchy)) {
+    if (mount == nullptr || !IsWellFormed(pathInHierarchy) || !pathInHierarchy.starts_with(mount->root)) {
         return std::nullopt;
     }
-    if (mount->root != "/") {
-        if (!pathInHierarchy.starts_with(mount->root)) {
-            return std::nullopt;
-        }
-        pathInHierarchy.remove_prefix(mount->root.size());
+    pathInHierarchy.remove_prefix(mount->root.size());
+    if (pathInHierarchy == "/") {
+        pathInHierarchy = {};
     }
-    if (!pathInHierarchy.empty() && !pathInHierarchy.starts_with('/')) {
-        return std::nullopt;
-    }
-    const bool isRoot = pathInHierarchy.empty() || pathInHierarchy == "/";
-    return Group{hierarchy, mount->point + (isRoot ? std::string() : std::string(pathInHierarchy))};
+    const bool isBelow = pathInHierarchy.empty() || pathInHierarchy.starts_with('/');
+    return isBelow ? std::optional(Group{hierarchy, mount->point + std::string(pathInHierarchy)})
+                   : std::nullopt;
 }
 
 std::optional<Group> Cgroups::GroupOf(pid_t pid, Hierarchy hierarchy) const {
@@ -193,11 +166,6 @@ bool Cgroups::IsBelowRoot(const Group& group) const {
     const Mount* mount = Find(group.hierarchy);
     return mount != nullptr && IsWellFormed(group.path) && group.path.starts_with(mount->point + "/") &&
            group.path.size() > mount->point.size() + 1;
-}
-
-bool Cgroups::IsRoot(const Group& group) const {
-    const Mount* mount = Find(group.hierarchy);
-    return mount != nullptr && group.path == mount->point;
 }
 
 bool Cgroups::IsReachable(Hierarchy hierarchy) const {
@@ -285,7 +253,7 @@ std::error_code MoveAll(const Group& from, const Group& to) {
     return ErrorOf(EBUSY);
 }
 
-std::error_code AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit) {
+std::error_code AwaitFrozen(const Group& group, int pidfd) {
     const UniqueFd events(open(FilePath(group, "cgroup.events").c_str(), O_RDONLY | O_CLOEXEC));
     if (!events) {
         return LastError();
@@ -294,7 +262,7 @@ std::error_code AwaitFrozen(const Group& group, int pidfd, std::chrono::millisec
     // often. So this looks for itself at first. It sleeps between the looks: a thread that waits without
     // sleeping keeps the processor from threads of another session or group that have to stop.
     constexpr std::chrono::milliseconds kAtOnce{1};
-    constexpr std::chrono::microseconds kBetweenLooks{20};
+    constexpr std::chrono::nanoseconds kBetweenLooks{20'000};
     const auto begin = std::chrono::steady_clock::now();
     std::array<char, 256> buffer;
     while (true) {
@@ -306,11 +274,11 @@ std::error_code AwaitFrozen(const Group& group, int pidfd, std::chrono::millisec
             return {};
         }
         const auto passed = std::chrono::steady_clock::now() - begin;
-        if (passed >= limit) {
+        if (passed >= kFreezerLimit) {
             return ErrorOf(ETIMEDOUT);
         }
         std::array<pollfd, 2> waits{{{events.Get(), POLLPRI, 0}, {pidfd, POLLIN, 0}}};
-        const timespec time = TimespecOf(passed < kAtOnce ? kBetweenLooks : limit - passed);
+        const timespec time{0, passed < kAtOnce ? kBetweenLooks.count() : (kFreezerLimit - passed).count()};
         if (ppoll(waits.data(), waits.size(), &time, nullptr) > 0 && waits[1].revents != 0) {
             return ErrorOf(ESRCH);
         }

@@ -35,9 +35,8 @@ class Cgroups {
     // The group that a process is in; absent when the hierarchy is not mounted, the process has gone, its
     // group lies outside of what is mounted, or the group's name has bytes that a record could not keep.
     std::optional<Group> GroupOf(pid_t pid, Hierarchy hierarchy) const;
-    // Whether the path is well formed and lies below the hierarchy's root; whether it is the root.
+    // Whether the path is well formed and lies below the hierarchy's root.
     bool IsBelowRoot(const Group& group) const;
-    bool IsRoot(const Group& group) const;
     // Whether the hierarchy is still where it was found. If not, a group may exist though it cannot be seen.
     bool IsReachable(Hierarchy hierarchy) const;
     // Whether a service manager owns the group, so that no other group may be made in it: systemd runs, and
@@ -47,7 +46,7 @@ class Cgroups {
   private:
     struct Mount {
         Hierarchy hierarchy;
-        std::string root;   // the part of the hierarchy that is mounted
+        std::string root;   // the part of the hierarchy that is mounted; empty for all of it
         std::string point;  // where
     };
 
@@ -75,8 +74,12 @@ std::error_code MoveProcess(pid_t pid, const Group& group);
 // Moves the processes of a group until it is empty, since they may have children meanwhile.
 std::error_code MoveAll(const Group& from, const Group& to);
 
+// How long a freeze waits for the kernel to say that all is frozen; one thread that cannot be interrupted
+// delays that. Below a second.
+inline constexpr std::chrono::milliseconds kFreezerLimit{500};
+
 // Waits until the kernel says that everything in a unified group is frozen. ESRCH when the process that the
 // pidfd names ends before; ETIMEDOUT.
-std::error_code AwaitFrozen(const Group& group, int pidfd, std::chrono::milliseconds limit);
+std::error_code AwaitFrozen(const Group& group, int pidfd);
 
 }  // namespace KITE::Linux

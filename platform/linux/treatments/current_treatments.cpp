@@ -2,24 +2,34 @@
 
 #include <algorithm>
 
+#include "base/event_names.h"
+#include "base/text.h"
 #include "proc/pidfd.h"
+#include "runtime/platform_log.h"
 #include "time_service.h"
-#include "treatments/treatment_context.h"
+#include "treatments/freeze.h"
+#include "treatments/recovery.h"
 
 namespace KITE::Linux {
 
 namespace {
 
+using Clock = Treated::Clock;
+
 // The moment on the wall clock, in milliseconds since the epoch.
-int64_t OnTheWallClock(Treated::Clock::time_point moment) {
-    const auto ahead = std::chrono::duration_cast<std::chrono::milliseconds>(moment - Treated::Clock::now());
+int64_t OnTheWallClock(Clock::time_point moment) {
+    const auto ahead = std::chrono::duration_cast<std::chrono::milliseconds>(moment - Clock::now());
     return TimeServiceClient::GetInstance().GetWallTimeMs() + ahead.count();
+}
+
+bool HasCome(const std::optional<Clock::time_point>& moment, Clock::time_point now) {
+    return moment && *moment <= now;
 }
 
 }  // namespace
 
 int Treated::Pidfd() const {
-    return HasExited(process->Pidfd()) ? kNoPidfd : process->Pidfd();
+    return HasExited(process->pidfd) ? kNoPidfd : process->pidfd;
 }
 
 void Treated::AskForFreeze(std::optional<std::chrono::milliseconds> time) {
@@ -32,77 +42,164 @@ void Treated::AskForFreeze(std::optional<std::chrono::milliseconds> time) {
     }
 }
 
-void Treated::Cancel() {
-    suppressions = 0;
+void Treated::CancelFreeze() {
     isFrozen = false;
     thawAt.reset();
 }
 
-Treated& CurrentTreatments::Entry(const ReportedProcessPtr& process, const TreatmentRecord& emptyRecord) {
-    const auto [entry, isNew] = treated_.try_emplace(process->Key());
+void Treated::Cancel() {
+    suppressions = 0;
+    CancelFreeze();
+}
+
+std::error_code Treated::UndoUnwanted(TreatmentContext& context) {
+    return Undo(context, record, Pidfd(), {.suppression = suppressions > 0, .freeze = isFrozen});
+}
+
+Treated& CurrentTreatments::Entry(const ReportedProcessPtr& process) {
+    const auto [entry, isNew] = treated_.try_emplace(process->key);
     Treated& treated = entry->second;
+    treated.process = process;
     if (isNew) {
-        treated.process = process;
-        treated.record = emptyRecord;
-        std::tie(treated.record.pid, treated.record.startTime) = process->Key();
-        treated.record.processName = process->Name();
+        treated.record = context_.emptyRecord;
+        std::tie(treated.record.pid, treated.record.startTime) = process->key;
+        treated.record.processName = process->name;
     }
     return treated;
 }
 
-Treated* CurrentTreatments::Find(const ProcessKey& key) {
-    const auto entry = treated_.find(key);
-    return entry == treated_.end() ? nullptr : &entry->second;
-}
-
 Treated* CurrentTreatments::FindLiving(pid_t pid) {
     const auto entry = std::ranges::find_if(treated_, [pid](const auto& candidate) {
-        return candidate.first.first == pid && candidate.second.Pidfd() != kNoPidfd;
+        const auto& [key, treated] = candidate;
+        return key.first == pid && !treated.IsSettled() && treated.Pidfd() != kNoPidfd;
     });
     return entry == treated_.end() ? nullptr : &entry->second;
 }
 
-std::vector<Treated*> CurrentTreatments::All() {
-    std::vector<Treated*> all;
-    for (auto& [key, treated] : treated_) {
-        all.push_back(&treated);
-    }
-    return all;
-}
-
-void CurrentTreatments::Forget(const Treated& treated) {
-    treated_.erase(ProcessKey(treated.process->Key()));
-}
-
 void CurrentTreatments::Settle(Treated& treated, const std::error_code& error) {
+    constexpr std::chrono::milliseconds kFirstPause{100};
+    constexpr std::chrono::milliseconds kLongestPause{5000};
     if (error) {
-        treated.retry.Schedule();
-    } else if (treated.record.IsEmpty()) {
-        Forget(treated);
+        treated.retryPause = std::clamp(treated.retryPause * 2, kFirstPause, kLongestPause);
+        treated.retryAt = Clock::now() + treated.retryPause;
     }
+    if (treated.death && treated.death->Check(*treated.process, Clock::now())) {
+        treated.death.reset();
+    }
+    if (!error && treated.record.IsEmpty() && !treated.death) {
+        treated_.erase(ProcessKey(treated.process->key));
+    }
+    SetMoment();
 }
 
-std::optional<Treated::Clock::time_point> CurrentTreatments::NextMoment() const {
-    std::optional<Treated::Clock::time_point> next;
+void CurrentTreatments::SetMoment() {
+    std::optional<Clock::time_point> next;
     for (const auto& [key, treated] : treated_) {
-        for (const auto& moment : {treated.thawAt, treated.retry.Moment()}) {
+        const auto check = treated.death ? treated.death->NextCheck() : std::nullopt;
+        for (const auto& moment : {treated.thawAt, treated.retryAt, check}) {
             next = moment && (!next || *moment < *next) ? moment : next;
         }
     }
-    return next;
+    watcher_.WakeAt(next);
 }
 
 std::vector<TreatedProcess> CurrentTreatments::List() const {
     std::vector<TreatedProcess> list;
     for (const auto& [key, treated] : treated_) {
-        list.push_back({.pid = key.first,
-                        .name = treated.record.processName,
-                        .suppressedSince = treated.record.suppression ? treated.suppressedSince : 0,
-                        .frozenSince = treated.record.freeze ? treated.frozenSince : 0,
-                        .frozenUntil = treated.thawAt ? OnTheWallClock(*treated.thawAt) : 0,
-                        .brokenQuota = treated.brokenQuota});
+        if (!treated.IsSettled()) {
+            list.push_back({.pid = key.first,
+                            .name = treated.record.processName,
+                            .suppressedSince = treated.record.suppression ? treated.suppressedSince : 0,
+                            .frozenSince = treated.record.freeze ? treated.frozenSince : 0,
+                            .frozenUntil = treated.thawAt ? OnTheWallClock(*treated.thawAt) : 0,
+                            .brokenQuota = treated.process->brokenQuota});
+        }
     }
     return list;
+}
+
+void CurrentTreatments::DoWhatIsDue(std::optional<pid_t> ended) {
+    std::vector<Announcement> toTell;
+    {
+        const auto lock = Lock();
+        const Clock::time_point now = Clock::now();
+        for (auto entry = treated_.begin(); entry != treated_.end();) {
+            auto& [key, treated] = *entry++;  // which may be forgotten
+            const bool hasEnded = key.first == ended && treated.Pidfd() == kNoPidfd;
+            if (!hasEnded && HasCome(treated.thawAt, now)) {
+                Thaw(treated, toTell);
+            } else if ((hasEnded && !treated.IsSettled()) || HasCome(treated.retryAt, now)) {
+                TryToUndo(treated, toTell);
+            } else if (treated.death) {
+                Settle(treated, {});
+            }
+        }
+    }
+    for (const Announcement& announcement : toTell) {
+        Announce(announcement);
+    }
+}
+
+void CurrentTreatments::Thaw(Treated& treated, std::vector<Announcement>& toTell) {
+    treated.CancelFreeze();
+    TreatmentResult result = Linux::Thaw(context_, treated.record, treated.Pidfd());
+    result.note = "its time is over";
+    toTell.push_back({EventName::kThaw, treated.record.pid, treated.record.processName, result});
+    Settle(treated, result.FirstError());
+}
+
+void CurrentTreatments::TryToUndo(Treated& treated, std::vector<Announcement>& toTell) {
+    const TreatmentRecord& record = treated.record;
+    const bool hasEnded = treated.Pidfd() == kNoPidfd;
+    if (hasEnded) {
+        treated.Cancel();
+    }
+    const bool mustThaw = !hasEnded && record.freeze && !treated.isFrozen;
+    const bool mustEndSuppression = !hasEnded && record.suppression && treated.suppressions == 0;
+    const std::error_code error = treated.UndoUnwanted(context_);
+    const auto tell = [&](std::string_view event, const char* note) {
+        toTell.push_back({event, record.pid, record.processName, {.error = {}, .note = note}});
+    };
+    if (hasEnded && !error) {
+        tell(EventName::kRelease, "it has ended");
+    }
+    if (mustThaw && !record.freeze) {
+        tell(EventName::kThaw, "at a later attempt");
+    }
+    if (mustEndSuppression && !record.suppression) {
+        tell(EventName::kSuppressEnd, "at a later attempt");
+    }
+    if (!error && treated.retryAt) {
+        PLATFORM_LOGI("pid %{public}d (%{public}s): what could not be undone before is undone now",
+                      record.pid, Printable(record.processName).c_str());
+        treated.retryAt.reset();
+        treated.retryPause = {};
+    } else if (error && !treated.retryAt) {
+        PLATFORM_LOGE(
+            "pid %{public}d (%{public}s) has ended, but not all of its treatment can be undone yet: "
+            "%{public}s; it is tried again",
+            record.pid, Printable(record.processName).c_str(), error.message().c_str());
+    }
+    Settle(treated, error);
+}
+
+void CurrentTreatments::ReleaseAll() {
+    std::vector<TreatmentRecord*> all;
+    for (auto& [key, treated] : treated_) {
+        if (treated.death) {
+            treated.death->Check(*treated.process, Clock::time_point::max());
+            treated.death.reset();
+        }
+        if (!treated.IsSettled()) {
+            all.push_back(&treated.record);
+        }
+    }
+    ReleaseEach(std::move(all), [this](TreatmentRecord& record) {
+        const int pidfd = treated_.at({record.pid, record.startTime}).Pidfd();
+        const std::error_code error = Undo(context_, record, pidfd);
+        return error ? error : AnnounceRelease(record, "the host stops");
+    });
+    std::erase_if(treated_, [](const auto& entry) { return entry.second.record.IsEmpty(); });
 }
 
 }  // namespace KITE::Linux

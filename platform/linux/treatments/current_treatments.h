@@ -12,9 +12,11 @@
 #include <system_error>
 #include <vector>
 
+#include "treatments/announcement.h"
+#include "treatments/end_watcher.h"
+#include "treatments/kill.h"
 #include "treatments/reported_processes.h"
-#include "treatments/treatment_record.h"
-#include "treatments/undo.h"
+#include "treatments/treatment_context.h"
 
 namespace KITE::Linux {
 
@@ -38,46 +40,65 @@ struct Treated {
 
     // kNoPidfd if the process has ended.
     int Pidfd() const;
+    // Nothing on record is to be undone, now or later.
+    bool IsSettled() const { return record.IsEmpty() && !retryAt; }
     // Without a time until it is thawed. Of several freezes the one that ends last counts.
     void AskForFreeze(std::optional<std::chrono::milliseconds> time);
+    void CancelFreeze();
     // Nothing is asked for any more.
     void Cancel();
+    // Ends what is not asked for. An error tells what is left on record.
+    std::error_code UndoUnwanted(TreatmentContext& context);
 
-    ReportedProcessPtr process;
+    ReportedProcessPtr process;  // as last reported before the latest request
     TreatmentRecord record;
-    BrokenQuota brokenQuota;      // last reported when the latest treatment began
     int64_t suppressedSince = 0;  // milliseconds since the epoch
     int64_t frozenSince = 0;
     std::set<std::string> names;  // under which it was treated; it may have executed other programs
     int suppressions = 0;
     bool isFrozen = false;
-    std::optional<Clock::time_point> thawAt;  // of a freeze that ends by itself
-    RetryTime retry;
+    std::optional<Clock::time_point> thawAt;   // of a freeze that ends by itself
+    std::optional<Clock::time_point> retryAt;  // when something is undone that could not be before
+    std::chrono::milliseconds retryPause{0};
+    std::optional<Death> death;  // when it was killed
 };
 
-// The processes that are treated now.
+// The processes that are treated now or die of a kill, and what happens to them without a request: when the
+// process ends, everything is undone; when the time of a freeze is over, the process is thawed; what could
+// not be undone is tried again.
 class CurrentTreatments {
   public:
-    // Held by whoever calls any of the operations below, uses an entry, or treats a process.
+    CurrentTreatments(TreatmentContext& context, EndWatcher& watcher)
+        : context_(context), watcher_(watcher) {}
+
+    // Held by whoever calls an operation below that does not take it, uses an entry, or treats a process.
     [[nodiscard]] std::unique_lock<std::mutex> Lock() { return std::unique_lock(mutex_); }
 
-    // Its entry, made if it is not there. It stays where it is until it is forgotten.
-    Treated& Entry(const ReportedProcessPtr& process, const TreatmentRecord& emptyRecord);
-    // Null when it is not treated.
-    Treated* Find(const ProcessKey& key);
-    // The living process of that pid.
+    // Its entry, made if it is not there. It stays where it is until it is settled.
+    Treated& Entry(const ReportedProcessPtr& process);
+    // The treated, living process of that pid; null when there is none.
     Treated* FindLiving(pid_t pid);
-    std::vector<Treated*> All();
-    void Forget(const Treated& treated);
     // After something was done: forgets a process of which nothing is on record any more. After an error, has
     // it tried again; without one, what failed before is still tried again.
     void Settle(Treated& treated, const std::error_code& error);
-    // When the next freeze ends or something is tried again.
-    std::optional<Treated::Clock::time_point> NextMoment() const;
     std::vector<TreatedProcess> List() const;
+    // Ends every treatment and forgets it; what cannot be ended stays on record.
+    void ReleaseAll();
+
+    // Does what is due: of the process that has ended, if one is named, and of the present moment. Takes the
+    // lock. For the watcher.
+    void DoWhatIsDue(std::optional<pid_t> ended);
 
   private:
-    std::mutex mutex_;  // guards what follows
+    using Clock = Treated::Clock;
+
+    void Thaw(Treated& treated, std::vector<Announcement>& toTell);
+    void TryToUndo(Treated& treated, std::vector<Announcement>& toTell);
+    void SetMoment();
+
+    TreatmentContext& context_;  // guarded by the lock, as what follows
+    EndWatcher& watcher_;
+    std::mutex mutex_;
     std::map<ProcessKey, Treated> treated_;
 };
 

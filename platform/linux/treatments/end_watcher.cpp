@@ -7,13 +7,6 @@
 
 namespace KITE::Linux {
 
-EndWatcher::EndWatcher(std::function<void(pid_t)> ended, std::function<void()> timeUp)
-    : ended_(std::move(ended)), timeUp_(std::move(timeUp)), runsWithoutWork_(context_.get_executor()) {}
-
-EndWatcher::~EndWatcher() {
-    Stop();
-}
-
 std::error_code EndWatcher::Start() {
     const std::lock_guard lock(mutex_);
     if (isStopped_) {
@@ -38,26 +31,23 @@ Result<asio::posix::stream_descriptor> EndWatcher::Watch(UniqueFd pidfd, pid_t p
     }
     static_cast<void>(pidfd.Release());
     descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
-                          [this, pid](const std::error_code& aborted) {
-                              if (!aborted) {
-                                  RunGuarded("the end of a process", [&] { ended_(pid); });
-                              }
-                          });
+                          [this, pid](const std::error_code& aborted) { OnDue(aborted, pid); });
     return descriptor;
 }
 
 void EndWatcher::WakeAt(std::optional<std::chrono::steady_clock::time_point> moment) {
     const std::lock_guard lock(mutex_);
     timer_.cancel();
-    if (!moment) {
-        return;
+    if (moment) {
+        timer_.expires_at(*moment);
+        timer_.async_wait([this](const std::error_code& aborted) { OnDue(aborted, std::nullopt); });
     }
-    timer_.expires_at(*moment);
-    timer_.async_wait([this](const std::error_code& aborted) {
-        if (!aborted) {
-            RunGuarded("what is due of a treatment", timeUp_);
-        }
-    });
+}
+
+void EndWatcher::OnDue(const std::error_code& aborted, std::optional<pid_t> ended) {
+    if (!aborted) {
+        RunGuarded("what is due of a treatment", [&] { isDue_(ended); });
+    }
 }
 
 void EndWatcher::Stop() {

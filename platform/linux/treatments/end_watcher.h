@@ -21,11 +21,11 @@ namespace KITE::Linux {
 // One thread that waits for processes to end and for a moment to come.
 class EndWatcher {
   public:
-    // Called on the watcher's thread, one at a time: `ended` after a watched process has ended, with its pid,
-    // which may mean another process by then; `timeUp` when the moment has come.
-    EndWatcher(std::function<void(pid_t)> ended, std::function<void()> timeUp);
+    // `isDue` is called on the watcher's thread, one call at a time: after a watched process has ended, with
+    // its pid, which may mean another process by then; and without one when the moment has come.
+    explicit EndWatcher(std::function<void(std::optional<pid_t> ended)> isDue) : isDue_(std::move(isDue)) {}
     // Every descriptor that Watch returned must be gone.
-    ~EndWatcher();
+    ~EndWatcher() { Stop(); }
     EndWatcher(const EndWatcher&) = delete;
     EndWatcher& operator=(const EndWatcher&) = delete;
 
@@ -40,10 +40,12 @@ class EndWatcher {
     void Stop();
 
   private:
-    const std::function<void(pid_t)> ended_;
-    const std::function<void()> timeUp_;
+    void OnDue(const std::error_code& aborted, std::optional<pid_t> ended);
+
+    const std::function<void(std::optional<pid_t>)> isDue_;
     asio::io_context context_{1};
-    const asio::executor_work_guard<asio::io_context::executor_type> runsWithoutWork_;
+    const asio::executor_work_guard<asio::io_context::executor_type> runsWithoutWork_{
+        context_.get_executor()};
 
     std::mutex mutex_;  // guards what follows
     asio::steady_timer timer_{context_};

@@ -7,7 +7,6 @@
 
 #include "proc/pidfd.h"
 #include "proc/process_stat.h"
-#include "runtime/platform_log.h"
 #include "treatments/suppress.h"
 #include "treatments/treatment_group.h"
 
@@ -18,25 +17,26 @@ namespace {
 constexpr const char* kFreezeFile = "cgroup.freeze";
 
 // Only by a v2 freezer: a process in a v1 freezer does not die of SIGKILL until it is thawed.
+constexpr GroupSwitch kFreezer{Hierarchy::kUnified, kFreezeFile,
+                               [](TreatmentRecord& record) -> std::optional<ChangedGroup>& {
+                                   return record.freeze.emplace().frozenGroup;
+                               }};
+
 TreatmentResult FreezeInGroup(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
-    const Result<TreatmentGroup> place = FindTreatmentGroup(context, record, Hierarchy::kUnified);
+    TreatmentResult result;
+    const std::optional<TreatmentGroup> place = PlanInGroup(context, record, kFreezer, result);
     if (!place) {
-        return {place.Code()};
+        return result;
     }
-    TreatmentRecord planned = record;
-    planned.freeze.emplace().frozenGroup = BeforeTheChange(*place, kFreezeFile);
-    if (const std::error_code error = SavePlanFor(context, *place, record, std::move(planned))) {
-        return {.error = error, .isUnrecorded = true};
-    }
-    PauseSuppression(record);
-    TreatmentResult result{EnterGroup(context, *place, record.pid, pidfd, kFreezeFile),
-                           MeansText(kFreezeFile, place->group)};
+    PauseSuppression(record, pidfd);
+    result.error = EnterGroup(context, *place, record.pid, pidfd, kFreezeFile);
     if (!result.error) {
-        result.error = AwaitFrozen(place->group, pidfd, kFreezerLimit);
+        result.error = AwaitFrozen(place->group, pidfd);
     }
     ResumeSuppression(record, pidfd);
     if (result.error) {
         result.cleanupError = Thaw(context, record, kNoPidfd).FirstError();
+        result.isFinal = Is(result.error, ETIMEDOUT) || record.freeze;
     }
     return result;
 }
@@ -48,8 +48,8 @@ TreatmentResult StopBySignal(TreatmentContext& context, TreatmentRecord& record,
     }
     TreatmentRecord planned = record;
     planned.freeze = FreezeRecord{std::nullopt, stat->IsStopped()};
-    if (const std::error_code error = SavePlan(context, record, std::move(planned))) {
-        return {.error = error, .isUnrecorded = true};
+    if (const std::error_code error = context.records.Plan(record, std::move(planned))) {
+        return {error};
     }
     if (stat->IsStopped()) {
         return {.error = {}, .note = "it was stopped already"};
@@ -62,27 +62,9 @@ TreatmentResult StopBySignal(TreatmentContext& context, TreatmentRecord& record,
     return result;
 }
 
-TreatmentResult FreezeByAnyMeans(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
-    TreatmentResult byGroup = FreezeInGroup(context, record, pidfd);
-    const bool isSettled =
-        !byGroup.error || byGroup.isUnrecorded || Is(byGroup.error, ESRCH) || Is(byGroup.error, ETIMEDOUT);
-    if (isSettled || record.freeze || HasExited(pidfd)) {
-        return byGroup;
-    }
-    PLATFORM_LOGI(
-        "pid %{public}d cannot be frozen by a control group (%{public}s), it is stopped by a signal",
-        record.pid, byGroup.error.message().c_str());
-    TreatmentResult bySignal = StopBySignal(context, record, pidfd);
-    if (!bySignal.cleanupError) {
-        bySignal.cleanupError = byGroup.cleanupError;
-    }
-    return bySignal;
-}
-
 TreatmentResult EndFreeze(const TreatmentContext& context, const FreezeRecord& freeze, int pidfd) {
     if (freeze.frozenGroup) {
-        const auto& [group, previous, previousWeight] = *freeze.frozenGroup;
-        return {RestoreValue(context, group, kFreezeFile, previous), MeansText(kFreezeFile, group)};
+        return RestoreGroup(context, *freeze.frozenGroup, kFreezeFile);
     }
     if (freeze.wasStopped) {
         return {.error = {}, .note = "it was stopped before and stays so"};
@@ -98,23 +80,14 @@ TreatmentResult Freeze(TreatmentContext& context, TreatmentRecord& record, int p
         record.freeze.emplace();
         return {};
     }
-    return FreezeByAnyMeans(context, record, pidfd);
+    return TryEach(record, pidfd,
+                   {[&] { return FreezeInGroup(context, record, pidfd); },
+                    [&] { return StopBySignal(context, record, pidfd); }});
 }
 
 TreatmentResult Thaw(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
-    if (!record.freeze) {
-        return {};
-    }
-    if (context.isDryRun) {
-        record.freeze.reset();
-        return {};
-    }
-    TreatmentResult result = EndFreeze(context, *record.freeze, pidfd);
-    if (!result.error) {
-        record.freeze.reset();
-    }
-    result.cleanupError = CleanUp(context, record);
-    return result;
+    return EndPart(context, record, record.freeze,
+                   [&](const FreezeRecord& freeze) { return EndFreeze(context, freeze, pidfd); });
 }
 
 }  // namespace KITE::Linux

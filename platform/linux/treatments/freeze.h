@@ -1,14 +1,8 @@
 #pragma once
 
-#include <chrono>
-
 #include "treatments/treatment_context.h"
 
 namespace KITE::Linux {
-
-// How long a freeze waits for the kernel to say that all is frozen; one thread that cannot be interrupted
-// delays that.
-inline constexpr std::chrono::milliseconds kFreezerLimit{500};
 
 // The process does not run at all: by the freezer of its control group, or else by SIGSTOP. Children that
 // were born while it was treated share its group and are frozen with it. A process that was stopped already

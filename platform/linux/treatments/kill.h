@@ -1,11 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <map>
 #include <optional>
 #include <system_error>
 
-#include "treatments/idle_family.h"
 #include "treatments/reported_processes.h"
 
 namespace KITE::Linux {
@@ -13,31 +11,22 @@ namespace KITE::Linux {
 // Sends SIGKILL. Any thread.
 std::error_code SendKill(int pidfd);
 
-// The processes that were killed and are not gone yet. One thread at a time.
-class PendingKills {
+// The death of a process that was sent SIGKILL. A process that lives longer than `patience` is pending.
+class Death {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // A process that lives longer than that is said to be pending.
-    explicit PendingKills(std::chrono::milliseconds patience) : patience_(patience) {}
+    explicit Death(std::chrono::milliseconds patience) : patience_(patience) {}
 
-    void Add(const ReportedProcessPtr& process);
-    // One log line for each process that is gone, which is then forgotten, and one for each that is pending.
-    void Check(Clock::time_point now);
-    // When Check will find the next one pending; absent if none will be.
+    // Whether the process is gone. The log tells that, or, once, that it is pending.
+    bool Check(const ReportedProcess& process, Clock::time_point now);
+    // When Check will find it pending; absent if it has.
     std::optional<Clock::time_point> NextCheck() const;
-    // Says of each that it is gone or pending, and forgets it.
-    void Finish();
 
   private:
-    struct Kill {
-        ReportedProcessPtr process;
-        Clock::time_point since;
-        bool isOverdue = false;
-    };
-
-    const std::chrono::milliseconds patience_;
-    std::map<ProcessKey, Kill> kills_;
+    std::chrono::milliseconds patience_;
+    Clock::time_point since_ = Clock::now();
+    bool isPending_ = false;
 };
 
 }  // namespace KITE::Linux

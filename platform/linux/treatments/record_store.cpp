@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <utility>
 
 #include "base/file.h"
 #include "base/file_names.h"
@@ -17,76 +18,70 @@ namespace KITE::Linux {
 
 namespace {
 
-constexpr off_t kLargestRecord = off_t{16} << 20;
+constexpr size_t kLargestRecord = size_t{16} << 20;
 constexpr const char* kUnfinishedName = ".unfinished";
 
 std::string FileNameOf(const TreatmentRecord& record) {
     return record.Key() + ".json";
 }
 
-// The folder, made when it is not there. EACCES when it belongs to another user or others may write to it.
-Result<UniqueFd> OpenFolder(const std::string& path) {
-    if (mkdir(path.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-        return LastError();
-    }
-    UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status {};
-    if (!folder || fstat(folder.Get(), &status) != 0) {
-        return LastError();
-    }
-    const bool isOurs = geteuid() == 0 || status.st_uid == geteuid();
-    if (!isOurs || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return ErrorOf(EACCES);
-    }
-    return folder;
-}
-
-// The hosts of a system may share the run directory, and only one of them treats processes.
-bool IsOfAnotherUser(const std::string& path) {
-    struct stat status {};
-    return geteuid() != 0 && lstat(path.c_str(), &status) == 0 && status.st_uid != geteuid();
-}
-
-std::error_code WriteRecordFile(int folder, const char* name, const TreatmentRecord& record) {
-    const UniqueFd file(
-        openat(folder, name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    return file ? WriteAll(file.Get(), WriteRecord(record)) : LastError();
-}
-
-std::error_code Rename(int folder, const char* from, const std::string& to) {
-    return renameat(folder, from, folder, to.c_str()) == 0 ? std::error_code() : LastError();
-}
-
-// EBADMSG for a file that cannot hold a record.
-Result<std::string> ReadRecordFile(int folder, const char* name) {
-    const UniqueFd file(openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (!file || fstat(file.Get(), &status) != 0) {
-        const bool isOfOtherKind = errno == ELOOP || errno == ENXIO;
-        return isOfOtherKind ? ErrorOf(EBADMSG) : LastError();
-    }
-    if (!S_ISREG(status.st_mode) || status.st_size > kLargestRecord) {
-        return ErrorOf(EBADMSG);
-    }
-    return ReadFile(file.Get());
-}
-
-// Those that begin with a dot are not records: a file that is being written, or one that was set aside.
-std::vector<std::string> ListNames(const std::string& path, std::error_code& error) {
-    std::vector<std::string> names;
-    std::filesystem::directory_iterator entry(path, error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        std::string name = entry->path().filename();
-        if (!name.starts_with('.')) {
-            names.push_back(std::move(name));
+// The folder of the records, which stays the one that was checked whatever its path comes to mean.
+class Folder {
+  public:
+    // Made when it is not there. EPERM when it belongs to another user, EACCES when others may write to it.
+    static Result<Folder> Open(const std::string& path) {
+        if (mkdir(path.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+            return LastError();
         }
+        UniqueFd folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status {};
+        if (!folder || fstat(folder.Get(), &status) != 0) {
+            return LastError();
+        }
+        if (geteuid() != 0 && status.st_uid != geteuid()) {
+            return ErrorOf(EPERM);
+        }
+        const bool isSafe = (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+        return isSafe ? Result(Folder(std::move(folder))) : ErrorOf(EACCES);
     }
-    return names;
-}
+
+    std::string Path(const std::string& name) const {
+        return "/proc/self/fd/" + std::to_string(folder_.Get()) + "/" + name;
+    }
+    std::error_code Rename(const std::string& from, const std::string& to) const {
+        const int folder = folder_.Get();
+        return renameat(folder, from.c_str(), folder, to.c_str()) == 0 ? std::error_code() : LastError();
+    }
+    std::error_code Remove(const std::string& name) const {
+        const bool isGone = unlinkat(folder_.Get(), name.c_str(), 0) == 0 || errno == ENOENT;
+        return isGone ? std::error_code() : LastError();
+    }
+    // Those that begin with a dot are not records: a file that is being written, or one that was set aside.
+    std::vector<std::string> ListNames(std::error_code& error) const {
+        std::vector<std::string> names;
+        std::filesystem::directory_iterator entry(Path(""), error);
+        for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+            std::string name = entry->path().filename();
+            if (!name.starts_with('.')) {
+                names.push_back(std::move(name));
+            }
+        }
+        return names;
+    }
+
+  private:
+    explicit Folder(UniqueFd folder) : folder_(std::move(folder)) {}
+
+    UniqueFd folder_;
+};
 
 // EBADMSG for what is no record at all.
-Result<TreatmentRecord> ReadNamedRecord(int folder, const std::string& name, const Cgroups& cgroups) {
-    const Result<std::string> text = ReadRecordFile(folder, name.c_str());
+Result<TreatmentRecord> ReadNamedRecord(const Folder& folder, const std::string& name,
+                                        const Cgroups& cgroups) {
+    const Result<std::string> text = ReadFile(folder.Path(name), kLargestRecord);
+    if (Is(text.Code(), EFBIG) || Is(text.Code(), EISDIR)) {
+        return Failure(text.Why().Text(), ErrorOf(EBADMSG));
+    }
     if (!text) {
         return text.Why();
     }
@@ -103,8 +98,14 @@ Result<TreatmentRecord> ReadNamedRecord(int folder, const std::string& name, con
     return record;
 }
 
-void SetAside(int folder, const std::string& name, const Failure& why) {
-    const std::error_code error = Rename(folder, name.c_str(), "." + name + ".bad");
+void TellUnusable(const Folder& folder, const std::string& name, const Failure& why) {
+    if (!Is(why.Code(), EBADMSG)) {
+        PLATFORM_LOGE(
+            "the treatment on record in %{public}s cannot be undone now, the file stays: %{public}s",
+            Printable(name).c_str(), why.Text().c_str());
+        return;
+    }
+    const std::error_code error = folder.Rename(name, "." + name + ".bad");
     PLATFORM_LOGE(
         "%{public}s is not the record of a treatment and is set aside: %{public}s%{public}s%{public}s",
         Printable(name).c_str(), Printable(why.Text()).c_str(), error ? "; that fails: " : "",
@@ -113,52 +114,56 @@ void SetAside(int folder, const std::string& name, const Failure& why) {
 
 }  // namespace
 
-std::string RecordStore::Folder() const {
-    return runDirectory_ + FileName::kTreatments;
+RecordStore::RecordStore(const std::string& runDirectory) : path_(runDirectory + FileName::kTreatments) {}
+
+std::error_code RecordStore::Plan(TreatmentRecord& record, TreatmentRecord planned) const {
+    const std::error_code error = Write(planned);
+    if (error) {
+        PLATFORM_LOGE(
+            "pid %{public}d (%{public}s) is left alone, since its record cannot be written: %{public}s",
+            record.pid, Printable(record.processName).c_str(), error.message().c_str());
+        return error;
+    }
+    record = std::move(planned);
+    return {};
 }
 
 std::error_code RecordStore::Write(const TreatmentRecord& record) const {
-    const Result<UniqueFd> folder = OpenFolder(Folder());
+    const Result<Folder> folder = Folder::Open(path_);
     if (!folder) {
         return folder.Code();
     }
-    const std::error_code error = WriteRecordFile(folder->Get(), kUnfinishedName, record);
+    const std::error_code error = WriteFile(folder->Path(kUnfinishedName), WriteRecord(record));
     if (error) {
-        unlinkat(folder->Get(), kUnfinishedName, 0);
+        static_cast<void>(folder->Remove(kUnfinishedName));
         return error;
     }
-    return Rename(folder->Get(), kUnfinishedName, FileNameOf(record));
+    return folder->Rename(kUnfinishedName, FileNameOf(record));
 }
 
 std::error_code RecordStore::Remove(const TreatmentRecord& record) const {
-    const Result<UniqueFd> folder = OpenFolder(Folder());
-    if (!folder) {
-        return folder.Code();
-    }
-    const bool isGone = unlinkat(folder->Get(), FileNameOf(record).c_str(), 0) == 0 || errno == ENOENT;
-    return isGone ? std::error_code() : LastError();
+    const Result<Folder> folder = Folder::Open(path_);
+    return folder ? folder->Remove(FileNameOf(record)) : folder.Code();
 }
 
 RecordStore::Left RecordStore::ReadAll(const Cgroups& cgroups) const {
-    if ((access(Folder().c_str(), F_OK) != 0 && errno == ENOENT) || IsOfAnotherUser(Folder())) {
-        return {};
-    }
     Left left;
-    const Result<UniqueFd> folder = OpenFolder(Folder());
+    if (access(path_.c_str(), F_OK) != 0 && errno == ENOENT) {
+        return left;
+    }
+    const Result<Folder> folder = Folder::Open(path_);
+    // The hosts of a system may share the run directory, and only one of them treats processes.
+    if (Is(folder.Code(), EPERM)) {
+        return left;
+    }
     std::error_code error = folder.Code();
-    for (const std::string& name : error ? std::vector<std::string>() : ListNames(Folder(), error)) {
-        Result<TreatmentRecord> record = ReadNamedRecord(folder->Get(), name, cgroups);
+    for (const std::string& name : error ? std::vector<std::string>() : folder->ListNames(error)) {
+        Result<TreatmentRecord> record = ReadNamedRecord(*folder, name, cgroups);
         if (record) {
             left.records.push_back(std::move(*record));
-            continue;
-        }
-        left.areAll = false;
-        if (Is(record.Code(), EBADMSG)) {
-            SetAside(folder->Get(), name, record.Why());
         } else {
-            PLATFORM_LOGE(
-                "the treatment on record in %{public}s cannot be undone now, the file stays: %{public}s",
-                Printable(name).c_str(), record.Why().Text().c_str());
+            left.areAll = false;
+            TellUnusable(*folder, name, record.Why());
         }
     }
     if (error) {

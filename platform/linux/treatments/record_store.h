@@ -13,8 +13,12 @@ namespace KITE::Linux {
 // time may use it. Any thread, one at a time.
 class RecordStore {
   public:
-    explicit RecordStore(std::string runDirectory) : runDirectory_(std::move(runDirectory)) {}
+    explicit RecordStore(const std::string& runDirectory);
 
+    // Saves what is going to be done, and makes it the record. Whatever is done must be on disk before: if
+    // this process died in between, the next start could not undo it. An error line when it cannot be
+    // written.
+    std::error_code Plan(TreatmentRecord& record, TreatmentRecord planned) const;
     // The file has the new content or stays as it was.
     std::error_code Write(const TreatmentRecord& record) const;
     std::error_code Remove(const TreatmentRecord& record) const;
@@ -29,9 +33,7 @@ class RecordStore {
     Left ReadAll(const Cgroups& cgroups) const;
 
   private:
-    std::string Folder() const;
-
-    const std::string runDirectory_;
+    const std::string path_;
 };
 
 }  // namespace KITE::Linux

@@ -1,20 +1,22 @@
 #include "treatments/recovery.h"
 
 #include <cerrno>
-#include <vector>
+#include <utility>
 
 #include "base/event_names.h"
 #include "base/text.h"
 #include "proc/pidfd.h"
 #include "runtime/platform_log.h"
 #include "treatments/announcement.h"
-#include "treatments/undo.h"
+#include "treatments/freeze.h"
+#include "treatments/suppress.h"
+#include "treatments/treatment_group.h"
 
 namespace KITE::Linux {
 
 namespace {
 
-std::error_code ReleaseOne(TreatmentContext& context, TreatmentRecord& record) {
+std::error_code UndoLeft(TreatmentContext& context, TreatmentRecord& record) {
     const std::string bootId = CurrentBootId();
     if (bootId.empty()) {
         return ErrorOf(EIO);
@@ -23,26 +25,47 @@ std::error_code ReleaseOne(TreatmentContext& context, TreatmentRecord& record) {
         return context.records.Remove(record);
     }
     const Result<UniqueFd> pidfd = OpenProcess(record.pid, record.startTime);
-    if (!pidfd && !Is(pidfd.Code(), ESRCH) && !Is(pidfd.Code(), EINVAL)) {
+    if (!pidfd && !Is(pidfd.Code(), ESRCH)) {
         return pidfd.Code();
     }
-    return UndoAll(context, record, pidfd ? pidfd->Get() : kNoPidfd);
+    const std::error_code error = Undo(context, record, pidfd ? pidfd->Get() : kNoPidfd);
+    return error ? error : AnnounceRelease(record, "left by a host that was killed");
 }
 
-bool IsLeft(const TreatmentRecord& record) {
-    if (record.IsOfAnotherLivingHost()) {
-        PLATFORM_LOGI(
-            "pid %{public}d (%{public}s) stays treated: the host of pid %{public}d, which lives, does it",
-            record.pid, Printable(record.processName).c_str(), record.hostPid);
+bool IsOfAnotherHost(const TreatmentRecord& record) {
+    if (!record.IsOfAnotherLivingHost()) {
         return false;
     }
+    PLATFORM_LOGI(
+        "pid %{public}d (%{public}s) stays treated: the host of pid %{public}d, which lives, does it",
+        record.pid, Printable(record.processName).c_str(), record.hostPid);
     return true;
 }
 
 }  // namespace
 
+std::error_code Undo(TreatmentContext& context, TreatmentRecord& record, int pidfd, Kept kept) {
+    // Thawed first: moving processes out of a frozen group would thaw them too, but one after the other.
+    const std::error_code thawError = kept.freeze ? std::error_code() : Thaw(context, record, pidfd).error;
+    const std::error_code suppressionError =
+        kept.suppression ? std::error_code() : EndSuppression(context, record, pidfd).error;
+    const std::error_code cleanupError = CleanUp(context, record);
+    return thawError ? thawError : (suppressionError ? suppressionError : cleanupError);
+}
+
+bool ReleaseEach(std::vector<TreatmentRecord*> left, const UndoOne& undo) {
+    // A group can be removed once those below it are gone, which may have been made for another process.
+    while (std::erase_if(left, [&](TreatmentRecord* record) { return !undo(*record); }) > 0) {
+    }
+    for (const TreatmentRecord* record : left) {
+        PLATFORM_LOGE("pid %{public}d (%{public}s) could not be released; its record stays", record->pid,
+                      Printable(record->processName).c_str());
+    }
+    return left.empty();
+}
+
 bool ReleaseLeftTreatments() {
-    TreatmentContext context = TreatmentContext::OfThisHost();
+    TreatmentContext context;
     return ReleaseLeftTreatments(context);
 }
 
@@ -50,32 +73,12 @@ bool ReleaseLeftTreatments(TreatmentContext& context) {
     RecordStore::Left onRecord = context.records.ReadAll(context.cgroups);
     std::vector<TreatmentRecord*> left;
     for (TreatmentRecord& record : onRecord.records) {
-        if (IsLeft(record)) {
+        if (!IsOfAnotherHost(record)) {
             left.push_back(&record);
         }
     }
-    const auto isReleased = [&](TreatmentRecord* record) {
-        const bool isOfThisBoot = record->bootId == context.emptyRecord.bootId;
-        if (ReleaseOne(context, *record)) {
-            return false;
-        }
-        if (isOfThisBoot) {
-            Announce({EventName::kRelease,
-                      record->pid,
-                      record->processName,
-                      {.error = {}, .note = "left by a host that was killed"}},
-                     context.isDryRun);
-        }
-        return true;
-    };
-    // A group can be removed once those below it are gone, which may have been made for another process.
-    while (std::erase_if(left, isReleased) > 0) {
-    }
-    for (const TreatmentRecord* record : left) {
-        PLATFORM_LOGE("pid %{public}d (%{public}s) was left treated and could not be released", record->pid,
-                      Printable(record->processName).c_str());
-    }
-    return onRecord.areAll && left.empty();
+    const auto undo = [&](TreatmentRecord& record) { return UndoLeft(context, record); };
+    return ReleaseEach(std::move(left), undo) && onRecord.areAll;
 }
 
 }  // namespace KITE::Linux

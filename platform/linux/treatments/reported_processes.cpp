@@ -22,32 +22,27 @@ Failure Differs(const std::string& how) {
 }  // namespace
 
 Result<void> ReportedProcess::Verify(const std::string& requestedName) const {
-    if (requestedName != name_) {
-        return Differs("it was reported as " + Printable(name_));
+    if (requestedName != name) {
+        return Differs("it was reported as " + Printable(name));
     }
-    const pid_t pid = key_.first;
+    const pid_t pid = key.first;
     const Result<ProcessStat> stat = ReadProcessStat(pid);
-    const std::string name = ReadProcessName(pid);
-    const std::optional<ExecutableIdentity> executable = ReadExecutableIdentity(pid);
+    const std::string nameNow = ReadProcessName(pid);
+    const std::optional<ExecutableIdentity> executableNow = ReadExecutableIdentity(pid);
     // Looked at last: while the process lives, its pid means no other, so that all was read of this one.
-    if (HasExited(Pidfd())) {
+    if (HasExited(pidfd)) {
         return Differs("it has ended");
     }
     if (!stat) {
         return Differs("it cannot be looked at");
     }
-    if (name != name_) {
-        return Differs("its name is now " + Printable(name));
+    if (nameNow != name) {
+        return Differs("its name is now " + Printable(nameNow));
     }
-    if (executable != executable_) {
+    if (executableNow != executable) {
         return Differs("it executes another program by now");
     }
     return {};
-}
-
-bool ReportedProcess::Is(const ProcessKey& key, const std::string& name,
-                         const ExecutableIdentity& executable) const {
-    return key_ == key && name_ == name && executable_ == executable;
 }
 
 size_t ReportedProcesses::UsualCapacity() {
@@ -72,23 +67,24 @@ Result<ReportedProcessPtr> ReportedProcesses::Remember(pid_t pid, int64_t startT
     }
     // The watcher must not find it missing here when it ends at once.
     const std::lock_guard lock(mutex_);
+    const ProcessKey key(pid, startTime);
     const auto known = entries_.find(pid);
-    if (known != entries_.end() && known->second.process->Is({pid, startTime}, name, *executable)) {
-        return Keep(known->second.process, std::move(brokenQuota));
+    std::shared_ptr<asio::posix::stream_descriptor> owner;
+    if (known != entries_.end() && known->second.process->key == key) {
+        owner = known->second.process->owner;
+    } else {
+        Result<asio::posix::stream_descriptor> watched = watcher_.Watch(std::move(*pidfd), pid);
+        if (!watched) {
+            return watched.Why();
+        }
+        owner = std::make_shared<asio::posix::stream_descriptor>(std::move(*watched));
     }
-    Result<asio::posix::stream_descriptor> watched = watcher_.Watch(std::move(*pidfd), pid);
-    if (!watched) {
-        return watched.Why();
-    }
-    return Keep(
-        std::make_shared<ReportedProcess>(std::move(*watched), ProcessKey(pid, startTime), name, *executable),
-        std::move(brokenQuota));
-}
-
-ReportedProcessPtr ReportedProcesses::Keep(ReportedProcessPtr process, BrokenQuota brokenQuota) {
-    entries_[process->Key().first] = {process, ++lastReport_, std::move(brokenQuota)};
+    const int number = owner->native_handle();
+    auto process = std::make_shared<const ReportedProcess>(
+        ReportedProcess{number, std::move(owner), key, name, *executable, std::move(brokenQuota)});
+    entries_[pid] = {process, ++lastReport_};
     MakeRoom();
-    return process;
+    return Result<ReportedProcessPtr>(std::move(process));
 }
 
 void ReportedProcesses::MakeRoom() {
@@ -96,7 +92,8 @@ void ReportedProcesses::MakeRoom() {
         auto oldest = entries_.end();
         for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
             // Copies are made under the lock only, so that a single owner stays single.
-            const bool isHeld = entry->second.process.use_count() > 1;
+            const ReportedProcessPtr& process = entry->second.process;
+            const bool isHeld = process.use_count() > 1 || process->owner.use_count() > 1;
             if (!isHeld && (oldest == entries_.end() || entry->second.report < oldest->second.report)) {
                 oldest = entry;
             }
@@ -114,16 +111,10 @@ ReportedProcessPtr ReportedProcesses::Find(pid_t pid) const {
     return entry == entries_.end() ? nullptr : entry->second.process;
 }
 
-BrokenQuota ReportedProcesses::LastBrokenQuota(pid_t pid) const {
-    const std::lock_guard lock(mutex_);
-    const auto entry = entries_.find(pid);
-    return entry == entries_.end() ? BrokenQuota{} : entry->second.brokenQuota;
-}
-
 void ReportedProcesses::DropExited(pid_t pid) {
     const std::lock_guard lock(mutex_);
     const auto entry = entries_.find(pid);
-    if (entry != entries_.end() && HasExited(entry->second.process->Pidfd())) {
+    if (entry != entries_.end() && HasExited(entry->second.process->pidfd)) {
         entries_.erase(entry);
     }
 }

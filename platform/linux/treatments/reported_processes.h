@@ -8,12 +8,11 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <utility>
 
 #include "base/result.h"
 #include "proc/executable.h"
+#include "proc/pidfd.h"
 #include "treatments/end_watcher.h"
-#include "treatments/idle_family.h"
 
 namespace KITE::Linux {
 
@@ -25,38 +24,25 @@ struct BrokenQuota {
     int64_t duration = 0;  // of the quota
 };
 
-// One reported process. Not changed once made.
-class ReportedProcess {
-  public:
-    ReportedProcess(asio::posix::stream_descriptor pidfd, ProcessKey key, std::string name,
-                    ExecutableIdentity executable)
-        : pidfd_(pidfd.native_handle()),
-          owner_(std::move(pidfd)),
-          key_(std::move(key)),
-          name_(std::move(name)),
-          executable_(executable) {}
+// A process as one report names it.
+struct ReportedProcess {
+    int pidfd;
+    // Of the pidfd, whose process it watches; one for all reports of a process.
+    std::shared_ptr<asio::posix::stream_descriptor> owner;
+    ProcessKey key;
+    std::string name;
+    ExecutableIdentity executable;
+    BrokenQuota brokenQuota;
 
     // Fails with ESRCH, and in words what differs, unless the pid still means the reported process, running
     // the reported program under the reported name, which must be the requested one too.
     Result<void> Verify(const std::string& requestedName) const;
-
-    int Pidfd() const { return pidfd_; }
-    const ProcessKey& Key() const { return key_; }
-    const std::string& Name() const { return name_; }
-    bool Is(const ProcessKey& key, const std::string& name, const ExecutableIdentity& executable) const;
-
-  private:
-    const int pidfd_;
-    const asio::posix::stream_descriptor owner_;  // of pidfd_, whose process it watches
-    const ProcessKey key_;
-    const std::string name_;
-    const ExecutableIdentity executable_;
 };
 
 using ReportedProcessPtr = std::shared_ptr<const ReportedProcess>;
 
-// The reported processes. When there are more than the capacity, the one is forgotten whose report is oldest
-// and of which there is no other holder. Any thread.
+// The last report of each process. When there are more than the capacity, the oldest is forgotten that has no
+// other holder. Any thread.
 class ReportedProcesses {
   public:
     // The watcher must outlive it and every process that it returned.
@@ -67,27 +53,22 @@ class ReportedProcesses {
 
     // Keeps hold of a process that a report has named, so that what is decided about it later reaches this
     // process or none, and has its end watched. The process must exist when a report of it arrives, must have
-    // started at that time (clock ticks since boot), and is known under that name from then on. A new report
-    // of the same process replaces name, executable and broken quota. Waits for nothing but /proc.
+    // started at that time (clock ticks since boot), and is known under that name from then on. Waits for
+    // nothing but /proc.
     Result<ReportedProcessPtr> Remember(pid_t pid, int64_t startTime, const std::string& name,
                                         BrokenQuota brokenQuota = {});
     // Null when there is none.
     ReportedProcessPtr Find(pid_t pid) const;
-    // The last reported one; empty when there is none.
-    BrokenQuota LastBrokenQuota(pid_t pid) const;
     // Forgets the process of that pid if it has ended.
     void DropExited(pid_t pid);
 
   private:
     struct Entry {
         ReportedProcessPtr process;
-        uint64_t report;  // the number of the last one
-        BrokenQuota brokenQuota;
+        uint64_t report;  // its number
     };
 
-    // With the mutex held.
-    ReportedProcessPtr Keep(ReportedProcessPtr process, BrokenQuota brokenQuota);
-    void MakeRoom();
+    void MakeRoom();  // with the mutex held
 
     const size_t capacity_;
     EndWatcher& watcher_;

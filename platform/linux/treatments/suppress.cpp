@@ -5,16 +5,11 @@
 #include <utility>
 
 #include "proc/pidfd.h"
-#include "runtime/platform_log.h"
 #include "treatments/treatment_group.h"
 
 namespace KITE::Linux {
 
 namespace {
-
-const char* WeightFile(Hierarchy hierarchy) {
-    return hierarchy == Hierarchy::kUnified ? "cpu.weight" : "cpu.shares";
-}
 
 bool Lives(int pidfd) {
     return pidfd != kNoPidfd && !HasExited(pidfd);
@@ -22,19 +17,19 @@ bool Lives(int pidfd) {
 
 TreatmentResult SuppressInGroup(TreatmentContext& context, TreatmentRecord& record, int pidfd,
                                 Hierarchy hierarchy) {
-    const Result<TreatmentGroup> place = FindTreatmentGroup(context, record, hierarchy);
+    const GroupSwitch means{hierarchy, kIdleFile,
+                            [](TreatmentRecord& planned) -> std::optional<ChangedGroup>& {
+                                return planned.suppression.emplace().idleGroup;
+                            }};
+    TreatmentResult result;
+    const std::optional<TreatmentGroup> place = PlanInGroup(context, record, means, result);
     if (!place) {
-        return {place.Code()};
+        return result;
     }
-    TreatmentRecord planned = record;
-    planned.suppression.emplace().idleGroup = BeforeTheChange(*place, kIdleFile, WeightFile(hierarchy));
-    if (const std::error_code error = SavePlanFor(context, *place, record, std::move(planned))) {
-        return {.error = error, .isUnrecorded = true};
-    }
-    TreatmentResult result{EnterGroup(context, *place, record.pid, pidfd, kIdleFile),
-                           MeansText(kIdleFile, place->group)};
+    result.error = EnterGroup(context, *place, record.pid, pidfd, kIdleFile);
     if (result.error) {
         result.cleanupError = EndSuppression(context, record, kNoPidfd).FirstError();
+        result.isFinal = record.suppression.has_value();
     }
     return result;
 }
@@ -51,16 +46,7 @@ std::vector<ThreadPolicy> NewThreads(const std::vector<ThreadPolicy>& threads,
     return added;
 }
 
-std::error_code MakeIdle(pid_t pid, const std::vector<ThreadPolicy>& threads) {
-    std::error_code firstError;
-    for (const ThreadPolicy& thread : threads) {
-        const std::error_code error = SetIdlePolicy(pid, thread);
-        firstError = firstError || Is(error, ESRCH) ? firstError : error;
-    }
-    return firstError;
-}
-
-std::error_code SuppressThreads(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
+std::error_code MakeAllThreadsIdle(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
     const Result<IdleFamily> family = BeginIdleFamily(record.pid);
     if (!family) {
         return family.Code();
@@ -82,7 +68,7 @@ std::error_code SuppressThreads(TreatmentContext& context, TreatmentRecord& reco
         }
         TreatmentRecord planned = record;
         std::ranges::copy(added, std::back_inserter(planned.suppression->threads));
-        error = SavePlan(context, record, std::move(planned));
+        error = context.records.Plan(record, std::move(planned));
         if (!error) {
             error = MakeIdle(record.pid, added);
         }
@@ -90,52 +76,34 @@ std::error_code SuppressThreads(TreatmentContext& context, TreatmentRecord& reco
     return error ? error : ErrorOf(EAGAIN);
 }
 
-TreatmentResult SuppressByAnyMeans(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
-    std::string refusals;
-    std::error_code cleanupError;
-    for (const Hierarchy hierarchy : {Hierarchy::kUnified, Hierarchy::kCpuV1}) {
-        TreatmentResult result = SuppressInGroup(context, record, pidfd, hierarchy);
-        if (!result.error || result.isUnrecorded || record.suppression || HasExited(pidfd)) {
-            return result;
-        }
-        cleanupError = cleanupError ? cleanupError : result.cleanupError;
-        refusals += (hierarchy == Hierarchy::kUnified ? "v2: " : ", v1: ") + result.error.message();
-    }
-    PLATFORM_LOGI("pid %{public}d cannot be suppressed by a control group (%{public}s); its threads are",
-                  record.pid, refusals.c_str());
-    TreatmentResult result{SuppressThreads(context, record, pidfd),
+TreatmentResult SuppressThreads(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
+    TreatmentResult result{MakeAllThreadsIdle(context, record, pidfd),
                            "SCHED_IDLE on every thread (weaker: does not reach across login sessions)"};
     if (result.error) {
         result.cleanupError = EndSuppression(context, record, pidfd).FirstError();
     }
-    result.cleanupError = result.cleanupError ? result.cleanupError : cleanupError;
     return result;
 }
 
-std::error_code RestoreGroup(const TreatmentContext& context, const ChangedGroup& changed) {
-    const std::error_code error = RestoreValue(context, changed.group, kIdleFile, changed.previous);
-    if (error || changed.previousWeight.empty() || changed.previous != "0") {
-        return error;
+TreatmentResult RestoreThreads(TreatmentContext& context, const TreatmentRecord& record, int pidfd) {
+    const auto& [group, threads, family] = *record.suppression;
+    const ProcessKeys& except = context.suppressedByThreads;
+    TreatmentResult result{.error = {}, .means = "the saved policy of every thread"};
+    context.suppressedByThreads.erase({record.pid, record.startTime});
+    if (threads.empty()) {
+        return result;
     }
-    return RestoreValue(context, changed.group, WeightFile(changed.group.hierarchy), changed.previousWeight);
-}
-
-std::error_code RestoreThreads(const SuppressionRecord& suppression, int pidfd, const ProcessKeys& except) {
-    const pid_t pid = suppression.family.pid;
-    const auto main = std::ranges::find(suppression.threads, pid, &ThreadPolicy::tid);
-    const std::error_code error = Lives(pidfd) && !suppression.threads.empty()
-                                      ? RestorePolicies(pid, suppression.threads)
-                                      : std::error_code();
-    std::error_code familyError;
-    if (main != suppression.threads.end()) {
-        const bool parentLives = Lives(pidfd);
-        familyError = RestoreFamily(suppression.family, parentLives, *main, except);
-        // If it ended meanwhile, its children have other parents now.
-        if (parentLives && !Lives(pidfd)) {
-            familyError = RestoreFamily(suppression.family, false, *main, except);
-        }
+    const bool parentLives = Lives(pidfd);
+    if (parentLives) {
+        result.error = RestorePolicies(record.pid, pidfd, threads);
     }
-    return error && Lives(pidfd) ? error : familyError;
+    std::error_code familyError = RestoreFamily(record.pid, family, parentLives, threads, except);
+    // If it ended meanwhile, its children have other parents now.
+    if (parentLives && !Lives(pidfd)) {
+        familyError = RestoreFamily(record.pid, family, false, threads, except);
+    }
+    result.error = result.error && Lives(pidfd) ? result.error : familyError;
+    return result;
 }
 
 }  // namespace
@@ -145,40 +113,25 @@ TreatmentResult Suppress(TreatmentContext& context, TreatmentRecord& record, int
         record.suppression.emplace();
         return {};
     }
-    return SuppressByAnyMeans(context, record, pidfd);
+    return TryEach(record, pidfd,
+                   {[&] { return SuppressInGroup(context, record, pidfd, Hierarchy::kUnified); },
+                    [&] { return SuppressInGroup(context, record, pidfd, Hierarchy::kCpuV1); },
+                    [&] { return SuppressThreads(context, record, pidfd); }});
 }
 
 TreatmentResult EndSuppression(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
-    if (!record.suppression) {
-        return {};
-    }
-    if (context.isDryRun) {
-        record.suppression.reset();
-        return {};
-    }
-    const SuppressionRecord& suppression = *record.suppression;
-    TreatmentResult result;
-    if (suppression.idleGroup) {
-        result = {RestoreGroup(context, *suppression.idleGroup),
-                  MeansText(kIdleFile, suppression.idleGroup->group)};
-    } else {
-        context.suppressedByThreads.erase({record.pid, record.startTime});
-        result = {RestoreThreads(suppression, pidfd, context.suppressedByThreads),
-                  "the saved policy of every thread"};
-    }
-    if (!result.error) {
-        record.suppression.reset();
-    }
-    result.cleanupError = CleanUp(context, record);
-    return result;
+    return EndPart(context, record, record.suppression, [&](const SuppressionRecord& suppression) {
+        return suppression.idleGroup ? RestoreGroup(context, *suppression.idleGroup, kIdleFile)
+                                     : RestoreThreads(context, record, pidfd);
+    });
 }
 
-void PauseSuppression(const TreatmentRecord& record) {
+void PauseSuppression(const TreatmentRecord& record, int pidfd) {
     if (record.suppression && record.suppression->idleGroup) {
         const ChangedGroup& changed = *record.suppression->idleGroup;
         static_cast<void>(WriteGroupFile(changed.group, kIdleFile, changed.previous));
     } else if (record.suppression) {
-        static_cast<void>(RestorePolicies(record.pid, record.suppression->threads));
+        static_cast<void>(RestorePolicies(record.pid, pidfd, record.suppression->threads));
     }
 }
 

@@ -18,7 +18,7 @@ TreatmentResult EndSuppression(TreatmentContext& context, TreatmentRecord& recor
 // Lift a suppression for a while, and put it back in force; nothing if the process is not suppressed. It must
 // run for a moment to be frozen, and a suppressed process on a busy machine would not get that moment in
 // time.
-void PauseSuppression(const TreatmentRecord& record);
+void PauseSuppression(const TreatmentRecord& record, int pidfd);
 void ResumeSuppression(const TreatmentRecord& record, int pidfd);
 
 }  // namespace KITE::Linux

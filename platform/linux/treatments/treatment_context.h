@@ -3,25 +3,22 @@
 #include <string>
 #include <system_error>
 
+#include "runtime/settings.h"
 #include "treatments/control_groups.h"
-#include "treatments/idle_family.h"
 #include "treatments/record_store.h"
 #include "treatments/treatment_record.h"
 
 namespace KITE::Linux {
 
-// What every treatment works with. One thread at a time.
+// What every treatment works with, as the settings have it. One thread at a time.
 struct TreatmentContext {
-    Cgroups cgroups;
-    RecordStore records;
+    Cgroups cgroups = Cgroups::OfThisMachine();
+    RecordStore records{RunDirectory()};
     // A dry run goes the same way and touches nothing: no signal, no policy, no group and no record on disk.
-    bool isDryRun = false;
+    bool isDryRun = GetSettings().isDryRun;
     TreatmentRecord emptyRecord = RecordOfThisHost();
     // The processes whose threads are idle by a suppression of their own, and not because their parent is.
     ProcessKeys suppressedByThreads = {};
-
-    // As the settings have it.
-    static TreatmentContext OfThisHost();
 };
 
 // What came of a treatment, or of its end.
@@ -32,17 +29,13 @@ struct TreatmentResult {
     // The treatment itself is done or undone, but a group made for it is still there, or the record on disk
     // is not up to date.
     std::error_code cleanupError = {};
-    // The record could not be written. So nothing was done, and other means would not help.
-    bool isUnrecorded = false;
+    // Another means would not help, or would come on top of what could not be undone.
+    bool isFinal = false;
 
     std::error_code FirstError() const { return error ? error : cleanupError; }
 };
 
 // Stands for the pidfd of a process that has ended.
 inline constexpr int kNoPidfd = -1;
-
-// Saves what is going to be done, and makes it the record. Whatever is done must be on disk before: if this
-// process died in between, the next start could not undo it. Says so when it cannot be written.
-std::error_code SavePlan(const TreatmentContext& context, TreatmentRecord& record, TreatmentRecord planned);
 
 }  // namespace KITE::Linux

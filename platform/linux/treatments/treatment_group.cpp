@@ -65,11 +65,8 @@ std::error_code RemoveUnusedGroups(const Cgroups& cgroups, TreatmentRecord& reco
     return firstError;
 }
 
-}  // namespace
-
-Result<TreatmentGroup> FindTreatmentGroup(const TreatmentContext& context, const TreatmentRecord& record,
-                                          Hierarchy hierarchy) {
-    const Cgroups& cgroups = context.cgroups;
+// ENOENT without such a hierarchy; EBUSY where a service manager owns the groups.
+Result<TreatmentGroup> FindGroup(const Cgroups& cgroups, const TreatmentRecord& record, Hierarchy hierarchy) {
     const std::optional<Group> present = cgroups.GroupOf(record.pid, hierarchy);
     if (!present || !cgroups.IsReachable(hierarchy)) {
         return ErrorOf(ENOENT);
@@ -84,20 +81,51 @@ Result<TreatmentGroup> FindTreatmentGroup(const TreatmentContext& context, const
     return TreatmentGroup{record.GroupBelow(*present), true};
 }
 
-ChangedGroup BeforeTheChange(const TreatmentGroup& place, const char* file, const char* weightFile) {
+const char* WeightFile(Hierarchy hierarchy) {
+    return hierarchy == Hierarchy::kUnified ? "cpu.weight" : "cpu.shares";
+}
+
+ChangedGroup BeforeTheChange(const TreatmentGroup& place, std::string_view file) {
     if (place.isNew) {
         return {place.group, "0", {}};
     }
+    const char* weightFile = file == kIdleFile ? WeightFile(place.group.hierarchy) : nullptr;
     return {place.group, ReadGroupFile(place.group, file).value_or("0"),
             weightFile == nullptr ? "" : ReadGroupFile(place.group, weightFile).value_or("")};
 }
 
-std::error_code SavePlanFor(const TreatmentContext& context, const TreatmentGroup& place,
-                            TreatmentRecord& record, TreatmentRecord planned) {
-    if (place.isNew) {
-        planned.placements.push_back({ParentOf(place.group), place.group});
+std::error_code RestoreValue(const Cgroups& cgroups, const Group& group, const char* file,
+                             const std::string& value) {
+    const std::error_code error = WriteGroupFile(group, file, value);
+    const bool isMissing = Is(error, ENOENT) || Is(error, ENODEV);
+    return isMissing && cgroups.IsReachable(group.hierarchy) ? std::error_code() : error;
+}
+
+// "cgroup.freeze of cgroup v2 /sys/fs/cgroup/x"
+std::string MeansText(const char* file, const Group& group) {
+    const char* version = group.hierarchy == Hierarchy::kUnified ? "v2" : "v1";
+    return std::string(file) + " of cgroup " + version + " " + group.path;
+}
+
+}  // namespace
+
+std::optional<TreatmentGroup> PlanInGroup(const TreatmentContext& context, TreatmentRecord& record,
+                                          const GroupSwitch& means, TreatmentResult& result) {
+    result.means = MeansText(means.file, {means.hierarchy, "(none usable)"});
+    const Result<TreatmentGroup> place = FindGroup(context.cgroups, record, means.hierarchy);
+    result.error = place.Code();
+    if (!place) {
+        return std::nullopt;
     }
-    return SavePlan(context, record, std::move(planned));
+    result.means = MeansText(means.file, place->group);
+    TreatmentRecord planned = record;
+    means.placeIn(planned) = BeforeTheChange(*place, means.file);
+    if (place->isNew) {
+        planned.placements.push_back({ParentOf(place->group), place->group});
+    }
+    result.error = context.records.Plan(record, std::move(planned));
+    result.isFinal = static_cast<bool>(result.error);
+    return result.error ? std::nullopt : std::optional(*place);
 }
 
 std::error_code EnterGroup(const TreatmentContext& context, const TreatmentGroup& place, pid_t pid, int pidfd,
@@ -116,16 +144,13 @@ std::error_code EnterGroup(const TreatmentContext& context, const TreatmentGroup
     return HasExited(pidfd) ? ErrorOf(ESRCH) : error;
 }
 
-std::error_code RestoreValue(const TreatmentContext& context, const Group& group, const char* file,
-                             const std::string& value) {
-    const std::error_code error = WriteGroupFile(group, file, value);
-    const bool isMissing = Is(error, ENOENT) || Is(error, ENODEV);
-    return isMissing && context.cgroups.IsReachable(group.hierarchy) ? std::error_code() : error;
-}
-
-std::string MeansText(const char* file, const Group& group) {
-    const char* version = group.hierarchy == Hierarchy::kUnified ? "v2" : "v1";
-    return std::string(file) + " of cgroup " + version + " " + group.path;
+TreatmentResult RestoreGroup(const TreatmentContext& context, const ChangedGroup& changed, const char* file) {
+    const auto& [group, previous, previousWeight] = changed;
+    TreatmentResult result{RestoreValue(context.cgroups, group, file, previous), MeansText(file, group)};
+    if (!result.error && !previousWeight.empty() && previous == "0") {
+        result.error = RestoreValue(context.cgroups, group, WeightFile(group.hierarchy), previousWeight);
+    }
+    return result;
 }
 
 std::error_code CleanUp(const TreatmentContext& context, TreatmentRecord& record) {
@@ -136,6 +161,24 @@ std::error_code CleanUp(const TreatmentContext& context, TreatmentRecord& record
     const std::error_code recordError =
         record.IsEmpty() ? context.records.Remove(record) : context.records.Write(record);
     return groupError ? groupError : recordError;
+}
+
+TreatmentResult TryEach(const TreatmentRecord& record, int pidfd, std::initializer_list<Means> means) {
+    TreatmentResult result;
+    for (const Means& treat : means) {
+        if (result.error) {
+            PLATFORM_LOGI(
+                "pid %{public}d cannot be treated by %{public}s (%{public}s); another means is tried",
+                record.pid, result.means.c_str(), result.error.message().c_str());
+        }
+        const std::error_code cleanupError = result.cleanupError;
+        result = treat();
+        result.cleanupError = result.cleanupError ? result.cleanupError : cleanupError;
+        if (!result.error || result.isFinal || HasExited(pidfd)) {
+            break;
+        }
+    }
+    return result;
 }
 
 }  // namespace KITE::Linux

@@ -98,11 +98,10 @@ json ToJson(const SuppressionRecord& suppression) {
     return document;
 }
 
-SuppressionRecord ReadSuppression(const JsonNode& node, pid_t pid) {
+SuppressionRecord ReadSuppression(const JsonNode& node) {
     SuppressionRecord suppression;
     suppression.idleGroup = ReadOptionalGroup(node.Optional("idle_group"));
-    suppression.family = {.pid = pid,
-                          .session = node.Required("session").Number<pid_t>(0),
+    suppression.family = {.session = node.Required("session").Number<pid_t>(0),
                           .processGroup = node.Required("process_group").Number<pid_t>(0),
                           .since = node.Required("since").Number<int64_t>(0)};
     for (const JsonNode& thread : node.Required("threads").Elements()) {
@@ -136,7 +135,7 @@ TreatmentRecord ReadWholeRecord(const JsonNode& node) {
             {ReadGroup(placement.Required("home")), ReadGroup(placement.Required("group"))});
     }
     if (const JsonNode suppression = node.Optional("suppression"); suppression.IsPresent()) {
-        record.suppression = ReadSuppression(suppression, record.pid);
+        record.suppression = ReadSuppression(suppression);
     }
     if (const JsonNode freeze = node.Optional("freeze"); freeze.IsPresent()) {
         record.freeze = ReadFreeze(freeze);

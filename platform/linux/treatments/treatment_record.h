@@ -9,8 +9,7 @@
 
 #include "base/result.h"
 #include "treatments/control_groups.h"
-#include "treatments/idle_family.h"
-#include "treatments/thread_policies.h"
+#include "treatments/idle_threads.h"
 
 namespace KITE::Linux {
 

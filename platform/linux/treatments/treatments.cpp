@@ -11,7 +11,6 @@
 #include "treatments/kill.h"
 #include "treatments/never_treated.h"
 #include "treatments/suppress.h"
-#include "treatments/undo.h"
 
 namespace KITE::Linux {
 
@@ -22,7 +21,7 @@ int64_t WallTime() {
 }
 
 // The reported process that a request means. Without a lock: it reads the process's memory, which may wait.
-Result<ReportedProcessPtr> Admit(const ReportedProcesses& reported, pid_t pid, const std::string& name) {
+Result<ReportedProcessPtr> Find(const ReportedProcesses& reported, pid_t pid, const std::string& name) {
     if (pid < 1) {
         return Failure("that is not a process id", ErrorOf(EINVAL));
     }
@@ -37,8 +36,14 @@ Result<ReportedProcessPtr> Admit(const ReportedProcesses& reported, pid_t pid, c
     return same ? Result(std::move(process)) : same.Why();
 }
 
-TreatmentResult Refusal(const Failure& failure) {
-    return {.error = failure.Code(), .note = failure.Words()};
+// Likewise; announces a refusal.
+Result<ReportedProcessPtr> Admit(const ReportedProcesses& reported, std::string_view event, pid_t pid,
+                                 const std::string& name) {
+    Result<ReportedProcessPtr> process = Find(reported, pid, name);
+    if (!process) {
+        Announce({event, pid, name, {.error = process.Code(), .note = process.Why().Words()}});
+    }
+    return process;
 }
 
 // A process must run to end, which a suppressed one does late on a busy machine. A frozen one ends as it is.
@@ -46,7 +51,7 @@ TreatmentResult Refusal(const Failure& failure) {
 std::error_code LetDie(TreatmentContext& context, Treated& treated) {
     if (context.isDryRun) {
         treated.Cancel();
-        return UndoAll(context, treated.record, treated.Pidfd());
+        return treated.UndoUnwanted(context);
     }
     treated.suppressions = 0;
     return EndSuppression(context, treated.record, treated.Pidfd()).FirstError();
@@ -55,20 +60,17 @@ std::error_code LetDie(TreatmentContext& context, Treated& treated) {
 }  // namespace
 
 Treatments& Treatments::Instance() {
-    static Treatments treatments(TreatmentContext::OfThisHost());
+    static Treatments treatments{TreatmentContext()};
     return treatments;
 }
 
 Treatments::Treatments(TreatmentContext context, std::chrono::milliseconds killPatience)
-    : context_(std::move(context)),
-      watcher_(
-          [this](pid_t pid) {
-              reported_.DropExited(pid);
-              ends_.OnEnd(pid);
-          },
-          [this] { ends_.OnMoment(); }),
-      reported_(ReportedProcesses::UsualCapacity(), watcher_),
-      ends_(context_, current_, watcher_, killPatience) {}
+    : context_(std::move(context)), killPatience_(killPatience), watcher_([this](std::optional<pid_t> ended) {
+          if (ended) {
+              reported_.DropExited(*ended);
+          }
+          current_.DoWhatIsDue(ended);
+      }) {}
 
 Treatments::~Treatments() {
     watcher_.Stop();
@@ -77,37 +79,34 @@ Treatments::~Treatments() {
 bool Treatments::Remember(pid_t pid, int64_t startTime, const std::string& name, BrokenQuota brokenQuota) {
     const Result<ReportedProcessPtr> process =
         reported_.Remember(pid, startTime, name, std::move(brokenQuota));
-    if (!process) {
-        PLATFORM_LOGE("reported pid %{public}d (%{public}s) cannot be treated: %{public}s", pid,
-                      Printable(name).c_str(), process.Why().Text().c_str());
-        return false;
-    }
-    const std::error_code error = watcher_.Start();
+    const std::error_code error = process ? watcher_.Start() : process.Code();
     if (error) {
-        PLATFORM_LOGE("the end of pid %{public}d cannot be watched: %{public}s", pid,
-                      error.message().c_str());
+        PLATFORM_LOGE("reported pid %{public}d (%{public}s) cannot be treated: %{public}s", pid,
+                      Printable(name).c_str(),
+                      process ? Failure("its end cannot be watched", error).Text().c_str()
+                              : process.Why().Text().c_str());
     }
     return !error;
 }
 
 std::error_code Treatments::Begin(std::string_view event, pid_t pid, const std::string& name,
                                   const Treat& treat) {
-    const Result<ReportedProcessPtr> process = Admit(reported_, pid, name);
+    const Result<ReportedProcessPtr> process = Admit(reported_, event, pid, name);
     if (!process) {
-        return Announce({event, pid, name, Refusal(process.Why())}, context_.isDryRun);
+        return process.Code();
     }
     auto lock = current_.Lock();
     TreatmentResult result{watcher_.Start(), "", "its end cannot be watched"};
     if (!result.error) {
-        Treated& treated = current_.Entry(*process, context_.emptyRecord);
+        Treated& treated = current_.Entry(*process);
         result = treat(treated);
         if (!result.error) {
             treated.names.insert(name);
         }
-        ends_.Settle(treated, result.cleanupError);
+        current_.Settle(treated, result.cleanupError);
     }
     lock.unlock();
-    return Announce({event, pid, name, std::move(result)}, context_.isDryRun);
+    return Announce({event, pid, name, std::move(result)});
 }
 
 std::error_code Treatments::End(std::string_view event, pid_t pid, const std::string& name,
@@ -125,14 +124,14 @@ std::error_code Treatments::End(std::string_view event, pid_t pid, const std::st
                       std::string(event).c_str(), pid, Printable(name).c_str());
         return ErrorOf(ESRCH);
     }
-    ends_.Settle(*treated, result->FirstError());
+    current_.Settle(*treated, result->FirstError());
     lock.unlock();
-    return Announce({event, pid, name, std::move(*result)}, context_.isDryRun);
+    return Announce({event, pid, name, std::move(*result)});
 }
 
 std::error_code Treatments::Suppress(pid_t pid, const std::string& name) {
     return Begin(EventName::kSuppress, pid, name, [&](Treated& treated) -> TreatmentResult {
-        const int pidfd = treated.process->Pidfd();
+        const int pidfd = treated.process->pidfd;
         TreatmentResult result{.error = {}, .note = "it is suppressed already"};
         if (treated.suppressions == 0) {
             // Half of an earlier one may be left, which does not suppress.
@@ -141,7 +140,6 @@ std::error_code Treatments::Suppress(pid_t pid, const std::string& name) {
                 return {.error = error, .note = "an earlier one could not be ended yet"};
             }
             result = Linux::Suppress(context_, treated.record, pidfd);
-            treated.brokenQuota = reported_.LastBrokenQuota(pid);
             treated.suppressedSince = WallTime();
         }
         treated.suppressions += result.error ? 0 : 1;
@@ -167,8 +165,7 @@ std::error_code Treatments::Freeze(pid_t pid, const std::string& name,
         TreatmentResult result{.error = {}, .note = "it is frozen already"};
         // Also when the freeze should have ended: the process is frozen until its thaw is done.
         if (!treated.record.freeze) {
-            result = Linux::Freeze(context_, treated.record, treated.process->Pidfd());
-            treated.brokenQuota = reported_.LastBrokenQuota(pid);
+            result = Linux::Freeze(context_, treated.record, treated.process->pidfd);
             treated.frozenSince = WallTime();
         }
         if (!result.error) {
@@ -183,35 +180,32 @@ std::error_code Treatments::Thaw(pid_t pid, const std::string& name) {
         if (!treated.isFrozen) {
             return std::nullopt;
         }
-        treated.isFrozen = false;
-        treated.thawAt.reset();
+        treated.CancelFreeze();
         return Linux::Thaw(context_, treated.record, treated.Pidfd());
     });
 }
 
 std::error_code Treatments::Kill(pid_t pid, const std::string& name, const std::string& reason) {
-    const Result<ReportedProcessPtr> process = Admit(reported_, pid, name);
+    const Result<ReportedProcessPtr> process = Admit(reported_, EventName::kKill, pid, name);
     if (!process) {
-        return Announce({EventName::kKill, pid, name, Refusal(process.Why())}, context_.isDryRun);
+        return process.Code();
     }
     // Held while this is announced, so that the event stands before that of the end, which takes it too.
     const auto lock = current_.Lock();
     TreatmentResult result{.error = {}, .note = Printable(reason)};
     if (!context_.isDryRun) {
-        result.error = SendKill((*process)->Pidfd());
+        result.error = SendKill((*process)->pidfd);
         result.means = "SIGKILL";
     }
-    const std::error_code error = Announce({EventName::kKill, pid, name, result}, context_.isDryRun);
-    if (error) {
-        return error;
+    const std::error_code error = Announce({EventName::kKill, pid, name, result});
+    if (!error) {
+        Treated& treated = current_.Entry(*process);
+        if (!context_.isDryRun && !treated.death) {
+            treated.death.emplace(killPatience_);
+        }
+        current_.Settle(treated, LetDie(context_, treated));
     }
-    if (Treated* treated = current_.Find((*process)->Key())) {
-        ends_.Settle(*treated, LetDie(context_, *treated));
-    }
-    if (!context_.isDryRun) {
-        ends_.ExpectDeath(*process);
-    }
-    return {};
+    return error;
 }
 
 std::vector<TreatedProcess> Treatments::List() {
@@ -229,36 +223,16 @@ std::optional<std::error_code> Treatments::Release(pid_t pid, uid_t releasedBy) 
     }
     const std::string name = treated->record.processName;
     treated->Cancel();
-    const std::error_code error = UndoAll(context_, treated->record, treated->Pidfd());
-    ends_.Settle(*treated, error);
+    const std::error_code error = treated->UndoUnwanted(context_);
+    current_.Settle(*treated, error);
     lock.unlock();
-    return Announce({EventName::kRelease, pid, name, {.error = error, .note = "asked for"}, releasedBy},
-                    context_.isDryRun);
+    return Announce({EventName::kRelease, pid, name, {.error = error, .note = "asked for"}, releasedBy});
 }
 
 void Treatments::ReleaseAll() {
     watcher_.Stop();
     const auto lock = current_.Lock();
-    std::vector<Treated*> left = current_.All();
-    const auto isReleased = [this](Treated* treated) {
-        const TreatmentRecord& record = treated->record;
-        if (UndoAll(context_, treated->record, treated->Pidfd())) {
-            return false;
-        }
-        Announce(
-            {EventName::kRelease, record.pid, record.processName, {.error = {}, .note = "the host stops"}},
-            context_.isDryRun);
-        current_.Forget(*treated);
-        return true;
-    };
-    // A group can be removed once those below it are gone, which may have been made for another process.
-    while (std::erase_if(left, isReleased) > 0) {
-    }
-    for (const Treated* treated : left) {
-        PLATFORM_LOGE("pid %{public}d (%{public}s) could not be released; its record stays",
-                      treated->record.pid, Printable(treated->record.processName).c_str());
-    }
-    ends_.FinishKills();
+    current_.ReleaseAll();
 }
 
 }  // namespace KITE::Linux

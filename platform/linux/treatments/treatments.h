@@ -10,7 +10,6 @@
 #include <system_error>
 #include <vector>
 
-#include "treatments/automatic_ends.h"
 #include "treatments/current_treatments.h"
 #include "treatments/end_watcher.h"
 #include "treatments/reported_processes.h"
@@ -69,10 +68,10 @@ class KITE_API Treatments {
     std::error_code End(std::string_view event, pid_t pid, const std::string& name, const Undo& undo);
 
     TreatmentContext context_;  // guarded by the lock of current_
-    EndWatcher watcher_;        // its thread uses all of the below
-    ReportedProcesses reported_;
-    CurrentTreatments current_;
-    AutomaticEnds ends_;
+    const std::chrono::milliseconds killPatience_;
+    EndWatcher watcher_;  // its thread uses what follows
+    ReportedProcesses reported_{ReportedProcesses::UsualCapacity(), watcher_};
+    CurrentTreatments current_{context_, watcher_};
 };
 
 }  // namespace KITE::Linux

@@ -68,12 +68,12 @@ TEST_F(ReportedProcessTest, AProcessThatCannotBeReadIsNotTakenForGone) {
     const pid_t pid = culprit.Pid();
     const int64_t startTime = culprit.StartTime();
     const std::vector<ThreadPolicy> policies = ReadThreadPolicies(pid);
-    EndWatcher watcher([](pid_t) {}, [] {});
+    EndWatcher watcher([](std::optional<pid_t>) {});
     const Result<ReportedProcessPtr> process = ReportedProcesses(1, watcher).Remember(pid, startTime, kName);
     const auto unused = static_cast<rlim_t>(UniqueFd(dup(STDERR_FILENO)).Get());
     {
         const DescriptorLimit none(unused);
-        EXPECT_EQ(RestorePolicies(pid, policies), ErrorOf(EAGAIN));
+        EXPECT_EQ(RestorePolicies(pid, (*process)->pidfd, policies), ErrorOf(EAGAIN));
         EXPECT_EQ((*process)->Verify(kName).Why().Words(), "it cannot be looked at");
         const DescriptorLimit one(unused + 1);
         EXPECT_EQ(OpenProcess(pid, startTime).Code(), ErrorOf(EMFILE));
@@ -82,13 +82,13 @@ TEST_F(ReportedProcessTest, AProcessThatCannotBeReadIsNotTakenForGone) {
     ASSERT_EQ(mount("none", "/proc", nullptr, MS_PRIVATE, nullptr), 0);
     ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
     EXPECT_EQ(OpenProcess(pid, startTime).Code(), ErrorOf(EACCES));
-    EXPECT_EQ(RestoreFamily({.pid = pid}, true, policies.front(), {}), ErrorOf(EIO));
+    EXPECT_EQ(RestoreFamily(pid, {}, true, policies, {}), ErrorOf(EIO));
     EXPECT_EQ(umount("/proc"), 0);
 }
 
 TEST_F(ReportedProcessTest, TheOldestThatIsNotHeldMakesRoom) {
     const Program programs[] = {Program({kName, "idle"}), Program({kName, "idle"}), Program({kName, "idle"})};
-    EndWatcher watcher([](pid_t) {}, [] {});
+    EndWatcher watcher([](std::optional<pid_t>) {});
     ReportedProcesses reported(2, watcher);
     ReportedProcessPtr held;
     for (const Program& program : programs) {
