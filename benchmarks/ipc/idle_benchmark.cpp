@@ -123,7 +123,7 @@ void Load(TestedSystem& system, Integration::FakeManager& manager, JournalStandI
     for (int i = 0; i < kRounds; ++i) {
         const bool isRight = manager.Report(batch) == 0 &&
                              Integration::WrittenBytesOf(client.AskWrittenBytes(pids)).size() == kPids &&
-                             client.Dump({"DumpHandledAbnormalInfo"}, nowhere.Get()).error.empty();
+                             client.Dump("DumpHandledAbnormalInfo", nowhere.Get()).error.empty();
         if (!isRight) {
             throw std::runtime_error("the service does not answer under load");
         }

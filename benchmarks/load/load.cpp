@@ -217,7 +217,7 @@ class LoadRun {
         constexpr const char* kWords[] = {"DumpConfig", "DumpReportedAbnormalInfo",
                                           "DumpHandledAbnormalInfo"};
         const Linux::UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-        const Integration::Answer answer = client.Dump({kWords[dumps_++ % std::size(kWords)]}, nowhere.Get());
+        const Integration::Answer answer = client.Dump(kWords[dumps_++ % std::size(kWords)], nowhere.Get());
         return answer.error.empty() && answer.status == 0;
     }
     void LookAtHosts() {

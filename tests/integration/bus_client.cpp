@@ -10,19 +10,9 @@ namespace KITE::Integration {
 namespace {
 
 namespace Protocol = Linux::KelvraProtocol;
+using ResourceQuotaCtl::IResourceQuotaControl;
 
-constexpr const char* kInterface = "kite.Ability";
-constexpr uint64_t kCallLimitUs = 8'000'000;
-
-// This thread's effective user, as the raw system call sets it, which leaves the other threads alone.
-class AsUser {
-  public:
-    explicit AsUser(uid_t uid) { syscall(SYS_setresuid, -1, uid, -1); }
-    AsUser(const AsUser&) = delete;
-    AsUser& operator=(const AsUser&) = delete;
-    ~AsUser() { syscall(SYS_setresuid, -1, 0, -1); }
-};
-
+// Empty when the message has no parcel (any more).
 MessageParcel ParcelFrom(sd_bus_message* message) {
     const void* bytes = nullptr;
     size_t size = 0;
@@ -39,92 +29,79 @@ BusClient::BusClient(const std::string& address, uid_t uid) {
     bus_.reset(bus);
     sd_bus_set_address(bus, address.c_str());
     sd_bus_set_bus_client(bus, 1);
-    const AsUser user(uid);
+    // This thread's effective user, as the raw system call sets it, which leaves the other threads alone.
+    syscall(SYS_setresuid, -1, uid, -1);
     const char* name = nullptr;
     if (sd_bus_start(bus) >= 0) {
         sd_bus_get_unique_name(bus, &name);  // once it has been told, which ends what the user matters for
     }
+    syscall(SYS_setresuid, -1, 0, -1);
 }
 
 Linux::MessageHandle BusClient::NewCall(const std::string& name, const std::string& path,
-                                        const char* member) {
+                                        const char* member) const {
     sd_bus_message* call = nullptr;
-    sd_bus_message_new_method_call(bus_.get(), &call, name.c_str(), path.c_str(), kInterface, member);
+    sd_bus_message_new_method_call(bus_.get(), &call, name.c_str(), path.c_str(), Linux::kAbilityInterface,
+                                   member);
     return Linux::MessageHandle(call);
 }
 
 Linux::MessageHandle BusClient::NewTransaction(const std::string& name, const std::string& path,
-                                               uint32_t code, const MessageParcel& request) {
-    Linux::MessageHandle call = NewCall(name, path, "Transact");
+                                               uint32_t code, const MessageParcel& request) const {
+    Linux::MessageHandle call = NewCall(name, path, Linux::kTransactMethod);
     sd_bus_message_append(call.get(), "u", code);
     sd_bus_message_append_array(call.get(), 'y', request.Bytes().data(), request.Bytes().size());
     return call;
 }
 
-Linux::MessageHandle BusClient::Call(sd_bus_message* call, Answer& answer) {
+Answer BusClient::Call(const Linux::MessageHandle& call) {
+    constexpr uint64_t kLimitUs = 8'000'000;
     sd_bus_error error{};
     sd_bus_message* reply = nullptr;
-    const int result = sd_bus_call(bus_.get(), call, kCallLimitUs, &error, &reply);
+    Answer answer;
+    const int result = sd_bus_call(bus_.get(), call.get(), kLimitUs, &error, &reply);
+    const Linux::MessageHandle handle(reply);
     if (result < 0) {
         answer.error = error.name == nullptr ? std::to_string(result) : error.name;
+    } else {
+        sd_bus_message_read(reply, "i", &answer.status);
+        answer.reply = ParcelFrom(reply);
     }
     sd_bus_error_free(&error);
-    return Linux::MessageHandle(reply);
+    return answer;
 }
 
 Answer BusClient::Transact(const std::string& name, const std::string& path, uint32_t code,
                            const MessageParcel& request) {
-    Answer answer;
-    const Linux::MessageHandle reply = Call(NewTransaction(name, path, code, request).get(), answer);
-    if (reply) {
-        sd_bus_message_read(reply.get(), "i", &answer.status);
-        answer.reply = ParcelFrom(reply.get());
-    }
-    return answer;
+    return Call(NewTransaction(name, path, code, request));
 }
 
-Answer BusClient::Dump(const std::vector<std::string>& arguments, int fd) {
-    const Linux::MessageHandle call = NewCall(kQuotaName, kQuotaPath, "Dump");
-    sd_bus_message_open_container(call.get(), 'a', "s");
-    for (const std::string& argument : arguments) {
-        sd_bus_message_append(call.get(), "s", argument.c_str());
-    }
-    sd_bus_message_close_container(call.get());
-    sd_bus_message_append(call.get(), "h", fd);
-    Answer answer;
-    const Linux::MessageHandle reply = Call(call.get(), answer);
-    if (reply) {
-        sd_bus_message_read(reply.get(), "i", &answer.status);
-    }
-    return answer;
+Answer BusClient::Dump(const std::string& argument, int fd) {
+    const Linux::MessageHandle call = NewCall(kQuotaName, kQuotaPath, Linux::kDumpMethod);
+    sd_bus_message_append(call.get(), "ash", 1, argument.c_str(), fd);
+    return Call(call);
 }
 
 void BusClient::Send(uint32_t code, const MessageParcel& request) {
-    const Linux::MessageHandle call = NewTransaction(kQuotaName, kQuotaPath, code, request);
-    sd_bus_send(bus_.get(), call.get(), nullptr);
+    sd_bus_send(bus_.get(), NewTransaction(kQuotaName, kQuotaPath, code, request).get(), nullptr);
     sd_bus_flush(bus_.get());
 }
 
-std::string BusClient::Claim(const std::string& name) {
-    const int result = sd_bus_request_name(bus_.get(), name.c_str(), 0);
-    return result < 0 ? std::to_string(result) : "";
-}
-
 Answer BusClient::AskWrittenBytes(const std::vector<int32_t>& pids) {
-    MessageParcel request = QuotaRequest();
-    request.WriteInt32Vector(pids);
-    return Transact(kQuotaName, kQuotaPath, ResourceQuotaCtl::IResourceQuotaControl::GET_IO_WRITE_BYTES,
-                    request);
+    return Transact(kQuotaName, kQuotaPath, IResourceQuotaControl::GET_IO_WRITE_BYTES, QuotaRequest(pids));
 }
 
 Answer BusClient::AskRunningTimes() {
-    return Transact(kQuotaName, kQuotaPath,
-                    ResourceQuotaCtl::IResourceQuotaControl::GET_EXTENSION_RUNNING_TIME, QuotaRequest());
+    return Transact(kQuotaName, kQuotaPath, IResourceQuotaControl::GET_EXTENSION_RUNNING_TIME,
+                    QuotaRequest());
 }
 
-MessageParcel QuotaRequest() {
+MessageParcel QuotaRequest(const std::vector<int32_t>& pids) {
     MessageParcel request;
-    request.WriteInterfaceToken(ResourceQuotaCtl::IResourceQuotaControl::GetDescriptor());
+    request.WriteInterfaceToken(IResourceQuotaControl::GetDescriptor());
+    if (!pids.empty()) {
+        request.WriteInt32Vector(pids);
+    }
     return request;
 }
 
@@ -137,11 +114,12 @@ std::vector<uint64_t> WrittenBytesOf(Answer answer) {
 FakeManager::FakeManager(const std::string& address) : client_(address, kKelvraUid) {
     static const sd_bus_vtable vtable[] = {
         SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD("Transact", "uay", "iay", &OnTransact, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD(Linux::kTransactMethod, "uay", "iay", &OnTransact, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };
     sd_bus_slot* slot = nullptr;
-    sd_bus_add_object_vtable(client_.Bus(), &slot, kKelvraPath, kInterface, vtable, this);
+    sd_bus_add_object_vtable(client_.Bus(), &slot, kKelvraPath.c_str(), Linux::kAbilityInterface, vtable,
+                             this);
     object_.reset(slot);
     Return();
 }
@@ -162,9 +140,7 @@ void FakeManager::Take(uint32_t code, MessageParcel request, const char* sender)
         subscriber_ = sender;
         hasSubscribed_ = true;
     } else if (code == Protocol::kSetProcessQuota && request.ReadInt32(reserved)) {
-        auto quotas = Linux::ReadRecordList<Kelvra::ResQuotaInfo>(request);
-        hasQuotas_ = static_cast<bool>(quotas);
-        quotas_ = std::move(quotas).ValueOr({});
+        hasQuotas_ = static_cast<bool>(Linux::ReadRecordList<Kelvra::ResQuotaInfo>(request));
     }
 }
 
@@ -179,8 +155,9 @@ bool FakeManager::AwaitSubscription(milliseconds limit) {
         limit);
 }
 
-int32_t FakeManager::Report(const MessageParcel& batch) {
-    const Answer answer = client_.Transact(subscriber_, Protocol::kSubscriberPath, Protocol::kReport, batch);
+int32_t FakeManager::Report(const std::vector<Kelvra::ProcessAnomalyInfo>& batch) {
+    const Answer answer =
+        client_.Transact(subscriber_, Protocol::kSubscriberPath, Protocol::kReport, ReportOf(batch));
     return answer.error.empty() ? answer.status : ERR_DEAD_OBJECT;
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ipc/handles.h"
+#include "ipc/wire.h"
 #include "iresource_quota_control.h"
 #include "kelvra_manager_client.h"
 #include "private_system/private_system.h"
@@ -18,10 +19,10 @@ inline constexpr uid_t kUntrustedUid = 20001;
 using Tools::kKelvraUid;
 using Tools::kQuotaUid;
 
-using Tools::kKelvraName;
-using Tools::kQuotaName;
-inline constexpr const char* kQuotaPath = "/kite/ability/SA1913";
-inline constexpr const char* kKelvraPath = "/kite/ability/SA1213";
+inline const std::string kQuotaName = Linux::AbilityBusName(Linux::kQuotaServiceId);
+inline const std::string kQuotaPath = Linux::AbilityPath(Linux::kQuotaServiceId);
+inline const std::string kKelvraName = Linux::AbilityBusName(KELVRA_MANAGER_SERVICE_ID);
+inline const std::string kKelvraPath = Linux::AbilityPath(KELVRA_MANAGER_SERVICE_ID);
 
 // What came of a call: the bus's or the library's error, or the status and the reply.
 struct Answer {
@@ -39,27 +40,33 @@ class BusClient {
     sd_bus* Bus() const { return bus_.get(); }
     Answer Transact(const std::string& name, const std::string& path, uint32_t code,
                     const MessageParcel& request);
-    Answer Dump(const std::vector<std::string>& arguments, int fd);
+    // Of the quota service.
+    Answer Dump(const std::string& argument, int fd);
     // Sends a request to the quota service and leaves it at that.
     void Send(uint32_t code, const MessageParcel& request);
-    // The bus's error, empty when the name is this client's now.
-    std::string Claim(const std::string& name);
-    void GiveBack(const std::string& name) { sd_bus_release_name(bus_.get(), name.c_str()); }
+    // Takes the bus name of an ability, and gives it back. False when the bus refuses.
+    bool Claim(int32_t abilityId, uint64_t flags = 0) {
+        return sd_bus_request_name(bus_.get(), Linux::AbilityBusName(abilityId).c_str(), flags) >= 0;
+    }
+    void Release(int32_t abilityId) {
+        sd_bus_release_name(bus_.get(), Linux::AbilityBusName(abilityId).c_str());
+    }
 
-    // The service's two queries.
+    // The service's two queries. The first takes at least one pid.
     Answer AskWrittenBytes(const std::vector<int32_t>& pids);
     Answer AskRunningTimes();
 
   private:
-    Linux::MessageHandle NewCall(const std::string& name, const std::string& path, const char* member);
+    Linux::MessageHandle NewCall(const std::string& name, const std::string& path, const char* member) const;
     Linux::MessageHandle NewTransaction(const std::string& name, const std::string& path, uint32_t code,
-                                        const MessageParcel& request);
-    Linux::MessageHandle Call(sd_bus_message* call, Answer& answer);
+                                        const MessageParcel& request) const;
+    Answer Call(const Linux::MessageHandle& call);
 
     Linux::BusHandle bus_;
 };
 
-MessageParcel QuotaRequest();
+// With these pids, if there are any.
+MessageParcel QuotaRequest(const std::vector<int32_t>& pids = {});
 // The vector of a reply to AskWrittenBytes; a single 7 when there is none.
 std::vector<uint64_t> WrittenBytesOf(Answer answer);
 
@@ -73,15 +80,13 @@ class FakeManager {
   public:
     explicit FakeManager(const std::string& address);
 
-    void Leave() { client_.GiveBack(kKelvraName); }
-    void Return() { client_.Claim(kKelvraName); }
+    void Leave() { client_.Release(KELVRA_MANAGER_SERVICE_ID); }
+    void Return() { client_.Claim(KELVRA_MANAGER_SERVICE_ID); }
     // Serves until the quota service has subscribed and sent its quotas (again).
     bool AwaitSubscription(milliseconds limit = kPatience);
-    const std::vector<Kelvra::ResQuotaInfo>& Quotas() const { return quotas_; }
     const std::string& Subscriber() const { return subscriber_; }
     // The subscriber's status, once it has taken the batch.
-    int32_t Report(const std::vector<Kelvra::ProcessAnomalyInfo>& batch) { return Report(ReportOf(batch)); }
-    int32_t Report(const MessageParcel& batch);
+    int32_t Report(const std::vector<Kelvra::ProcessAnomalyInfo>& batch);
 
   private:
     static int OnTransact(sd_bus_message* message, void* manager, sd_bus_error* error);
@@ -90,7 +95,6 @@ class FakeManager {
     BusClient client_;
     Linux::SlotHandle object_;
     std::string subscriber_;
-    std::vector<Kelvra::ResQuotaInfo> quotas_;
     bool hasSubscribed_ = false;
     bool hasQuotas_ = false;
 };

@@ -91,7 +91,7 @@ TEST_F(FloodTest, AFloodOfReportsQueriesAndDumpsLosesNothingAndGrowsNothing) {
         return client.AskRunningTimes().reply.Bytes().size() == 8;
     };
     const auto dump = [&](BusClient& client) {
-        return client.Dump({"DumpHandledAbnormalEnhanceInfo"}, nowhere.Get()).status ==
+        return client.Dump("DumpHandledAbnormalEnhanceInfo", nowhere.Get()).status ==
                ResourceQuotaCtl::ERR_OK;
     };
     Process& host = QuotaHost().process;

@@ -14,7 +14,7 @@ TEST_F(ForgedSignalTest, OnlyTheBusTellsWhoOwnsAName) {
                                             "org.freedesktop.DBus", "NameOwnerChanged"),
                   0);
         const Linux::MessageHandle handle(signal);
-        ASSERT_GE(sd_bus_message_append(signal, "sss", kKelvraName, ":1.0", newOwner), 0);
+        ASSERT_GE(sd_bus_message_append(signal, "sss", kKelvraName.c_str(), ":1.0", newOwner), 0);
         ASSERT_GE(sd_bus_message_set_destination(signal, manager.Subscriber().c_str()), 0);
         ASSERT_GE(sd_bus_send(forger.Bus(), signal, nullptr), 0);
     }

@@ -12,11 +12,13 @@ TEST_F(HogsTest, EachKindOfHogIsKilledAndOthersAreLeftAlone) {
     Process& stranger = StartTarget("stranger", {"burn"});
     StartWhole();
     // The build directory lies on a disk; the one for temporary files may not, and then counts no bytes.
-    Process& writer = StartTarget("writer", {"flood"}, {.directory = KITE_WORK_DIRECTORY});
-    EXPECT_EQ(SIGKILL, writer.AwaitEnd());
-    std::filesystem::remove(KITE_WORK_DIRECTORY "/flood");
+    const std::string path = KITE_WORK_DIRECTORY "/flood";
+    const Linux::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    std::filesystem::remove(path);
+    Launch launch{.program = KITE_MISBEHAVE, .uid = kUntrustedUid, .output = file.Get()};
+    EXPECT_EQ(SIGKILL, StartTarget("writer", {"write"}, launch).AwaitEnd());
+    EXPECT_EQ(SIGKILL, StartTarget("eater", {"memory", "200"}, launch).AwaitEnd());
     EXPECT_EQ(SIGKILL, StartTarget("spinner", {"burn", "2"}).AwaitEnd());
-    EXPECT_EQ(SIGKILL, StartTarget("eater", {"grow", "200"}).AwaitEnd());
     EXPECT_FALSE(modest.HasEnded());
     EXPECT_FALSE(stranger.HasEnded());
 }

@@ -10,12 +10,6 @@ using namespace ResourceQuotaCtl;
 constexpr uint32_t kWrittenBytes = IResourceQuotaControl::GET_IO_WRITE_BYTES;
 constexpr uint32_t kRunningTimes = IResourceQuotaControl::GET_EXTENSION_RUNNING_TIME;
 
-MessageParcel PidRequest(const std::vector<int32_t>& pids) {
-    MessageParcel request = QuotaRequest();
-    request.WriteInt32Vector(pids);
-    return request;
-}
-
 }  // namespace
 
 using HostileClientTest = UnharmedServiceTest;
@@ -29,16 +23,17 @@ TEST_F(HostileClientTest, AReportedProcessThatHasEndedIsForgotten) {
 
 TEST_F(HostileClientTest, AClientMayGoAwayAndSendWhatIsTooLargeOrOfAnotherShape) {
     for (int i = 0; i < 20; ++i) {
-        Connect(kTrustedUid).Send(kWrittenBytes, PidRequest({getpid()}));
+        Connect(kTrustedUid).Send(kWrittenBytes, QuotaRequest({getpid()}));
     }
-    const MessageParcel huge = PidRequest(std::vector<int32_t>(size_t{9} << 20, 1));
+    const MessageParcel huge = QuotaRequest(std::vector<int32_t>(size_t{9} << 20, 1));
     EXPECT_NE("", Connect(kTrustedUid).Transact(kQuotaName, kQuotaPath, kWrittenBytes, huge).error)
         << "it costs the connection";
     BusClient client = Connect(kTrustedUid);
     sd_bus_error error{};
-    EXPECT_LT(sd_bus_call_method(client.Bus(), kQuotaName, kQuotaPath, "kite.Ability", "Transact", &error,
-                                 nullptr, "s", "text"),
-              0);
+    EXPECT_LT(
+        sd_bus_call_method(client.Bus(), kQuotaName.c_str(), kQuotaPath.c_str(), Linux::kAbilityInterface,
+                           Linux::kTransactMethod, &error, nullptr, "s", "text"),
+        0);
     EXPECT_STREQ(SD_BUS_ERROR_INVALID_ARGS, error.name);
     sd_bus_error_free(&error);
 }

@@ -61,12 +61,12 @@ TEST_F(DryRunTest, EverythingIsDecidedAndToldAndNobodyIsTouched) {
     ASSERT_TRUE(Eventually([&] { return staged.ThreadCount() == 2; }));
     const std::string before = frozen.Standing() + killed.Standing() + staged.Standing();
     Kelvra::ProcessAnomalyInfo bus = Anomaly(BusDaemon(), "cpu", "kill");
-    bus.processName = "bus.conf";
+    bus.processName = "kite-private-bus.conf";
     ASSERT_EQ(0, manager.Report({Anomaly(frozen, "cpu", "freeze"), Anomaly(killed, "cpu", "kill"), bus}));
     EXPECT_TRUE(log.Await("dry run: FREEZE of pid " + std::to_string(frozen.Pid()) + " (frozen) done"));
     EXPECT_TRUE(log.Await("dry run: KILL of pid " + std::to_string(killed.Pid()) + " (killed) done"));
     EXPECT_TRUE(log.Await("dry run: KILL of pid " + std::to_string(BusDaemon().Pid()) +
-                          " (bus.conf) failed: Operation not permitted"));
+                          " (kite-private-bus.conf) failed: Operation not permitted"));
     for (const char* stage :
          {"process enter suppress", "process is freezed", "kill process for quota exceed"}) {
         ASSERT_EQ(0, manager.Report({Anomaly(staged, "cpu_ext", "kill")}));

@@ -2,21 +2,17 @@
 //
 //   idle                waits
 //   burn THREADS        uses all the processor time that it gets, in so many threads
-//   grow MEBIBYTES      takes that much memory and waits
-//   flood               writes into a file of its working directory all the time
 //   breed               burns in one thread; on SIGUSR1 has a child that burns too, for a minute at most
 //   thread              waits; has another thread that waits for each SIGUSR1
 //   become [NAME]       waits; on SIGUSR1 executes another program, sleep 1000, under that name or its own
 //   hang                waits where it cannot be interrupted, for a child that shares its memory
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <functional>
-#include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -41,22 +37,6 @@ namespace {
 void Wait() {
     while (true) {
         pause();
-    }
-}
-
-void Grow(size_t mebibytes) {
-    std::vector<char> memory(mebibytes << 20, 1);
-    Wait();
-}
-
-void Flood() {
-    constexpr off_t kFileSize = off_t{64} << 20;
-    const std::string block(size_t{1} << 20, 'x');
-    const int file = open("flood", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    for (off_t at = 0; file >= 0; at = (at + static_cast<off_t>(block.size())) % kFileSize) {
-        if (pwrite(file, block.data(), block.size(), at) < 0 || (at == 0 && fdatasync(file) != 0)) {
-            break;
-        }
     }
 }
 
@@ -107,8 +87,6 @@ int main(int argc, char** argv) {
     const std::pair<std::string_view, std::function<void()>> modes[] = {
         {"idle", Wait},
         {"burn", [&] { BurnInThreads(number); }},
-        {"grow", [&] { Grow(static_cast<size_t>(number)); }},
-        {"flood", Flood},
         {"breed", Breed},
         {"thread", Thread},
         {"become", [&] { Become(argument == nullptr ? argv[0] : argument); }},

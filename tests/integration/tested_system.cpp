@@ -1,7 +1,9 @@
 #include "tested_system.h"
 
-#include <filesystem>
-#include <sstream>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
 #include <stdexcept>
 
 namespace KITE::Integration {
@@ -24,7 +26,7 @@ void Require(const Linux::Result<void>& result) {
 
 }  // namespace
 
-ConfiguredSystem::ConfiguredSystem()
+TestedSystem::TestedSystem()
     : PrivateSystem({.shipped = KITE_ETC,
                      .host = KITE_HOST,
                      .quotaLibrary = KITE_QUOTA_LIBRARY,
@@ -33,7 +35,7 @@ ConfiguredSystem::ConfiguredSystem()
     Require(StartBus());
     fs::create_directories(Layer() + kPolicyDirectory);
     WriteWholeFile(Paths().etc + Linux::FileName::kConfigDirectories,
-                   "{\"directories\": [\"" + Layer() + "\"]}");
+                   fmt::format(R"({{"directories": ["{}"]}})", Layer()));
     SetPolicy({Rule("nobody", "cpu", 50, "warning")});
     SetParameters(R"({"const.debuggable": 1, "kelvra.sample_period_ms": 100})");
     SetTokens(R"({"tokens": [{"uid": 0, "process_name": "svcdb",
@@ -41,23 +43,17 @@ ConfiguredSystem::ConfiguredSystem()
                              {"uid": 61913, "process_name": "resource_quota_control"}]})");
 }
 
-std::string ConfiguredSystem::Rule(const std::string& processName, const std::string& resourceType,
-                                   int64_t quota, const std::string& action, int32_t runningTime) {
-    std::ostringstream rule;
-    rule << R"({"process_name": ")" << processName
-         << R"(", "inherit": "", "process_quotas": {"running_time": )" << runningTime << ", \""
-         << resourceType << R"(": [{"condition": [], "id": 1, "resource_quota": )" << quota
-         << R"(, "duration": 1, "action": ")" << action << "\"}]}}";
-    return rule.str();
+std::string TestedSystem::Rule(const std::string& processName, const std::string& resourceType, int64_t quota,
+                               const std::string& action, int32_t runningTime) {
+    return fmt::format(
+        R"({{"process_name": "{}", "inherit": "", "process_quotas": {{"running_time": {}, "{}": [
+            {{"condition": [], "id": 1, "resource_quota": {}, "duration": 1, "action": "{}"}}]}}}})",
+        processName, runningTime, resourceType, quota, action);
 }
 
-void ConfiguredSystem::SetPolicy(const std::vector<std::string>& rules) {
-    std::string all;
-    for (const std::string& rule : rules) {
-        all += (all.empty() ? "" : ",\n") + rule;
-    }
+void TestedSystem::SetPolicy(const std::vector<std::string>& rules) {
     WriteWholeFile(Layer() + kPolicyDirectory + "/process_resource_limit.json",
-                   "{\"quotas\": [" + all + "]}");
+                   fmt::format(R"({{"quotas": [{}]}})", fmt::join(rules, ",\n")));
 }
 
 void TestedSystem::StartWhole() {
@@ -81,7 +77,7 @@ int TestedSystem::StopQuotaHost() {
 
 Process& TestedSystem::StartTarget(const std::string& name, const std::vector<std::string>& mode,
                                    Launch launch) {
-    launch.program = KITE_TARGET;
+    launch.program = launch.program.empty() ? KITE_TARGET : launch.program;
     launch.arguments = {name};
     launch.arguments.insert(launch.arguments.end(), mode.begin(), mode.end());
     launch.blockedSignal = SIGUSR1;
@@ -99,7 +95,10 @@ std::vector<std::string> TestedSystem::TracesOfTreatments() const {
     const auto options = fs::directory_options::skip_permission_denied;
     for (auto entry = fs::recursive_directory_iterator("/sys/fs/cgroup", options, error);
          !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-        if (entry->path().filename().string().starts_with("kite-")) {
+        const std::string name = entry->path().filename();
+        if (std::ranges::any_of(targets_, [&](const Process& target) {
+                return name.starts_with(fmt::format("kite-{}-", target.Pid()));
+            })) {
             traces.push_back(entry->path());
         }
     }

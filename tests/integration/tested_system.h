@@ -13,14 +13,13 @@
 
 namespace KITE::Integration {
 
-using Host = Tools::HostProcess;
-
-// A private system with a configuration that can be changed until its hosts start: at first one rule
-// "warning", a debuggable build, samples every 100 ms, root as "svcdb", no device state. The constructor
-// throws when the bus does not start.
-class ConfiguredSystem : public Tools::PrivateSystem {
+// The system as the tests and benchmarks use it: with processes to treat, clients, and, where wanted, a
+// manager that reports what it is told. Its configuration can be changed until its hosts start: at first one
+// rule "warning", a debuggable build, samples every 100 ms, root as "svcdb", no device state. Whatever does
+// not start throws.
+class TestedSystem : public Tools::PrivateSystem {
   public:
-    ConfiguredSystem();
+    TestedSystem();
 
     // A rule for a process of that name, as an element of a policy.
     static std::string Rule(const std::string& processName, const std::string& resourceType, int64_t quota,
@@ -39,12 +38,7 @@ class ConfiguredSystem : public Tools::PrivateSystem {
     const std::string& Directory() const { return Paths().directory; }
     std::string Layer() const { return Directory() + "/layer"; }
     std::string State(const std::string& path = "") const { return Paths().state + path; }
-};
 
-// The system as the tests and benchmarks use it: with processes to treat, clients, and, where wanted, a
-// manager that reports what it is told. Whatever does not start throws.
-class TestedSystem : public ConfiguredSystem {
-  public:
     // Both hosts, until the service is reachable.
     void StartWhole();
     // The quota host with a manager of the caller's, until the service is reachable.
@@ -57,7 +51,7 @@ class TestedSystem : public ConfiguredSystem {
     Process& StartTarget(const std::string& name, const std::vector<std::string>& mode,
                          Launch launch = {.uid = kUntrustedUid});
     BusClient Connect(uid_t uid) const { return BusClient(Address(), uid); }
-    // Records of treatments, and groups named kite-*.
+    // Records of treatments, and groups made for the targets.
     std::vector<std::string> TracesOfTreatments() const;
 
   protected:

@@ -24,9 +24,8 @@ class UnharmedServiceTest : public SystemTest {
         EXPECT_EQ(0, Manager().Report({Anomaly(StartTarget("first", {"idle"}), "cpu", "warning")}));
         EXPECT_TRUE(QuotaHost().log.Await("action is warning"));
         ExpectPromptAnswer();
-        EXPECT_EQ(
-            ERR_OK,
-            Connect(kTrustedUid).Dump({"-h"}, Linux::UniqueFd(open("/dev/null", O_WRONLY)).Get()).status);
+        EXPECT_EQ(ERR_OK,
+                  Connect(kTrustedUid).Dump("-h", Linux::UniqueFd(open("/dev/null", O_WRONLY)).Get()).status);
         descriptors_ = Service().DescriptorCount();
         threads_ = Service().ThreadCount();
     }

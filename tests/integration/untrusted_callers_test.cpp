@@ -54,16 +54,16 @@ const std::vector<Deed> kQuestions{
     {"dump",
      [](BusClient& client) {
          Pipe pipe;
-         const int32_t status = client.Dump({"DumpConfig"}, pipe.writeEnd.Get()).status;
+         const int32_t status = client.Dump("DumpConfig", pipe.writeEnd.Get()).status;
          return status == ERR_OK || !pipe.Text().empty();
      },
      {kTrustedUid}}};
 
 const std::vector<Deed> kOwnings{{"own the service's name",
-                                  [](BusClient& client) { return client.Claim(kQuotaName).empty(); },
+                                  [](BusClient& client) { return client.Claim(Linux::kQuotaServiceId); },
                                   {kQuotaUid}},
                                  {"own the manager's name",
-                                  [](BusClient& client) { return client.Claim(kKelvraName).empty(); },
+                                  [](BusClient& client) { return client.Claim(KELVRA_MANAGER_SERVICE_ID); },
                                   {kKelvraUid}}};
 
 }  // namespace

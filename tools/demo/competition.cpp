@@ -2,8 +2,6 @@
 
 #include <csignal>
 
-#include "proc/process_stat.h"
-
 namespace KITE::Demo {
 
 namespace {
@@ -25,26 +23,23 @@ Competition::Competition(const std::string& misbehave, int cpu, uid_t uid)
     competitor_.Signal(SIGSTOP);
 }
 
-std::optional<int64_t> Competition::Look(const Tools::ProcessView& rival, bool withLongPauses,
-                                         Clock::time_point now) {
-    if (!bout_) {
-        if (now - pauseBegin_ >= (withLongPauses ? kLongPause : kBout)) {
-            bout_ = {now, rival.CpuTime(), competitor_.CpuTime()};
-            competitor_.Signal(SIGCONT);
-        }
+std::optional<int64_t> Competition::Look(const Tools::ProcessView& rival, bool withLongPauses) {
+    if (Clock::now() - begin_ < (withLongPauses && !isBout_ ? kLongPause : kBout)) {
         return std::nullopt;
     }
-    if (now - bout_->begin < kBout) {
+    begin_ = Clock::now();
+    isBout_ = !isBout_;
+    if (isBout_) {
+        rivalTime_ = rival.CpuTime();
+        ownTime_ = competitor_.CpuTime();
+        competitor_.Signal(SIGCONT);
         return std::nullopt;
     }
-    const auto own = rival.CpuTime() - bout_->rival;
-    const auto both = own + competitor_.CpuTime() - bout_->competitor;
+    const auto share = rival.CpuTime() - rivalTime_;
+    const auto both = share + competitor_.CpuTime() - ownTime_;
     competitor_.Signal(SIGSTOP);
-    pauseBegin_ = now;
-    bout_.reset();
     // A frozen process does not want the core, so that its share would tell nothing.
-    const bool wantsCore = Linux::ReadProcessStat(rival.Pid()).ValueOr({}).state == 'R';
-    return wantsCore && both >= kTelling ? std::optional(own * 100 / both) : std::nullopt;
+    return rival.State() == 'R' && both >= kTelling ? std::optional(share * 100 / both) : std::nullopt;
 }
 
 }  // namespace KITE::Demo

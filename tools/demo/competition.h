@@ -24,18 +24,14 @@ class Competition {
     // Begins a bout when it is time for one. When one has ended: the rival's share of the CPU time that both
     // got, in percent; other processes on the machine do not change it. Absent when it tells nothing. With
     // longer pauses the rival gets enough of the core to break its quota though it is suppressed.
-    std::optional<int64_t> Look(const Tools::ProcessView& rival, bool withLongPauses, Clock::time_point now);
+    std::optional<int64_t> Look(const Tools::ProcessView& rival, bool withLongPauses);
 
   private:
-    struct Bout {
-        Clock::time_point begin;
-        std::chrono::nanoseconds rival;  // the CPU times at its begin
-        std::chrono::nanoseconds competitor;
-    };
-
     Tools::ChildProcess competitor_;
-    std::optional<Bout> bout_;
-    Clock::time_point pauseBegin_{};
+    bool isBout_ = false;
+    Clock::time_point begin_{};             // of the bout or the pause,
+    std::chrono::nanoseconds rivalTime_{};  // and the CPU times at the bout's begin
+    std::chrono::nanoseconds ownTime_{};
 };
 
 }  // namespace KITE::Demo

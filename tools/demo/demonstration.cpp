@@ -26,6 +26,7 @@ namespace {
 using Linux::Failure;
 using Linux::Result;
 using nlohmann::json;
+using Tools::Tone;
 
 constexpr uid_t kCompetitorUid = 61500;
 constexpr milliseconds kTick{50};
@@ -50,8 +51,12 @@ bool IsThawed(const Observer& observer) {
     return observer.History().empty() || observer.History().back() != Happening::kFrozen;
 }
 
-Outcome OutcomeOf(const Observer& observer) {
-    return {observer.Of().name, FateText(observer.Of().fate), HistoryText(observer), Shortcoming(observer)};
+// The table at the end. Without a shortcoming the outcome is the expected one.
+void SayRow(const std::string& name, const std::string& expected, const std::string& observed,
+            const std::string& shortcoming) {
+    Tools::Say(fmt::format("  {:<14}  {:<27}  {:<36}  {}", name, expected, observed,
+                           shortcoming.empty() ? Tools::Paint(Tone::kGood, "as it should")
+                                               : Tools::Paint(Tone::kBad, "WRONG: " + shortcoming)));
 }
 
 // A suppressed process gets nothing at all on a machine that is busy, so it breaks no quota and comes to no
@@ -69,7 +74,11 @@ void SayIfBusy() {
 
 }  // namespace
 
-Demonstration::Demonstration(Tools::PrivateSystem& system, StopSignals& stop, std::filesystem::path misbehave,
+void Say(Tone tone, const std::string& text) {
+    Tools::Say(Tools::Paint(tone, text));
+}
+
+Demonstration::Demonstration(Tools::PrivateSystem& system, int stop, std::filesystem::path misbehave,
                              std::filesystem::path build)
     : system_(system),
       stop_(stop),
@@ -134,7 +143,10 @@ Result<void> Demonstration::StartProgram(const Program& program) {
             return Failure("no disk was found that counts what is written to it");
         }
     }
-    const std::error_code error = running_.emplace_back(program, launch).process.StartError();
+    const auto tell = [this](const Program& of, Happening happening, const std::string& detail) {
+        ShowEvent(of.name, WordOf(happening).tone, WordOf(happening).text, detail);
+    };
+    const std::error_code error = running_.emplace_back(program, launch, tell).process.StartError();
     return error ? Result<void>(Failure(launch.program, error)) : Result<void>();
 }
 
@@ -164,20 +176,13 @@ std::error_code Demonstration::WriteDeviceState() const {
 void Demonstration::Look() {
     events_->Read([this](std::string_view line) { ShowReport(line); });
     for (Running& one : running_) {
-        Show(one.observer, one.observer.Look(Clock::now()));
+        one.observer.Look();
         if (one.observer.Of().fate != Fate::kStages) {
             continue;
         }
-        if (const auto share = competition_.Look(one.process, one.observer.IsSuppressed(), Clock::now())) {
-            Show(one.observer, one.observer.TakeShare(*share));
+        if (const auto share = competition_.Look(one.process, one.observer.IsSuppressed())) {
+            one.observer.TakeShare(*share);
         }
-    }
-}
-
-void Demonstration::Show(const Observer& observer, const std::optional<Sighting>& sighting) const {
-    if (sighting) {
-        SayEvent(Clock::now() - start_, observer.Of().name, ToneOf(sighting->happening),
-                 HappeningText(sighting->happening), sighting->detail);
     }
 }
 
@@ -196,9 +201,16 @@ void Demonstration::ShowReport(std::string_view line) {
         }
         const std::string measured =
             Tools::MeasureText(event->resourceType, event->resource, event->duration);
-        SayEvent(Clock::now() - start_, program.name, Tone::kWarning, "over quota",
-                 measured + (program.exemption.empty() ? "" : "; left alone: " + program.exemption));
+        ShowEvent(program.name, Tone::kWarning, "over quota",
+                  measured + (program.exemption.empty() ? "" : "; left alone: " + program.exemption));
     }
+}
+
+void Demonstration::ShowEvent(const std::string& program, Tone tone, const std::string& what,
+                              const std::string& detail) const {
+    const std::string moment = fmt::format("{:>7}", SecondsText(Clock::now() - start_));
+    Tools::Say(fmt::format("{}  {:<14}  {}  {}", Tools::Paint(Tone::kQuiet, moment), program,
+                           Tools::Paint(tone, fmt::format("{:<11}", what)), detail));
 }
 
 bool Demonstration::AreAll(bool (*condition)(const Observer&)) const {
@@ -208,7 +220,7 @@ bool Demonstration::AreAll(bool (*condition)(const Observer&)) const {
 void Demonstration::Watch() {
     for (auto time = Clock::duration::zero(); time < kMostTime; time = Clock::now() - start_) {
         const bool isOver = AreAll(IsFateReached) && time >= kLeastTime;
-        if (isOver || !system_.WhatEnded().empty() || stop_.Await(kTick)) {
+        if (isOver || !system_.WhatEnded().empty() || Tools::AwaitReadable(stop_, kTick)) {
             return;
         }
         Look();
@@ -222,24 +234,28 @@ bool Demonstration::Conclude() {
     const Clock::time_point stop = Clock::now();
     do {
         Look();
-    } while (!AreAll(IsThawed) && Clock::now() - stop < kThawLimit && !stop_.Await(kTick));
-    std::vector<Outcome> outcomes;
+    } while (!AreAll(IsThawed) && Clock::now() - stop < kThawLimit && !Tools::AwaitReadable(stop_, kTick));
+    Say(Tone::kQuiet, fmt::format("\n  {:<14}  {:<27}  {:<36}  {}", "process", "should be",
+                                  "what /proc showed", "verdict"));
+    size_t met = 0;
     for (const Running& one : running_) {
-        outcomes.push_back(OutcomeOf(one.observer));
+        const std::string shortcoming = Shortcoming(one.observer);
+        SayRow(one.observer.Of().name, FateText(one.observer.Of().fate), HistoryText(one.observer),
+               shortcoming);
+        met += shortcoming.empty() ? 1 : 0;
     }
-    if (!failure.empty() || !stopped) {
-        outcomes.push_back({"the hosts", "run, and stop when asked", "see the raw log",
-                            failure.empty() ? stopped.Why().Text() : failure});
+    const bool hostsStopped = failure.empty() && stopped;
+    if (!hostsStopped) {
+        SayRow("the hosts", "run, and stop when asked", "see the raw log",
+               failure.empty() ? stopped.Why().Text() : failure);
     }
-    SayTable(outcomes);
-    const auto met = std::ranges::count(outcomes, "", &Outcome::shortcoming);
-    const bool isAllMet = met == std::ssize(outcomes);
-    Say(isAllMet ? Tone::kGood : Tone::kBad,
-        fmt::format("{} of {} met the fate that the policy gives", met, outcomes.size()));
+    const size_t total = running_.size() + (hostsStopped ? 0 : 1);
+    Say(met == total ? Tone::kGood : Tone::kBad,
+        fmt::format("\n{} of {} met the fate that the policy gives", met, total));
     if (!AreAll(IsFateReached)) {
         SayIfBusy();
     }
-    return isAllMet;
+    return met == total;
 }
 
 }  // namespace KITE::Demo

@@ -8,20 +8,22 @@
 
 #include "base/result.h"
 #include "demo/competition.h"
-#include "demo/display.h"
 #include "demo/observer.h"
-#include "demo/stop_signals.h"
 #include "private_system/private_system.h"
 #include "shared/event_follower.h"
 
 namespace KITE::Demo {
 
+// Prints a line in that tone.
+void Say(Tools::Tone tone, const std::string& text);
+
 // Starts the programs on a running system and watches what becomes of them. Destruction ends all of them. One
 // thread.
 class Demonstration {
   public:
-    // `misbehave` is the program, `build` a directory that probably lies on a disk.
-    Demonstration(Tools::PrivateSystem& system, StopSignals& stop, std::filesystem::path misbehave,
+    // `stop` becomes readable when we are to stop. `misbehave` is the program, `build` a directory that
+    // probably lies on a disk.
+    Demonstration(Tools::PrivateSystem& system, int stop, std::filesystem::path misbehave,
                   std::filesystem::path build);
 
     // Fails when a process has a program's name, since the service would treat it too.
@@ -35,8 +37,8 @@ class Demonstration {
 
   private:
     struct Running {
-        Running(const Program& program, const Tools::Launch& launch)
-            : process(launch), observer(program, process) {}
+        Running(const Program& program, const Tools::Launch& launch, const Observer::Tell& tell)
+            : process(launch), observer(program, process, tell) {}
 
         Tools::ChildProcess process;
         Observer observer;
@@ -46,11 +48,12 @@ class Demonstration {
     std::error_code WriteDeviceState() const;
     void Look();
     void ShowReport(std::string_view line);
-    void Show(const Observer& observer, const std::optional<Sighting>& sighting) const;
+    void ShowEvent(const std::string& program, Tools::Tone tone, const std::string& what,
+                   const std::string& detail) const;
     bool AreAll(bool (*condition)(const Observer&)) const;
 
     Tools::PrivateSystem& system_;
-    StopSignals& stop_;
+    const int stop_;
     const std::filesystem::path misbehave_;
     const std::filesystem::path build_;
     const int contestedCpu_;

@@ -5,10 +5,12 @@
 // does not come up; 128 and the signal's number when a signal ended it early.
 
 #include <fmt/format.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <exception>
 #include <filesystem>
 
@@ -16,15 +18,15 @@
 #include "base/file_names.h"
 #include "demo/configuration.h"
 #include "demo/demonstration.h"
-#include "demo/display.h"
-#include "demo/stop_signals.h"
 #include "private_system/private_system.h"
 
 namespace {
 
 using namespace KITE::Demo;
 using KITE::Linux::Result;
+using KITE::Linux::UniqueFd;
 using KITE::Tools::PrivateSystem;
+using KITE::Tools::Tone;
 namespace fs = std::filesystem;
 namespace FileName = KITE::Linux::FileName;
 
@@ -51,7 +53,31 @@ void Describe(CLI::App& app, Options& options) {
     app.add_option("--raw-log", options.rawLog, "file for the raw log")->required();
 }
 
-Result<void> StartSystem(PrivateSystem& system, const Options& options, const StopSignals& stop) {
+// From now on SIGINT, SIGTERM and SIGHUP end nothing by themselves: they make the descriptor readable, which
+// it stays until the signal is taken. SIGPIPE is ignored, so that everything is cleared up also when the
+// reader of our output has gone.
+UniqueFd BlockStopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&signals, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+bool IsStopAsked(int stop) {
+    return KITE::Tools::AwaitReadable(stop, milliseconds(0));
+}
+
+// The number of the signal that has come; 0 when none has.
+int TakeSignal(int stop) {
+    signalfd_siginfo info{};
+    return read(stop, &info, sizeof(info)) == sizeof(info) ? static_cast<int>(info.ssi_signo) : 0;
+}
+
+Result<void> StartSystem(PrivateSystem& system, const Options& options, int stop) {
     Result<void> result = system.StartBus();
     result = result ? WriteConfiguration(system.Paths().etc, options.etc, options.layers) : result;
     if (!result) {
@@ -59,10 +85,10 @@ Result<void> StartSystem(PrivateSystem& system, const Options& options, const St
     }
     system.StartQuotaHost();
     system.StartKelvraHost();
-    return system.AwaitService(milliseconds(15'000), stop.Descriptor());
+    return system.AwaitService(milliseconds(15'000), stop);
 }
 
-int Serve(PrivateSystem& system, StopSignals& stop, const Options& options) {
+int Serve(PrivateSystem& system, int stop, const Options& options) {
     constexpr milliseconds kPeriod{200};
     const auto& paths = system.Paths();
     const auto line = [](const char* what, const std::string& where) {
@@ -76,7 +102,7 @@ int Serve(PrivateSystem& system, StopSignals& stop, const Options& options) {
     line("who is there:", fmt::format("busctl --address={} list --acquired", paths.busAddress));
     line("ask it:", fmt::format("KITE_BUS={} KITE_ETC={} KITE_STATE={} {} --help", paths.busAddress,
                                 paths.etc, paths.state, (options.programs / "rqctl").string()));
-    while (!stop.Await(kPeriod)) {
+    while (!KITE::Tools::AwaitReadable(stop, kPeriod)) {
         if (const std::string failure = system.WhatEnded(); !failure.empty()) {
             Say(Tone::kBad, failure);
             return kFailed;
@@ -85,7 +111,7 @@ int Serve(PrivateSystem& system, StopSignals& stop, const Options& options) {
     return 0;
 }
 
-int Demonstrate(PrivateSystem& system, StopSignals& stop, const Options& options) {
+int Demonstrate(PrivateSystem& system, int stop, const Options& options) {
     Say(Tone::kPlain, "");
     for (const Program& program : Programs()) {
         Say(Tone::kPlain, fmt::format("  {:<15}{}", program.name, program.story));
@@ -97,7 +123,7 @@ int Demonstrate(PrivateSystem& system, StopSignals& stop, const Options& options
         return kFailed;
     }
     demonstration.Watch();
-    return stop.Received() == 0 && demonstration.Conclude() ? 0 : kFailed;
+    return !IsStopAsked(stop) && demonstration.Conclude() ? 0 : kFailed;
 }
 
 // A page of what was measured and done.
@@ -114,7 +140,7 @@ void MakePage(const PrivateSystem& system, const Options& options, const fs::pat
     }
 }
 
-int RunSystem(StopSignals& stop, const Options& options, const fs::path& page) {
+int RunSystem(int stop, const Options& options, const fs::path& page) {
     const fs::path libraries = options.programs.parent_path() / "lib";
     PrivateSystem system({.shipped = options.etc,
                           .host = options.programs / "kite_host",
@@ -124,7 +150,7 @@ int RunSystem(StopSignals& stop, const Options& options, const fs::path& page) {
     const Clock::time_point begin = Clock::now();
     const Result<void> started = StartSystem(system, options, stop);
     if (!started) {
-        if (stop.Received() == 0) {
+        if (!IsStopAsked(stop)) {
             Say(Tone::kBad, started.Why().Text());
         }
         return kFailed;
@@ -137,7 +163,7 @@ int RunSystem(StopSignals& stop, const Options& options, const fs::path& page) {
 }
 
 int Run(const Options& options) {
-    StopSignals stop;
+    const UniqueFd stop = BlockStopSignals();
     if (const auto refused = Demonstration::RefuseNamesakes(); !options.serve && !refused) {
         Say(Tone::kBad, refused.Why().Text());
         return kFailed;
@@ -148,13 +174,14 @@ int Run(const Options& options) {
     }
     const fs::path page = fs::path(options.rawLog).replace_extension("html");
     fs::remove(page);
-    const int status = RunSystem(stop, options, page);
+    const int status = RunSystem(stop.Get(), options, page);
     Say(Tone::kQuiet, "raw log: " + options.rawLog.string());
-    if (stop.Received() == 0) {
+    const int signal = TakeSignal(stop.Get());
+    if (signal == 0) {
         return status;
     }
     Say(Tone::kQuiet, "stopped; nothing is left running, frozen or slowed");
-    return options.serve && status == 0 ? 0 : kSignalled + stop.Received();
+    return options.serve && status == 0 ? 0 : kSignalled + signal;
 }
 
 }  // namespace

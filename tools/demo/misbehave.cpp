@@ -6,17 +6,15 @@
 //
 // Arguments have no slash: the quota service takes what follows the last one for the process's name.
 
-#include <sys/mman.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <charconv>
+#include <algorithm>
 #include <chrono>
-#include <cstdint>
+#include <cstdlib>
 #include <ctime>
-#include <optional>
-#include <span>
+#include <list>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -26,30 +24,19 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMiB = size_t{1} << 20;
 
-void PauseUntil(Clock::time_point moment) {
-    const auto sinceEpoch = moment.time_since_epoch();
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
-    const timespec wake{seconds.count(), std::chrono::nanoseconds(sinceEpoch - seconds).count()};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &wake, nullptr) == EINTR) {
-    }
-}
-
 int UseCpu(int percent) {
     constexpr milliseconds kPeriod{100};
-    const std::chrono::nanoseconds share = kPeriod * percent / 100;
+    const std::clock_t share = CLOCKS_PER_SEC / 10 * percent / 100;
     for (;;) {
         const Clock::time_point begin = Clock::now();
-        timespec start{};
-        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &start);
-        timespec now = start;
-        while ((now.tv_sec - start.tv_sec) * 1'000'000'000 + now.tv_nsec - start.tv_nsec < share.count()) {
-            clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+        const std::clock_t end = std::clock() + share;
+        while (std::clock() < end) {
         }
-        PauseUntil(begin + kPeriod);
+        std::this_thread::sleep_until(begin + kPeriod);
     }
 }
 
-void Touch(std::span<char> memory) {
+void Touch(std::vector<char>& memory) {
     constexpr size_t kPage = 4096;
     for (size_t i = 0; i < memory.size(); i += kPage) {
         *static_cast<volatile char*>(&memory[i]) = 1;
@@ -59,19 +46,13 @@ void Touch(std::span<char> memory) {
 int UseMemory(int mebibytes) {
     constexpr size_t kPiece = 16 * kMiB;
     constexpr milliseconds kPause{100};
-    std::vector<std::span<char>> pieces;
+    std::list<std::vector<char>> pieces;
     for (;;) {
         if (pieces.size() * kPiece < static_cast<size_t>(mebibytes) * kMiB) {
-            void* memory = mmap(nullptr, kPiece, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-            if (memory == MAP_FAILED) {
-                return 1;
-            }
-            pieces.emplace_back(static_cast<char*>(memory), kPiece);
+            pieces.emplace_back(kPiece);
         }
-        for (const std::span<char> piece : pieces) {
-            Touch(piece);
-        }
-        PauseUntil(Clock::now() + kPause);
+        std::ranges::for_each(pieces, Touch);
+        std::this_thread::sleep_for(kPause);
     }
 }
 
@@ -85,27 +66,20 @@ int FloodDisk() {
         if (pwrite(STDOUT_FILENO, piece.data(), piece.size(), offset) < 0 || fdatasync(STDOUT_FILENO) != 0) {
             return 1;
         }
-        PauseUntil(begin + kPeriod);
+        std::this_thread::sleep_until(begin + kPeriod);
     }
-}
-
-std::optional<int> NumberOf(std::string_view text) {
-    int number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const bool isNumber = error == std::errc() && end == text.data() + text.size() && number > 0;
-    return isNumber ? std::optional(number) : std::nullopt;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const std::string_view body = argc > 1 ? argv[1] : "";
-    const std::optional<int> number = argc > 2 ? NumberOf(argv[2]) : std::nullopt;
-    if (number && body == "cpu") {
-        return UseCpu(*number);
+    const int number = argc > 2 ? std::atoi(argv[2]) : 0;
+    if (number > 0 && body == "cpu") {
+        return UseCpu(number);
     }
-    if (number && body == "memory") {
-        return UseMemory(*number);
+    if (number > 0 && body == "memory") {
+        return UseMemory(number);
     }
-    return body == "write" ? FloodDisk() : 2;
+    return body == "write" ? FloodDisk() : EXIT_FAILURE;
 }

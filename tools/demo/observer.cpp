@@ -6,17 +6,13 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/file.h"
-#include "proc/process_file.h"
-#include "proc/process_stat.h"
-
 namespace KITE::Demo {
 
 namespace {
 
 using Linux::Resource;
+using Tools::Tone;
 
-constexpr int64_t kMiB = int64_t{1} << 20;
 // Below the first a process that wants to run counts as suppressed, above the second not any more.
 constexpr int64_t kSuppressedPercent = 5;
 constexpr int64_t kResumedPercent = 20;
@@ -24,35 +20,47 @@ constexpr int64_t kResumedPercent = 20;
 // to another control group; the laziest of the programs uses 3 ms in 100 ms.
 constexpr milliseconds kProgress{1};
 
-// CPU time in ns, or bytes.
-int64_t AmountUsed(Resource resource, const Tools::ProcessView& process) {
-    switch (resource) {
-        case Resource::kMemory:
-            return static_cast<int64_t>(process.ResidentKiB()) << 10;
-        case Resource::kIo: {
-            const auto io = Linux::ReadFile(Linux::ProcessFilePath(process.Pid(), "io"));
-            return io ? Linux::NumberOfLine(*io, "write_bytes:").value_or(0) : 0;
-        }
-        default:
-            return process.CpuTime().count();
-    }
+// How the use of a resource is measured and told.
+struct Usage {
+    int64_t (*used)(const Tools::ProcessView& process);  // until now; of memory, now
+    int64_t unit;                                        // of the total
+    const char* totalText;
+    int64_t peakUnit;  // of memory, of the amount; of others, of what is used in a second
+    const char* peakText;
+};
+
+const Usage& UsageOf(Resource resource) {
+    constexpr int64_t kKiB = 1024;
+    static constexpr Usage kMemory{
+        [](const Tools::ProcessView& process) { return static_cast<int64_t>(process.ResidentKiB()); }, kKiB,
+        "with {:.0f} MiB", kKiB, "{} MiB"};
+    static constexpr Usage kWrites{[](const Tools::ProcessView& process) { return process.WrittenBytes(); },
+                                   kKiB * kKiB, "after writing {:.0f} MiB", kKiB * kKiB, "{} MiB/s"};
+    static constexpr Usage kCpuTime{
+        [](const Tools::ProcessView& process) { return int64_t{process.CpuTime().count()}; }, 1'000'000'000,
+        "after {:.1f} s of CPU time", 10'000'000, "{} % of a core"};
+    return resource == Resource::kMemory ? kMemory : resource == Resource::kIo ? kWrites : kCpuTime;
 }
 
 }  // namespace
 
-std::string HappeningText(Happening happening) {
-    constexpr const char* kTexts[] = {"suppressed", "let run", "frozen", "thawed",
-                                      "regrouped",  "killed",  "ended"};
-    return kTexts[static_cast<size_t>(happening)];
+const HappeningWord& WordOf(Happening happening) {
+    // In the order of the happenings.
+    static constexpr HappeningWord kWords[] = {{"suppressed", Tone::kNotice}, {"let run", Tone::kGood},
+                                               {"frozen", Tone::kNotice},     {"thawed", Tone::kGood},
+                                               {"regrouped", Tone::kGood},    {"killed", Tone::kBad},
+                                               {"ended", Tone::kBad}};
+    return kWords[static_cast<size_t>(happening)];
 }
 
 std::string SecondsText(Clock::duration time) {
     return fmt::format("{:.1f} s", std::chrono::duration<double>(time).count());
 }
 
-Observer::Observer(const Program& program, Tools::ChildProcess& process)
+Observer::Observer(const Program& program, Tools::ChildProcess& process, Tell tell)
     : program_(program),
       process_(process),
+      tell_(std::move(tell)),
       home_(process.Standing()),
       stillSince_(Clock::now()),
       progressAt_(stillSince_),
@@ -66,35 +74,45 @@ bool Observer::IsAsAtStart() const {
     return process_.HasEnded() || process_.Standing() == home_;
 }
 
-Sighting Observer::Note(Happening happening, std::string detail) {
-    history_.push_back(happening);
-    return {happening, std::move(detail)};
+std::string Observer::PeakText() const {
+    return fmt::format(fmt::runtime(UsageOf(program_.resource).peakText), peak_);
 }
 
-std::optional<Sighting> Observer::Look(Clock::time_point now) {
+void Observer::Note(Happening happening, const std::string& detail) {
+    history_.push_back(happening);
+    tell_(program_, happening, detail);
+}
+
+void Observer::Look() {
     if (hasEnded_) {
-        return std::nullopt;
+        return;
     }
     if (process_.HasEnded()) {
-        return LookAtEnd();
+        LookAtEnd();
+        return;
     }
     if (!Saw(Happening::kMoved) && !IsAsAtStart()) {
         history_.push_back(Happening::kMoved);
     }
+    const Clock::time_point now = Clock::now();
     Measure(now);
-    return LookAtProgress(now);
+    LookAtProgress(now);
 }
 
-Sighting Observer::LookAtEnd() {
+void Observer::LookAtEnd() {
     hasEnded_ = true;
     const int status = process_.AwaitEnd().value_or(0);
-    const bool isKilled = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    return isKilled ? Note(Happening::kKilled, "by SIGKILL, " + Total())
-                    : Note(Happening::kEnded, Tools::EndText(status));
+    if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL) {
+        Note(Happening::kEnded, Tools::EndText(status));
+        return;
+    }
+    const Usage& usage = UsageOf(program_.resource);
+    const double total = static_cast<double>(used_) / static_cast<double>(usage.unit);
+    Note(Happening::kKilled, "by SIGKILL, " + fmt::format(fmt::runtime(usage.totalText), total));
 }
 
-std::optional<Sighting> Observer::LookAtProgress(Clock::time_point now) {
-    const char state = Linux::ReadProcessStat(process_.Pid()).ValueOr({}).state;
+void Observer::LookAtProgress(Clock::time_point now) {
+    const char state = process_.State();
     const std::chrono::nanoseconds cpu = process_.CpuTime();
     const bool hasProgress = cpu > progressCpu_ + kProgress;
     longestPause_ = std::max(longestPause_, now - progressAt_);
@@ -103,25 +121,23 @@ std::optional<Sighting> Observer::LookAtProgress(Clock::time_point now) {
         progressCpu_ = cpu;
     }
     if (hasProgress && std::exchange(isFrozen_, false)) {
-        return Note(Happening::kThawed,
-                    "runs again, after " + SecondsText(now - std::exchange(stillSince_, now)));
+        Note(Happening::kThawed, "runs again, after " + SecondsText(now - stillSince_));
     }
     if (hasProgress || (!isFrozen_ && (state == 'R' || state == 'D'))) {
         stillSince_ = now;
     }
-    if (isFrozen_ || now - stillSince_ < kStandstill) {
-        return std::nullopt;
+    if (!isFrozen_ && now - stillSince_ >= kStandstill) {
+        isFrozen_ = true;
+        Note(Happening::kFrozen, fmt::format("no CPU time for {} ms, state {}", kStandstill.count(), state));
     }
-    isFrozen_ = true;
-    return Note(Happening::kFrozen,
-                fmt::format("no CPU time for {} ms, state {}", kStandstill.count(), state));
 }
 
 // Of memory the amount now, of the others the amount in each second.
 void Observer::Measure(Clock::time_point now) {
-    used_ = AmountUsed(program_.resource, process_);
+    const Usage& usage = UsageOf(program_.resource);
+    used_ = usage.used(process_);
     if (program_.resource == Resource::kMemory) {
-        peak_ = std::max(peak_, used_ / kMiB);
+        peak_ = std::max(peak_, used_ / usage.peakUnit);
         return;
     }
     const std::chrono::duration<double> time = now - secondBegin_;
@@ -129,35 +145,21 @@ void Observer::Measure(Clock::time_point now) {
         return;
     }
     const double perSecond = static_cast<double>(used_ - secondBase_) / time.count();
-    const double unit = program_.resource == Resource::kIo ? kMiB : 1e7;  // 1 % of a core in ns a second
-    peak_ = std::max(peak_, static_cast<int64_t>(perSecond / unit));
+    peak_ = std::max(peak_, static_cast<int64_t>(perSecond / static_cast<double>(usage.peakUnit)));
     secondBegin_ = now;
     secondBase_ = used_;
 }
 
-std::string Observer::Total() const {
-    switch (program_.resource) {
-        case Resource::kMemory:
-            return fmt::format("with {} MiB", peak_);
-        case Resource::kIo:
-            return fmt::format("after writing {} MiB", used_ / kMiB);
-        default:
-            return "after " + SecondsText(std::chrono::nanoseconds(used_)) + " of CPU time";
-    }
-}
-
-std::optional<Sighting> Observer::TakeShare(int64_t percent) {
+void Observer::TakeShare(int64_t percent) {
     const int64_t before = std::exchange(share_, percent);
     if (!isSuppressed_ && percent <= kSuppressedPercent) {
         isSuppressed_ = true;
-        return Note(Happening::kSuppressed,
-                    fmt::format("gets {} % beside a competitor, {} % before", percent, before));
-    }
-    if (isSuppressed_ && percent >= kResumedPercent) {
+        Note(Happening::kSuppressed,
+             fmt::format("gets {} % beside a competitor, {} % before", percent, before));
+    } else if (isSuppressed_ && percent >= kResumedPercent) {
         isSuppressed_ = false;
-        return Note(Happening::kResumed, fmt::format("gets {} % beside a competitor", percent));
+        Note(Happening::kResumed, fmt::format("gets {} % beside a competitor", percent));
     }
-    return std::nullopt;
 }
 
 }  // namespace KITE::Demo

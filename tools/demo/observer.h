@@ -1,12 +1,13 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "demo/competition.h"
 #include "demo/programs.h"
+#include "shared/terminal.h"
 
 namespace KITE::Demo {
 
@@ -21,48 +22,55 @@ enum class Happening : uint8_t {
     kEnded,       // ended otherwise
 };
 
-std::string HappeningText(Happening happening);
-std::string SecondsText(Clock::duration time);
-
-struct Sighting {
-    Happening happening;
-    std::string detail;  // what was measured
+// How a happening is told: "frozen".
+struct HappeningWord {
+    const char* text;
+    Tools::Tone tone;
 };
+
+const HappeningWord& WordOf(Happening happening);
+std::string SecondsText(Clock::duration time);
 
 // Finds out what happens to one process, from its pidfd and /proc and nothing else. The programs of the
 // demonstration never sleep for as long as kStandstill, so one that does is kept from running. One thread.
 class Observer {
   public:
     static constexpr milliseconds kStandstill{500};
+    // Hears of everything that happens but kMoved, with what was measured.
+    using Tell = std::function<void(const Program&, Happening, const std::string& detail)>;
 
     // The process has been started, and nothing has happened to it yet.
-    Observer(const Program& program, Tools::ChildProcess& process);
+    Observer(const Program& program, Tools::ChildProcess& process, Tell tell);
 
-    // Looks at the process; returns what has happened since the last look. Every 50 ms or so.
-    std::optional<Sighting> Look(Clock::time_point now);
-    // Takes what the process got beside its competitor, in percent; returns what that tells.
-    std::optional<Sighting> TakeShare(int64_t percent);
+    // Looks at the process. Every 50 ms or so.
+    void Look();
+    // Takes what the process got beside its competitor, in percent.
+    void TakeShare(int64_t percent);
 
     const Program& Of() const { return program_; }
+    bool HasEnded() const { return hasEnded_; }
     bool IsSuppressed() const { return isSuppressed_; }
     // All that happened, in order.
     const std::vector<Happening>& History() const { return history_; }
     bool Saw(Happening happening) const;
-    // The highest amount of the program's resource, and the longest time without any CPU time used.
+    // The highest amount of the program's resource: MiB of memory, MiB written in a second, or percent of a
+    // core.
     int64_t Peak() const { return peak_; }
+    std::string PeakText() const;
+    // The longest time without any CPU time used.
     Clock::duration LongestPause() const { return longestPause_; }
     // Whether its control groups and its scheduling are those of its start.
     bool IsAsAtStart() const;
 
   private:
-    Sighting Note(Happening happening, std::string detail);
-    Sighting LookAtEnd();
-    std::optional<Sighting> LookAtProgress(Clock::time_point now);
+    void Note(Happening happening, const std::string& detail);
+    void LookAtEnd();
+    void LookAtProgress(Clock::time_point now);
     void Measure(Clock::time_point now);
-    std::string Total() const;
 
     const Program& program_;
     Tools::ChildProcess& process_;
+    const Tell tell_;
     const std::string home_;  // its groups and its scheduling at the start
     std::vector<Happening> history_;
     bool hasEnded_ = false;
@@ -75,7 +83,7 @@ class Observer {
     Clock::duration longestPause_{};
     Clock::time_point secondBegin_;  // of the second that is measured now,
     int64_t secondBase_ = 0;         // and what had been used at its begin
-    int64_t used_ = 0;               // CPU time in ns, or bytes
+    int64_t used_ = 0;               // of the program's resource
     int64_t peak_ = 0;
 };
 

@@ -1,7 +1,5 @@
 #include "demo/programs.h"
 
-#include <fmt/format.h>
-
 namespace KITE::Demo {
 
 using Linux::Resource;
@@ -30,31 +28,6 @@ const std::vector<Program>& Programs() {
         {"tidy_daemon", "uses 3 %; may use 10 %", kUntouched, kCpuExt, kUid, "cpu 3"},
     };
     return programs;
-}
-
-std::string FateText(Fate fate) {
-    switch (fate) {
-        case Fate::kStages:
-            return "suppressed, frozen, killed";
-        case Fate::kKilled:
-            return "killed";
-        case Fate::kFrozen:
-            return "frozen, thawed at the stop";
-        case Fate::kUntouched:
-            break;
-    }
-    return "untouched";
-}
-
-std::string AmountText(Resource resource, int64_t amount) {
-    switch (resource) {
-        case Resource::kMemory:
-            return fmt::format("{} MiB", amount);
-        case Resource::kIo:
-            return fmt::format("{} MiB/s", amount);
-        default:
-            return fmt::format("{} % of a core", amount);
-    }
 }
 
 }  // namespace KITE::Demo

@@ -26,16 +26,12 @@ struct Program {
     Linux::Resource resource;  // the one that it uses
     uid_t uid;
     std::string body;  // arguments of misbehave; empty: the real program of that name
-    // For one that is untouched although it breaks its quota: why, and what it must have reached, in the unit
-    // of AmountText, to have broken it.
+    // For one that is untouched although it breaks its quota: why, and what it must have reached to have
+    // broken it, in the unit of its peak (Observer::Peak).
     std::string exemption = {};
     int64_t leastPeak = 0;
 };
 
 const std::vector<Program>& Programs();
-
-std::string FateText(Fate fate);
-// As "97 % of a core", "128 MiB" or "78 MiB/s".
-std::string AmountText(Linux::Resource resource, int64_t amount);
 
 }  // namespace KITE::Demo

@@ -7,8 +7,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
-#include <array>
-
 #include "base/result.h"
 #include "private_system/pipe.h"
 #include "proc/pidfd.h"
@@ -42,21 +40,12 @@ pid_t Fork(pid_t wanted) {
 
 // From here to Execute: in the child, where only system calls are safe. Each returns false with errno set.
 
-bool PlaceStandardDescriptors(const Launch& launch) {
-    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    const std::array<int, 3> wanted{launch.input, launch.output,
-                                    launch.error < 0 ? launch.output : launch.error};
-    std::array<int, 3> sources{};
-    // Copied out of the way first: one of them may have a number that is written to below.
-    for (size_t i = 0; i < wanted.size(); ++i) {
-        sources.at(i) = fcntl(wanted.at(i) < 0 ? null : wanted.at(i), F_DUPFD_CLOEXEC, 3);
-    }
-    for (size_t i = 0; i < wanted.size(); ++i) {
-        if (dup2(sources.at(i), static_cast<int>(i)) < 0) {
-            return false;
-        }
-    }
-    return true;
+bool PlaceStandardDescriptors(int output) {
+    // Copied out of the way first: either may have a number that is written to below.
+    const int null = fcntl(open("/dev/null", O_RDWR | O_CLOEXEC), F_DUPFD_CLOEXEC, 3);
+    const int source = fcntl(output < 0 ? null : output, F_DUPFD_CLOEXEC, 3);
+    return dup2(null, STDIN_FILENO) >= 0 && dup2(source, STDOUT_FILENO) >= 0 &&
+           dup2(source, STDERR_FILENO) >= 0;
 }
 
 bool PinTo(int cpu) {
@@ -84,9 +73,9 @@ bool SetSignals(int blocked) {
 // The death signal is forgotten by a change of user, so it is asked for after that.
 bool Prepare(const Launch& launch) {
     return (launch.hasOwnSession ? setsid() >= 0 : setpgid(0, 0) == 0) &&
-           chdir(launch.directory.c_str()) == 0 && (!launch.cpu || PinTo(*launch.cpu)) &&
-           PlaceStandardDescriptors(launch) && (launch.uid == 0 || BecomeUser(launch.uid)) &&
-           prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && SetSignals(launch.blockedSignal);
+           (!launch.cpu || PinTo(*launch.cpu)) && PlaceStandardDescriptors(launch.output) &&
+           (launch.uid == 0 || BecomeUser(launch.uid)) && prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 &&
+           SetSignals(launch.blockedSignal);
 }
 
 [[noreturn]] void Execute(const Launch& launch, char* const* arguments, pid_t parent, int errorPipe) {

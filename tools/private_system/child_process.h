@@ -17,11 +17,8 @@ namespace KITE::Tools {
 struct Launch {
     std::string program = {};
     std::vector<std::string> arguments = {};  // with the name that the process shall have in front
-    std::string directory = "/";
-    uid_t uid = 0;   // and the group of that number; ours if 0
-    int input = -1;  // standard input, output and error: /dev/null if negative, error then as output
-    int output = -1;
-    int error = -1;
+    uid_t uid = 0;                            // and the group of that number; ours if 0
+    int output = -1;  // standard output and error; /dev/null if negative, as standard input always is
     std::optional<int> cpu = std::nullopt;  // the only one that it may run on
     pid_t pid = 0;                          // the pid that it must get; any if 0
     int blockedSignal = 0;                  // blocked from the start; none if 0

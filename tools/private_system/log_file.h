@@ -20,12 +20,13 @@ class LogFile {
     // Waits until the text stands in the file, behind what the last wait found.
     bool Await(std::string_view text, milliseconds limit = kPatience);
     bool Contains(std::string_view text) const { return Text().find(text) != std::string::npos; }
-    std::string Text() const;
+    std::string Text() const { return TextFrom(0); }
 
   private:
+    std::string TextFrom(size_t position) const;
+
     std::string path_;
     Linux::UniqueFd file_;
-    Linux::UniqueFd changes_;
     size_t position_ = 0;
 };
 

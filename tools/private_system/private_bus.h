@@ -2,30 +2,23 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "base/result.h"
 #include "private_system/child_process.h"
+#include "private_system/log_file.h"
 
-// A bus daemon with the shipped rules, for a machine without a system bus and for tests. Its files stand in a
-// directory of the caller's. One thread.
+// A bus daemon for a machine without a system bus and for tests. One thread.
 namespace KITE::Tools {
 
 std::string BusAddressIn(const std::string& directory);
 
-// Writes the daemon's configuration: the shipped one of the directory `shipped`, and a user database of this
-// machine's users and these.
-Linux::Result<void> WriteBusConfiguration(const std::string& directory, const std::string& shipped,
-                                          const std::vector<uid_t>& users);
-
-// Starts a daemon with that configuration, which writes its messages to `log`. Returns once it listens.
-Linux::Result<std::unique_ptr<ChildProcess>> StartBusDaemon(const std::string& directory, int log);
-
-// Waits until a connection owns the name, the time is over, or `givesUp` says that it is no use.
-Linux::Result<void> AwaitBusName(const std::string& address, const std::string& name,
-                                 const std::function<bool()>& givesUp, milliseconds limit);
+// Starts a daemon with that configuration at the address in the directory, where it also keeps its list of
+// users: those of this machine, and these. Its messages go to the log. Returns once it listens.
+Linux::Result<std::unique_ptr<ChildProcess>> StartBusDaemon(const std::string& directory,
+                                                            const std::string& configuration,
+                                                            const std::vector<uid_t>& users, LogFile& log);
 
 }  // namespace KITE::Tools

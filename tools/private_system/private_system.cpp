@@ -1,10 +1,9 @@
 #include "private_system/private_system.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <utility>
 
@@ -20,23 +19,19 @@ namespace fs = std::filesystem;
 using Linux::Failure;
 using Linux::Result;
 
-// What the shipped unit grants, as setpriv wants it: "+kill,+sys_nice" for CAP_KILL CAP_SYS_NICE.
-std::string CapabilitiesOf(const std::string& shipped, const std::string& unit) {
+// What the shipped unit grants, as setpriv wants it: "+KILL,+SYS_NICE" for CAP_KILL CAP_SYS_NICE.
+std::string CapabilitiesOf(const std::string& unit) {
     constexpr std::string_view kKey = "AmbientCapabilities=";
     constexpr std::string_view kPrefix = "CAP_";
-    const std::string text = Linux::ReadFile(shipped + "/systemd/" + unit).ValueOr("");
+    const std::string text = Linux::ReadFile(unit).ValueOr("");
     std::string capabilities;
-    for (std::string_view line : Linux::Split(text, '\n')) {
-        if (!line.starts_with(kKey)) {
-            continue;
-        }
-        for (const std::string_view capability : Linux::Split(line.substr(kKey.size()), ' ')) {
+    for (const std::string_view line : Linux::Split(text, '\n')) {
+        for (const std::string_view name :
+             Linux::Split(line.starts_with(kKey) ? line.substr(kKey.size()) : "", ' ')) {
             capabilities +=
-                (capabilities.empty() ? "+" : ",+") + std::string(capability.substr(kPrefix.size()));
+                fmt::format("{}+{}", capabilities.empty() ? "" : ",", name.substr(kPrefix.size()));
         }
     }
-    std::ranges::transform(capabilities, capabilities.begin(),
-                           [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
     return capabilities;
 }
 
@@ -55,19 +50,6 @@ std::vector<std::string> UnprivilegedCommand(uid_t uid, const std::string& capab
             "--"};
 }
 
-Result<void> Stop(const std::string& who, ChildProcess& host) {
-    if (host.HasEnded()) {
-        return {};
-    }
-    host.Signal(SIGTERM);
-    std::optional<int> status = host.AwaitEnd();
-    if (!status) {
-        host.Signal(SIGKILL);
-        status = host.AwaitEnd();
-    }
-    return status == 0 ? Result<void>() : Failure(who + " " + EndText(status.value_or(0)));
-}
-
 }  // namespace
 
 PrivateSystem::PrivateSystem(SystemParts parts) : parts_(std::move(parts)) {}
@@ -82,6 +64,9 @@ PrivateSystem::~PrivateSystem() {
 }
 
 Result<void> PrivateSystem::MakeDirectories() {
+    if (!paths_.directory.empty()) {
+        return {};
+    }
     std::error_code error;
     std::string pattern = fs::temp_directory_path(error) / "kite-run-XXXXXX";
     if (error || mkdtemp(pattern.data()) == nullptr) {
@@ -99,16 +84,13 @@ Result<void> PrivateSystem::MakeDirectories() {
 }
 
 Result<void> PrivateSystem::StartBus() {
-    if (paths_.directory.empty()) {
-        std::vector<uid_t> users = parts_.clientUids;
-        users.insert(users.end(), {kQuotaUid, kKelvraUid});
-        Result<void> made = MakeDirectories();
-        made = made ? WriteBusConfiguration(paths_.directory, parts_.shipped + "/dbus", users) : made;
-        if (!made) {
-            return made;
-        }
+    if (Result<void> made = MakeDirectories(); !made) {
+        return made;
     }
-    Result<std::unique_ptr<ChildProcess>> bus = StartBusDaemon(paths_.directory, LogFile(NextLog()).Fd());
+    std::vector<uid_t> users = parts_.clientUids;
+    users.insert(users.end(), {kQuotaUid, kKelvraUid});
+    LogFile log(NextLog());
+    auto bus = StartBusDaemon(paths_.directory, parts_.shipped + "/dbus/kite-private-bus.conf", users, log);
     if (!bus) {
         return bus.Why();
     }
@@ -122,29 +104,25 @@ std::string PrivateSystem::NextLog() {
 
 std::unique_ptr<HostProcess> PrivateSystem::StartHost(uid_t uid, const std::string& capabilities,
                                                       const std::vector<std::string>& arguments) {
-    std::vector<std::string> command = UnprivilegedCommand(uid, capabilities);
-    command.insert(command.end(), {parts_.host, "--state", paths_.state, "--run", paths_.state});
+    const std::string unit = uid == kQuotaUid ? "kite-quota.service.in" : "kite-kelvra.service.in";
+    std::vector<std::string> command = UnprivilegedCommand(
+        uid, capabilities.empty() ? CapabilitiesOf(parts_.shipped + "/systemd/" + unit) : capabilities);
+    command.insert(command.end(), {parts_.host, "--etc", paths_.etc, "--bus", paths_.busAddress, "--state",
+                                   paths_.state, "--run", paths_.state});
     command.insert(command.end(), parts_.logOptions.begin(), parts_.logOptions.end());
     command.insert(command.end(), arguments.begin(), arguments.end());
     return std::make_unique<HostProcess>(NextLog(), command);
 }
 
-HostProcess& PrivateSystem::StartQuotaHost(const std::vector<std::string>& options) {
-    std::vector<std::string> arguments{"--etc", paths_.etc, "--bus", paths_.busAddress, parts_.quotaLibrary};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    quotaHost_ = StartHost(kQuotaUid, QuotaCapabilities(), arguments);
+HostProcess& PrivateSystem::StartQuotaHost(std::vector<std::string> options) {
+    options.push_back(parts_.quotaLibrary);
+    quotaHost_ = StartHost(kQuotaUid, parts_.quotaCapabilities, options);
     return *quotaHost_;
 }
 
 HostProcess& PrivateSystem::StartKelvraHost() {
-    kelvraHost_ = StartHost(kKelvraUid, CapabilitiesOf(parts_.shipped, "kite-kelvra.service.in"),
-                            {"--etc", paths_.etc, "--bus", paths_.busAddress, parts_.kelvraLibrary});
+    kelvraHost_ = StartHost(kKelvraUid, "", {parts_.kelvraLibrary});
     return *kelvraHost_;
-}
-
-std::string PrivateSystem::QuotaCapabilities() const {
-    return parts_.quotaCapabilities.empty() ? CapabilitiesOf(parts_.shipped, "kite-quota.service.in")
-                                            : parts_.quotaCapabilities;
 }
 
 std::map<std::string, ChildProcess*> PrivateSystem::Processes() {
@@ -159,10 +137,17 @@ std::map<std::string, ChildProcess*> PrivateSystem::Processes() {
 }
 
 Result<void> PrivateSystem::AwaitService(milliseconds limit, int interruption) {
-    const auto givesUp = [&] { return !WhatEnded().empty() || AwaitReadable(interruption, milliseconds(0)); };
-    Result<void> isThere = AwaitBusName(paths_.busAddress, kQuotaName, givesUp, limit);
-    const std::string ended = WhatEnded();
-    return isThere || ended.empty() ? isThere : Failure(ended);
+    constexpr std::string_view kPublished = "publish resource quota control service successfully!";
+    std::string ended;
+    bool isThere = false;
+    Eventually(
+        [&] {
+            ended = WhatEnded();
+            isThere = quotaHost_->log.Contains(kPublished);
+            return isThere || !ended.empty() || AwaitReadable(interruption, milliseconds(0));
+        },
+        limit);
+    return isThere ? Result<void>() : Failure(ended.empty() ? "the quota service does not appear" : ended);
 }
 
 std::string PrivateSystem::WhatEnded() {
@@ -177,8 +162,16 @@ std::string PrivateSystem::WhatEnded() {
 Result<void> PrivateSystem::StopHosts() {
     Result<void> result;
     for (const auto& [name, process] : Processes()) {
-        Result<void> stopped = process == bus_.get() ? Result<void>() : Stop(name, *process);
-        result = result ? stopped : result;
+        if (process == bus_.get() || process->HasEnded()) {
+            continue;
+        }
+        process->Signal(SIGTERM);
+        if (!process->AwaitEnd()) {
+            process->Signal(SIGKILL);
+        }
+        if (const std::optional<int> status = process->AwaitEnd(); status != 0) {
+            result = Failure(name + " " + EndText(status.value_or(0)));
+        }
     }
     // A host that was killed has left what it treated.
     if (quotaHost_ && quotaHost_->process.AwaitExit() != 0 && Release() != 0 && result) {
@@ -188,7 +181,7 @@ Result<void> PrivateSystem::StopHosts() {
 }
 
 int PrivateSystem::Release() {
-    return StartHost(kQuotaUid, QuotaCapabilities(), {"--release"})->process.AwaitExit();
+    return StartHost(kQuotaUid, parts_.quotaCapabilities, {"--release"})->process.AwaitExit();
 }
 
 }  // namespace KITE::Tools

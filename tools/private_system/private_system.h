@@ -15,8 +15,6 @@ namespace KITE::Tools {
 
 inline constexpr uid_t kQuotaUid = 61913;
 inline constexpr uid_t kKelvraUid = 61214;
-inline constexpr const char* kQuotaName = "kite.ability.SA1913";
-inline constexpr const char* kKelvraName = "kite.ability.SA1213";
 
 // What a private system is made of, and how it starts what it starts from now on.
 struct SystemParts {
@@ -65,10 +63,10 @@ class PrivateSystem {
     // Makes the directories, the first time, and starts the bus.
     Linux::Result<void> StartBus();
     // In place of an earlier one.
-    HostProcess& StartQuotaHost(const std::vector<std::string>& options = {});
+    HostProcess& StartQuotaHost(std::vector<std::string> options = {});
     HostProcess& StartKelvraHost();
-    // Waits until the quota service can be called. Gives up when a host ends, or the descriptor becomes
-    // readable.
+    // Waits until the quota service's host logs that it can be called. Gives up when a host ends, or the
+    // descriptor becomes readable.
     Linux::Result<void> AwaitService(milliseconds limit = kPatience, int interruption = -1);
     // What ended of the bus and the hosts: "the bus daemon was killed by signal 9"; empty when all runs.
     std::string WhatEnded();
@@ -86,9 +84,9 @@ class PrivateSystem {
   private:
     Linux::Result<void> MakeDirectories();
     std::string NextLog();
-    std::string QuotaCapabilities() const;
     // Those that have been started, by what people call them.
     std::map<std::string, ChildProcess*> Processes();
+    // With the capabilities of its unit unless others are given.
     std::unique_ptr<HostProcess> StartHost(uid_t uid, const std::string& capabilities,
                                            const std::vector<std::string>& arguments);
 

@@ -24,11 +24,12 @@ std::string ReadProcText(pid_t pid, const std::string& name) {
 
 }  // namespace
 
+char ProcessView::State() const {
+    return Linux::ReadProcessStat(pid_).ValueOr({}).state;
+}
+
 bool ProcessView::AwaitState(char state) const {
-    return Eventually([&] {
-        const Linux::Result<Linux::ProcessStat> stat = Linux::ReadProcessStat(pid_);
-        return stat && stat->state == state;
-    });
+    return Eventually([&] { return State() == state; });
 }
 
 int64_t ProcessView::StartTime() const {
@@ -90,6 +91,10 @@ size_t ProcessView::ThreadCount() const {
 
 size_t ProcessView::ResidentKiB() const {
     return static_cast<size_t>(Linux::NumberOfLine(ReadProcText(pid_, "status"), "VmRSS:").value_or(0));
+}
+
+int64_t ProcessView::WrittenBytes() const {
+    return Linux::NumberOfLine(ReadProcText(pid_, "io"), "write_bytes:").value_or(0);
 }
 
 }  // namespace KITE::Tools

@@ -18,7 +18,8 @@ class ProcessView {
     explicit ProcessView(pid_t pid) : pid_(pid) {}
 
     pid_t Pid() const { return pid_; }
-    // Waits for that letter of /proc/PID/stat.
+    // The letter of /proc/PID/stat.
+    char State() const;
     bool AwaitState(char state) const;
     // In clock ticks since boot.
     int64_t StartTime() const;
@@ -35,6 +36,8 @@ class ProcessView {
     size_t DescriptorCount() const;
     size_t ThreadCount() const;
     size_t ResidentKiB() const;
+    // Sent to storage.
+    int64_t WrittenBytes() const;
 
   protected:
     void SetPid(pid_t pid) { pid_ = pid; }

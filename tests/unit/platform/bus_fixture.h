@@ -12,6 +12,7 @@
 #include "ipc/remote_proxy.h"
 #include "ipc/wire.h"
 #include "platform_fixture.h"
+#include "private_system/private_bus.h"
 
 namespace KITE::Linux {
 
@@ -27,24 +28,23 @@ class Daemon {
         }();
         return directory;
     }
-    static std::string Address() { return "unix:path=" + Directory() + "/bus"; }
+    static std::string Address() { return Tools::BusAddressIn(Directory()); }
 
     // With one more rule of whom it serves.
     explicit Daemon(const std::string& rule = "") {
         std::filesystem::create_directories(Directory());
-        const std::string config = Directory() + "/bus.conf";
+        const std::string configuration = Directory() + "/bus.conf";
         Integration::WriteWholeFile(
-            config, "<busconfig><listen>" + Address() +
-                        "</listen><auth>EXTERNAL</auth>"
-                        "<policy context='default'><allow user='*'/><allow own='*'/>"
-                        "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>" +
-                        rule + "</policy><limit name='max_replies_per_connection'>4096</limit></busconfig>");
-        Integration::LogFile output(Directory() + "/output");
-        process_.emplace(Integration::Launch{
-            .program = "/usr/bin/dbus-daemon",
-            .arguments = {"dbus-daemon", "--nofork", "--print-address", "--config-file=" + config},
-            .output = output.Fd()});
-        EXPECT_TRUE(output.Await("unix:path=")) << output.Text();
+            configuration, "<busconfig><listen>" + Address() +
+                               "</listen><auth>EXTERNAL</auth>"
+                               "<policy context='default'><allow user='*'/><allow own='*'/>"
+                               "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>" +
+                               rule +
+                               "</policy><limit name='max_replies_per_connection'>4096</limit></busconfig>");
+        Integration::LogFile log(Directory() + "/log");
+        auto daemon = Tools::StartBusDaemon(Directory(), configuration, {}, log);
+        EXPECT_TRUE(daemon) << log.Text();
+        process_ = std::move(daemon).ValueOr(nullptr);
     }
     ~Daemon() { Kill(); }
 
@@ -59,7 +59,7 @@ class Daemon {
     }
 
   private:
-    std::optional<Process> process_;
+    std::unique_ptr<Process> process_;
 };
 
 // Another process as the bus sees it: a connection of its own, used on the test's thread.
@@ -74,10 +74,6 @@ class Peer : public Integration::BusClient {
         EXPECT_GE(sd_bus_get_unique_name(Bus(), &name), 0);
         return name;
     }
-    void Claim(int32_t id, uint64_t flags = 0) {
-        EXPECT_GE(sd_bus_request_name(Bus(), AbilityBusName(id).c_str(), flags), 0);
-    }
-    void Release(int32_t id) { sd_bus_release_name(Bus(), AbilityBusName(id).c_str()); }
     bool Sees(const std::string& name) {
         sd_bus_creds* owner = nullptr;
         const bool isThere = sd_bus_get_name_creds(Bus(), name.c_str(), 0, &owner) >= 0;
