@@ -73,7 +73,7 @@ std::vector<TableLine> Ratios(Collector& collector) {
     return lines;
 }
 
-// Otherwise the library would complain that there is nothing to run.
+// Without a loop the library would complain.
 bool IsLoopSelected(const std::regex& filter) {
     return std::any_of(g_rows.begin(), g_rows.end(), [&filter](const Row& row) {
         return std::regex_search(NameOf(row, "work"), filter) ||

@@ -25,7 +25,7 @@ struct Row {
     Clock clock = Clock::kWall;
 };
 
-// One line of the table that is no ratio of two loops: a percentile, an amount, a ratio measured by hand.
+// A line of the table that does not come from two loops: a percentile, an amount, a ratio measured by hand.
 struct Figure {
     std::string what;
     double value = 0;
@@ -41,7 +41,7 @@ void AddRatio(Row row, Loop work, Loop floor);
 void AddFigures(int number, std::function<std::vector<Figure>()> measure);
 
 // Runs everything that was added, prints the table, and returns the exit status: 0 unless something could not
-// be measured. A goal that is missed is shown, and is no failure. Options of Google Benchmark are taken
+// be measured. A goal that is missed is shown; the status stays 0. Options of Google Benchmark are taken
 // (--benchmark_filter and others); it filters figures too, by "row N ".
 int RunBenchmarks(int argc, char** argv);
 

@@ -7,9 +7,8 @@
 
 namespace KITE::Benchmarks {
 
-// For what is too long, or needs too much around it, for a loop: `work` and `floor` run in turns, that many
-// times each after a first one of both that does not count, and return the time they took. The ratio of the
-// medians.
+// The ratio of the medians of `work` and `floor`, for work that does not fit a loop of Google Benchmark. Both
+// return the time they took; they run in turns, `runs` times each, after one run of each that does not count.
 template <typename Work, typename Floor>
 double RatioInTurns(size_t runs, const Work& work, const Floor& floor) {
     using Times = std::vector<std::chrono::steady_clock::duration>;

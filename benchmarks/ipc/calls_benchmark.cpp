@@ -45,8 +45,8 @@ Records ManyRecords() {
     return records;
 }
 
-// Keeps this thread, and what it starts, on one processor: where the kernel places processes that wait for
-// each other makes a greater difference than what they do.
+// Keeps this thread and its children on one processor. Which processors the kernel chooses for two processes
+// that wait for each other changes the figure more than their work does.
 class OnOneProcessor {
   public:
     OnOneProcessor() {

@@ -7,9 +7,9 @@
 
 namespace KITE::Benchmarks {
 
-// A datagram socket at the journal's path, emptied by its owner outside of what is timed: what the journal
-// does with a line is not the writer's cost. Only this process and those that it starts see it: it lies in a
-// mount of their own, which goes with them. Needs root. One in a process, made while there is one thread.
+// A datagram socket at the journal's path. Its owner empties it outside of the timed part: the journal's work
+// is not the writer's cost. Only this process and its children see the socket: it lies in a mount of their
+// own, which ends with them. Needs root. A process makes one, while it has one thread.
 class JournalStandIn {
   public:
     // Lines that wait before a sender is turned away; where a journal runs, the limit is this too.

@@ -82,7 +82,7 @@ void MeasureBareLines(benchmark::State& state, JournalStandIn& journal) {
     MeasureLines(state, journal, [&socket](const Report& report) { SendBareLine(socket.Get(), report); });
 }
 
-// Nobody takes a line.
+// The journal takes no line while this is measured.
 void MeasureStalledLines(benchmark::State& state, JournalStandIn& journal) {
     const Report report;
     for (int i = 0; i < 2 * JournalStandIn::kCapacity; ++i) {

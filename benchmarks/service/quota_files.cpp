@@ -35,7 +35,7 @@ json Rule(size_t number) {
             {"action", kActions[number % kActions.size()]}};
 }
 
-// Children come before their parents in the order of names, the longer way for whoever resolves them.
+// Children come before their parents in the order of names: the longer way to resolve them.
 json Process(size_t number, const PolicyShape& shape) {
     const bool hasParent = (number + 1) % shape.chain != 0 && number + 1 < shape.processes;
     json quotas = json::object();

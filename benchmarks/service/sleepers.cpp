@@ -37,7 +37,7 @@ Sleepers::~Sleepers() {
     }
 }
 
-// Nobody reaps the child before this object does, so that its pid stays its own.
+// Only this object reaps the child, so its pid does not pass to another process.
 bool Sleepers::AddOne() {
     const pid_t parent = getpid();
     const pid_t pid = fork();
