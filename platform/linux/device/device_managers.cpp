@@ -17,7 +17,7 @@ using Linux::CurrentDeviceState, Linux::DeviceState;
 // Both the object that the registry hands out and the interface that it is cast to.
 class AppManager : public IPCObjectStub, public IAppMgr {
   public:
-    AppManager() : IPCObjectStub(u"kite.IAppMgr", false) {}
+    AppManager() : IPCObjectStub(GetDescriptor(), false) {}
 
     sptr<IRemoteObject> AsObject() override { return this; }
 

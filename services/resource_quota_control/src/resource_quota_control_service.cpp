@@ -35,7 +35,7 @@ const int32_t debuggable = GetIntParameter("const.debuggable", 0);
 // other caller has an empty name. Dumps are for debuggable builds and for who holds the permission.
 
 std::string CallingProcessName() {
-    NativeTokenInfo info;
+    NativeTokenInfo info{};
     AccessTokenKit::GetNativeTokenInfo(IPCSkeleton::GetCallingTokenID(), info);
     return info.processName;
 }
