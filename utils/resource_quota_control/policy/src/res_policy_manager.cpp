@@ -126,23 +126,22 @@ bool ResPolicyManager::ParseProcessQuotaConfig(json root, ProcessQuotasMap& proc
         std::string parent;
         json quotas;
         const char* key = nullptr;  // the one that is being read
+        const bool isNamed =
+            JsonUtil::GetStringFromJsonObj(entries[i], key = "process_name", record->processName) &&
+            JsonUtil::GetStringFromJsonObj(entries[i], key = "inherit", parent);
+        // Of two entries with one name in a file the later record stands, and the earlier parent.
+        if (isNamed && !parent.empty()) {
+            inherit.emplace(record->processName, std::move(parent));
+        }
         // The quotas are copied: if they were moved, their pieces would be freed one by one and filled with
         // records, and no page of the document could be given back when it is freed.
-        const bool isRead =
-            JsonUtil::GetStringFromJsonObj(entries[i], key = "process_name", record->processName) &&
-            JsonUtil::GetStringFromJsonObj(entries[i], key = "inherit", parent) &&
-            JsonUtil::GetObjFromJsonObj(entries[i], key = "process_quotas", quotas) &&
-            ParseProcessQuotas(std::move(quotas), record);
-        if (!isRead) {
+        if (!isNamed || !JsonUtil::GetObjFromJsonObj(entries[i], key = "process_quotas", quotas) ||
+            !ParseProcessQuotas(std::move(quotas), record)) {
             RQC_LOGE("ParseProcessQuotaConfig failed!");
             RQC_LOGE("/quotas/%{public}lu: %{public}s is missing or wrong", i, key);
             return false;
         }
-        // Of two entries with one name in a file the later record stands, and the earlier parent.
         processQuotas[record->processName] = record;
-        if (!parent.empty()) {
-            inherit.emplace(record->processName, std::move(parent));
-        }
     }
     return true;
 }
