@@ -45,11 +45,12 @@ void WriteLineBelowTheLevel(const Report& report) {
 
 // The same text, in one datagram without the journal's fields.
 void SendBareLine(int socket, const Report& report) {
-    static constexpr auto kFormat = Log::StripMarks("[%{public}s(%{public}s):%{public}d] " REPORT_FORMAT);
+    static constexpr char kFormat[] =
+        "[%s(%s):%d] process %s, pid %d, uid %d, action %s, duration %ld, id %u";
     std::array<char, 1024> text;
     const int length =
-        std::snprintf(text.data(), text.size(), kFormat.text, "log_benchmark", "WriteLine", __LINE__,
-                      report.name, report.pid, report.uid, report.action, report.duration, report.id);
+        std::snprintf(text.data(), text.size(), kFormat, "log_benchmark", "WriteLine", __LINE__, report.name,
+                      report.pid, report.uid, report.action, report.duration, report.id);
     iovec part{text.data(), static_cast<size_t>(length)};
     msghdr datagram{};
     datagram.msg_iov = &part;

@@ -101,11 +101,9 @@ void Log::Write(Level level, const Label& label, const Site& site, const char* f
     if (!Platform::Get().isTraced) {
         return;
     }
-    std::string prefix =
-        std::string("[") + site.unit + '(' + site.function + "):" + std::to_string(site.line) + "] ";
-    const bool isRight = text.starts_with(prefix) && label.domain == 0xD001716 &&
-                         std::strcmp(label.tag, "RESOURCE_QUOTA_CONTROL") == 0;
-    text = isRight ? text.substr(prefix.size()) : "wrong prefix or label: " + text;
+    const bool isRight =
+        label.domain == 0xD001716 && std::strcmp(label.tag, "RESOURCE_QUOTA_CONTROL") == 0 && site.line > 0;
+    text = isRight ? text : "wrong label: " + text;
     Platform::Get().RecordLine({level, site.unit, site.function, std::move(text)});
 }
 

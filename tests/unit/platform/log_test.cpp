@@ -19,24 +19,27 @@ LogLine Line(std::string_view text, Log::Level level = Log::Level::kInfo) {
 std::string FormatWith(std::span<char> buffer, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    std::string text(FormatLogText(buffer, format, arguments));
+    std::string text(FormatLogText(buffer, {"unit", "Function", 7}, format, arguments));
     va_end(arguments);
     return text;
 }
 
 TEST(LogLineTest, ALineThatDoesNotFitIsCutBetweenCharactersAndSaysSo) {
     std::vector<char> buffer(256);
-    EXPECT_EQ(FormatWith(buffer, "%s", std::string(255, 'x').c_str()), std::string(255, 'x'));
+    const std::string prefix = "[unit(Function):7] ";
+    const std::string longest(255 - prefix.size(), 'x');
+    EXPECT_EQ(FormatWith(buffer, "%s", longest.c_str()), prefix + longest);
     for (size_t ascii = 0; ascii < 3; ++ascii) {
         std::string text(ascii, 'x');
         for (int i = 0; i < 100; ++i) {
             text += "\u20ac";
         }
         const std::string cut = FormatWith(buffer, "%s", text.c_str());
-        const size_t mark = cut.find(" [cut: " + std::to_string(text.size()) + " bytes in all]");
+        const size_t mark =
+            cut.find(" [cut: " + std::to_string(prefix.size() + text.size()) + " bytes in all]");
         ASSERT_NE(mark, std::string::npos);
         EXPECT_TRUE(cut.size() <= buffer.size() && cut.size() + 3 >= buffer.size()) << cut.size();
-        EXPECT_EQ((mark - ascii) % 3, 0U);
+        EXPECT_EQ((mark - prefix.size() - ascii) % 3, 0U);
     }
 }
 

@@ -20,8 +20,10 @@ struct LogLine {
 // A longer text is cut to this size and says so at its end.
 inline constexpr size_t kMaxLogText = size_t{32} << 10;
 
-// Formats into the buffer; a text that does not fit is cut and says so. The buffer holds 256 bytes or more.
-std::string_view FormatLogText(std::span<char> buffer, const char* format, va_list arguments);
+// Formats the prefix and the message into the buffer; a text that does not fit is cut and says so. The buffer
+// holds 256 bytes or more.
+std::string_view FormatLogText(std::span<char> buffer, const Log::Site& site, const char* format,
+                               va_list arguments);
 
 // The line that tells how many lines were dropped before it. The buffer holds 256 bytes or more.
 LogLine DropNotice(std::span<char> buffer, uint64_t count);

@@ -44,7 +44,7 @@ void Log::Write(Level level, const Label& label, const Site& site, const char* f
     char buffer[Linux::kMaxLogText];
     va_list arguments;
     va_start(arguments, format);
-    const Linux::LogLine line{level, label, site, Linux::FormatLogText(buffer, format, arguments)};
+    const Linux::LogLine line{level, label, site, Linux::FormatLogText(buffer, site, format, arguments)};
     va_end(arguments);
     SystemLog& log = Instance();
     if (Linux::GetSettings().logsToStandardError || log.journal.Send(line)) {
