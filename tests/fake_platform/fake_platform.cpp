@@ -6,25 +6,23 @@ namespace KITE::Fake {
 
 namespace {
 
-constexpr const char* kLevels = "DIWE";
-
-// Answers from the platform's lists.
+// Answers from the script.
 class AppManager : public IRemoteStub<IAppMgr> {
   public:
     int32_t GetAllRunningProcesses(std::vector<RunningProcessInfo>& infos) override {
-        return Answer("GetAllRunningProcesses()", Platform::Get().runningProcesses, infos);
+        return Answer("GetAllRunningProcesses", Platform::Get().runningProcesses, infos);
     }
     int32_t GetAllRenderProcesses(std::vector<RenderProcessInfo>& infos) override {
-        return Answer("GetAllRenderProcesses()", Platform::Get().renderProcesses, infos);
+        return Answer("GetAllRenderProcesses", Platform::Get().renderProcesses, infos);
     }
     int32_t GetForegroundApplications(std::vector<AppStateData>& infos) override {
-        return Answer("GetForegroundApplications()", Platform::Get().foregroundApplications, infos);
+        return Answer("GetForegroundApplications", Platform::Get().foregroundApplications, infos);
     }
 
   private:
     template <typename T>
-    static int32_t Answer(const char* call, const std::vector<T>& answer, std::vector<T>& infos) {
-        Platform::Get().RecordCall(call);
+    static int32_t Answer(const std::string& call, const std::vector<T>& answer, std::vector<T>& infos) {
+        Platform::Get().Record({false, call, call + "()"});
         infos.insert(infos.end(), answer.begin(), answer.end());
         return -1;  // callers use the lists as they are
     }
@@ -32,71 +30,65 @@ class AppManager : public IRemoteStub<IAppMgr> {
 
 }  // namespace
 
-sptr<IRemoteObject> NewAppManager() {
-    return MakeSptr<AppManager>();
-}
-
 Platform& Platform::Get() {
     static Platform platform;
     return platform;
 }
 
-Platform::Platform() {
-    Log::minimumLevel = Log::Level::kDebug;
-}
-
 void Platform::Reset() {
     static_cast<Script&>(*this) = {};
+    appManager = MakeSptr<AppManager>();
     Log::minimumLevel = Log::Level::kDebug;
     const std::lock_guard lock(mutex_);
     trace_.clear();
-    lines_.clear();
     tasks_.clear();
     now_ = {};
     subscriber_.reset();
 }
 
-std::vector<std::string> Platform::Entries(std::optional<bool> isLine) const {
+std::vector<Entry> Platform::Entries() const {
     const std::lock_guard lock(mutex_);
+    return trace_;
+}
+
+std::vector<std::string> Platform::Texts(const std::function<bool(const Entry&)>& isWanted) const {
     std::vector<std::string> texts;
-    for (const Entry& entry : trace_) {
-        if (!isLine || entry.isLine == *isLine) {
+    for (const Entry& entry : Entries()) {
+        if (isWanted(entry)) {
             texts.push_back(entry.text);
         }
     }
     return texts;
 }
 
-std::vector<LogLine> Platform::Lines() const {
-    const std::lock_guard lock(mutex_);
-    return lines_;
+std::vector<std::string> Platform::Trace(std::initializer_list<std::string_view> without) const {
+    return Texts([&](const Entry& entry) {
+        return std::ranges::none_of(
+            without, [&](std::string_view word) { return entry.source.find(word) != std::string::npos; });
+    });
+}
+
+std::vector<std::string> Platform::Calls() const {
+    return Texts([](const Entry& entry) { return !entry.isLine; });
+}
+
+std::vector<std::string> Platform::Log() const {
+    return Texts([](const Entry& entry) { return entry.isLine; });
 }
 
 void Platform::ClearTrace() {
     const std::lock_guard lock(mutex_);
     trace_.clear();
-    lines_.clear();
 }
 
-void Platform::RecordCall(const std::string& call) {
-    if (!isTraced) {
-        return;
-    }
+void Platform::Record(Entry entry) {
     const std::lock_guard lock(mutex_);
-    trace_.push_back({false, call});
+    trace_.push_back(std::move(entry));
 }
 
-void Platform::RecordLine(LogLine line) {
+void Platform::AddTask(std::function<void()> task, std::chrono::microseconds delay) {
     const std::lock_guard lock(mutex_);
-    trace_.push_back(
-        {true, std::string(1, kLevels[static_cast<int>(line.level)]) + ' ' + line.unit + ": " + line.text});
-    lines_.push_back(std::move(line));
-}
-
-void Platform::AddTask(Task task) {
-    const std::lock_guard lock(mutex_);
-    task.due += now_;
-    tasks_.push_back(std::move(task));
+    tasks_.emplace(now_ + delay, std::move(task));
 }
 
 void Platform::KeepSubscriber(std::weak_ptr<const Kelvra::KelvraManagerTaskSubscriber> subscriber) {
@@ -104,57 +96,37 @@ void Platform::KeepSubscriber(std::weak_ptr<const Kelvra::KelvraManagerTaskSubsc
     subscriber_ = std::move(subscriber);
 }
 
-std::chrono::microseconds Platform::Now() const {
+// The first that is due until then; empty when there is none, and then that time has come.
+std::function<void()> Platform::TakeTask(std::chrono::microseconds until) {
     const std::lock_guard lock(mutex_);
-    return now_;
+    const bool isDue = !tasks_.empty() && tasks_.begin()->first <= until;
+    now_ = std::max(now_, isDue ? tasks_.begin()->first : until);
+    return isDue ? std::move(tasks_.extract(tasks_.begin()).mapped()) : nullptr;
 }
 
-std::optional<Task> Platform::TakeDueTask(std::chrono::microseconds now) {
-    const std::lock_guard lock(mutex_);
-    const auto first = std::ranges::min_element(tasks_, {}, &Task::due);
-    if (first == tasks_.end() || first->due > now) {
-        return std::nullopt;
-    }
-    now_ = std::max(now_, first->due);
-    Task task = std::move(*first);
-    tasks_.erase(first);
-    return task;
-}
-
-size_t Platform::RunTasks() {
+size_t Platform::Advance(std::chrono::microseconds time) {
+    std::unique_lock lock(mutex_);
+    const auto end = now_ + time;
+    lock.unlock();
     size_t count = 0;
-    while (auto task = TakeDueTask(Now())) {
-        task->run();
+    while (const auto task = TakeTask(end)) {
+        task();
         ++count;
     }
     return count;
 }
 
-void Platform::Advance(std::chrono::microseconds time) {
-    const auto end = Now() + time;
-    while (auto task = TakeDueTask(end)) {
-        task->run();
-    }
+size_t Platform::PendingTasks() const {
     const std::lock_guard lock(mutex_);
-    now_ = end;
-}
-
-std::vector<std::pair<std::string, std::chrono::microseconds>> Platform::PendingTasks() const {
-    const std::lock_guard lock(mutex_);
-    std::vector<std::pair<std::string, std::chrono::microseconds>> pending;
-    for (const Task& task : tasks_) {
-        pending.emplace_back(task.name, task.due - now_);
-    }
-    return pending;
+    return tasks_.size();
 }
 
 bool Platform::ReportAnomalies(const std::vector<Kelvra::ProcessAnomalyInfo>& infos) {
     std::unique_lock lock(mutex_);
-    const auto subscriber = subscriber_.lock();
+    const auto subscriber = std::const_pointer_cast<Kelvra::KelvraManagerTaskSubscriber>(subscriber_.lock());
     lock.unlock();
     if (subscriber) {
-        std::const_pointer_cast<Kelvra::KelvraManagerTaskSubscriber>(subscriber)
-            ->OnReportAbnormalProcess(infos);
+        subscriber->OnReportAbnormalProcess(infos);
     }
     return subscriber != nullptr;
 }

@@ -3,12 +3,14 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -35,32 +37,20 @@
 // accessors.
 namespace KITE::Fake {
 
-struct LogLine {
-    Log::Level level;
-    std::string unit;
-    std::string function;
-    std::string text;  // without the prefix, which is checked when the line is written
-
-    bool operator==(const LogLine&) const = default;
+// A call, "IsScreenOn()", or a log line without its prefix after the first letter of its level, "I text".
+struct Entry {
+    bool isLine;
+    std::string source;  // what was called, or where the line was written: "unit(function)"
+    std::string text;
 };
-
-struct Task {
-    std::string name;
-    std::chrono::microseconds due;  // on the platform's clock
-    std::function<void()> run;
-};
-
-// One that answers from the script.
-sptr<IRemoteObject> NewAppManager();
 
 // The script. What a test does not set is as a device with nothing on it answers.
 struct Script {
     bool isTraced = true;  // without it calls are not recorded, and log lines are formatted and dropped
 
     // --- answers ---
-    std::map<std::string, std::string> parameters;  // beside those of the environment, which win
-    std::optional<std::vector<std::optional<std::string>>> configDirectories;  // nullopt: no list
-    std::map<std::string, std::string> files;  // what LoadStringFromFile finds, unless
+    std::vector<std::optional<std::string>> configDirectories;  // none: no list
+    std::map<std::string, std::string> files;                   // what LoadStringFromFile finds, unless
     bool (*loadFile)(const std::string& path, std::string& content) = nullptr;  // answers in its place
     bool canSave = true;                                                        // SaveStringToFd succeeds
     int64_t wallTimeMs = 0;
@@ -71,7 +61,7 @@ struct Script {
     uint32_t firstToken = 0;
 
     bool hasRegistry = true;
-    sptr<IRemoteObject> appManager = NewAppManager();  // the object of service 501
+    sptr<IRemoteObject> appManager;  // the object of service 501; Reset makes one that answers from here
     std::vector<RunningProcessInfo> runningProcesses;
     std::vector<RenderProcessInfo> renderProcesses;
     std::vector<AppStateData> foregroundApplications;
@@ -104,20 +94,18 @@ class Platform : public Script {
     // Forgets calls, lines, tasks and answers, but not what was registered.
     void Reset();
 
-    // The recorded calls, the log lines, and both as one sequence. A line of the trace reads
-    // "I unit: text", with the level's first letter.
-    std::vector<std::string> Calls() const { return Entries(false); }
-    std::vector<std::string> Log() const { return Entries(true); }
-    std::vector<std::string> Trace() const { return Entries(std::nullopt); }
-    std::vector<LogLine> Lines() const;
-    // Forgets the trace only.
+    std::vector<Entry> Entries() const;
+    // The texts of all entries but those whose source contains one of the words; of the calls; of the lines.
+    std::vector<std::string> Trace(std::initializer_list<std::string_view> without = {}) const;
+    std::vector<std::string> Calls() const;
+    std::vector<std::string> Log() const;
     void ClearTrace();
 
     // Runs what is due, in order of time and then of submission, until nothing due is left; gives the number.
-    size_t RunTasks();
-    // Moves the clock step by step, running what becomes due.
-    void Advance(std::chrono::microseconds time);
-    std::vector<std::pair<std::string, std::chrono::microseconds>> PendingTasks() const;
+    size_t RunTasks() { return Advance({}); }
+    // The same, moving the clock step by step.
+    size_t Advance(std::chrono::microseconds time);
+    size_t PendingTasks() const;
 
     // Reports to the subscriber, if it still exists; tells whether it did.
     bool ReportAnomalies(const std::vector<Kelvra::ProcessAnomalyInfo>& infos);
@@ -125,26 +113,18 @@ class Platform : public Script {
     SystemAbility* registeredAbility = nullptr;
 
     // --- for the operations of platform/include ---
-    void RecordCall(const std::string& call);
-    void RecordLine(LogLine line);
-    void AddTask(Task task);
+    void Record(Entry entry);
+    void AddTask(std::function<void()> task, std::chrono::microseconds delay);
     void KeepSubscriber(std::weak_ptr<const Kelvra::KelvraManagerTaskSubscriber> subscriber);
 
   private:
-    struct Entry {
-        bool isLine;
-        std::string text;
-    };
-
-    Platform();
-    std::vector<std::string> Entries(std::optional<bool> isLine) const;
-    std::chrono::microseconds Now() const;
-    std::optional<Task> TakeDueTask(std::chrono::microseconds now);
+    Platform() { Reset(); }
+    std::vector<std::string> Texts(const std::function<bool(const Entry&)>& isWanted) const;
+    std::function<void()> TakeTask(std::chrono::microseconds until);
 
     mutable std::mutex mutex_;  // everything below
     std::vector<Entry> trace_;
-    std::vector<LogLine> lines_;
-    std::vector<Task> tasks_;
+    std::multimap<std::chrono::microseconds, std::function<void()>> tasks_;  // by the time when they are due
     std::chrono::microseconds now_{0};
     std::weak_ptr<const Kelvra::KelvraManagerTaskSubscriber> subscriber_;
 };

@@ -1,6 +1,6 @@
 // The operations of platform/include, answered by the script.
 
-#include <array>
+#include <algorithm>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
@@ -27,28 +27,19 @@ namespace {
 
 using Fake::Platform;
 
+// The platform, once the call is in its trace.
 template <typename... Args>
-void Record(const char* name, const Args&... args) {
-    if (!Platform::Get().isTraced) {
-        return;
+Platform& Record(const char* name, const Args&... args) {
+    Platform& platform = Platform::Get();
+    if (platform.isTraced) {
+        std::ostringstream call;
+        [[maybe_unused]] const char* separator = "";
+        call << name << '(' << std::boolalpha;
+        ((call << std::exchange(separator, ", ") << args), ...);
+        call << ')';
+        platform.Record({false, name, call.str()});
     }
-    std::ostringstream call;
-    [[maybe_unused]] const char* separator = "";
-    call << name << '(' << std::boolalpha;
-    ((call << std::exchange(separator, ", ") << args), ...);
-    call << ')';
-    Platform::Get().RecordCall(call.str());
-}
-
-std::string Format(const char* format, va_list arguments) {
-    std::array<char, 4096> shortText;
-    va_list again;
-    va_copy(again, arguments);
-    std::string text(static_cast<size_t>(std::vsnprintf(shortText.data(), shortText.size(), format, again)),
-                     ' ');
-    va_end(again);
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
+    return platform;
 }
 
 std::string Text(const std::unordered_map<std::string, std::string>& payload) {
@@ -59,8 +50,8 @@ std::string Text(const std::unordered_map<std::string, std::string>& payload) {
     return '{' + text + '}';
 }
 
-std::optional<std::string> EnvironmentParameter(const std::string& key) {
-    const char* all = std::getenv("KITE_FAKE_PARAMETERS");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+std::optional<std::string> Parameter(const std::string& key) {
+    const char* all = std::getenv("KITE_FAKE_PARAMETERS");  // NOLINT(concurrency-mt-unsafe): it is never set
     std::istringstream entries(all == nullptr ? "" : all);
     for (std::string entry; std::getline(entries, entry, ';');) {
         if (entry.starts_with(key + '=')) {
@@ -70,18 +61,11 @@ std::optional<std::string> EnvironmentParameter(const std::string& key) {
     return std::nullopt;
 }
 
-std::optional<std::string> Parameter(const std::string& key) {
-    auto value = EnvironmentParameter(key);
-    const auto& parameters = Platform::Get().parameters;
-    const auto scripted = parameters.find(key);
-    return value || scripted == parameters.end() ? value : scripted->second;
-}
-
 class Registry : public ISystemAbilityManager {
   public:
     sptr<IRemoteObject> GetSystemAbility(int32_t systemAbilityId) override {
-        Record("GetSystemAbility", systemAbilityId);
-        return systemAbilityId == APP_MGR_SERVICE_ID ? Platform::Get().appManager : nullptr;
+        const Platform& platform = Record("GetSystemAbility", systemAbilityId);
+        return systemAbilityId == APP_MGR_SERVICE_ID ? platform.appManager : nullptr;
     }
 };
 
@@ -94,37 +78,37 @@ T& TheOne() {
 }  // namespace
 
 void Log::Write(Level level, const Label& label, const Site& site, const char* format, ...) {
+    char text[8192];
     va_list arguments;
     va_start(arguments, format);
-    std::string text = Format(format, arguments);
+    std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
-    if (!Platform::Get().isTraced) {
-        return;
+    if (Platform::Get().isTraced) {
+        const bool isOurs =
+            label.domain == 0xD001716 && label.tag == std::string_view("RESOURCE_QUOTA_CONTROL");
+        Platform::Get().Record({true, std::string(site.unit) + '(' + site.function + ')',
+                                std::string{"DIWE"[static_cast<int>(level)], ' '} +
+                                    (isOurs ? "" : "of another label: ") + text});
     }
-    const bool isRight =
-        label.domain == 0xD001716 && std::strcmp(label.tag, "RESOURCE_QUOTA_CONTROL") == 0 && site.line > 0;
-    text = isRight ? text : "wrong label: " + text;
-    Platform::Get().RecordLine({level, site.unit, site.function, std::move(text)});
 }
 
 bool SystemAbility::MakeAndRegisterAbility(SystemAbility* ability) {
-    Record("MakeAndRegisterAbility", ability == nullptr ? 0 : ability->GetSystemAbilityId());
-    Platform::Get().registeredAbility = ability;
-    return ability != nullptr;
+    Record("MakeAndRegisterAbility", ability->GetSystemAbilityId()).registeredAbility = ability;
+    return true;
 }
 
 bool SystemAbility::AddSystemAbilityListener(int32_t systemAbilityId) {
-    Record("AddSystemAbilityListener", systemAbilityId);
-    if (const auto during = std::exchange(Platform::Get().duringListen, nullptr)) {
+    Platform& platform = Record("AddSystemAbilityListener", systemAbilityId);
+    if (const auto during = std::exchange(platform.duringListen, nullptr)) {
         during();
     }
     return true;
 }
 
 bool SystemAbility::Publish(sptr<IRemoteObject> object) {
-    Record("Publish", systemAbilityId_);
-    Platform::Get().publishedObject = std::move(object);
-    return Platform::Get().publishResult;
+    Platform& platform = Record("Publish", systemAbilityId_);
+    platform.publishedObject = std::move(object);
+    return platform.publishResult;
 }
 
 SystemAbilityManagerClient& SystemAbilityManagerClient::GetInstance() {
@@ -132,8 +116,7 @@ SystemAbilityManagerClient& SystemAbilityManagerClient::GetInstance() {
 }
 
 sptr<ISystemAbilityManager> SystemAbilityManagerClient::GetSystemAbilityManager() {
-    Record("GetSystemAbilityManager");
-    return Platform::Get().hasRegistry ? MakeSptr<Registry>() : nullptr;
+    return Record("GetSystemAbilityManager").hasRegistry ? MakeSptr<Registry>() : nullptr;
 }
 
 uint32_t IPCSkeleton::GetCallingTokenID() {
@@ -145,8 +128,7 @@ uint32_t IPCSkeleton::GetFirstTokenID() {
 }
 
 int32_t AccessTokenKit::GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& info) {
-    Record("GetNativeTokenInfo", tokenId);
-    const auto& processes = Platform::Get().nativeProcesses;
+    const auto& processes = Record("GetNativeTokenInfo", tokenId).nativeProcesses;
     const auto process = processes.find(tokenId);
     if (process == processes.end()) {
         return -1;
@@ -156,9 +138,8 @@ int32_t AccessTokenKit::GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& in
 }
 
 int32_t AccessTokenKit::VerifyAccessToken(uint32_t tokenId, const std::string& permission) {
-    Record("VerifyAccessToken", tokenId, permission);
-    return Platform::Get().permissions.contains({tokenId, permission}) ? PERMISSION_GRANTED
-                                                                       : PERMISSION_DENIED;
+    const auto& granted = Record("VerifyAccessToken", tokenId, permission).permissions;
+    return granted.contains({tokenId, permission}) ? PERMISSION_GRANTED : PERMISSION_DENIED;
 }
 
 bool GetBoolParameter(const std::string& key, bool defaultValue) {
@@ -177,25 +158,20 @@ int32_t GetIntParameter(const std::string& key, int32_t defaultValue, int32_t mi
 }
 
 bool LoadStringFromFile(const std::string& path, std::string& content) {
-    Record("LoadStringFromFile", path);
-    if (Platform::Get().loadFile != nullptr) {
-        return Platform::Get().loadFile(path, content);
+    const Platform& platform = Record("LoadStringFromFile", path);
+    if (platform.loadFile != nullptr) {
+        return platform.loadFile(path, content);
     }
-    const auto& files = Platform::Get().files;
-    const auto file = files.find(path);
-    if (file == files.end()) {
-        return false;
-    }
-    content = file->second;
-    return true;
+    const auto file = platform.files.find(path);
+    const bool isThere = file != platform.files.end();
+    content = isThere ? file->second : content;
+    return isThere;
 }
 
 bool SaveStringToFd(int fd, const std::string& content) {
-    Record("SaveStringToFd", fd, content.size());
-    if (Platform::Get().canSave) {
-        Platform::Get().saved = content;
-    }
-    return Platform::Get().canSave;
+    Platform& platform = Record("SaveStringToFd", fd, content.size());
+    platform.saved = platform.canSave ? content : platform.saved;
+    return platform.canSave;
 }
 
 TimeServiceClient& TimeServiceClient::GetInstance() {
@@ -207,8 +183,8 @@ int64_t TimeServiceClient::GetWallTimeMs() const {
 }
 
 void SubmitTask(std::function<void()> task, TaskAttributes attributes) {
-    Record("SubmitTask", attributes.name, attributes.delay.count());
-    Platform::Get().AddTask({std::move(attributes.name), attributes.delay, std::move(task)});
+    Record("SubmitTask", attributes.name, attributes.delay.count())
+        .AddTask(std::move(task), attributes.delay);
 }
 
 WindowManager& WindowManager::GetInstance() {
@@ -216,8 +192,7 @@ WindowManager& WindowManager::GetInstance() {
 }
 
 int32_t WindowManager::GetVisibilityWindowInfo(std::vector<sptr<WindowVisibilityInfo>>& infos) const {
-    Record("GetVisibilityWindowInfo");
-    for (const int32_t uid : Platform::Get().windowOwners) {
+    for (const int32_t uid : Record("GetVisibilityWindowInfo").windowOwners) {
         infos.push_back(uid < 0 ? nullptr : MakeSptr<WindowVisibilityInfo>(uid));
     }
     return -1;  // callers use the list as it is
@@ -225,17 +200,17 @@ int32_t WindowManager::GetVisibilityWindowInfo(std::vector<sptr<WindowVisibility
 
 int32_t BackgroundTaskMgrHelper::GetContinuousTaskApps(
     std::vector<std::shared_ptr<ContinuousTaskCallbackInfo>>& list) {
-    Record("GetContinuousTaskApps");
-    list = Platform::Get().continuousTasks;
-    return Platform::Get().continuousTaskResult;
+    const Platform& platform = Record("GetContinuousTaskApps");
+    list = platform.continuousTasks;
+    return platform.continuousTaskResult;
 }
 
 int32_t BackgroundTaskMgrHelper::GetEfficiencyResourcesInfos(
     std::vector<std::shared_ptr<ResourceCallbackInfo>>& appList,
     std::vector<std::shared_ptr<ResourceCallbackInfo>>& procList) {
-    Record("GetEfficiencyResourcesInfos");
-    appList = Platform::Get().appResources;
-    procList = Platform::Get().processResources;
+    const Platform& platform = Record("GetEfficiencyResourcesInfos");
+    appList = platform.appResources;
+    procList = platform.processResources;
     return -1;  // callers use the lists as they are
 }
 
@@ -244,8 +219,7 @@ PowerMgrClient& PowerMgrClient::GetInstance() {
 }
 
 bool PowerMgrClient::IsScreenOn() const {
-    Record("IsScreenOn");
-    return Platform::Get().isScreenOn;
+    return Record("IsScreenOn").isScreenOn;
 }
 
 ResSchedClient& ResSchedClient::GetInstance() {
@@ -258,8 +232,7 @@ void ResSchedClient::ReportData(uint32_t resType, int64_t value,
 }
 
 int32_t ResSchedClient::KillProcess(const std::unordered_map<std::string, std::string>& payload) {
-    Record("KillProcess", Text(payload));
-    return Platform::Get().killResult;
+    return Record("KillProcess", Text(payload)).killResult;
 }
 
 SuspendManagerClient& SuspendManagerClient::GetInstance() {
@@ -267,9 +240,9 @@ SuspendManagerClient& SuspendManagerClient::GetInstance() {
 }
 
 int32_t SuspendManagerClient::OperateOneNativeProcess(const NativeProcessInfo& process) {
-    Record("OperateOneNativeProcess", process.pid, process.uid, process.processName, process.reason,
-           process.durationMs, process.isFreeze);
-    return Platform::Get().freezeResult;
+    return Record("OperateOneNativeProcess", process.pid, process.uid, process.processName, process.reason,
+                  process.durationMs, process.isFreeze)
+        .freezeResult;
 }
 
 int32_t QuillRec::Write(std::string_view domain, std::string_view name, EventType type,
@@ -279,8 +252,7 @@ int32_t QuillRec::Write(std::string_view domain, std::string_view name, EventTyp
         texts << ' ' << field.key << '=';
         std::visit([&texts](const auto& value) { texts << value; }, field.value);
     }
-    Record("QuillRec::Write", domain, name, static_cast<int>(type), texts.str().substr(1));
-    return Platform::Get().eventResult;
+    return Record("QuillRec::Write", domain, name, static_cast<int>(type), texts.str().substr(1)).eventResult;
 }
 
 namespace Kelvra {
@@ -290,20 +262,20 @@ KelvraManagerClient& KelvraManagerClient::GetInstance() {
 }
 
 int32_t KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas) {
-    Record("SetProcessQuota", reserved, quotas.size());
-    Platform::Get().quotas = quotas;
-    return Platform::Get().setQuotaResult;
+    Platform& platform = Record("SetProcessQuota", reserved, quotas.size());
+    platform.quotas = quotas;
+    return platform.setQuotaResult;
 }
 
 int32_t KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscriber& subscriber) {
-    Record("SubscribeKelvraTask");
-    if (Platform::Get().subscribeResult == 0) {
-        Platform::Get().KeepSubscriber(subscriber.weak_from_this());
+    Platform& platform = Record("SubscribeKelvraTask");
+    if (platform.subscribeResult == 0) {
+        platform.KeepSubscriber(subscriber.weak_from_this());
     }
-    if (Platform::Get().duringSubscribe) {
-        Platform::Get().duringSubscribe();
+    if (platform.duringSubscribe) {
+        platform.duringSubscribe();
     }
-    return Platform::Get().subscribeResult;
+    return platform.subscribeResult;
 }
 
 }  // namespace Kelvra
@@ -311,25 +283,16 @@ int32_t KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscrib
 }  // namespace KITE
 
 extern "C" CfgDir* GetCfgDirList() {
-    KITE::Record("GetCfgDirList");
-    const auto& directories = KITE::Fake::Platform::Get().configDirectories;
-    if (!directories) {
-        return nullptr;
-    }
-    auto* list = static_cast<CfgDir*>(std::calloc(1, sizeof(CfgDir)));
-    for (size_t i = 0; list != nullptr && i < directories->size() && i < MAX_CFG_POLICY_DIRS_CNT; ++i) {
-        const auto& directory = (*directories)[i];
-        list->paths[i] = directory ? strdup(directory->c_str()) : nullptr;
+    const auto& directories = KITE::Record("GetCfgDirList").configDirectories;
+    auto* list = directories.empty() ? nullptr : static_cast<CfgDir*>(std::calloc(1, sizeof(CfgDir)));
+    for (size_t i = 0; list != nullptr && i < directories.size() && i < MAX_CFG_POLICY_DIRS_CNT; ++i) {
+        list->paths[i] = directories[i] ? strdup(directories[i]->c_str()) : nullptr;
     }
     return list;
 }
 
 extern "C" void FreeCfgDirList(CfgDir* list) {
     KITE::Record("FreeCfgDirList");
-    if (list != nullptr) {
-        for (char* path : list->paths) {
-            std::free(path);
-        }
-    }
+    std::ranges::for_each(list->paths, std::free);
     std::free(list);
 }

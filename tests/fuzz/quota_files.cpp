@@ -61,12 +61,11 @@ std::vector<std::string> FilesOf(const uint8_t* data, size_t size) {
 void SetFiles(const std::vector<std::string>& files) {
     auto& platform = Fake::Platform::Get();
     platform.Reset();
-    platform.configDirectories.emplace();
     for (const std::string& file : files) {
-        const std::string layer = std::to_string(platform.configDirectories->size());
+        const std::string layer = std::to_string(platform.configDirectories.size());
         std::filesystem::create_directories(layer + "/etc/efficiency_manager");
         WriteFile(layer + "/etc/efficiency_manager/process_resource_limit.json", file);
-        platform.configDirectories->push_back(layer);
+        platform.configDirectories.push_back(layer);
     }
 }
 

@@ -51,12 +51,12 @@ TEST_F(DumpTest, NeedsThePermissionOfTheFirstCaller) {
     platform.callingToken = kOperator;
     platform.firstToken = 4;
     EXPECT_EQ(Dump({u"-h"}), kRefused);
-    EXPECT_THAT(platform.Trace(), ElementsAre("VerifyAccessToken(4, kite.permission.DUMP)",
-                                              "E resource_quota_control_service: CheckPermission failed"));
+    EXPECT_THAT(platform.Trace(),
+                ElementsAre("VerifyAccessToken(4, kite.permission.DUMP)", "E CheckPermission failed"));
     platform.firstToken = kOperator;
     platform.canSave = false;
     EXPECT_EQ(Dump({u"-h"}), kRefused);
-    EXPECT_THAT(platform.Log(), ElementsAre("E resource_quota_control_service: save to fd failed."));
+    EXPECT_THAT(platform.Log(), ElementsAre("E save to fd failed."));
 }
 
 TEST_F(DumpTest, ListsTheConfigurationAndTheRunningTimes) {
@@ -128,8 +128,7 @@ TEST_F(DumpTest, NothingIsRecordedBeforeTheManagerHasAcceptedASubscription) {
 }
 
 TEST_F(DumpTest, LogsTheBytesThatOneProcessHasWritten) {
-    const std::string invalid =
-        "E resource_quota_control_impl: input pid is invalid, please remember to enter the pid parameter.";
+    const std::string invalid = "E input pid is invalid, please remember to enter the pid parameter.";
     using Words = std::vector<std::u16string>;
     for (const Words& words :
          {Words{}, {u""}, {u"0"}, {u"abc"}, {u"99999999999999999999"}, {u"+-5"}, {u"- 5"}, {u"4294967301"}}) {
@@ -139,13 +138,11 @@ TEST_F(DumpTest, LogsTheBytesThatOneProcessHasWritten) {
         EXPECT_THAT(platform.Log(), ElementsAre(invalid));
     }
     EXPECT_EQ(DumpText({u"DumpGetIoWritebytesAbility", u" \t-3 "}), "");
-    EXPECT_THAT(
-        platform.Log(),
-        ElementsAre("E resource_quota_control_io_helper: file /proc/-3/io not found, can not get io data.",
-                    "I resource_quota_control_io_helper: writeBytes.size() 1",
-                    "I resource_quota_control_impl: receive data, pid:-3 writeBytes:18446744073709551615"));
+    EXPECT_THAT(platform.Log(),
+                ElementsAre("E file /proc/-3/io not found, can not get io data.", "I writeBytes.size() 1",
+                            "I receive data, pid:-3 writeBytes:18446744073709551615"));
     DumpText({u"DumpGetIoWritebytesAbility", u"\v\r\f+99999999abc", u"5"});
-    EXPECT_THAT(platform.Log(), Contains("I resource_quota_control_impl: receive data, pid:99999999 "
+    EXPECT_THAT(platform.Log(), Contains("I receive data, pid:99999999 "
                                          "writeBytes:18446744073709551615"));
 }
 

@@ -35,7 +35,7 @@ TEST_F(ActionTest, AKillSaysWhyAndIsRecordedWhenItWasAcceptedForAKnownReason) {
     platform.freezeResult = 6;
     EXPECT_EQ(Helper::FreezeOneNativeProcess(0, 2, "foo"), 6);
     EXPECT_THAT(platform.Trace(), ElementsAre("OperateOneNativeProcess(0, 2, foo, -1, -1, true)",
-                                              "I resource_quota_control_execute_helper: freeze "
+                                              "I freeze "
                                               "process, pid is 0, uid is "
                                               "2, process name is foo result is 6"));
 }

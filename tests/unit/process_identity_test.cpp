@@ -52,24 +52,24 @@ TEST_F(IdentityTest, TheApplicationManagerIsReachedOnceItCanBe) {
         platform.hasRegistry = hasRegistry;
         platform.appManager = object;
         EXPECT_EQ(verify(), std::pair(false, false));
-        EXPECT_THAT(platform.Log(), ElementsAre("E app_mgr_helper: " + line));
+        EXPECT_THAT(platform.Log(), ElementsAre("E " + line));
     }
     platform.appManager = manager;
     EXPECT_EQ(verify(), std::pair(true, true));
     platform.appManager = nullptr;
     platform.hasRegistry = false;
     EXPECT_EQ(verify(), std::pair(true, true)) << "a proxy once held is kept";
-    const std::string matched = "I app_mgr_helper: 2 and 1 is matched";
-    const std::string foreground = "I app_mgr_helper: 2 is in foreground";
+    const std::string matched = "I 2 and 1 is matched";
+    const std::string foreground = "I 2 is in foreground";
     EXPECT_THAT(platform.Trace(), ElementsAre("GetAllRunningProcesses()", matched, matched,
                                               "GetForegroundApplications()", foreground, foreground));
     platform.runningProcesses = {{1, 3}};
     platform.renderProcesses = {{1, 2}, {2, 1}};
     platform.foregroundApplications = {{1}};
     EXPECT_EQ(verify(), std::pair(true, false));
-    EXPECT_THAT(platform.Trace(), ElementsAre("GetAllRunningProcesses()", "GetAllRenderProcesses()",
-                                              "I app_mgr_helper: Render process 2 and 1 is matched",
-                                              "GetForegroundApplications()"));
+    EXPECT_THAT(platform.Trace(),
+                ElementsAre("GetAllRunningProcesses()", "GetAllRenderProcesses()",
+                            "I Render process 2 and 1 is matched", "GetForegroundApplications()"));
 }
 
 }  // namespace

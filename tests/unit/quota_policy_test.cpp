@@ -73,25 +73,23 @@ TEST_F(PolicyTest, ExportsOnlyRunningTimesFromOneUpwards) {
 
 TEST_F(PolicyTest, InitLogsItsStepsAndLoadsOnlyOnce) {
     const std::string file = AddLayer(Quotas(Entry("A", "", Rule("mem", 1))));
-    platform.configDirectories->insert(platform.configDirectories->begin(), std::nullopt);
-    platform.configDirectories->push_back("/nowhere");
-    const std::string layer = *(*platform.configDirectories)[1];
+    platform.configDirectories.insert(platform.configDirectories.begin(), std::nullopt);
+    platform.configDirectories.push_back("/nowhere");
+    const std::string layer = *platform.configDirectories[1];
     ASSERT_TRUE(policy_.Init());
-    EXPECT_THAT(platform.Trace(), ElementsAre("I res_policy_manager: Init", "GetCfgDirList()",
-                                              "D res_policy_manager: cfgDir: " + layer + " ",
-                                              "D res_policy_manager: cfgDir: /nowhere ", "FreeCfgDirList()",
-                                              "D res_policy_manager: Get valid base config file: " + file,
-                                              "I json_utils: realPath is [" + file + "]"));
+    EXPECT_THAT(platform.Trace(),
+                ElementsAre("I Init", "GetCfgDirList()", "D cfgDir: " + layer + " ", "D cfgDir: /nowhere ",
+                            "FreeCfgDirList()", "D Get valid base config file: " + file,
+                            "I realPath is [" + file + "]"));
     platform.ClearTrace();
     AddLayer("broken");
     EXPECT_TRUE(policy_.Init());
-    EXPECT_THAT(platform.Trace(), ElementsAre("I res_policy_manager: Init"));
+    EXPECT_THAT(platform.Trace(), ElementsAre("I Init"));
 }
 
 TEST_F(PolicyTest, WithoutFilesThereIsNoPolicyUntilOneComes) {
     EXPECT_FALSE(policy_.Init());
-    EXPECT_THAT(platform.Log(), ElementsAre("I res_policy_manager: Init",
-                                            "E res_policy_manager: There are no valid config files"));
+    EXPECT_THAT(platform.Log(), ElementsAre("I Init", "E There are no valid config files"));
     EXPECT_FALSE(policy_.IsConfigInit());
     EXPECT_TRUE(Load({Entry("A", "", Rule("mem", 1))}));
     EXPECT_THAT(Exported(), ElementsAre("A mem 1"));
@@ -115,22 +113,22 @@ class RefusalTest : public PolicyTest {
     void ExpectRefused(const Refusals& refusals, bool isFileRefused) {
         for (const auto& [text, expected] : refusals) {
             SCOPED_TRACE(text.substr(0, 200));
-            platform.configDirectories.reset();
+            platform.configDirectories.clear();
             AddLayer(Quotas(Entry("good", "", "'running_time':1," + Rule("cpu", 1))));
             const std::string file = AddLayer(text);
             const std::string last = AddLayer(Quotas(""));
             platform.ClearTrace();
             EXPECT_FALSE(policy_.Init());
             std::vector<std::string> errors;
-            for (const auto& line : platform.Lines()) {
-                if (line.level == Log::Level::kError) {
-                    errors.push_back(line.text);
+            for (const std::string& line : platform.Log()) {
+                if (line.starts_with("E ")) {
+                    errors.push_back(line.substr(2));
                 }
             }
             auto whole = expected;
             if (isFileRefused) {
                 whole.push_back("config file " + file + " is refused");
-                EXPECT_THAT(platform.Log(), Not(Contains("I json_utils: realPath is [" + last + ']')));
+                EXPECT_THAT(platform.Log(), Not(Contains("I realPath is [" + last + ']')));
             }
             EXPECT_EQ(errors, whole);
             EXPECT_FALSE(policy_.IsConfigInit());
@@ -209,7 +207,7 @@ TEST_F(PolicyTest, ReadsLargeFilesAndLetsBracketsStandInNames) {
     const std::string name = R"(\\\" )" + std::string(100'000, '[');
     AddLayer("{\"other\":[{}]," + Quotas(Entry(name, "", Rule("cpu", 1))).substr(1));
     for (int i = 0; i < 30; ++i) {
-        platform.configDirectories->push_back(std::nullopt);
+        platform.configDirectories.push_back(std::nullopt);
     }
     AddLayer(Quotas(Entry("in_the_last_slot", "", Rule("cpu", 2))));
     ASSERT_TRUE(policy_.Init());
@@ -273,7 +271,7 @@ TEST_F(PolicyTest, ALaterFileReplacesRecordsAndSometimesParents) {
         {"a third one takes its own", {before + x("T", 7), x("", 8), x("U", 9)}, {"X cpu 9", "X mem 2"}}};
     for (const auto& [name, files, expected] : cases) {
         ResPolicyManager policy;
-        platform.configDirectories.reset();
+        platform.configDirectories.clear();
         EXPECT_TRUE(Load(files, policy));
         auto rules = Exported(policy);
         std::erase_if(rules, [](const std::string& rule) { return !rule.starts_with("X "); });
@@ -312,7 +310,7 @@ class SystemLayerTest : public PolicyTest {
 
 TEST_F(SystemLayerTest, IsAlwaysReadAndFirstUnlessListedElsewhere) {
     AddLayer(Quotas(Entry("A", "", Rule("cpu", 2))));
-    const auto layer = platform.configDirectories->front();
+    const auto layer = platform.configDirectories.front();
     const auto loaded = [](const std::string& rule, int64_t files) {
         return std::pair(std::vector{rule}, files);
     };
@@ -335,12 +333,12 @@ TEST_F(PolicyTest, ResolvesLinksAndRefusesLongAndMissingPaths) {
     nlohmann::json json;
     platform.ClearTrace();
     EXPECT_FALSE(JsonUtil::LoadJsonObjFromFile(json, file + "missing"));
-    EXPECT_THAT(platform.Log(), ElementsAre("E json_utils: Cannot read json file [" + file + "missing]"));
+    EXPECT_THAT(platform.Log(), ElementsAre("E Cannot read json file [" + file + "missing]"));
     EXPECT_FALSE(JsonUtil::LoadJsonObjFromFile(json, AddLayer("[")));
     EXPECT_TRUE(json.is_discarded());
     platform.ClearTrace();
     EXPECT_TRUE(JsonUtil::LoadJsonObjFromFile(json, link));
-    EXPECT_THAT(platform.Log(), ElementsAre("I json_utils: realPath is [" + link + "]"));
+    EXPECT_THAT(platform.Log(), ElementsAre("I realPath is [" + link + "]"));
 }
 
 }  // namespace

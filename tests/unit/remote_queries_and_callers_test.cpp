@@ -8,8 +8,6 @@ namespace KITE::ResourceQuotaCtl {
 namespace {
 
 constexpr uint32_t kTrusted = 7;
-const std::string kService = "resource_quota_control_service: ";
-const std::string kStub = "resource_quota_control_stub: ";
 
 class RemoteTest : public ServiceTest {
   protected:
@@ -73,9 +71,8 @@ TEST_F(RemoteTest, AnotherInterfacesTokenIsRefusedInSilence) {
 TEST_F(RemoteTest, CountsTheBytesOfAsManyPidsAsTheLimitAllows) {
     EXPECT_EQ(Send(1, PidRequest(2048)), 0);
     EXPECT_THAT(platform.Trace(),
-                ElementsAre("GetNativeTokenInfo(7)", "I " + kService + "Process svcdb called GetIoWriteBytes",
-                            "I " + kService + "processPids.size() 2048",
-                            "I resource_quota_control_io_helper: writeBytes.size() 2048"));
+                ElementsAre("GetNativeTokenInfo(7)", "I Process svcdb called GetIoWriteBytes",
+                            "I processPids.size() 2048", "I writeBytes.size() 2048"));
     std::vector<uint64_t> bytes;
     ASSERT_TRUE(reply.ReadUInt64Vector(&bytes));
     EXPECT_EQ(bytes.size(), 2048U);
@@ -93,7 +90,7 @@ TEST_F(RemoteTest, UnreadablePidListsAreRefused) {
     for (const auto& [request, line] : cases) {
         EXPECT_EQ(Send(1, request), 0);
         EXPECT_EQ(reply.ReadableBytes(), 0U);
-        EXPECT_THAT(platform.Trace(), ElementsAre("E " + kStub + line));
+        EXPECT_THAT(platform.Trace(), ElementsAre("E " + line));
     }
 }
 
@@ -102,7 +99,7 @@ TEST_F(RemoteTest, CallersWithinTheProcessAreBoundedAsWell) {
     std::vector<uint64_t> bytes;
     EXPECT_EQ(service->GetIoWriteBytes(std::vector<int32_t>(2049, 1), bytes), 0x2610008);
     EXPECT_EQ(service->GetIoWriteBytes({}, bytes), ERR_RQC_INVALID_PARAM);
-    EXPECT_THAT(platform.Log(), Contains("E " + kService + "pid vector size is invalid.").Times(2));
+    EXPECT_THAT(platform.Log(), Contains("E pid vector size is invalid.").Times(2));
     EXPECT_THAT(bytes, IsEmpty());
     platform.callingToken = 0;
     std::map<std::string, int32_t> times{{"kept", 1}};
@@ -131,12 +128,12 @@ TEST_F(RemoteTest, OnlyTheThreeTrustedProcessesAreAnswered) {
         EXPECT_EQ(result, isTrusted ? 0 : 0x261000D);
         EXPECT_EQ(count, isTrusted ? 1U : 0U);
     }
-    EXPECT_THAT(platform.Trace(), ElementsAre("GetNativeTokenInfo(0)",
-                                              "I " + kService + "Process  called GetExtensionRunningTime",
-                                              "E " + kService + "illegal access to this interface."));
+    EXPECT_THAT(platform.Trace(),
+                ElementsAre("GetNativeTokenInfo(0)", "I Process  called GetExtensionRunningTime",
+                            "E illegal access to this interface."));
     Send(1, PidRequest(1));
-    EXPECT_THAT(platform.Log(), ElementsAre("I " + kService + "Process  called GetIoWriteBytes",
-                                            "E " + kService + "illegal access to this interface."));
+    EXPECT_THAT(platform.Log(),
+                ElementsAre("I Process  called GetIoWriteBytes", "E illegal access to this interface."));
 }
 
 TEST_F(RemoteTest, AReplyHoldsUpTo500RunningTimesInOrderOfNames) {

@@ -51,12 +51,11 @@ inline Kelvra::ProcessAnomalyInfo Report(const std::string& resType, const std::
 // What a kill of a process "foo" that is accepted leads to.
 inline std::vector<std::string> KillTrace(const std::string& pid, const std::string& resType,
                                           const std::string& reason, const std::string& eventResult = "0") {
-    const std::string line = "I resource_quota_control_execute_helper: ";
     return {
-        line + "process pid:" + pid + ", resType:" + resType + ", processName: foo",
+        "I process pid:" + pid + ", resType:" + resType + ", processName: foo",
         "KillProcess({killReason=" + reason + ", pid=" + pid + ", processName=foo})",
         "QuillRec::Write(FRAMEWORK, PROCESS_KILL, 1, PID=" + pid + " PROCESS_NAME=foo MSG=" + reason + ")",
-        line + "quillrec write result=" + eventResult + ", send event [FRAMEWORK,PROCESS_KILL], pid=" + pid +
+        "I quillrec write result=" + eventResult + ", send event [FRAMEWORK,PROCESS_KILL], pid=" + pid +
             ", processName=foo, msg=" + reason};
 }
 
@@ -75,10 +74,7 @@ class ServiceTest : public ::testing::Test {
         std::filesystem::create_directories(layer / "etc/efficiency_manager");
         const auto file = layer / "etc/efficiency_manager/process_resource_limit.json";
         std::ofstream(file) << content;
-        if (!platform.configDirectories) {
-            platform.configDirectories.emplace();
-        }
-        platform.configDirectories->push_back(layer);
+        platform.configDirectories.push_back(layer);
         return file;
     }
 
@@ -97,6 +93,14 @@ class ServiceTest : public ::testing::Test {
                ",'resource_quota':100,'duration':60,'action':'kill'}]";
     }
 
+    // What the action leads to, but for the lines and calls of some sources.
+    std::vector<std::string> TraceOf(const std::function<void()>& action,
+                                     std::initializer_list<std::string_view> without = {}) {
+        platform.ClearTrace();
+        action();
+        return platform.Trace(without);
+    }
+
     // A request to the service as the transport hands it over, with the pids that the first of the two takes.
     static MessageParcel Ask(uint32_t code, const std::vector<int32_t>& pids) {
         MessageParcel request;
@@ -112,12 +116,10 @@ class ServiceTest : public ::testing::Test {
     Fake::Platform& platform = Fake::Platform::Get();
 
   private:
-    static std::filesystem::path MakeFolder() {
+    const std::filesystem::path folder_ = [] {
         std::string name = std::filesystem::temp_directory_path() / "quota_test_XXXXXX";
-        return mkdtemp(name.data());
-    }
-
-    const std::filesystem::path folder_ = MakeFolder();
+        return std::filesystem::path(mkdtemp(name.data()));
+    }();
     int layers_ = 0;
 };
 

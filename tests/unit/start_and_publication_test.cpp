@@ -9,35 +9,23 @@ namespace {
 
 class LifecycleTest : public ServiceTest {
   protected:
-    std::vector<std::string> TraceOf(const std::function<void()>& action) {
-        platform.ClearTrace();
-        action();
-        auto trace = platform.Trace();
-        std::erase_if(trace, [](const std::string& line) {
-            return line.find("res_policy_manager") != line.npos || line.find("json_utils") != line.npos ||
-                   line.find("CfgDirList") != line.npos;
-        });
-        return trace;
+    // What an operation of the service leads to, but for the reading of the policy.
+    template <typename Operation, typename... Arguments>
+    std::vector<std::string> Run(Operation operation, Arguments... arguments) {
+        return TraceOf([&] { (service.*operation)(arguments...); },
+                       {"res_policy_manager", "json_utils", "CfgDirList"});
     }
-    std::vector<std::string> Start() {
-        return TraceOf([this] { service.OnStart(); });
-    }
-    std::vector<std::string> Add(int32_t id) {
-        return TraceOf([this, id] { service.OnAddSystemAbility(id, ""); });
-    }
-    std::vector<std::string> Remove(int32_t id) {
-        return TraceOf([this, id] { service.OnRemoveSystemAbility(id, ""); });
-    }
+    std::vector<std::string> Start() { return Run(&SystemAbility::OnStart); }
+    std::vector<std::string> Add(int32_t id) { return Run(&SystemAbility::OnAddSystemAbility, id, ""); }
+    std::vector<std::string> Remove(int32_t id) { return Run(&SystemAbility::OnRemoveSystemAbility, id, ""); }
     void AddOneRule() { AddLayer(Quotas(Entry("A", "", Rule("cpu", 1)))); }
 
     SystemAbility& service = *platform.registeredAbility;
 };
 
-const std::string kService = "resource_quota_control_service: ";
-const std::string kImpl = "resource_quota_control_impl: ";
-const std::string kAdded = "I " + kService + "Add system ability systemAbilityId:1213";
-const std::string kSubscribed = "I " + kImpl + "InitKelvraTaskObserver successfully";
-const std::string kPublished = "I " + kService + "publish resource quota control service successfully!";
+const std::string kAdded = "I Add system ability systemAbilityId:1213";
+const std::string kSubscribed = "I InitKelvraTaskObserver successfully";
+const std::string kPublished = "I publish resource quota control service successfully!";
 
 TEST_F(LifecycleTest, LoadingReadsTheSwitchRegistersAndReadsTheBuildKindInThisOrder) {
     const std::string readSwitch = "GetBoolParameter(persist.sys.resource_quota_control_enable, true)";
@@ -60,16 +48,14 @@ TEST_F(LifecycleTest, LoadingReadsTheSwitchRegistersAndReadsTheBuildKindInThisOr
 }
 
 TEST_F(LifecycleTest, StartsOnceAndAgainOnlyAfterAFailure) {
-    EXPECT_THAT(Start(),
-                ElementsAre("I " + kService + "start.", "E " + kService + "init res policy manager failed"));
+    EXPECT_THAT(Start(), ElementsAre("I start.", "E init res policy manager failed"));
     AddOneRule();
     platform.duringListen = [this] { service.OnStart(); };
-    const std::vector<std::string> whole{"I " + kService + "start.", "AddSystemAbilityListener(1213)"};
+    const std::vector<std::string> whole{"I start.", "AddSystemAbilityListener(1213)"};
     EXPECT_THAT(Start(), ElementsAre(whole[0], whole[1], whole[0], whole[1]))
         << "not running while it listens";
-    EXPECT_THAT(Start(), ElementsAre("I " + kService + "start.",
-                                     "I " + kService + "service is runnning, not repeatly start, return."));
-    EXPECT_THAT(TraceOf([this] { service.OnStop(); }), IsEmpty());
+    EXPECT_THAT(Start(), ElementsAre("I start.", "I service is runnning, not repeatly start, return."));
+    EXPECT_THAT(Run(&SystemAbility::OnStop), IsEmpty());
 }
 
 TEST_F(LifecycleTest, TheKelvraManagersComingsSubscribePushAndPublishInFull) {
@@ -82,12 +68,12 @@ TEST_F(LifecycleTest, TheKelvraManagersComingsSubscribePushAndPublishInFull) {
     EXPECT_EQ(platform.quotas.at(0).processName, "A");
     EXPECT_EQ(platform.publishedObject,
               sptr<IRemoteObject>(DelayedSingleton<ResourceQuotaControlService>::GetInstance().get()));
-    EXPECT_THAT(Remove(1213), ElementsAre("I " + kService + "remove system ability systemAbilityId:1213",
-                                          "I " + kImpl + "HandleKelvraDied called"));
+    EXPECT_THAT(Remove(1213),
+                ElementsAre("I remove system ability systemAbilityId:1213", "I HandleKelvraDied called"));
     EXPECT_FALSE(platform.ReportAnomalies({})) << "the subscriber is gone";
     platform.publishResult = false;
     auto unpublished = whole;
-    unpublished.back() = "E " + kService + "publish resource quota control service failed!";
+    unpublished.back() = "E publish resource quota control service failed!";
     EXPECT_EQ(Add(1213), unpublished);
 }
 
@@ -95,33 +81,28 @@ TEST_F(LifecycleTest, ARefusedSubscriptionIsTriedAgainOnlyAfterTheManagerWent) {
     AddOneRule();
     Start();
     platform.subscribeResult = 5;
-    EXPECT_THAT(Add(1213),
-                ElementsAre(kAdded, "SubscribeKelvraTask()", "E " + kImpl + "SubscribeKelvraTask failed",
-                            "E " + kService + "InitKelvraTaskObserver failed"));
+    EXPECT_THAT(Add(1213), ElementsAre(kAdded, "SubscribeKelvraTask()", "E SubscribeKelvraTask failed",
+                                       "E InitKelvraTaskObserver failed"));
     platform.subscribeResult = 0;
-    EXPECT_THAT(Add(1213), ElementsAre(kAdded, "I " + kImpl + "kelvraTaskObserver_ has been inited!",
+    EXPECT_THAT(Add(1213), ElementsAre(kAdded, "I kelvraTaskObserver_ has been inited!",
                                        "SetProcessQuota(0, 1)", "Publish(1913)", kPublished));
     Remove(1213);
     EXPECT_THAT(Add(1213), Contains("SubscribeKelvraTask()"));
 }
 
-TEST_F(LifecycleTest, WithoutAPolicyNothingIsPublished) {
+TEST_F(LifecycleTest, WithoutAPolicyNothingIsPublishedAndAnEmptyListOfQuotasIsPushed) {
     EXPECT_THAT(Add(1213), ElementsAre(kAdded, "SubscribeKelvraTask()", kSubscribed,
-                                       "E " + kService + "IsConfigInit is false",
-                                       "E " + kService + "SetConfigToKelvraManager failed"));
-}
-
-TEST_F(LifecycleTest, AnEmptyListOfQuotasIsPushedToo) {
+                                       "E IsConfigInit is false", "E SetConfigToKelvraManager failed"));
     AddLayer(Quotas(""));
     Start();
     EXPECT_THAT(Add(1213), Contains("SetProcessQuota(0, 0)"));
 }
 
 TEST_F(LifecycleTest, OtherAbilitiesAreOnlyLogged) {
-    EXPECT_THAT(Add(1212), ElementsAre("I " + kService + "Add system ability systemAbilityId:1212",
-                                       "I " + kService + "Unhandled sysabilityId:1212"));
-    EXPECT_THAT(Remove(1214), ElementsAre("I " + kService + "remove system ability systemAbilityId:1214",
-                                          "I " + kService + "Unhandled sysabilityId:1214"));
+    EXPECT_THAT(Add(1212),
+                ElementsAre("I Add system ability systemAbilityId:1212", "I Unhandled sysabilityId:1212"));
+    EXPECT_THAT(Remove(1214),
+                ElementsAre("I remove system ability systemAbilityId:1214", "I Unhandled sysabilityId:1214"));
 }
 
 TEST_F(LifecycleTest, TheManagerMayReportAndLeaveWhileItIsSubscribedTo) {
@@ -132,29 +113,32 @@ TEST_F(LifecycleTest, TheManagerMayReportAndLeaveWhileItIsSubscribedTo) {
     };
     Add(1213);
     EXPECT_TRUE(wasReported);
-    EXPECT_EQ(platform.PendingTasks().size(), 1U);
+    EXPECT_EQ(platform.PendingTasks(), 1U);
     EXPECT_FALSE(platform.ReportAnomalies({{}}));
 }
 
-TEST_F(LifecycleTest, ALineBearsTheFunctionThatItsReadersKnow) {
-    const std::pair<std::string, std::string> functions[] = {
-        {"start.", "OnStart"},
-        {"Merge quota config failed!", "Init"},
-        {"init res policy manager failed", "OnStart"},
-        {"Add system ability", "OnAddSystemAbility"},
-        {"publish resource quota control service successfully!", "OnAddSystemAbility"},
-        {"abnormal info", "HandleAbnormalInfos"},
-        {"resource value", "HandleAbnormalProcessEnhance"},
-        {"process enter suppress", "ReportSuppressProcessInfo"},
-        {"pid:12 has special continuous task", "HandleAbnormalProcess"},
-        {"Process  called GetIoWriteBytes", "GetIoWriteBytes"},
-        {"pid vector size is invalid.", "HandleGetIoWriteBytes"},
-        {"illegal access", "GetExtensionRunningTime"},
-        {"CheckPermission failed", "AllowDump"},
-        {"process exit suppress", "EndSuppression"}};
+TEST_F(LifecycleTest, ALineBearsTheFileAndTheFunctionThatItsReadersKnow) {
+    const std::pair<std::string, std::string> lines[] = {
+        {"I start.", "resource_quota_control_service(OnStart)"},
+        {"E Merge quota config failed!", "res_policy_manager(Init)"},
+        {"E init res policy manager failed", "resource_quota_control_service(OnStart)"},
+        {"I Add system ability", "resource_quota_control_service(OnAddSystemAbility)"},
+        {"I publish resource quota control service successfully!",
+         "resource_quota_control_service(OnAddSystemAbility)"},
+        {"I abnormal info", "resource_quota_control_impl(HandleAbnormalInfos)"},
+        {"I resource value", "resource_quota_control_impl(HandleAbnormalProcessEnhance)"},
+        {"I process enter suppress", "resource_quota_control_impl(ReportSuppressProcessInfo)"},
+        {"I pid:12 has special continuous task", "resource_quota_control_impl(HandleAbnormalProcess)"},
+        {"I Process  called GetIoWriteBytes", "resource_quota_control_service(GetIoWriteBytes)"},
+        {"E pid vector size is invalid.", "resource_quota_control_stub(HandleGetIoWriteBytes)"},
+        {"E illegal access", "resource_quota_control_service(GetExtensionRunningTime)"},
+        {"E CheckPermission failed", "resource_quota_control_service(AllowDump)"},
+        {"I process exit suppress", "resource_quota_control_impl(EndSuppression)"},
+        {"D OnReportAbnormalProcess called", "kelvra_task_observer(OnReportAbnormalProcess)"},
+        {"I realPath", "json_utils(ReadFileToString)"}};
     AddLayer(Quotas(Entry("A", "A", Rule("cpu", 1))));
     service.OnStart();
-    platform.configDirectories.reset();
+    platform.configDirectories.clear();
     AddOneRule();
     service.OnStart();
     service.OnAddSystemAbility(1213, "");
@@ -167,10 +151,10 @@ TEST_F(LifecycleTest, ALineBearsTheFunctionThatItsReadersKnow) {
     Ask(2, {});
     service.Dump(1, {});
     platform.Advance(std::chrono::seconds(6));
-    for (const auto& [start, function] : functions) {
-        EXPECT_THAT(platform.Lines(),
-                    Contains(testing::AllOf(testing::Field(&Fake::LogLine::text, testing::StartsWith(start)),
-                                            testing::Field(&Fake::LogLine::function, function))));
+    for (const auto& [start, source] : lines) {
+        EXPECT_THAT(platform.Entries(),
+                    Contains(testing::AllOf(testing::Field(&Fake::Entry::text, testing::StartsWith(start)),
+                                            testing::Field(&Fake::Entry::source, source))));
     }
 }
 
@@ -179,7 +163,7 @@ class DisabledServiceTest : public LifecycleTest {};
 TEST_F(DisabledServiceTest, IsRegisteredButRefusesToStart) {
     AddOneRule();
     EXPECT_THAT(LoadTimeCalls(), Contains("MakeAndRegisterAbility(1913)"));
-    EXPECT_THAT(Start(), ElementsAre("I " + kService + "ResourceQuotaControl is not enabled."));
+    EXPECT_THAT(Start(), ElementsAre("I ResourceQuotaControl is not enabled."));
     EXPECT_THAT(platform.Calls(), IsEmpty());
 }
 

@@ -30,8 +30,7 @@ class IoTest : public ServiceTest {
     }
 
     const std::string path_ = "/proc/" + std::to_string(getpid()) + "/io";
-    const std::string failure_ =
-        "E resource_quota_control_io_helper: Failed to get io data from file " + path_ + ".";
+    const std::string failure_ = "E Failed to get io data from file " + path_ + ".";
     uint64_t read_ = 0;
 };
 
@@ -39,14 +38,13 @@ TEST_F(IoTest, ThereIsOneEntryForEachPidInOrder) {
     std::vector<uint64_t> bytes{5};
     ResourceQuotaControlIoHelper::GetIoWriteBytes({}, bytes);
     EXPECT_THAT(bytes, ElementsAre(5));
-    EXPECT_THAT(platform.Trace(),
-                ElementsAre("E resource_quota_control_io_helper: pid vector size is invalid."));
+    EXPECT_THAT(platform.Trace(), ElementsAre("E pid vector size is invalid."));
     platform.ClearTrace();
     ResourceQuotaControlIoHelper::GetIoWriteBytes({getpid(), 99999999, getpid()}, bytes);
     EXPECT_THAT(bytes, ElementsAre(5, testing::Ne(kUnreadable), kUnreadable, testing::Ne(kUnreadable)));
-    EXPECT_THAT(platform.Trace(), ElementsAre("E resource_quota_control_io_helper: file /proc/99999999/io "
+    EXPECT_THAT(platform.Trace(), ElementsAre("E file /proc/99999999/io "
                                               "not found, can not get io data.",
-                                              "I resource_quota_control_io_helper: writeBytes.size() 4"));
+                                              "I writeBytes.size() 4"));
 }
 
 TEST_F(IoTest, AValueIsWhatFollowsTheFirstColon) {
