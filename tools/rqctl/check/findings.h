@@ -14,8 +14,8 @@ enum class Severity { kWarning, kError };
 struct Finding {
     Severity severity;
     const Layer* layer;
+    const JsonValue* value;
     size_t offset;  // where, in the layer's text
-    std::string pointer;
     std::string found;
     std::string allowed;
 };

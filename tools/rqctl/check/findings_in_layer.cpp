@@ -4,8 +4,6 @@
 #include <cctype>
 #include <cstdint>
 #include <numeric>
-#include <optional>
-#include <set>
 #include <utility>
 
 #include "base/text.h"
@@ -22,6 +20,7 @@ using ResourceQuotaCtl::kConditionBits;
 using Names = std::vector<std::string_view>;
 
 constexpr const char* kString = "a string";
+constexpr const char* kObject = "an object";
 constexpr const char* kInteger = "an integer (no fraction, exponent or quotation marks)";
 
 size_t EditDistance(std::string_view from, std::string_view to) {
@@ -50,83 +49,71 @@ std::string AllowedOf(const Names& names, std::string_view written) {
                        isNear ? fmt::format(" (nearest: {})", *nearest) : std::string());
 }
 
-// A value and the JSON pointer to it.
-struct Node {
-    const JsonValue* value;
-    std::string pointer;
-
-    Node Member(const JsonValue& member) const { return {&member, Below(pointer, member.key)}; }
-    Node Element(size_t index) const { return {&value->children[index], Below(pointer, index)}; }
-};
+using IsOfType = bool (JsonValue::*)() const;
 
 // Collects the findings in one layer.
 class LayerFindings {
   public:
     LayerFindings(const Layer& layer, std::vector<Finding>& findings) : layer_(layer), findings_(findings) {}
 
-    void Error(const Node& node, std::string found, std::string allowed) {
-        Add(Severity::kError, node, node.value->begin, std::move(found), std::move(allowed));
+    void Error(const JsonValue& value, std::string found, std::string allowed) {
+        Add(Severity::kError, value, value.begin, std::move(found), std::move(allowed));
     }
-    void Warn(const Node& node, std::string found, std::string allowed) {
-        Add(Severity::kWarning, node, node.value->begin, std::move(found), std::move(allowed));
+    void Warn(const JsonValue& value, std::string found, std::string allowed) {
+        Add(Severity::kWarning, value, value.begin, std::move(found), std::move(allowed));
     }
-    void WarnAtKey(const Node& node, std::string found, std::string allowed) {
-        Add(Severity::kWarning, node, node.value->keyBegin, std::move(found), std::move(allowed));
+    void WarnAtKey(const JsonValue& value, std::string found, std::string allowed) {
+        Add(Severity::kWarning, value, value.keyBegin, std::move(found), std::move(allowed));
     }
-    std::string Excerpt(const Node& node) const { return layer_.json.Excerpt(*node.value); }
+    std::string Excerpt(const JsonValue& value) const { return layer_.json.Excerpt(value); }
 
-    bool RequireObject(const Node& node) {
-        if (!node.value->IsObject()) {
-            Error(node, Excerpt(node), "an object");
+    // Whether the value is of the type that the service requires; else that is an error.
+    bool Require(const JsonValue& value, IsOfType isOfType, const char* type) {
+        if (!(value.*isOfType)()) {
+            Error(value, Excerpt(value), type);
         }
-        return node.value->IsObject();
+        return (value.*isOfType)();
     }
-
-    // The member, when it is there and of the type that the service requires; else that is an error.
-    std::optional<Node> Require(const Node& object, std::string_view key, bool (JsonValue::*isOfType)() const,
-                                const char* type) {
-        const JsonValue* member = object.value->Find(key);
+    // The member of that type; null, which is an error, when there is none.
+    const JsonValue* RequireMember(const JsonValue& object, std::string_view key, IsOfType isOfType,
+                                   const char* type) {
+        const JsonValue* member = object.Find(key);
         if (member == nullptr) {
             Error(object, fmt::format("\"{}\" is missing", key), type);
-            return std::nullopt;
         }
-        Node node = object.Member(*member);
-        if (!(member->*isOfType)()) {
-            Error(node, Excerpt(node), type);
-            return std::nullopt;
-        }
-        return node;
+        return member != nullptr && Require(*member, isOfType, type) ? member : nullptr;
     }
 
     // A key that begins with $ is a note of tools, such as "$schema".
-    void WarnOfOtherKeys(const Node& object, const Names& keys) {
-        for (const JsonValue& member : object.value->children) {
+    void WarnOfOtherKeys(const JsonValue& object, const Names& keys) {
+        for (const JsonValue& member : object.children) {
             if (!member.key.starts_with('$') && std::ranges::find(keys, member.key) == keys.end()) {
-                WarnAtKey(object.Member(member), "the key is ignored", AllowedOf(keys, member.key));
+                WarnAtKey(member, "the key is ignored", AllowedOf(keys, member.key));
             }
         }
     }
 
-    // Warns of an integer that the service cuts to 32 bits.
-    int32_t CutTo32(const Node& node) {
-        const auto cut = static_cast<int32_t>(node.value->number);
-        if (cut != node.value->number || node.value->isCut) {
-            Warn(node, fmt::format("{} is cut to {}", Excerpt(node), cut),
+    // Warns of an integer that the service cuts to 32 bits, or to 64.
+    int32_t CutTo32(const JsonValue& value) {
+        const auto cut = static_cast<int32_t>(value.number);
+        if (cut != value.number || value.isCut) {
+            Warn(value, fmt::format("{} is cut to {}", Excerpt(value), cut),
                  "an integer from -2147483648 to 2147483647");
         }
         return cut;
     }
-    int64_t CutTo64(const Node& node) {
-        if (node.value->isCut) {
-            Warn(node, fmt::format("{} is cut to {}", Excerpt(node), node.value->number),
+    int64_t CutTo64(const JsonValue& value) {
+        if (value.isCut) {
+            Warn(value, fmt::format("{} is cut to {}", Excerpt(value), value.number),
                  "at most 9223372036854775807");
         }
-        return node.value->number;
+        return value.number;
     }
 
   private:
-    void Add(Severity severity, const Node& node, size_t offset, std::string found, std::string allowed) {
-        findings_.push_back({severity, &layer_, offset, node.pointer, std::move(found), std::move(allowed)});
+    void Add(Severity severity, const JsonValue& value, size_t offset, std::string found,
+             std::string allowed) {
+        findings_.push_back({severity, &layer_, &value, offset, std::move(found), std::move(allowed)});
     }
 
     const Layer& layer_;
@@ -134,36 +121,37 @@ class LayerFindings {
 };
 
 // Of members of the same key, the last is the one that counts.
-void CheckForRepeatedKeys(const Node& node, LayerFindings& findings) {
-    const auto& children = node.value->children;
-    std::set<std::string_view> later;
-    for (size_t i = children.size(); i-- > 0;) {
-        const Node child = node.value->IsObject() ? node.Member(children[i]) : node.Element(i);
-        if (node.value->IsObject() && !later.insert(children[i].key).second) {
+void CheckForRepeatedKeys(const JsonValue& value, LayerFindings& findings) {
+    for (const JsonValue& child : value.children) {
+        if (value.IsObject() && value.Find(child.key) != &child) {
             findings.WarnAtKey(child, "the key is repeated below, and the last one counts", "each key once");
         }
         CheckForRepeatedKeys(child, findings);
     }
 }
 
-void CheckQuota(const Node& node, const ResourceType& type, LayerFindings& findings) {
-    const int64_t quota = findings.CutTo64(node);
+void CheckId(const JsonValue& id, const ResourceType& /*type*/, LayerFindings& findings) {
+    findings.CutTo32(id);
+}
+
+void CheckQuota(const JsonValue& value, const ResourceType& type, LayerFindings& findings) {
+    const int64_t quota = findings.CutTo64(value);
     const std::string allowed = fmt::format("0 to {} {}", type.mostPossible - 1, type.unit);
     if (quota < 0) {
-        findings.Warn(node, fmt::format("every process exceeds {} at all times", quota), allowed);
+        findings.Warn(value, fmt::format("every process exceeds {} at all times", quota), allowed);
     } else if (quota >= type.mostPossible) {
-        findings.Warn(node, fmt::format("{} {} can never be exceeded", quota, type.unit), allowed);
+        findings.Warn(value, fmt::format("{} {} can never be exceeded", quota, type.unit), allowed);
     }
 }
 
-void CheckDuration(const Node& node, const ResourceType& type, LayerFindings& findings) {
-    const int64_t duration = findings.CutTo64(node);
+void CheckDuration(const JsonValue& value, const ResourceType& type, LayerFindings& findings) {
+    const int64_t duration = findings.CutTo64(value);
     if (duration <= 0) {
-        findings.Warn(node, fmt::format("{} means the time between two samples", duration),
+        findings.Warn(value, fmt::format("{} means the time between two samples", duration),
                       "1 second and more");
     } else if (type.isStaged && duration > kLongestStagedDuration) {
         findings.Warn(
-            node,
+            value,
             fmt::format("with {} s the stages do not follow each other within {} s: the process is {}",
                         duration, kSuppressionSeconds,
                         duration < kSuppressionSeconds
@@ -171,78 +159,71 @@ void CheckDuration(const Node& node, const ResourceType& type, LayerFindings& fi
                             : "suppressed again and again, never frozen or killed"),
             fmt::format("1 or {} seconds", kLongestStagedDuration));
     } else if (duration > kLongestDuration) {
-        findings.Warn(node, fmt::format("{} s are cut to {}", duration, kLongestDuration),
+        findings.Warn(value, fmt::format("{} s are cut to {}", duration, kLongestDuration),
                       fmt::format("up to {} seconds", kLongestDuration));
     }
 }
 
-void CheckAction(const Node& node, const ResourceType& type, LayerFindings& findings) {
+void CheckAction(const JsonValue& value, const ResourceType& type, LayerFindings& findings) {
     static const Names kActions{"warning", "freeze", "kill"};
-    const std::string& action = node.value->text;
+    const std::string& action = value.text;
     if (type.isStaged && !action.empty()) {
-        findings.Warn(node, findings.Excerpt(node) + " is ignored: the staged treatment has no action",
+        findings.Warn(value, findings.Excerpt(value) + " is ignored: the staged treatment has no action",
                       "\"\"");
     } else if (!type.isStaged && std::ranges::find(kActions, action) == kActions.end()) {
-        findings.Warn(node, findings.Excerpt(node) + " is not an action, so nothing is done",
+        findings.Warn(value, findings.Excerpt(value) + " is not an action, so nothing is done",
                       AllowedOf(kActions, action));
     }
 }
 
 // Returns the mask of the condition's bits.
-uint32_t CheckCondition(const Node& node, LayerFindings& findings) {
-    static const Names kNames = [] {
-        Names names;
-        std::ranges::transform(kConditionBits, std::back_inserter(names),
-                               [](const auto& condition) { return condition.first; });
-        return names;
-    }();
+uint32_t CheckCondition(const JsonValue& condition, LayerFindings& findings) {
+    Names names;
+    for (const auto& [name, bit] : kConditionBits) {
+        names.push_back(name);
+    }
     uint32_t mask = 0;
-    for (const std::string_view name : Linux::Split(node.value->text, '&')) {
-        const auto known = std::ranges::find(kNames, name);
-        if (known == kNames.end()) {
-            findings.Warn(node, nlohmann::json(name).dump() + " is not a condition and is ignored",
-                          AllowedOf(kNames, name));
+    for (const std::string_view name : Linux::Split(condition.text, '&')) {
+        const auto known = std::ranges::find(names, name);
+        if (known == names.end()) {
+            findings.Warn(condition, nlohmann::json(name).dump() + " is not a condition and is ignored",
+                          AllowedOf(names, name));
         } else {
-            mask |= kConditionBits[static_cast<size_t>(known - kNames.begin())].second;
+            mask |= kConditionBits[static_cast<size_t>(known - names.begin())].second;
         }
     }
     if (mask == 0) {
-        findings.Warn(node, findings.Excerpt(node) + " contains no condition, so it always holds",
-                      fmt::format("{}", fmt::join(kNames, ", ")));
+        findings.Warn(condition, findings.Excerpt(condition) + " contains no condition, so it always holds",
+                      fmt::format("{}", fmt::join(names, ", ")));
     } else if (NeverHolds(mask)) {
-        findings.Warn(node, findings.Excerpt(node) + " never holds",
+        findings.Warn(condition, findings.Excerpt(condition) + " never holds",
                       "conditions without audio, and not foreground and background together");
     }
     return mask;
 }
 
 // Of two alternatives of which one holds wherever the other does.
-void CheckForSecondMatch(const Node& node, uint32_t mask, const std::vector<uint32_t>& before,
+void CheckForSecondMatch(const JsonValue& condition, uint32_t mask, const std::vector<uint32_t>& before,
                          LayerFindings& findings) {
-    const auto isImplied = [mask](uint32_t other) {
+    const auto found = std::ranges::find_if(before, [mask](uint32_t other) {
         const bool isOneInOther = (mask & other) == mask || (mask & other) == other;
         return isOneInOther && !NeverHolds(mask | other);
-    };
-    const auto found = std::ranges::find_if(before, isImplied);
+    });
     if (found != before.end()) {
-        findings.Warn(node,
+        findings.Warn(condition,
                       fmt::format("{} holds together with alternative {}, and the action then runs twice",
-                                  findings.Excerpt(node), found - before.begin()),
+                                  findings.Excerpt(condition), found - before.begin()),
                       "alternatives that do not imply each other");
     }
 }
 
-void CheckConditions(const Node& conditions, const ResourceType& type, LayerFindings& findings) {
-    const size_t count = conditions.value->children.size();
-    if (type.isStaged && count > 0) {
+void CheckConditions(const JsonValue& conditions, const ResourceType& type, LayerFindings& findings) {
+    if (type.isStaged && !conditions.children.empty()) {
         findings.Warn(conditions, "conditions are ignored: the staged treatment has none", "[]");
     }
     std::vector<uint32_t> masks;
-    for (size_t i = 0; i < count; ++i) {
-        const Node condition = conditions.Element(i);
-        if (!condition.value->IsString()) {
-            findings.Error(condition, findings.Excerpt(condition), kString);
-        } else if (!type.isStaged) {
+    for (const JsonValue& condition : conditions.children) {
+        if (findings.Require(condition, &JsonValue::IsString, kString) && !type.isStaged) {
             const uint32_t mask = CheckCondition(condition, findings);
             CheckForSecondMatch(condition, mask, masks, findings);
             masks.push_back(mask);
@@ -250,96 +231,106 @@ void CheckConditions(const Node& conditions, const ResourceType& type, LayerFind
     }
 }
 
-// The service reads the keys in this order.
-void CheckRule(const Node& rule, const ResourceType& type, LayerFindings& findings) {
-    if (!findings.RequireObject(rule)) {
+// A key of a rule; all are required. In the order in which the service reads them.
+struct RuleKey {
+    std::string_view name;
+    IsOfType isOfType;
+    const char* type;
+    void (*check)(const JsonValue& value, const ResourceType& type, LayerFindings& findings);
+};
+constexpr RuleKey kRuleKeys[] = {
+    {"condition", &JsonValue::IsArray, "a list of strings", CheckConditions},
+    {"id", &JsonValue::IsInteger, kInteger, CheckId},
+    {"resource_quota", &JsonValue::IsInteger, kInteger, CheckQuota},
+    {"duration", &JsonValue::IsInteger, kInteger, CheckDuration},
+    {"action", &JsonValue::IsString, kString, CheckAction},
+};
+
+void CheckRule(const JsonValue& rule, const ResourceType& type, LayerFindings& findings) {
+    if (!findings.Require(rule, &JsonValue::IsObject, kObject)) {
         return;
     }
-    findings.WarnOfOtherKeys(rule, {"condition", "id", "resource_quota", "duration", "action"});
-    if (const auto node = findings.Require(rule, "condition", &JsonValue::IsArray, "a list of strings")) {
-        CheckConditions(*node, type, findings);
+    Names names;
+    for (const RuleKey& key : kRuleKeys) {
+        names.push_back(key.name);
+        if (const JsonValue* value = findings.RequireMember(rule, key.name, key.isOfType, key.type)) {
+            key.check(*value, type, findings);
+        }
     }
-    if (const auto node = findings.Require(rule, "id", &JsonValue::IsInteger, kInteger)) {
-        findings.CutTo32(*node);
-    }
-    if (const auto node = findings.Require(rule, "resource_quota", &JsonValue::IsInteger, kInteger)) {
-        CheckQuota(*node, type, findings);
-    }
-    if (const auto node = findings.Require(rule, "duration", &JsonValue::IsInteger, kInteger)) {
-        CheckDuration(*node, type, findings);
-    }
-    if (const auto node = findings.Require(rule, "action", &JsonValue::IsString, kString)) {
-        CheckAction(*node, type, findings);
-    }
+    findings.WarnOfOtherKeys(rule, names);
 }
 
-void CheckRules(const Node& rules, const ResourceType& type, LayerFindings& findings) {
-    if (!rules.value->IsArray()) {
+void CheckRules(const JsonValue& rules, const ResourceType& type, LayerFindings& findings) {
+    if (!rules.IsArray()) {
         findings.Warn(rules, findings.Excerpt(rules) + " counts as an empty list", "a list of rules");
         return;
     }
-    for (size_t i = 0; i < rules.value->children.size(); ++i) {
-        CheckRule(rules.Element(i), type, findings);
+    for (const JsonValue& rule : rules.children) {
+        CheckRule(rule, type, findings);
     }
 }
 
-void CheckRunningTime(const Node& node, LayerFindings& findings) {
+void CheckRunningTime(const JsonValue& value, LayerFindings& findings) {
     constexpr const char* kAllowed = "an integer from 1 to 2147483647";
-    if (!node.value->IsInteger()) {
-        findings.Warn(node, findings.Excerpt(node) + " is not an integer and counts as 0", kAllowed);
+    if (!value.IsInteger()) {
+        findings.Warn(value, findings.Excerpt(value) + " is not an integer and counts as 0", kAllowed);
         return;
     }
-    const int32_t time = findings.CutTo32(node);
+    const int32_t time = findings.CutTo32(value);
     if (time == 0) {
-        findings.Warn(node, "0 counts as a missing key: the template's running time is inherited", kAllowed);
+        findings.Warn(value, "0 counts as a missing key: the template's running time is inherited", kAllowed);
     } else if (time < 0) {
-        findings.Warn(node, fmt::format("{} is not handed out: only times from 1 on are", time), kAllowed);
+        findings.Warn(value, fmt::format("{} is not handed out: only times from 1 on are", time), kAllowed);
     }
 }
 
-void CheckElement(const Node& element, LayerFindings& findings) {
+void CheckProcessQuotas(const JsonValue& quotas, LayerFindings& findings) {
     constexpr std::string_view kRunningTime = "running_time";
-    if (!findings.RequireObject(element)) {
-        return;
-    }
-    findings.WarnOfOtherKeys(element, {"process_name", "inherit", "process_quotas"});
-    findings.Require(element, "process_name", &JsonValue::IsString, kString);
-    findings.Require(element, "inherit", &JsonValue::IsString, "a string, \"\" for no parent");
-    const auto quotas = findings.Require(element, "process_quotas", &JsonValue::IsObject, "an object");
-    if (!quotas) {
-        return;
-    }
     Names keys;
     for (const ResourceType& type : Linux::kResourceTypes) {
         keys.push_back(type.name);
-        if (const JsonValue* rules = quotas->value->Find(type.name)) {
-            CheckRules(quotas->Member(*rules), type, findings);
+        if (const JsonValue* rules = quotas.Find(type.name)) {
+            CheckRules(*rules, type, findings);
         }
     }
     keys.push_back(kRunningTime);
-    findings.WarnOfOtherKeys(*quotas, keys);
-    if (const JsonValue* time = quotas->value->Find(kRunningTime)) {
-        CheckRunningTime(quotas->Member(*time), findings);
+    findings.WarnOfOtherKeys(quotas, keys);
+    if (const JsonValue* time = quotas.Find(kRunningTime)) {
+        CheckRunningTime(*time, findings);
+    }
+}
+
+void CheckElement(const JsonValue& element, LayerFindings& findings) {
+    if (!findings.Require(element, &JsonValue::IsObject, kObject)) {
+        return;
+    }
+    findings.WarnOfOtherKeys(element, {"process_name", "inherit", "process_quotas"});
+    findings.RequireMember(element, "process_name", &JsonValue::IsString, kString);
+    findings.RequireMember(element, "inherit", &JsonValue::IsString, "a string, \"\" for no parent");
+    if (const auto* quotas =
+            findings.RequireMember(element, "process_quotas", &JsonValue::IsObject, kObject)) {
+        CheckProcessQuotas(*quotas, findings);
     }
 }
 
 }  // namespace
 
 void CheckLayer(const Layer& layer, std::vector<Finding>& all) {
+    const JsonValue& root = *layer.json.root;
     if (const auto& fault = layer.json.fault) {
-        all.push_back({Severity::kError, &layer, fault->offset, "", fault->found, fault->allowed});
+        all.push_back({Severity::kError, &layer, &root, fault->offset, fault->found, fault->allowed});
         return;
     }
     LayerFindings findings(layer, all);
-    const Node root{&layer.json.root, ""};
     CheckForRepeatedKeys(root, findings);
-    if (!findings.RequireObject(root)) {
+    if (!findings.Require(root, &JsonValue::IsObject, kObject)) {
         return;
     }
     findings.WarnOfOtherKeys(root, {"quotas"});
-    const auto quotas = findings.Require(root, "quotas", &JsonValue::IsArray, "a list");
-    for (size_t i = 0; quotas && i < quotas->value->children.size(); ++i) {
-        CheckElement(quotas->Element(i), findings);
+    if (const auto* quotas = findings.RequireMember(root, "quotas", &JsonValue::IsArray, "a list")) {
+        for (const JsonValue& element : quotas->children) {
+            CheckElement(element, findings);
+        }
     }
 }
 

@@ -14,7 +14,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr size_t kMaxDepth = ResourceQuotaCtl::JsonUtil::kMaxDepth;
+constexpr int kMaxDepth = ResourceQuotaCtl::JsonUtil::kMaxDepth;
 // What stands between tokens; the parser tells of no token for a closing bracket.
 constexpr const char* kSeparators = " \t\r\n,:]}";
 
@@ -77,12 +77,14 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     }
 
     JsonValue& Add(json::value_t type) {
-        JsonValue& value = open_.empty() ? text_.root : open_.back()->children.emplace_back();
+        JsonValue& value = open_ == nullptr ? *text_.root : open_->children.emplace_back();
         value.type = type;
         value.begin = NextToken();
         // To see the end of a number, the parser has read one byte more.
         value.end = text_.text.find_last_not_of(kSeparators, end_ - 1) + 1;
-        value.key = std::exchange(key_, {});
+        value.parent = open_;
+        const bool isElement = open_ != nullptr && open_->IsArray();
+        value.key = isElement ? std::to_string(open_->children.size() - 1) : std::exchange(key_, {});
         value.keyBegin = keyBegin_;
         return value;
     }
@@ -94,24 +96,27 @@ class TreeBuilder : public nlohmann::json_sax<json> {
 
     bool Open(json::value_t type) {
         JsonValue& value = Add(type);
-        if (open_.size() == kMaxDepth) {
+        if (depth_ == kMaxDepth) {
             text_.fault = {value.begin, fmt::format("nested deeper than {}", kMaxDepth),
                            fmt::format("at most {} levels", kMaxDepth)};
             return false;
         }
-        open_.push_back(&value);
+        open_ = &value;
+        ++depth_;
         return true;
     }
 
     bool Close() {
-        open_.pop_back();
+        open_ = open_->parent;
+        --depth_;
         return true;
     }
 
     JsonText& text_;
     std::istringstream stream_;
-    size_t end_ = 0;
-    std::vector<JsonValue*> open_;  // a value's children grow only while it is the last of these
+    size_t end_ = 0;             // of the token that was read last
+    JsonValue* open_ = nullptr;  // the innermost object or list that is being read
+    int depth_ = 0;
     std::string key_;
     size_t keyBegin_ = 0;
 };
@@ -132,6 +137,10 @@ const JsonValue* JsonValue::Find(std::string_view name) const {
     const auto found = std::find_if(children.rbegin(), children.rend(),
                                     [name](const JsonValue& member) { return member.key == name; });
     return !IsObject() || found == children.rend() ? nullptr : &*found;
+}
+
+json::json_pointer JsonValue::Pointer() const {
+    return parent == nullptr ? json::json_pointer() : parent->Pointer() / key;
 }
 
 JsonText::JsonText(std::string content) : text(WithoutMark(std::move(content))) {
@@ -158,18 +167,6 @@ std::string JsonText::Excerpt(const JsonValue& value) const {
         --length;
     }
     return text.substr(value.begin, length) + "...";
-}
-
-std::string Below(const std::string& pointer, std::string_view key) {
-    std::string below = pointer + '/';
-    for (const char c : key) {
-        below += c == '~' ? "~0" : c == '/' ? "~1" : std::string(1, c);
-    }
-    return below;
-}
-
-std::string Below(const std::string& pointer, size_t index) {
-    return fmt::format("{}/{}", pointer, index);
 }
 
 }  // namespace KITE::Rqctl

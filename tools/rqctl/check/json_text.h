@@ -2,10 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -23,13 +24,14 @@ struct JsonValue {
 
     Type type{};
     size_t begin = 0;
-    size_t end = 0;                   // behind it; of an object or a list, behind its opening bracket
-    std::string text;                 // of a string
-    int64_t number = 0;               // of an integer, cut to 64 bits as the service cuts it
-    bool isCut = false;               // whether that made it another
-    std::string key;                  // of a member of an object
-    size_t keyBegin = 0;              //
-    std::vector<JsonValue> children;  // elements, or members as they stand, also those of the same key
+    size_t end = 0;                 // behind it; of an object or a list, behind its opening bracket
+    std::string text;               // of a string
+    int64_t number = 0;             // of an integer, cut to 64 bits as the service cuts it
+    bool isCut = false;             // whether that made it another
+    JsonValue* parent = nullptr;    // null for the document
+    std::string key;                // of a member of an object; of an element its number
+    size_t keyBegin = 0;            // of a member
+    std::list<JsonValue> children;  // elements, or members as they stand, also those of the same key
 
     bool IsObject() const { return type == Type::object; }
     bool IsArray() const { return type == Type::array; }
@@ -37,6 +39,7 @@ struct JsonValue {
     bool IsInteger() const { return type == Type::number_integer || type == Type::number_unsigned; }
     // The last member of that key, which is the one that counts; null when there is none.
     const JsonValue* Find(std::string_view name) const;
+    nlohmann::json::json_pointer Pointer() const;
 };
 
 // Why the service cannot read a text.
@@ -55,12 +58,8 @@ struct JsonText {
     std::string Excerpt(const JsonValue& value) const;
 
     std::string text;
-    JsonValue root;
+    std::unique_ptr<JsonValue> root = std::make_unique<JsonValue>();
     std::optional<JsonFault> fault;
 };
-
-// The JSON pointer to a member or an element of what the pointer points to.
-std::string Below(const std::string& pointer, std::string_view key);
-std::string Below(const std::string& pointer, size_t index);
 
 }  // namespace KITE::Rqctl

@@ -35,42 +35,24 @@ Layer ReadLayer(const std::string& path) {
     return layer;
 }
 
-bool IsText(const JsonValue* value) {
-    return value != nullptr && value->IsString();
-}
-
 // Of a layer that can be read.
 std::vector<Element> ElementsOf(const Layer& layer) {
+    const JsonValue* quotas = layer.json.fault ? nullptr : layer.json.root->Find("quotas");
+    if (quotas == nullptr || !quotas->IsArray()) {
+        return {};
+    }
     std::vector<Element> elements;
-    const JsonValue* quotas = layer.json.fault ? nullptr : layer.json.root.Find("quotas");
-    for (size_t i = 0; quotas != nullptr && quotas->IsArray() && i < quotas->children.size(); ++i) {
-        const JsonValue& value = quotas->children[i];
-        if (IsText(value.Find("process_name")) && IsText(value.Find("inherit"))) {
-            elements.push_back({&layer, &value, i});
+    for (const JsonValue& value : quotas->children) {
+        const auto isText = [&](const char* key) {
+            const JsonValue* member = value.Find(key);
+            return member != nullptr && member->IsString();
+        };
+        if (isText("process_name") && isText("inherit")) {
+            elements.push_back({&layer, &value});
         }
     }
     return elements;
 }
-
-// The merge of the service, file by file, on records that stand for the elements.
-struct Merge {
-    ProcessQuotasMap mergedQuotas;
-    ProcessQuotasMap fileQuotas;
-    InheritMap parents;
-    InheritMap fileInherit;
-    std::map<std::shared_ptr<ProcessQuotas>, const Element*> elements;
-
-    void Add(const Element& element) {
-        const std::string& name = element.Name().text;
-        const auto record = std::make_shared<ProcessQuotas>();
-        elements[record] = &element;
-        fileQuotas[name] = record;
-        if (!element.Parent().text.empty()) {
-            fileInherit.emplace(name, element.Parent().text);
-        }
-    }
-    void EndFile() { ResPolicyManager().MergeQuotaConfig(mergedQuotas, fileQuotas, parents, fileInherit); }
-};
 
 }  // namespace
 
@@ -90,10 +72,7 @@ std::vector<std::string> QuotaFilesOf(const std::vector<std::string>& paths) {
 
 std::vector<Layer> ReadLayers(const std::vector<std::string>& files) {
     std::vector<Layer> layers;
-    layers.reserve(files.size());
-    for (const std::string& file : files) {
-        layers.push_back(ReadLayer(file));
-    }
+    std::ranges::transform(files, std::back_inserter(layers), ReadLayer);
     return layers;
 }
 
@@ -101,21 +80,31 @@ MergedLayers::MergedLayers(const std::vector<Layer>& layers) {
     for (const Layer& layer : layers) {
         std::ranges::copy(ElementsOf(layer), std::back_inserter(elements_));
     }
-    Merge merge;
+    // The service merges records, file by file, and does not look into them; these stand for the elements.
+    std::map<std::shared_ptr<ProcessQuotas>, const Element*> elementOf;
+    ProcessQuotasMap mergedQuotas;
+    ProcessQuotasMap fileQuotas;
+    InheritMap parents;
+    InheritMap fileInherit;
     auto element = elements_.begin();
     for (const Layer& layer : layers) {
         for (; element != elements_.end() && element->layer == &layer; ++element) {
-            merge.Add(*element);
+            const std::string& name = element->Name().text;
+            fileQuotas[name] = std::make_shared<ProcessQuotas>();
+            elementOf[fileQuotas[name]] = &*element;
+            if (!element->Parent().text.empty()) {
+                fileInherit.emplace(name, element->Parent().text);
+            }
         }
-        merge.EndFile();
+        ResPolicyManager().MergeQuotaConfig(mergedQuotas, fileQuotas, parents, fileInherit);
     }
-    for (const auto& [name, record] : merge.mergedQuotas) {
-        entries_[name].rulesFrom = merge.elements.at(record);
+    for (const auto& [name, record] : mergedQuotas) {
+        entries_[name].rulesFrom = elementOf.at(record);
     }
     // Several elements may name the parent in force; the last of them is as good as the others.
     for (const Element& candidate : elements_) {
-        const auto parent = merge.parents.find(candidate.Name().text);
-        if (parent != merge.parents.end() && parent->second == candidate.Parent().text) {
+        const auto parent = parents.find(candidate.Name().text);
+        if (parent != parents.end() && parent->second == candidate.Parent().text) {
             entries_[parent->first].parentFrom = &candidate;
         }
     }

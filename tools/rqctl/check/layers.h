@@ -23,7 +23,6 @@ std::vector<Layer> ReadLayers(const std::vector<std::string>& files);
 struct Element {
     const Layer* layer;
     const JsonValue* value;
-    size_t index;  // in "quotas"
 
     const JsonValue& Name() const { return *value->Find("process_name"); }
     const JsonValue& Parent() const { return *value->Find("inherit"); }

@@ -13,8 +13,8 @@ namespace KITE::Rqctl {
 
 // Where something in force was written.
 struct Origin {
-    const Element* element;
-    const JsonValue* value;
+    const Element* element = nullptr;
+    const JsonValue* value = nullptr;
 };
 
 // A rule as the service hands it to the Kelvra manager.
@@ -28,7 +28,7 @@ struct EntryInForce {
     std::vector<const Entry*> ancestry;  // the entry, its parent, that one's parent and so on
     std::vector<RuleInForce> rules;
     int32_t runningTime = 0;
-    Origin runningTimeOrigin{};  // null where no running time is in force
+    Origin runningTimeOrigin;  // null where no running time is in force
 };
 
 // The policy that the service makes of quota files, and where each part of it was written.
