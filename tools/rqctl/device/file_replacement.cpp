@@ -2,9 +2,9 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <utility>
 
 #include "base/file.h"
@@ -16,10 +16,10 @@ using Linux::LastError;
 using Linux::Result;
 using Linux::UniqueFd;
 
-Result<FileReplacement> FileReplacement::Open(const std::string& path) {
+Result<FileReplacement> FileReplacement::Open(const std::filesystem::path& path) {
     FileReplacement file(path);
-    if (const Result<void> locked = file.LockDirectory(); !locked) {
-        return locked.Why().In(file.directoryPath_);
+    if (const std::error_code error = file.LockDirectory()) {
+        return Failure(path.parent_path(), error);
     }
     if (const Result<void> read = file.ReadOld(); !read) {
         return read.Why().In(path);
@@ -27,31 +27,26 @@ Result<FileReplacement> FileReplacement::Open(const std::string& path) {
     return file;
 }
 
-Result<void> FileReplacement::LockDirectory() {
-    directory_ = UniqueFd(open(directoryPath_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat status {};
-    if (!directory_ || fstat(directory_.Get(), &status) != 0 || flock(directory_.Get(), LOCK_EX) != 0) {
-        return LastError();
-    }
-    owner_ = status.st_uid;
-    group_ = status.st_gid;
-    return {};
+std::error_code FileReplacement::LockDirectory() {
+    directory_ = UniqueFd(open(path_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const bool isLocked =
+        directory_ && fstat(directory_.Get(), &attributes_) == 0 && flock(directory_.Get(), LOCK_EX) == 0;
+    attributes_.st_mode = 0644;
+    return isLocked ? std::error_code() : LastError();
 }
 
 Result<void> FileReplacement::ReadOld() {
-    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-    const UniqueFd file(openat(directory_.Get(), name_.c_str(), kFlags));
+    const UniqueFd file(open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!file && errno == ENOENT) {
         return {};
     }
     if (!file && errno == ELOOP) {
         return Failure("is a symbolic link, which is not replaced");
     }
-    struct stat status {};
-    if (!file || fstat(file.Get(), &status) != 0) {
+    if (!file || fstat(file.Get(), &attributes_) != 0) {
         return LastError();
     }
-    if (!S_ISREG(status.st_mode)) {
+    if (!S_ISREG(attributes_.st_mode)) {
         return Failure("is not a regular file");
     }
     Result<std::string> content = Linux::ReadFile(file.Get());
@@ -59,40 +54,33 @@ Result<void> FileReplacement::ReadOld() {
         return content.Why();
     }
     content_ = std::move(*content);
-    owner_ = status.st_uid;
-    group_ = status.st_gid;
-    mode_ = status.st_mode & 07777;
     return {};
 }
 
-std::error_code FileReplacement::WriteNew(int fd, std::string_view content) const {
-    if (const std::error_code error = Linux::WriteAll(fd, content)) {
+std::error_code FileReplacement::WriteNew(const std::string& path, std::string_view content) const {
+    // A killed process may have left one; the lock says that it is not being written now.
+    unlink(path.c_str());
+    const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file) {
+        return LastError();
+    }
+    if (const std::error_code error = Linux::WriteAll(file.Get(), content)) {
         return error;
     }
     // The mode comes last: a change of owner takes bits away.
-    const bool isDone = fchown(fd, owner_, group_) == 0 && fchmod(fd, mode_) == 0 && fsync(fd) == 0;
+    const bool isDone = fchown(file.Get(), attributes_.st_uid, attributes_.st_gid) == 0 &&
+                        fchmod(file.Get(), attributes_.st_mode & 07777) == 0 && fsync(file.Get()) == 0 &&
+                        rename(path.c_str(), path_.c_str()) == 0 && fsync(directory_.Get()) == 0;
     return isDone ? std::error_code() : LastError();
 }
 
 Result<void> FileReplacement::Replace(std::string_view content) {
-    const std::string newName = "." + name_ + ".new";
-    const int directory = directory_.Get();
-    // A killed process may have left one; the lock says that it is not being written now.
-    unlinkat(directory, newName.c_str(), 0);
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    const UniqueFd file(openat(directory, newName.c_str(), kFlags, 0600));
-    if (!file) {
-        return Failure(directoryPath_, LastError());
+    const std::string newPath = path_.parent_path() / ("." + path_.filename().string() + ".new");
+    if (const std::error_code error = WriteNew(newPath, content)) {
+        unlink(newPath.c_str());
+        return Failure(path_, error);
     }
-    std::error_code error = WriteNew(file.Get(), content);
-    if (!error && renameat(directory, newName.c_str(), directory, name_.c_str()) != 0) {
-        error = LastError();
-    }
-    if (error) {
-        unlinkat(directory, newName.c_str(), 0);
-        return Failure(directoryPath_ + "/" + name_, error);
-    }
-    return fsync(directory) == 0 ? Result<void>() : Failure(directoryPath_, LastError());
+    return {};
 }
 
 }  // namespace KITE::Rqctl

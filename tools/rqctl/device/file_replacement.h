@@ -1,6 +1,6 @@
 #pragma once
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <optional>
@@ -18,7 +18,7 @@ namespace KITE::Rqctl {
 class FileReplacement {
   public:
     // Reads the content that is there now.
-    static Linux::Result<FileReplacement> Open(const std::string& path);
+    static Linux::Result<FileReplacement> Open(const std::filesystem::path& path);
 
     // Absent when there is no file.
     const std::optional<std::string>& Content() const { return content_; }
@@ -27,19 +27,15 @@ class FileReplacement {
     Linux::Result<void> Replace(std::string_view content);
 
   private:
-    explicit FileReplacement(const std::filesystem::path& path)
-        : directoryPath_(path.parent_path()), name_(path.filename()) {}
-    Linux::Result<void> LockDirectory();
+    explicit FileReplacement(std::filesystem::path path) : path_(std::move(path)) {}
+    std::error_code LockDirectory();
     Linux::Result<void> ReadOld();
-    std::error_code WriteNew(int fd, std::string_view content) const;
+    std::error_code WriteNew(const std::string& path, std::string_view content) const;
 
-    std::string directoryPath_;
-    std::string name_;
+    std::filesystem::path path_;
     Linux::UniqueFd directory_;  // locked
     std::optional<std::string> content_;
-    uid_t owner_ = 0;
-    gid_t group_ = 0;
-    mode_t mode_ = 0644;
+    struct stat attributes_ {};  // of the new file: owner, group and mode
 };
 
 }  // namespace KITE::Rqctl

@@ -3,32 +3,47 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 #include <optional>
+#include <string>
 
 #include "base/text.h"
 
 namespace KITE::Rqctl {
 
+using nlohmann::ordered_json;
+
+// A key of "rqctl device", and where its value stands in the device state.
+struct DeviceKey {
+    enum Kind : uint8_t { kSwitch, kList, kNumber };
+
+    std::string_view name;
+    size_t ids;  // how many numbers stand behind it: none, a uid, a uid and a pid
+    Kind kind;
+    const char* list;    // the JSON pointer to the list that has an entry for the ids
+    const char* member;  // of the entry; empty where each value makes an entry
+};
+
 namespace {
 
 using Linux::Failure;
-using nlohmann::ordered_json;
 
 constexpr DeviceKey kKeys[] = {
-    {"screen", 0, ValueKind::kSwitch, "", "screen_on"},
-    {"app", 1, ValueKind::kList, "applications", "processes"},
-    {"render", 1, ValueKind::kList, "applications", "render_processes"},
-    {"foreground", 1, ValueKind::kSwitch, "applications", "foreground"},
-    {"window", 1, ValueKind::kSwitch, "applications", "visible_window"},
-    {"extension", 1, ValueKind::kList, "extensions", ""},
-    {"task", 2, ValueKind::kList, "continuous_tasks", "types"},
-    {"app-resources", 2, ValueKind::kNumber, "/efficiency_resources/applications", "resources"},
-    {"process-resources", 2, ValueKind::kNumber, "/efficiency_resources/processes", "resources"},
+    {"screen", 0, DeviceKey::kSwitch, "", "screen_on"},
+    {"app", 1, DeviceKey::kList, "/applications", "processes"},
+    {"render", 1, DeviceKey::kList, "/applications", "render_processes"},
+    {"foreground", 1, DeviceKey::kSwitch, "/applications", "foreground"},
+    {"window", 1, DeviceKey::kSwitch, "/applications", "visible_window"},
+    {"extension", 1, DeviceKey::kList, "/extensions", ""},
+    {"task", 2, DeviceKey::kList, "/continuous_tasks", "types"},
+    {"app-resources", 2, DeviceKey::kNumber, "/efficiency_resources/applications", "resources"},
+    {"process-resources", 2, DeviceKey::kNumber, "/efficiency_resources/processes", "resources"},
 };
 
-std::optional<std::vector<int64_t>> NumbersOf(std::string_view text, char separator) {
-    std::vector<int64_t> numbers;
+// A list of integers; absent for another text.
+std::optional<ordered_json> NumbersOf(std::string_view text, char separator) {
+    auto numbers = ordered_json::array();
     for (const std::string_view piece : Linux::Split(text, separator)) {
         const auto number = Linux::ParseDecimal(piece);
         if (!number) {
@@ -45,22 +60,17 @@ Linux::Result<DeviceSetting> ParseKey(std::string_view text) {
     if (key == std::end(kKeys)) {
         return Failure(fmt::format("key {} is not known", text));
     }
-    const auto ids =
-        text.size() == name.size() ? std::vector<int64_t>() : NumbersOf(text.substr(name.size() + 1), ':');
+    const auto ids = text.size() == name.size() ? std::optional(ordered_json::array())
+                                                : NumbersOf(text.substr(name.size() + 1), ':');
     if (!ids || ids->size() != key->ids) {
         static constexpr const char* kForms[] = {"", ":UID", ":UID:PID"};
         return Failure(fmt::format("key {} is not of the form {}{}", text, name, kForms[key->ids]));
     }
-    return DeviceSetting{key, *ids, false, {}};
-}
-
-// An entry's identity: {"uid": N} or {"uid": N, "pid": M}.
-ordered_json IdentityOf(const std::vector<int64_t>& ids) {
-    ordered_json identity{{"uid", ids[0]}};
-    if (ids.size() > 1) {
-        identity["pid"] = ids[1];
+    DeviceSetting setting{key, ordered_json::object(), nullptr};
+    for (size_t i = 0; i < key->ids; ++i) {
+        setting.identity[i == 0 ? "uid" : "pid"] = (*ids)[i];
     }
-    return identity;
+    return setting;
 }
 
 bool Has(const ordered_json& entry, const ordered_json& identity) {
@@ -76,8 +86,7 @@ void Remove(ordered_json& list, const ordered_json& identity) {
 }
 
 // In each entry of that identity; in a new one where there is none.
-void Set(ordered_json& list, const ordered_json& identity, const std::string& member,
-         const ordered_json& value) {
+void Set(ordered_json& list, const ordered_json& identity, const char* member, const ordered_json& value) {
     const auto hasIdentity = [&](const ordered_json& entry) { return Has(entry, identity); };
     if (std::ranges::none_of(list, hasIdentity)) {
         list.push_back(identity);
@@ -89,16 +98,6 @@ void Set(ordered_json& list, const ordered_json& identity, const std::string& me
     }
 }
 
-ordered_json& ListOf(ordered_json& state, std::string_view name) {
-    const bool isPath = name.starts_with('/');
-    ordered_json& list =
-        isPath ? state[ordered_json::json_pointer(std::string(name))] : state[std::string(name)];
-    if (list.is_null()) {
-        list = ordered_json::array();
-    }
-    return list;
-}
-
 }  // namespace
 
 Linux::Result<DeviceSetting> ParseDeviceSetting(std::string_view key, std::string_view value) {
@@ -106,41 +105,39 @@ Linux::Result<DeviceSetting> ParseDeviceSetting(std::string_view key, std::strin
     if (!setting) {
         return setting;
     }
-    const ValueKind kind = setting->key->kind;
-    if (kind == ValueKind::kSwitch) {
-        setting->isOn = value == "on";
+    const DeviceKey::Kind kind = setting->key->kind;
+    if (kind == DeviceKey::kSwitch) {
+        setting->value = value == "on";
         return value == "on" || value == "off" ? setting : Failure(fmt::format("{} takes on or off", key));
     }
-    const auto values = value == "none" ? std::vector<int64_t>() : NumbersOf(value, ',');
-    if (!values || (kind == ValueKind::kNumber && values->size() > 1)) {
+    const auto values = value == "none" ? std::optional(ordered_json::array()) : NumbersOf(value, ',');
+    if (!values || (kind == DeviceKey::kNumber && values->size() > 1)) {
         return Failure(fmt::format("{} takes numbers or none, not {}", key, value));
     }
-    setting->values = *values;
+    setting->value = kind == DeviceKey::kNumber && !values->empty() ? values->front() : *values;
     return setting;
 }
 
 void Apply(const DeviceSetting& setting, ordered_json& state) {
     const DeviceKey& key = *setting.key;
-    const std::string member(key.member);
-    if (key.list.empty()) {
-        state[member] = setting.isOn;
+    if (key.ids == 0) {
+        state[key.member] = setting.value;
         return;
     }
-    ordered_json& list = ListOf(state, key.list);
-    const ordered_json identity = IdentityOf(setting.ids);
-    if (key.kind == ValueKind::kSwitch) {
-        Set(list, identity, member, setting.isOn);
-    } else if (member.empty()) {
-        Remove(list, identity);
-        for (const int64_t pid : setting.values) {
-            list.emplace_back(IdentityOf({setting.ids[0], pid}));
+    ordered_json& list = state[ordered_json::json_pointer(key.list)];
+    if (list.is_null()) {
+        list = ordered_json::array();
+    }
+    if (*key.member == '\0') {
+        Remove(list, setting.identity);
+        for (const ordered_json& pid : setting.value) {
+            list.push_back(setting.identity);
+            list.back()["pid"] = pid;
         }
-    } else if (setting.values.empty() && key.name != "render") {
-        Remove(list, identity);
-    } else if (key.kind == ValueKind::kNumber) {
-        Set(list, identity, member, setting.values[0]);
+    } else if (setting.value.empty() && key.name != "render") {
+        Remove(list, setting.identity);
     } else {
-        Set(list, identity, member, setting.values);
+        Set(list, setting.identity, key.member, setting.value);
     }
 }
 

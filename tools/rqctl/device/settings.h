@@ -1,34 +1,19 @@
 #pragma once
 
-#include <cstdint>
 #include <nlohmann/json.hpp>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "base/result.h"
 
 namespace KITE::Rqctl {
 
-// What a value says, by the kind that its key takes.
-enum class ValueKind : uint8_t { kSwitch, kList, kNumber };
-
-// A key of "rqctl device", and where its value stands in the device state.
-struct DeviceKey {
-    std::string_view name;
-    size_t ids;  // how many numbers stand behind it: none, a uid, a uid and a pid
-    ValueKind kind;
-    // The list that holds the entry; for a switch or a list within an application, its member there.
-    std::string_view list;
-    std::string_view member;
-};
+struct DeviceKey;
 
 // A key and a value of the command line.
 struct DeviceSetting {
     const DeviceKey* key = nullptr;
-    std::vector<int64_t> ids;
-    bool isOn = false;
-    std::vector<int64_t> values;  // empty for "none"
+    nlohmann::ordered_json identity;  // of the entry: {"uid": N}, or {"uid": N, "pid": M}
+    nlohmann::ordered_json value;     // a boolean, a list or a number; an empty list for "none"
 };
 
 // Fails with what is wrong with the key or the value.
