@@ -168,7 +168,7 @@ TEST_F(WatchTest, EachReportAndWhatComesOfItIsTold) {
         << R"({"time":9223372036854775807,"domain":"KITE","name":"REPORT","PROCESS_NAME":"timeless","PID":7,)"
         << R"("ACTION":"kill"})" << '\n'
         << std::string(8 << 20, 'x') << '\n';
-    EXPECT_TRUE(watch.output.Await("is no event"));
+    EXPECT_TRUE(watch.output.Await("is not an event"));
     ASSERT_EQ(0, manager.Report({Anomaly(victim, "mem", "kill")}));
     EXPECT_TRUE(watch.output.Await("report          " + who));
     EXPECT_TRUE(watch.output.Await("killed          " + who + ", by SIGKILL, Kill Reason"));

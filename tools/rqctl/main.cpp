@@ -2,7 +2,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <exception>
+#include <iterator>
 #include <string>
 
 #include "base/version.h"
@@ -15,30 +17,40 @@ namespace {
 
 using namespace KITE::Rqctl;
 
-// In the order of the help; a line each.
-constexpr Add* kCommands[] = {
-    // clang-format off
-    AddCheck,
-    AddExplain,
-    AddDump,
-    AddIoBytes,
-    AddRunningTime,
-    AddDevice,
-    AddPlot,
-    AddWatch,
-    AddTreated,
-    AddRelease,
-    // clang-format on
-};
+// In the order of the help.
+constexpr const Command* kCommands[] = {&kCheck,  &kExplain, &kDump,  &kIoBytes, &kRunningTime,
+                                        &kDevice, &kPlot,    &kWatch, &kTreated, &kRelease};
 
-void Describe(CLI::App& app, Context& context) {
-    KITE::Linux::AddSettingsOptions(app, context.settings);
+void AddCommand(CLI::App& app, CommandLine& line, const Command& command) {
+    CLI::App& added = *app.add_subcommand(command.name, command.description);
+    if (command.addOptions != nullptr) {
+        command.addOptions(added, line);
+    }
+    if (command.hasJson) {
+        added.add_flag("--json", line.wantsJson, "print JSON");
+    }
+}
+
+void Describe(CLI::App& app, CommandLine& line) {
+    KITE::Linux::AddSettingsOptions(app, line.settings);
     app.set_version_flag("--version", std::string("rqctl ") + KITE::Linux::kVersion);
     app.footer(kExitStatusHelp);
     app.require_subcommand(1);
-    for (Add* add : kCommands) {
-        add(app, context);
+    app.fallthrough();  // The common options may stand behind the subcommand, too.
+    for (const Command* command : kCommands) {
+        AddCommand(app, line, *command);
     }
+}
+
+int RunChosen(const CLI::App& app, const CommandLine& line) {
+    // What goes wrong is told by the command itself.
+    KITE::Log::minimumLevel = KITE::Log::Level::kError;
+    KITE::Linux::SetSettings(line.settings);
+    const auto* chosen = std::ranges::find_if(
+        kCommands, [&](const Command* command) { return app.got_subcommand(command->name); });
+    const ExitStatus status = (*chosen)->run(line);
+    KITE::Linux::StopLog();
+    return status;
 }
 
 }  // namespace
@@ -46,19 +58,14 @@ void Describe(CLI::App& app, Context& context) {
 int main(int argc, char** argv) {
     try {
         CLI::App app("Asks the resource quota control, and tells it about the device.", "rqctl");
-        Context context;
-        Describe(app, context);
+        CommandLine line;
+        Describe(app, line);
         try {
             app.parse(argc, argv);
+            return RunChosen(app, line);
         } catch (const CLI::ParseError& error) {
             return app.exit(error);
         }
-        // What goes wrong is told by the command itself.
-        KITE::Log::minimumLevel = KITE::Log::Level::kError;
-        KITE::Linux::SetSettings(context.settings);
-        const ExitStatus status = context.run();
-        KITE::Linux::StopLog();
-        return status;
     } catch (const std::exception& error) {
         return Fail(kFailed, error.what());
     }

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <iterator>
 #include <string_view>
-#include <utility>
 
 #include "base/result.h"
 #include "host/treatments_object.h"
@@ -28,7 +27,8 @@ constexpr std::string_view kUnreachableErrors[] = {SD_BUS_ERROR_SERVICE_UNKNOWN,
                                                    SD_BUS_ERROR_NAME_HAS_NO_OWNER, SD_BUS_ERROR_NO_REPLY,
                                                    SD_BUS_ERROR_TIMEOUT, SD_BUS_ERROR_UNKNOWN_OBJECT};
 
-ExitStatus Explain(std::string_view name, std::string_view text) {
+ExitStatus Explain(const sd_bus_error& error) {
+    const std::string_view name = error.name;
     if (name == SD_BUS_ERROR_ACCESS_DENIED) {
         return Fail(
             kDenied,
@@ -45,28 +45,30 @@ ExitStatus Explain(std::string_view name, std::string_view text) {
     if (std::ranges::find(kUnreachableErrors, name) != std::end(kUnreachableErrors)) {
         return Fail(kUnreachable, "the quota host does not run or does not answer");
     }
-    return Fail(kFailed, Escaped(text));
+    return Fail(kFailed, error.message == nullptr ? "" : Escaped(error.message));
 }
 
 // On the serving thread, which has nothing else to do.
-ExitStatus Call(const std::string& member, const std::function<int(sd_bus_message*)>& fill,
-                const std::function<int(sd_bus_message*)>& read) {
+ExitStatus Call(const std::string& method, const MessageWork& writeArguments, const MessageWork& readAnswer) {
     sd_bus* connection = Linux::Bus::Instance().Thread().Connection();
     const Linux::MessageHandle call =
         Linux::NewCall(connection, Linux::AbilityBusName(Linux::kQuotaServiceId), Linux::kTreatmentsPath,
-                       Linux::kTreatmentsInterface, member);
+                       Linux::kTreatmentsInterface, method);
     sd_bus_error error{};
     sd_bus_message* answer = nullptr;
-    int result = call ? fill(call.get()) : -ENOMEM;
+    int result = call ? writeArguments(call.get()) : -ENOMEM;
     if (result >= 0) {
         constexpr std::chrono::microseconds kTimeout = Linux::kCallTimeout;
         result = sd_bus_call(connection, call.get(), kTimeout.count(), &error, &answer);
     }
     const Linux::MessageHandle handle(answer);
+    if (result >= 0) {
+        result = readAnswer(answer);
+    }
     ExitStatus status = kDone;
     if (sd_bus_error_is_set(&error) != 0) {
-        status = Explain(error.name, error.message == nullptr ? "" : error.message);
-    } else if (result < 0 || (result = read(answer)) < 0) {
+        status = Explain(error);
+    } else if (result < 0) {
         status = Fail(
             kFailed, Linux::Failure("the quota host's answer cannot be used", Linux::ErrorOf(result)).Text());
     }
@@ -76,15 +78,14 @@ ExitStatus Call(const std::string& member, const std::function<int(sd_bus_messag
 
 }  // namespace
 
-ExitStatus AskHost(const Context& context, const std::string& member,
-                   const std::function<int(sd_bus_message*)>& fill,
-                   const std::function<int(sd_bus_message*)>& read) {
+ExitStatus AskHost(const CommandLine& line, const std::string& method, const MessageWork& writeArguments,
+                   const MessageWork& readAnswer) {
     Linux::BusConnection connection;
-    if (const std::error_code error = connection.Open(context.settings.busAddress)) {
+    if (const std::error_code error = connection.Open(line.settings.busAddress)) {
         return Fail(kUnreachable, "cannot connect to the bus: " + error.message());
     }
     ExitStatus status = kFailed;
-    Linux::Bus::Instance().Thread().Run([&] { status = Call(member, fill, read); });
+    Linux::Bus::Instance().Thread().Run([&] { status = Call(method, writeArguments, readAnswer); });
     return status;
 }
 

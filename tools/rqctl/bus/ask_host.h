@@ -9,11 +9,12 @@
 
 namespace KITE::Rqctl {
 
-// Calls a method of the quota host's object /kite/treatments: `fill` puts the arguments into the call, `read`
-// takes the answer; each returns a negative error number when it cannot. Returns kDone, or what went wrong
-// after telling it.
-ExitStatus AskHost(const Context& context, const std::string& member,
-                   const std::function<int(sd_bus_message* call)>& fill,
-                   const std::function<int(sd_bus_message* answer)>& read);
+// Puts the arguments into a call, or takes its answer. Returns a negative error number when it cannot.
+using MessageWork = std::function<int(sd_bus_message*)>;
+
+// Calls a method of the quota host's object /kite/treatments. Returns kDone, or what went wrong after telling
+// it.
+ExitStatus AskHost(const CommandLine& line, const std::string& method, const MessageWork& writeArguments,
+                   const MessageWork& readAnswer);
 
 }  // namespace KITE::Rqctl

@@ -1,32 +1,85 @@
 #include "rqctl/bus/ask_service.h"
 
 #include <fmt/format.h>
-
 #include <unistd.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
 
 #include "access_token.h"
 #include "base/file_names.h"
+#include "ipc/bus_connection.h"
+#include "parameters.h"
 #include "resource_quota_control_errors.h"
 #include "rqctl/output.h"
 #include "runtime/access_tokens.h"
 
 namespace KITE::Rqctl {
 
+namespace {
+
 using namespace ResourceQuotaCtl;
 
-ExitStatus ServiceConnection::Open() {
-    if (const std::error_code error = connection_.Open(context_.settings.busAddress)) {
-        return Fail(kUnreachable, "cannot connect to the bus: " + error.message());
-    }
-    proxy_ = ResourceQuotaControlProxy::Find();
-    return proxy_
-               ? kDone
-               : Fail(kUnreachable,
-                      "the service is not on the bus: its host or that of the Kelvra manager does not run");
+bool IsReadable(const CommandLine& line, const char* fileName) {
+    return access((line.settings.etcDirectory + fileName).c_str(), R_OK) == 0;
 }
 
-ExitStatus ServiceConnection::Explain(int32_t result) const {
+// What the access tokens in the etc directory say about the uid of this process.
+struct OwnToken {
+    std::string processName;
+    bool mayDump = false;
+};
+
+// Absent when the file cannot be read or is not accepted.
+std::optional<OwnToken> FindOwnToken(const CommandLine& line) {
+    if (!IsReadable(line, Linux::FileName::kTokens) || !Linux::LoadAccessTokens()) {
+        return std::nullopt;
+    }
+    const uint32_t token = Linux::TokenOfUid(geteuid());
+    NativeTokenInfo info;
+    AccessTokenKit::GetNativeTokenInfo(token, info);
+    return OwnToken{info.processName,
+                    AccessTokenKit::VerifyAccessToken(token, "kite.permission.DUMP") == PERMISSION_GRANTED};
+}
+
+ExitStatus ExplainDenial(const CommandLine& line) {
+    std::string text =
+        "the service does not answer this user. It answers resource_schedule_service, faultd and svcdb.";
+    if (const auto self = FindOwnToken(line)) {
+        text += fmt::format(
+            "\nIn the tokens of {}, uid {} is {}.", line.settings.etcDirectory, geteuid(),
+            self->processName.empty() ? "not listed" : fmt::format("\"{}\"", Escaped(self->processName)));
+    }
+    return Fail(kDenied, text);
+}
+
+std::string_view BuildText(const CommandLine& line) {
+    if (!IsReadable(line, Linux::FileName::kParameters)) {
+        return "whether the build is debuggable is unknown: parameters.json cannot be read";
+    }
+    return GetIntParameter("const.debuggable", 0) == 0
+               ? "the build is not debuggable: const.debuggable in parameters.json is 0 or missing"
+               : "the build is debuggable";
+}
+
+// The service answers every refused dump alike. Which of its two conditions is missing can be told from the
+// files that its host reads, if those are the ones that we see.
+ExitStatus ExplainRefusedDump(const CommandLine& line) {
+    const auto self = FindOwnToken(line);
+    return Fail(kDenied,
+                fmt::format("the service refuses the dump, or could not write it (0x261000C). According to "
+                            "the files in {}:\n  {}\n  {}",
+                            line.settings.etcDirectory, BuildText(line),
+                            self ? fmt::format("uid {} {} the permission kite.permission.DUMP in tokens.json",
+                                               geteuid(), self->mayDump ? "has" : "lacks")
+                                 : "permissions are unknown: tokens.json cannot be read or is not accepted"));
+}
+
+ExitStatus Explain(int32_t result, const CommandLine& line) {
     switch (result) {
+        case ERR_OK:
+            return kDone;
         case ERR_DEAD_OBJECT:
             return Fail(kUnreachable, "the service went away");
         case ERR_TIMED_OUT:
@@ -34,7 +87,9 @@ ExitStatus ServiceConnection::Explain(int32_t result) const {
         case ERR_REFUSED:
             return Fail(kDenied, "the bus does not let the request through");
         case ERR_RQC_PERMISSION_DENIED:
-            return ExplainDenial();
+            return ExplainDenial(line);
+        case ERR_RQC_DUMP_FAILED:
+            return ExplainRefusedDump(line);
         case ERR_RQC_INVALID_PARAM:
             return Fail(kFailed, "the service does not take that list of pids");
         case ERR_RQC_READ_PARCEL_FAILED:
@@ -51,31 +106,19 @@ ExitStatus ServiceConnection::Explain(int32_t result) const {
     }
 }
 
-ExitStatus ServiceConnection::ExplainDenial() const {
-    std::string text =
-        "the service does not answer this user. It answers resource_schedule_service, faultd and svcdb.";
-    const OwnToken self = LookUpOwnToken(context_);
-    if (self.isKnown) {
-        text += fmt::format(
-            "\nIn the tokens of {}, uid {} is {}.", context_.settings.etcDirectory, geteuid(),
-            self.processName.empty() ? "not listed" : fmt::format("\"{}\"", Escaped(self.processName)));
-    }
-    return Fail(kDenied, text);
-}
+}  // namespace
 
-bool IsReadable(const Context& context, const std::string& file) {
-    return access((context.settings.etcDirectory + file).c_str(), R_OK) == 0;
-}
-
-OwnToken LookUpOwnToken(const Context& context) {
-    if (!IsReadable(context, Linux::FileName::kTokens) || !Linux::LoadAccessTokens()) {
-        return {};
+ExitStatus AskService(const CommandLine& line,
+                      const std::function<int32_t(ResourceQuotaControlProxy&)>& ask) {
+    Linux::BusConnection connection;
+    if (const std::error_code error = connection.Open(line.settings.busAddress)) {
+        return Fail(kUnreachable, "cannot connect to the bus: " + error.message());
     }
-    const uint32_t token = Linux::TokenOfUid(geteuid());
-    NativeTokenInfo info;
-    AccessTokenKit::GetNativeTokenInfo(token, info);
-    return {true, info.processName,
-            AccessTokenKit::VerifyAccessToken(token, "kite.permission.DUMP") == PERMISSION_GRANTED};
+    const sptr<ResourceQuotaControlProxy> service = ResourceQuotaControlProxy::Find();
+    return service
+               ? Explain(ask(*service), line)
+               : Fail(kUnreachable,
+                      "the service is not on the bus: its host or that of the Kelvra manager does not run");
 }
 
 }  // namespace KITE::Rqctl

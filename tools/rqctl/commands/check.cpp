@@ -3,25 +3,18 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "rqctl/check/findings.h"
 #include "rqctl/check/layers.h"
 #include "rqctl/check/policy_in_force.h"
-#include "rqctl/check/quiet_log.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
 
 namespace KITE::Rqctl {
 
 namespace {
-
-struct Options {
-    std::vector<std::string> paths;
-    bool isStrict = false;
-};
 
 struct Verdict {
     std::vector<Finding> findings;
@@ -35,7 +28,7 @@ struct Verdict {
 Verdict Check(const std::vector<Layer>& layers) {
     Verdict verdict{FindingsIn(layers), PolicyInForce(layers).IsAccepted()};
     if (!verdict.isAccepted && verdict.Count(Severity::kError) == 0) {
-        verdict.findings.push_back({Severity::kError, &layers.front(), 0, "",
+        verdict.findings.push_back({Severity::kError, &layers.front(), layers.front().json.root.get(), 0,
                                     "refused by the service for a reason that is not found here",
                                     "what its log says"});
     }
@@ -48,8 +41,9 @@ std::string SeverityText(const Finding& finding) {
 
 void PrintFinding(const Finding& finding) {
     const Position at = finding.layer->json.PositionOf(finding.offset);
+    const std::string pointer = finding.value->Pointer().to_string();
     const std::string where = fmt::format("{}:{}:{}: {}: ", finding.layer->path, at.line, at.column,
-                                          finding.pointer.empty() ? "(document)" : finding.pointer);
+                                          pointer.empty() ? "(document)" : pointer);
     const Tone tone = finding.severity == Severity::kError ? Tone::kBad : Tone::kWarning;
     Say(Escaped(where) + Paint(tone, SeverityText(finding) + ": ") +
         Escaped(fmt::format("{}, allowed: {}", finding.found, finding.allowed)));
@@ -74,7 +68,7 @@ void PrintJson(const Verdict& verdict) {
         findings.push_back({{"file", finding.layer->path},
                             {"line", at.line},
                             {"column", at.column},
-                            {"pointer", finding.pointer},
+                            {"pointer", finding.value->Pointer().to_string()},
                             {"severity", SeverityText(finding)},
                             {"found", finding.found},
                             {"allowed", finding.allowed}});
@@ -85,30 +79,23 @@ void PrintJson(const Verdict& verdict) {
              {"findings", std::move(findings)}});
 }
 
-ExitStatus Run(const Context& context, const Options& options) {
-    const QuietLog quiet;
-    const std::vector<Layer> layers = ReadLayers(QuotaFilesOf(options.paths));
+ExitStatus Run(const CommandLine& line) {
+    const std::vector<Layer> layers = ReadLayers(QuotaFilesOf(line.paths));
     const Verdict verdict = Check(layers);
-    context.wantsJson ? PrintJson(verdict) : PrintText(verdict);
+    line.wantsJson ? PrintJson(verdict) : PrintText(verdict);
     if (!verdict.isAccepted) {
         return kRefused;
     }
-    return options.isStrict && !verdict.findings.empty() ? kWarnings : kDone;
+    return line.isStrict && !verdict.findings.empty() ? kWarnings : kDone;
+}
+
+void AddOptions(CLI::App& command, CommandLine& line) {
+    command.add_option("PATH", line.paths, kPathHelp)->required();
+    command.add_flag("--strict", line.isStrict, "exit status 1 when there are warnings");
 }
 
 }  // namespace
 
-void AddCheck(CLI::App& app, Context& context) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = AddCommand(app, context, "check", "Tells what is wrong in quota files, and where.",
-                                   [&context, options] { return Run(context, *options); });
-    command
-        .add_option(
-            "PATH", options->paths,
-            "quota files, or directories with one below etc/efficiency_manager, in the order of merging")
-        ->required();
-    command.add_flag("--strict", options->isStrict, "exit status 1 when there are warnings");
-    AddJsonOption(command, context);
-}
+const Command kCheck{"check", "Tells what is wrong in quota files, and where.", Run, AddOptions};
 
 }  // namespace KITE::Rqctl

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -34,13 +33,13 @@ constexpr const char* kHelp =
     "Lists are separated by commas:\n"
     "rqctl device screen off app:20001 412,413 foreground:20001 on\n\n";
 
-std::vector<DeviceSetting> ParseWords(const std::vector<std::string>& words) {
-    if (words.size() % 2 != 0) {
-        throw CLI::ValidationError(words.back() + " has no VALUE");
+std::vector<DeviceSetting> Parse(const std::vector<std::string>& keyValues) {
+    if (keyValues.size() % 2 != 0) {
+        throw CLI::ValidationError(keyValues.back() + " has no VALUE");
     }
     std::vector<DeviceSetting> settings;
-    for (size_t i = 0; i < words.size(); i += 2) {
-        const auto setting = ParseDeviceSetting(words[i], words[i + 1]);
+    for (size_t i = 0; i < keyValues.size(); i += 2) {
+        const auto setting = ParseDeviceSetting(keyValues[i], keyValues[i + 1]);
         if (!setting) {
             throw CLI::ValidationError(setting.Why().Text());
         }
@@ -91,8 +90,9 @@ Linux::Result<void> Change(FileReplacement& file, ordered_json document,
     return file.Replace(text);
 }
 
-ExitStatus Run(const Context& context, const std::vector<DeviceSetting>& settings) {
-    const std::string path = context.settings.stateDirectory + Linux::FileName::kDeviceState;
+ExitStatus Run(const CommandLine& line) {
+    const std::vector<DeviceSetting> settings = Parse(line.keyValues);
+    const std::string path = line.settings.stateDirectory + Linux::FileName::kDeviceState;
     auto file = FileReplacement::Open(path);
     if (!file) {
         return Fail(kFailed, file.Why().Text());
@@ -104,27 +104,23 @@ ExitStatus Run(const Context& context, const std::vector<DeviceSetting>& setting
     }
     const auto document = ordered_json::parse(text);
     if (settings.empty()) {
-        context.wantsJson ? SayJson(document) : Show(*state);
+        line.wantsJson ? SayJson(document) : Show(*state);
         return kDone;
     }
     const Linux::Result<void> changed = Change(*file, document, settings);
     return changed ? kDone : Fail(kFailed, changed.Why().Text());
 }
 
+void AddOptions(CLI::App& command, CommandLine& line) {
+    command.add_option("WORDS", line.keyValues, "keys and values, in turn")->type_name("");
+    command.footer(std::string(kHelp) + kExitStatusHelp);
+}
+
 }  // namespace
 
-void AddDevice(CLI::App& app, Context& context) {
-    const auto words = std::make_shared<std::vector<std::string>>();
-    const auto settings = std::make_shared<std::vector<DeviceSetting>>();
-    CLI::App& command = AddCommand(
-        app, context, "device",
-        "Shows the device state, or sets parts of it. What is not named stays; the file is replaced "
-        "as a whole.",
-        [&context, settings] { return Run(context, *settings); });
-    command.add_option("WORDS", *words, "keys and values, in turn")->type_name("");
-    command.parse_complete_callback([words, settings] { *settings = ParseWords(*words); });
-    command.footer(std::string(kHelp) + kExitStatusHelp);
-    AddJsonOption(command, context);
-}
+const Command kDevice{"device",
+                      "Shows the device state, or sets parts of it. What is not named stays; the file is "
+                      "replaced as a whole.",
+                      Run, AddOptions};
 
 }  // namespace KITE::Rqctl

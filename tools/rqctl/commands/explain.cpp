@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <limits>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,11 +22,6 @@ namespace {
 
 using nlohmann::ordered_json;
 
-struct Options {
-    std::string subject;
-    std::vector<std::string> paths;
-};
-
 // The names that the Kelvra manager and the service know a process by.
 struct Identity {
     int32_t pid = 0;
@@ -39,9 +32,7 @@ struct Identity {
 
 std::optional<int32_t> AsPid(const std::string& subject) {
     const auto pid = Linux::ParseDecimal(subject);
-    return pid && *pid > 0 && *pid <= std::numeric_limits<int32_t>::max()
-               ? std::optional(static_cast<int32_t>(*pid))
-               : std::nullopt;
+    return pid && *pid > 0 && *pid <= INT32_MAX ? std::optional(static_cast<int32_t>(*pid)) : std::nullopt;
 }
 
 std::optional<Identity> IdentityOf(int32_t pid) {
@@ -145,8 +136,8 @@ void PrintJson(const EntryInForce& entry, const std::optional<Identity>& identit
     SayJson(document);
 }
 
-ExitStatus Show(const Context& context, const EntryInForce& entry, const std::optional<Identity>& identity) {
-    if (context.wantsJson) {
+ExitStatus Show(bool wantsJson, const EntryInForce& entry, const std::optional<Identity>& identity) {
+    if (wantsJson) {
         PrintJson(entry, identity);
     } else if (identity) {
         Say(IdentityInWords(*identity));
@@ -154,19 +145,19 @@ ExitStatus Show(const Context& context, const EntryInForce& entry, const std::op
     if (entry.ancestry.empty()) {
         return Fail(kNoSuch, "there is no entry of that name: no rule applies");
     }
-    if (!context.wantsJson) {
+    if (!wantsJson) {
         PrintText(entry);
     }
     return kDone;
 }
 
-ExitStatus Run(const Context& context, const Options& options) {
-    const std::optional<int32_t> pid = AsPid(options.subject);
+ExitStatus Run(const CommandLine& line) {
+    const std::optional<int32_t> pid = AsPid(line.subject);
     const std::optional<Identity> identity = pid ? IdentityOf(*pid) : std::nullopt;
     if (pid && !identity) {
-        return Fail(kNoSuch, "there is no process " + options.subject);
+        return Fail(kNoSuch, "there is no process " + line.subject);
     }
-    const std::vector<std::string> files = QuotaFilesOf(options.paths);
+    const std::vector<std::string> files = QuotaFilesOf(line.paths);
     if (files.empty()) {
         return Fail(kRefused, "there is no quota file in the installed directories");
     }
@@ -175,22 +166,18 @@ ExitStatus Run(const Context& context, const Options& options) {
     if (!policy.IsAccepted()) {
         return Fail(kRefused, "the service refuses the quota files; \"rqctl check\" says why");
     }
-    const auto entry = policy.Find(identity ? identity->watchedAs : options.subject);
-    return entry ? Show(context, *entry, identity) : Fail(kFailed, entry.Why().Text());
+    const auto entry = policy.Find(identity ? identity->watchedAs : line.subject);
+    return entry ? Show(line.wantsJson, *entry, identity) : Fail(kFailed, entry.Why().Text());
+}
+
+void AddOptions(CLI::App& command, CommandLine& line) {
+    command.add_option("NAME", line.subject, "a process's name, or its pid: digits only")->required();
+    command.add_option("PATH", line.paths, std::string(kPathHelp) + "; without any, the installed ones");
 }
 
 }  // namespace
 
-void AddExplain(CLI::App& app, Context& context) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = AddCommand(app, context, "explain",
-                                   "Tells which rules are in force for a process, and where they stand.",
-                                   [&context, options] { return Run(context, *options); });
-    command.add_option("NAME", options->subject, "a process's name, or its pid: digits only")->required();
-    command.add_option("PATH", options->paths,
-                       "quota files, or directories with one below etc/efficiency_manager, in the order of "
-                       "merging; without any, the installed ones");
-    AddJsonOption(command, context);
-}
+const Command kExplain{"explain", "Tells which rules are in force for a process, and where they stand.", Run,
+                       AddOptions};
 
 }  // namespace KITE::Rqctl

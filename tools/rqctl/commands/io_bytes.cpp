@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -30,30 +28,22 @@ void Show(int32_t pid, uint64_t bytes) {
     }
 }
 
-void ShowAll(const std::vector<int32_t>& pids, const std::vector<uint64_t>& bytes, bool wantsJson) {
-    auto document = nlohmann::ordered_json::array();
-    for (size_t i = 0; i < pids.size(); ++i) {
-        if (wantsJson) {
-            const bool isReadable = bytes[i] != UNREADABLE_WRITE_BYTES;
-            document.push_back(
-                {{"pid", pids[i]}, {"write_bytes", isReadable ? nlohmann::ordered_json(bytes[i]) : nullptr}});
-        } else {
-            Show(pids[i], bytes[i]);
-        }
+nlohmann::ordered_json JsonOf(int32_t pid, uint64_t bytes) {
+    nlohmann::ordered_json object{{"pid", pid}, {"write_bytes", bytes}};
+    if (bytes == UNREADABLE_WRITE_BYTES) {
+        object["write_bytes"] = nullptr;
     }
-    if (wantsJson) {
-        SayJson(document);
-    }
+    return object;
 }
 
 // One request takes a bounded number of pids.
-int32_t AskForAll(const ServiceConnection& service, const std::vector<int32_t>& pids,
+int32_t AskForAll(ResourceQuotaCtl::ResourceQuotaControlProxy& service, const std::vector<int32_t>& pids,
                   std::vector<uint64_t>& bytes) {
     for (size_t at = 0; at < pids.size(); at += MAX_IO_PIDS) {
         const auto first = pids.begin() + static_cast<ptrdiff_t>(at);
         const auto count = static_cast<ptrdiff_t>(std::min(MAX_IO_PIDS, pids.size() - at));
         std::vector<uint64_t> some;
-        if (const int32_t result = service->GetIoWriteBytes({first, first + count}, some)) {
+        if (const int32_t result = service.GetIoWriteBytes({first, first + count}, some)) {
             return result;
         }
         bytes.insert(bytes.end(), some.begin(), some.end());
@@ -61,33 +51,35 @@ int32_t AskForAll(const ServiceConnection& service, const std::vector<int32_t>& 
     return ResourceQuotaCtl::ERR_OK;
 }
 
-ExitStatus Run(const Context& context, const std::vector<int32_t>& pids) {
-    ServiceConnection service(context);
-    if (const ExitStatus status = service.Open()) {
+ExitStatus Run(const CommandLine& line) {
+    std::vector<uint64_t> bytes;
+    const ExitStatus status =
+        AskService(line, [&](auto& service) { return AskForAll(service, line.pids, bytes); });
+    if (status != kDone) {
         return status;
     }
-    std::vector<uint64_t> bytes;
-    if (const int32_t result = AskForAll(service, pids, bytes)) {
-        return service.Explain(result);
+    auto document = nlohmann::ordered_json::array();
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        line.wantsJson ? document.push_back(JsonOf(line.pids[i], bytes[i])) : Show(line.pids[i], bytes[i]);
     }
-    ShowAll(pids, bytes, context.wantsJson);
+    if (line.wantsJson) {
+        SayJson(document);
+    }
     return kDone;
+}
+
+void AddOptions(CLI::App& command, CommandLine& line) {
+    command.add_option("PID", line.pids, "the processes")
+        ->required()
+        ->type_name("")
+        ->check(CLI::Range(1, INT32_MAX));
 }
 
 }  // namespace
 
-void AddIoBytes(CLI::App& app, Context& context) {
-    const auto pids = std::make_shared<std::vector<int32_t>>();
-    CLI::App& command =
-        AddCommand(app, context, "io-bytes",
-                   "Prints how much processes have written. One that has gone or cannot be read is "
-                   "\"unreadable\", null in JSON.",
-                   [&context, pids] { return Run(context, *pids); });
-    command.add_option("PID", *pids, "the processes")
-        ->required()
-        ->type_name("")
-        ->check(CLI::Range(1, std::numeric_limits<int32_t>::max()));
-    AddJsonOption(command, context);
-}
+const Command kIoBytes{"io-bytes",
+                       "Prints how much processes have written. One that has gone or cannot be read is "
+                       "\"unreadable\", null in JSON.",
+                       Run, AddOptions};
 
 }  // namespace KITE::Rqctl

@@ -1,8 +1,7 @@
-// rqctl plot: what was done to whom, as a page to look at.
+// rqctl plot: what was done to which process, as a page to look at.
 
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 
 #include "base/file.h"
@@ -16,30 +15,30 @@ namespace KITE::Rqctl {
 
 namespace {
 
-ExitStatus Run(const Context& context, const std::string& output) {
+ExitStatus Run(const CommandLine& line) {
     const auto record =
-        ReadRunRecord(context.settings.stateDirectory + Linux::FileName::kEvents, Linux::SamplesPath());
+        ReadRunRecord(line.settings.stateDirectory + Linux::FileName::kEvents, Linux::SamplesPath());
     if (!record) {
         return Fail(kFailed, record.Why().Text());
     }
     const std::string page = PageOf(*record);
     const std::error_code error =
-        output.empty() ? Linux::WriteAll(STDOUT_FILENO, page) : Linux::WriteFile(output, page);
-    const std::string target = output.empty() ? "standard output" : output;
+        line.output.empty() ? Linux::WriteAll(STDOUT_FILENO, page) : Linux::WriteFile(line.output, page);
+    const std::string target = line.output.empty() ? "standard output" : line.output;
     return error ? Fail(kFailed, Linux::Failure(target, error).Text()) : kDone;
+}
+
+void AddOptions(CLI::App& command, CommandLine& line) {
+    command.add_option("--output", line.output, "file for the page; standard output if not given")
+        ->type_name("FILE");
 }
 
 }  // namespace
 
-void AddPlot(CLI::App& app, Context& context) {
-    const auto output = std::make_shared<std::string>();
-    CLI::App& command =
-        AddCommand(app, context, "plot",
-                   "Makes a page of HTML that shows each treated process: what was measured, its quotas, and "
-                   "what was done when.",
-                   [&context, output] { return Run(context, *output); });
-    command.add_option("--output", *output, "file for the page; standard output if not given")
-        ->type_name("FILE");
-}
+const Command kPlot{
+    "plot",
+    "Makes a page of HTML that shows each treated process: what was measured, its quotas, and "
+    "what was done when.",
+    Run, AddOptions, false};
 
 }  // namespace KITE::Rqctl

@@ -6,7 +6,6 @@
 #include <map>
 #include <string>
 
-#include "resource_quota_control_errors.h"
 #include "rqctl/bus/ask_service.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
@@ -25,30 +24,18 @@ void Show(const std::map<std::string, int32_t>& times) {
     }
 }
 
-ExitStatus Run(const Context& context) {
-    ServiceConnection service(context);
-    if (const ExitStatus status = service.Open()) {
-        return status;
-    }
+ExitStatus Run(const CommandLine& line) {
     std::map<std::string, int32_t> times;
-    if (const int32_t result = service->GetExtensionRunningTime(times)) {
-        return service.Explain(result);
+    const ExitStatus status =
+        AskService(line, [&](auto& service) { return service.GetExtensionRunningTime(times); });
+    if (status == kDone) {
+        line.wantsJson ? SayJson(times) : Show(times);
     }
-    if (context.wantsJson) {
-        SayJson(nlohmann::ordered_json(times));
-    } else {
-        Show(times);
-    }
-    return kDone;
+    return status;
 }
 
 }  // namespace
 
-void AddRunningTime(CLI::App& app, Context& context) {
-    AddJsonOption(
-        AddCommand(app, context, "running-time", "Prints the configured running time of each extension.",
-                   [&context] { return Run(context); }),
-        context);
-}
+const Command kRunningTime{"running-time", "Prints the configured running time of each extension.", Run};
 
 }  // namespace KITE::Rqctl

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "base/file_names.h"
@@ -34,11 +33,6 @@ struct Treated {
     int64_t duration = 0;
 };
 
-struct Listing {
-    bool isDryRun = false;
-    std::vector<Treated> processes;
-};
-
 // Above 0 when there was one more in the list, 0 at its end, else a negative error number.
 int ReadOne(sd_bus_message* answer, Treated& treated) {
     const char* name = "";
@@ -51,13 +45,11 @@ int ReadOne(sd_bus_message* answer, Treated& treated) {
     return result;
 }
 
-int Read(sd_bus_message* answer, Listing& listing) {
-    int isDryRun = 0;
+int ReadAll(sd_bus_message* answer, int& isDryRun, std::vector<Treated>& processes) {
     int result = sd_bus_message_read(answer, "b", &isDryRun);
-    listing.isDryRun = isDryRun != 0;
     result = result < 0 ? result : sd_bus_message_enter_container(answer, 'a', "(isxxxsixx)");
     for (Treated treated; result >= 0 && (result = ReadOne(answer, treated)) > 0;) {
-        listing.processes.push_back(treated);
+        processes.push_back(treated);
     }
     return result;
 }
@@ -79,30 +71,26 @@ std::string LineOf(const Treated& treated) {
 }
 
 ordered_json JsonOf(const Treated& treated) {
-    ordered_json object{{"pid", treated.pid}, {"process_name", treated.name}};
-    for (const auto& [key, moment] : {std::pair{"suppressed_since", treated.suppressedSince},
-                                      {"frozen_since", treated.frozenSince},
-                                      {"frozen_until", treated.frozenUntil}}) {
-        object[key] = moment == 0 ? ordered_json() : ordered_json(moment);
-    }
-    object["resource_type"] = treated.resourceType;
-    object["rule_id"] = treated.ruleId;
-    object["resource"] = treated.resource;
-    object["duration"] = treated.duration;
-    return object;
+    const auto moment = [](int64_t time) { return time == 0 ? ordered_json() : ordered_json(time); };
+    return {{"pid", treated.pid},
+            {"process_name", treated.name},
+            {"suppressed_since", moment(treated.suppressedSince)},
+            {"frozen_since", moment(treated.frozenSince)},
+            {"frozen_until", moment(treated.frozenUntil)},
+            {"resource_type", treated.resourceType},
+            {"rule_id", treated.ruleId},
+            {"resource", treated.resource},
+            {"duration", treated.duration}};
 }
 
-void Show(const Listing& listing, bool wantsJson) {
-    if (wantsJson) {
-        auto list = ordered_json::array();
-        for (const Treated& treated : listing.processes) {
-            list.push_back(JsonOf(treated));
-        }
-        SayJson({{"dry_run", listing.isDryRun}, {"treated", list}});
-        return;
+void Show(const std::vector<Treated>& processes, bool isDryRun, bool wantsJson) {
+    auto list = ordered_json::array();
+    for (const Treated& treated : processes) {
+        wantsJson ? list.push_back(JsonOf(treated))
+                  : Say((isDryRun ? "dry run, would be: " : "") + LineOf(treated));
     }
-    for (const Treated& treated : listing.processes) {
-        Say((listing.isDryRun ? "dry run, would be: " : "") + LineOf(treated));
+    if (wantsJson) {
+        SayJson({{"dry_run", isDryRun}, {"treated", list}});
     }
 }
 
@@ -121,13 +109,14 @@ void TellOfRecords() {
     }
 }
 
-ExitStatus Run(const Context& context) {
-    Listing listing;
+ExitStatus Run(const CommandLine& line) {
+    int isDryRun = 0;
+    std::vector<Treated> processes;
     const ExitStatus status = AskHost(
-        context, "List", [](sd_bus_message*) { return 0; },
-        [&listing](sd_bus_message* answer) { return Read(answer, listing); });
+        line, "List", [](sd_bus_message*) { return 0; },
+        [&](sd_bus_message* answer) { return ReadAll(answer, isDryRun, processes); });
     if (status == kDone) {
-        Show(listing, context.wantsJson);
+        Show(processes, isDryRun != 0, line.wantsJson);
     } else if (status == kUnreachable) {
         TellOfRecords();
     }
@@ -136,11 +125,7 @@ ExitStatus Run(const Context& context) {
 
 }  // namespace
 
-void AddTreated(CLI::App& app, Context& context) {
-    AddJsonOption(AddCommand(app, context, "treated",
-                             "Lists the processes that are suppressed or frozen, since when and why.",
-                             [&context] { return Run(context); }),
-                  context);
-}
+const Command kTreated{"treated", "Lists the processes that are suppressed or frozen, since when and why.",
+                       Run};
 
 }  // namespace KITE::Rqctl

@@ -1,12 +1,10 @@
 // rqctl watch: what the service does, as it does it.
 
-#include <fmt/format.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 
 #include <array>
 #include <csignal>
-#include <memory>
 #include <string>
 
 #include "base/text.h"
@@ -31,8 +29,7 @@ Linux::UniqueFd OpenStopSignal() {
 void TellLine(std::string_view line, bool wantsJson, Narrator& narrator) {
     const auto event = Linux::ReadJson(line, ReadEvent);
     if (!event) {
-        Fail(kFailed,
-             fmt::format("a line of the events file is no event: {}", Linux::Printable(event.Why().Text())));
+        Fail(kFailed, "a line of the events file is not an event: " + Linux::Printable(event.Why().Text()));
     } else if (wantsJson) {
         SayJson(nlohmann::ordered_json::parse(line));
     } else {
@@ -40,17 +37,17 @@ void TellLine(std::string_view line, bool wantsJson, Narrator& narrator) {
     }
 }
 
-ExitStatus Run(const Context& context, bool withHistory) {
+ExitStatus Run(const CommandLine& line) {
     const Linux::UniqueFd stop = OpenStopSignal();
-    auto follower = EventFollower::Open(context.settings.stateDirectory, withHistory);
+    auto follower = EventFollower::Open(line.settings.stateDirectory, line.withHistory);
     if (!follower) {
         return Fail(kFailed, follower.Why().Text());
     }
     Narrator narrator;
     std::array<pollfd, 2> waited{{{stop.Get(), POLLIN, 0}, {follower->Descriptor(), POLLIN, 0}}};
     while (waited[0].revents == 0) {
-        if (!follower->Read([&](std::string_view line) { TellLine(line, context.wantsJson, narrator); })) {
-            return Fail(kFailed, context.settings.stateDirectory + " has been removed");
+        if (!follower->Read([&](std::string_view text) { TellLine(text, line.wantsJson, narrator); })) {
+            return Fail(kFailed, line.settings.stateDirectory + " has been removed");
         }
         const auto pause = narrator.TellOfSilence();
         poll(waited.data(), waited.size(), pause ? static_cast<int>(pause->count()) : -1);
@@ -58,15 +55,12 @@ ExitStatus Run(const Context& context, bool withHistory) {
     return kDone;
 }
 
+void AddOptions(CLI::App& command, CommandLine& line) {
+    command.add_flag("--history", line.withHistory, "begin with what has been recorded already");
+}
+
 }  // namespace
 
-void AddWatch(CLI::App& app, Context& context) {
-    const auto withHistory = std::make_shared<bool>(false);
-    CLI::App& command =
-        AddCommand(app, context, "watch", "Tells each report and what follows from it, until Ctrl-C.",
-                   [&context, withHistory] { return Run(context, *withHistory); });
-    command.add_flag("--history", *withHistory, "begin with what has been recorded already");
-    AddJsonOption(command, context);
-}
+const Command kWatch{"watch", "Tells each report and what follows from it, until Ctrl-C.", Run, AddOptions};
 
 }  // namespace KITE::Rqctl
