@@ -13,16 +13,6 @@ namespace {
 
 namespace EventName = Linux::EventName;
 
-// In the order of the kinds.
-constexpr TreatmentWord kTreatmentWords[] = {
-    {TreatmentKind::kSuppress, EventName::kSuppress, "suppressed", Tone::kWarning},
-    {TreatmentKind::kSuppressEnd, EventName::kSuppressEnd, "let run", Tone::kGood},
-    {TreatmentKind::kFreeze, EventName::kFreeze, "frozen", Tone::kWarning},
-    {TreatmentKind::kThaw, EventName::kThaw, "thawed", Tone::kGood},
-    {TreatmentKind::kKill, EventName::kKill, "killed", Tone::kBad},
-    {TreatmentKind::kRelease, EventName::kRelease, "released", Tone::kGood},
-};
-
 int64_t NumberOf(const Linux::JsonNode& node) {
     return node.IsPresent() ? node.Number(std::numeric_limits<int64_t>::min()) : 0;
 }
@@ -61,16 +51,6 @@ Event ReadEvent(const Linux::JsonNode& line) {
     }
     event.message = line.Optional("MSG").Text();
     return event;
-}
-
-const TreatmentWord* FindTreatmentWord(const Event& event) {
-    const auto* found = std::ranges::find_if(kTreatmentWords,
-                                             [&](const TreatmentWord& word) { return event.Is(word.event); });
-    return found == std::end(kTreatmentWords) ? nullptr : found;
-}
-
-std::string_view WordOf(TreatmentKind kind) {
-    return kTreatmentWords[static_cast<size_t>(kind)].word;
 }
 
 }  // namespace KITE::Tools

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "base/json_node.h"
-#include "shared/terminal.h"
 
 namespace KITE::Tools {
 
@@ -43,19 +42,5 @@ struct Event {
 
 // For ReadJson. A key that is read and has another type is a fault, as is a nested value.
 Event ReadEvent(const Linux::JsonNode& line);
-
-enum class TreatmentKind : uint8_t { kSuppress, kSuppressEnd, kFreeze, kThaw, kKill, kRelease };
-
-// What can be done to a process, and how the tools tell it.
-struct TreatmentWord {
-    TreatmentKind kind;
-    std::string_view event;  // its name
-    std::string_view word;   // "frozen"
-    Tone tone;
-};
-
-// Null for an event that is no treatment.
-const TreatmentWord* FindTreatmentWord(const Event& event);
-std::string_view WordOf(TreatmentKind kind);
 
 }  // namespace KITE::Tools

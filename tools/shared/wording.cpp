@@ -12,8 +12,12 @@ namespace KITE::Tools {
 
 std::string MomentText(int64_t time) {
     return time >= 0 && time <= kLatestMoment
-               ? fmt::format("{:%F %T}.{:03}", fmt::localtime(time / 1000), time % 1000)
+               ? fmt::format("{:%F} {}", fmt::localtime(time / 1000), ClockText(time))
                : fmt::to_string(time);
+}
+
+std::string ClockText(int64_t time) {
+    return fmt::format("{:%T}.{:03}", fmt::localtime(time / 1000), time % 1000);
 }
 
 std::string MeasureText(std::string_view resourceType, int64_t resource, int64_t duration) {

@@ -14,6 +14,9 @@ inline constexpr int64_t kLatestMoment = 253'402'300'799'999;
 // kLatestMoment as its number.
 std::string MomentText(int64_t time);
 
+// The same without the date: "03:12:04.123".
+std::string ClockText(int64_t time);
+
 // What was measured, in the resource type's unit: "cpu 83 % of a core over 5 s".
 std::string MeasureText(std::string_view resourceType, int64_t resource, int64_t duration);
 

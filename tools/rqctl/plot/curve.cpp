@@ -17,27 +17,21 @@ struct Reading {
     int64_t start;
     int64_t value;
 
-    bool IsContinuedBy(const Reading& next, bool isCounter) const {
-        return next.start == start && next.time - time <= kGap && !(isCounter && next.value < value);
+    // Whether both are of one process without a gap between them; a counter of it does not fall.
+    bool IsContinuedBy(const Reading& next, Judged judged) const {
+        const bool hasFallen = judged != Judged::kAmount && next.value < value;
+        return next.start == start && next.time - time <= kGap && !hasFallen;
     }
 };
 
-using Readings = std::vector<Reading>;
-
-// The pieces: without a gap, of one process, and of a counter that does not fall.
-std::vector<Readings> PiecesOf(const ResourceType& type, const std::vector<Sample>& samples) {
-    std::vector<Readings> pieces;
+std::vector<Reading> ReadingsOf(const ResourceType& type, const std::vector<Sample>& samples) {
+    std::vector<Reading> readings;
     for (const Sample& sample : samples) {
-        const Reading reading{sample.time, sample.start, sample.Of(type)};
-        if (reading.value < 0) {
-            continue;
+        if (sample.Of(type) >= 0) {
+            readings.push_back({sample.time, sample.start, sample.Of(type)});
         }
-        if (pieces.empty() || !pieces.back().back().IsContinuedBy(reading, type.judged != Judged::kAmount)) {
-            pieces.emplace_back();
-        }
-        pieces.back().push_back(reading);
     }
-    return pieces;
+    return readings;
 }
 
 // What the growth of a counter comes to: percent of the time for nanoseconds, else the share of the duration.
@@ -51,27 +45,6 @@ double GrowthOf(Judged judged, const Reading& from, const Reading& to, int64_t d
     return span > duration && durationMs > 0 ? growth * duration / span : growth;
 }
 
-void AddAmounts(const Readings& piece, std::vector<Point>& curve) {
-    for (const Reading& reading : piece) {
-        curve.push_back({reading.time, static_cast<double>(reading.value), &reading == &piece.front()});
-    }
-}
-
-void AddGrowth(Judged judged, const Readings& piece, int64_t durationMs, std::vector<Point>& curve) {
-    size_t base = 0;
-    bool beginsPiece = true;
-    for (size_t at = 1; at < piece.size(); ++at) {
-        const Reading& reading = piece[at];
-        while (base + 1 < at && reading.time - piece[base + 1].time >= durationMs) {
-            ++base;
-        }
-        if (reading.time > piece[base].time) {
-            curve.push_back({reading.time, GrowthOf(judged, piece[base], reading, durationMs), beginsPiece});
-            beginsPiece = false;
-        }
-    }
-}
-
 }  // namespace
 
 std::vector<Point> CurveOf(const ResourceType& type, int64_t duration, const std::vector<Sample>& samples) {
@@ -79,13 +52,28 @@ std::vector<Point> CurveOf(const ResourceType& type, int64_t duration, const std
     int64_t durationMs = std::clamp<int64_t>(duration, 0, INT32_MAX) * 1000;
     // The times are those of a wall clock: samples of a second apart are 999 ms apart at times.
     durationMs -= durationMs / 20;
+    const std::vector<Reading> readings = ReadingsOf(type, samples);
     std::vector<Point> curve;
-    for (const Readings& piece : PiecesOf(type, samples)) {
-        if (type.judged == Judged::kAmount) {
-            AddAmounts(piece, curve);
-        } else {
-            AddGrowth(type.judged, piece, durationMs, curve);
+    size_t base = 0;  // the reading that growth is counted from
+    bool beginsPiece = true;
+    for (size_t at = 0; at < readings.size(); ++at) {
+        const Reading& reading = readings[at];
+        if (at > 0 && !readings[at - 1].IsContinuedBy(reading, type.judged)) {
+            base = at;
+            beginsPiece = true;
         }
+        while (base + 1 < at && reading.time - readings[base + 1].time >= durationMs) {
+            ++base;
+        }
+        if (type.judged == Judged::kAmount) {
+            curve.push_back({reading.time, static_cast<double>(reading.value), beginsPiece});
+        } else if (reading.time > readings[base].time) {
+            const double growth = GrowthOf(type.judged, readings[base], reading, durationMs);
+            curve.push_back({reading.time, growth, beginsPiece});
+        } else {
+            continue;
+        }
+        beginsPiece = false;
     }
     return curve;
 }

@@ -6,15 +6,18 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
-#include <map>
+#include <iterator>
+#include <utility>
 
-#include "shared/terminal.h"
+#include "rqctl/plot/curve.h"
+#include "shared/wording.h"
 
 namespace KITE::Rqctl {
 
-using namespace Tools;
-
 namespace {
+
+using Linux::ResourceType;
+using Tools::ClockText;
 
 // In the units of the picture, which is as wide as the page has room for.
 constexpr double kWidth = 960;
@@ -45,7 +48,7 @@ struct Scale {
     std::string TextOf(double value) const { return fmt::format("{} {}", Plain(value / size), name); }
 };
 
-Scale ScaleFor(const Linux::ResourceType& type, double largest) {
+Scale ScaleFor(const ResourceType& type, double largest) {
     if (type.bytes == 0) {
         return {1, std::string(type.measure.substr(0, type.measure.find(' ')))};
     }
@@ -57,12 +60,6 @@ Scale ScaleFor(const Linux::ResourceType& type, double largest) {
         size *= 1024;
     }
     return {size / bytes, kNames.at(name)};
-}
-
-std::string CaptionOf(const Linux::ResourceType& type, int64_t duration) {
-    return type.judged == Linux::Judged::kAmount
-               ? fmt::format("{}: {}", type.name, type.quantity)
-               : fmt::format("{}: {} {} {} s", type.name, type.quantity, type.span, duration);
 }
 
 // The distance of lines that are round numbers, at most `most` of them.
@@ -90,9 +87,6 @@ int64_t TimeStep(int64_t range) {
 
 // At most so many points as can be seen: of each stretch the highest.
 std::vector<Point> Thinned(const std::vector<Point>& curve) {
-    if (curve.size() <= kMostPoints) {
-        return curve;
-    }
     const size_t stretch = (curve.size() + kMostPoints - 1) / kMostPoints;
     std::vector<Point> thinned;
     for (size_t at = 0; at < curve.size(); at += stretch) {
@@ -105,29 +99,32 @@ std::vector<Point> Thinned(const std::vector<Point>& curve) {
     return thinned;
 }
 
-// One picture while it grows.
+// One picture while it grows. `largest` is the value at its upper end.
 class Figure {
   public:
-    explicit Figure(const Panel& panel, double plotHeight) : panel_(panel), plotHeight_(plotHeight) {
+    Figure(const Panel& panel, double plotHeight, double largest)
+        : panel_(panel), plotHeight_(plotHeight), largest_(largest) {
         if (HasBadges()) {
             PlaceBadges();
         }
     }
 
-    std::string Take(const std::string& caption) const {
-        const double height = Bottom() + kAxis;
-        return fmt::format("<svg viewBox='0 0 {:.0f} {:.0f}' role='img'>\n", kWidth, height) +
-               "<text class='caption' x='4' y='14'>" + caption + "</text>\n" + content_ + "</svg>\n";
-    }
-
-    void SetScale(double largest) { largest_ = largest; }
+    void DrawBands();
     void DrawTimeAxis();
     void DrawValueAxis(const Scale& scale);
-    void DrawBands();
+    void DrawQuotas(const std::set<Quota>& quotas, const Scale& scale);
     void DrawCurve(const std::vector<Point>& curve);
-    void DrawQuotas(const std::vector<Quota>& quotas, const Scale& scale);
     void DrawTreatments();
-    void DrawNote(const char* text);
+    void DrawNote(std::string_view text) {
+        AddText("note", (kLeft + kRight) / 2, (Top() + Bottom()) / 2 + 4, "middle", text);
+    }
+
+    std::string Take(std::string_view caption) const {
+        return fmt::format(
+            "<svg viewBox='0 0 {:.0f} {:.0f}' role='img'>\n<text class='caption' x='4' y='14'>{}</text>\n{}"
+            "</svg>\n",
+            kWidth, Bottom() + kAxis, caption, content_);
+    }
 
   private:
     double X(int64_t time) const {
@@ -142,9 +139,23 @@ class Figure {
     bool HasBadges() const { return plotHeight_ != kFlatHeight; }
     void PlaceBadges();
 
+    template <typename... Values>
+    void Add(fmt::format_string<Values...> format, Values&&... values) {
+        fmt::format_to(std::back_inserter(content_), format, std::forward<Values>(values)...);
+    }
+    void AddHorizontal(std::string_view style, double y) {
+        Add("<path class='{}' d='M{:.1f} {:.1f}H{:.1f}'/>\n", style, kLeft, y, kRight);
+    }
+    void AddVertical(std::string_view style, double x, double top) {
+        Add("<path class='{}' d='M{:.1f} {:.1f}V{:.1f}'/>\n", style, x, top, Bottom());
+    }
+    void AddText(std::string_view style, double x, double y, std::string_view anchor, std::string_view text) {
+        Add("<text class='{}' x='{:.1f}' y='{:.1f}' text-anchor='{}'>{}</text>\n", style, x, y, anchor, text);
+    }
+
     const Panel& panel_;
     const double plotHeight_;
-    double largest_ = 1;
+    const double largest_;
     std::vector<size_t> rowOfBadge_;
     size_t badgeRows_ = 0;
     std::string content_;
@@ -167,147 +178,112 @@ void Figure::PlaceBadges() {
     badgeRows_ = std::max<size_t>(1, freeFrom.size());
 }
 
-void Figure::DrawTimeAxis() {
-    content_ += fmt::format("<path class='axis' d='M{:.1f} {:.1f}H{:.1f}'/>\n", kLeft, Bottom(), kRight);
-    const int64_t step = TimeStep(panel_.end - panel_.begin);
-    for (int64_t time = (panel_.begin + step - 1) / step * step; time <= panel_.end; time += step) {
-        content_ += fmt::format(
-            "<path class='grid' d='M{:.1f} {:.1f}V{:.1f}'/><text class='tick' x='{:.1f}' y='{:.1f}' "
-            "text-anchor='middle'>{}</text>\n",
-            X(time), Top(), Bottom(), std::clamp(X(time), kLeft, kRight - 20), Bottom() + 16,
-            fmt::format("{:%T}", fmt::localtime(time / 1000)));
-    }
-}
-
-void Figure::DrawValueAxis(const Scale& scale) {
-    const double step = scale.size * RoundStep(largest_ / scale.size, plotHeight_ < kPlotHeight ? 2 : 4);
-    for (double value = 0; value <= largest_; value += step) {
-        const double y = Y(value);
-        content_ += fmt::format(
-            "<path class='grid' d='M{:.1f} {:.1f}H{:.1f}'/><text class='tick' x='{:.1f}' y='{:.1f}' "
-            "text-anchor='end'>{}</text>\n",
-            kLeft, y, kRight, kLeft - 6, y + 4, scale.TextOf(value));
-    }
-}
-
 void Figure::DrawBands() {
     for (const Band& band : panel_.bands) {
-        const std::string_view word = WordOf(band.kind);
-        content_ += fmt::format(
-            "<rect class='{}' x='{:.1f}' y='{:.1f}' width='{:.1f}' height='{:.1f}'><title>{} from {} to "
-            "{}</title></rect>\n",
-            word, X(band.from), Top(), std::max(1.0, X(band.to) - X(band.from)), plotHeight_, word,
+        Add("<rect class='{0}' x='{1:.1f}' y='{2:.1f}' width='{3:.1f}' height='{4:.1f}'>"
+            "<title>{0} from {5} to {6}</title></rect>\n",
+            band.kind->word, X(band.from), Top(), std::max(1.0, X(band.to) - X(band.from)), plotHeight_,
             ClockText(band.from), ClockText(band.to));
     }
 }
 
-void Figure::DrawCurve(const std::vector<Point>& curve) {
-    std::string path;
-    for (const Point& point : Thinned(curve)) {
-        path += fmt::format("{}{:.1f} {:.1f}", point.beginsPiece || path.empty() ? "M" : "L", X(point.time),
-                            Y(point.value));
+void Figure::DrawTimeAxis() {
+    AddHorizontal("axis", Bottom());
+    const int64_t step = TimeStep(panel_.end - panel_.begin);
+    for (int64_t time = (panel_.begin + step - 1) / step * step; time <= panel_.end; time += step) {
+        AddVertical("grid", X(time), Top());
+        AddText("tick", std::clamp(X(time), kLeft, kRight - 20), Bottom() + 16, "middle",
+                fmt::format("{:%T}", fmt::localtime(time / 1000)));
     }
-    content_ += "<path class='curve' d='" + path + "'/>\n";
 }
 
-void Figure::DrawQuotas(const std::vector<Quota>& quotas, const Scale& scale) {
+void Figure::DrawValueAxis(const Scale& scale) {
+    const double step = scale.size * RoundStep(largest_ / scale.size, HasBadges() ? 4 : 2);
+    for (double value = 0; value <= largest_; value += step) {
+        AddHorizontal("grid", Y(value));
+        AddText("tick", kLeft - 6, Y(value) + 4, "end", scale.TextOf(value));
+    }
+}
+
+void Figure::DrawQuotas(const std::set<Quota>& quotas, const Scale& scale) {
     constexpr double kLabelHeight = 13;
     double lastLabel = 0;
     for (const Quota& quota : quotas) {
         const auto limit = static_cast<double>(quota.limit);
         const double y = Y(limit);
-        content_ += fmt::format("<path class='quota' d='M{:.1f} {:.1f}H{:.1f}'/>\n", kLeft, y, kRight);
+        AddHorizontal("quota", y);
         const double labelY = y - 4 < Top() + kLabelHeight ? y + kLabelHeight : y - 4;
         if (std::abs(labelY - lastLabel) >= kLabelHeight) {
-            content_ += fmt::format(
-                "<text class='limit' x='{:.1f}' y='{:.1f}' text-anchor='end'>quota {}, {} s</text>\n",
-                kRight - 4, labelY, scale.TextOf(limit), quota.duration);
+            AddText("limit", kRight - 4, labelY, "end",
+                    fmt::format("quota {}, {} s", scale.TextOf(limit), quota.duration));
             lastLabel = labelY;
         }
     }
 }
 
+void Figure::DrawCurve(const std::vector<Point>& curve) {
+    Add("<path class='curve' d='");
+    for (const Point& point : Thinned(curve)) {
+        Add("{}{:.1f} {:.1f}", content_.ends_with('\'') || point.beginsPiece ? "M" : "L", X(point.time),
+            Y(point.value));
+    }
+    Add("'/>\n");
+}
+
 void Figure::DrawTreatments() {
     for (size_t i = 0; i < panel_.treatments.size(); ++i) {
         const Treatment& treatment = panel_.treatments[i];
-        const Mark& mark = MarkOf(treatment.kind);
         const double x = X(treatment.time);
-        if (!HasBadges()) {
-            content_ += fmt::format("<g class='{}'><path class='moment' d='M{:.1f} {:.1f}V{:.1f}'/></g>\n",
-                                    mark.style, x, Top(), Bottom());
-            continue;
+        Add("<g class='{}{}'>", treatment.kind->style, treatment.error == 0 ? "" : " failed");
+        if (HasBadges()) {
+            const double y = kCaption + kBadgeRow * static_cast<double>(rowOfBadge_[i]) + 8;
+            AddVertical("moment", x, y);
+            Add("<circle cx='{0:.1f}' cy='{1:.1f}' r='8.5'/><text x='{0:.1f}' y='{2:.1f}'>{3}</text>"
+                "<title>{4}, {5}</title>",
+                x, y, y + 4, treatment.kind->letter, treatment.Text(), ClockText(treatment.time));
+        } else {
+            AddVertical("moment", x, Top());
         }
-        const double y = kCaption + kBadgeRow * static_cast<double>(rowOfBadge_[i]);
-        content_ += fmt::format(
-            "<g class='{}{}'><path class='moment' d='M{:.1f} {:.1f}V{:.1f}'/><circle cx='{:.1f}' "
-            "cy='{:.1f}' r='8.5'/><text x='{:.1f}' y='{:.1f}'>{}</text><title>{}, {}</title></g>\n",
-            mark.style, treatment.error == 0 ? "" : " failed", x, y + 8, Bottom(), x, y + 8, x, y + 12,
-            mark.letter, TreatmentText(treatment), ClockText(treatment.time));
+        Add("</g>\n");
     }
 }
 
-void Figure::DrawNote(const char* text) {
-    content_ += fmt::format("<text class='note' x='{:.1f}' y='{:.1f}' text-anchor='middle'>{}</text>\n",
-                            (kLeft + kRight) / 2, (Top() + Bottom()) / 2 + 4, text);
-}
+// What was measured of a resource.
+struct Measured {
+    const ResourceType& type;
+    const std::set<Quota>& quotas;  // at least one
+    int64_t duration = 0;           // of the shortest quota; the curve is that of its window
+    std::vector<Point> curve;
+    double peak = 0;
 
-}  // namespace
+    bool IsAboveQuota() const { return peak > static_cast<double>(quotas.begin()->limit); }
+};
 
-std::string HtmlEscaped(std::string_view text) {
-    static const std::map<char, const char*> kEntities{
-        {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
-    std::string escaped;
-    for (const char character : Escaped(text)) {
-        const auto entity = kEntities.find(character);
-        escaped += entity == kEntities.end() ? std::string(1, character) : entity->second;
-    }
-    return escaped;
-}
-
-std::string ClockText(int64_t time) {
-    return fmt::format("{:%T}.{:03}", fmt::localtime(time / 1000), time % 1000);
-}
-
-const Mark& MarkOf(TreatmentKind kind) {
-    // In the order of the kinds.
-    static constexpr std::array<Mark, 6> kMarks{
-        {{"S", "suppress"}, {"E", "end"}, {"F", "freeze"}, {"T", "end"}, {"K", "kill"}, {"R", "end"}}};
-    return kMarks.at(static_cast<size_t>(kind));
-}
-
-std::string TreatmentText(const Treatment& treatment) {
-    return fmt::format("{}{}", treatment.error == 0 ? "" : "failed: ", WordOf(treatment.kind));
-}
-
-bool MeasuredResource::IsAboveQuota() const {
-    return std::ranges::any_of(
-        quotas, [this](const Quota& quota) { return peak > static_cast<double>(quota.limit); });
-}
-
-MeasuredResource MeasuredOf(const Panel& panel, const Linux::ResourceType& type,
-                            const std::vector<Quota>& quotas) {
-    MeasuredResource measured{&type, quotas, 0, {}, 0};
-    if (!quotas.empty()) {
-        measured.duration = std::ranges::min_element(quotas, {}, &Quota::duration)->duration;
-    }
-    measured.curve = CurveOf(type, measured.duration, panel.process->samples);
-    std::erase_if(measured.curve,
-                  [&](const Point& point) { return point.time < panel.begin || point.time > panel.end; });
-    for (const Point& point : measured.curve) {
-        measured.peak = std::max(measured.peak, point.value);
+Measured MeasuredOf(const Panel& panel, const ResourceType& type, const std::set<Quota>& quotas) {
+    const int64_t shortest = std::ranges::min_element(quotas, {}, &Quota::duration)->duration;
+    Measured measured{type, quotas, shortest, {}, 0};
+    for (const Point& point : CurveOf(type, measured.duration, panel.process->second.samples)) {
+        if (point.time >= panel.begin && point.time <= panel.end) {
+            measured.curve.push_back(point);
+            measured.peak = std::max(measured.peak, point.value);
+        }
     }
     return measured;
 }
 
-std::string FigureOf(const Panel& panel, const MeasuredResource& measured) {
-    double largest = std::max(1.0, measured.peak);
-    for (const Quota& quota : measured.quotas) {
-        largest = std::max(largest, static_cast<double>(quota.limit));
-    }
-    const Scale scale = ScaleFor(*measured.type, largest);
-    const std::string caption = CaptionOf(*measured.type, measured.duration);
-    Figure figure(panel, measured.IsAboveQuota() ? kPlotHeight : kFlatHeight);
-    figure.SetScale(largest * 1.12);
+std::string CaptionOf(const Measured& measured, const Scale& scale) {
+    const ResourceType& type = measured.type;
+    return fmt::format(
+        "{}: {}{}{}", type.name, type.quantity,
+        type.judged == Linux::Judged::kAmount ? "" : fmt::format(" {} {} s", type.span, measured.duration),
+        measured.curve.empty() ? "" : "; peak " + scale.TextOf(measured.peak));
+}
+
+std::string FigureOf(const Panel& panel, const Measured& measured) {
+    const double largest =
+        std::max({1.0, measured.peak, static_cast<double>(measured.quotas.rbegin()->limit)});
+    const Scale scale = ScaleFor(measured.type, largest);
+    Figure figure(panel, measured.IsAboveQuota() ? kPlotHeight : kFlatHeight, largest * 1.12);
     figure.DrawBands();
     figure.DrawTimeAxis();
     figure.DrawValueAxis(scale);
@@ -316,17 +292,30 @@ std::string FigureOf(const Panel& panel, const MeasuredResource& measured) {
     figure.DrawTreatments();
     if (measured.curve.empty()) {
         figure.DrawNote("nothing was measured");
-        return figure.Take(caption);
     }
-    return figure.Take(caption + "; peak " + scale.TextOf(measured.peak));
+    return figure.Take(CaptionOf(measured, scale));
 }
 
 std::string FigureWithoutSamples(const Panel& panel) {
-    Figure figure(panel, kFlatHeight / 2);
+    Figure figure(panel, kFlatHeight / 2, 1);
     figure.DrawBands();
     figure.DrawTimeAxis();
     figure.DrawTreatments();
     return figure.Take("no samples were recorded of this process");
+}
+
+}  // namespace
+
+std::string FiguresOf(const Panel& panel) {
+    const Quotas& quotasOf = panel.process->second.quotas;
+    // Those whose quota was exceeded come first.
+    std::string exceeded;
+    std::string others;
+    for (const auto& [type, quotas] : quotasOf) {
+        const Measured measured = MeasuredOf(panel, *type, quotas);
+        (measured.IsAboveQuota() ? exceeded : others) += FigureOf(panel, measured);
+    }
+    return quotasOf.empty() ? FigureWithoutSamples(panel) : exceeded + others;
 }
 
 }  // namespace KITE::Rqctl

@@ -4,18 +4,17 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <functional>
+#include <map>
 
 #include "rqctl/plot/figure.h"
 #include "rqctl/plot/page_head.h"
 #include "rqctl/plot/panel.h"
+#include "shared/terminal.h"
+#include "shared/wording.h"
 
 namespace KITE::Rqctl {
 
 namespace {
-
-using Tools::WordOf;
-using Kind = Tools::TreatmentKind;
 
 constexpr size_t kMostPanels = 100;
 constexpr size_t kShortList = 8;
@@ -30,18 +29,28 @@ std::string Legend() {
                          KeyOf("<path class='quota' d='M1 9H25'/>", "quota") +
                          KeyOf("<rect class='suppressed' width='26' height='18'/>", "while suppressed") +
                          KeyOf("<rect class='frozen' width='26' height='18'/>", "while frozen");
-    for (const Kind kind :
-         {Kind::kSuppress, Kind::kSuppressEnd, Kind::kFreeze, Kind::kThaw, Kind::kKill, Kind::kRelease}) {
-        const Mark& mark = MarkOf(kind);
-        legend += KeyOf(
-            fmt::format("<g class='{}'><circle cx='13' cy='9' r='8.2'/><text x='13' y='13'>{}</text></g>",
-                        mark.style, mark.letter),
-            WordOf(kind));
+    constexpr std::string_view kBadge =
+        "<g class='{}'><circle cx='13' cy='9' r='8.2'/><text x='13' y='13'>{}</text></g>";
+    for (const TreatmentKind& kind : kTreatmentKinds) {
+        legend += KeyOf(fmt::format(kBadge, kind.style, kind.letter), kind.word);
     }
-    return legend +
-           KeyOf("<g class='kill failed'><circle cx='13' cy='9' r='8.2'/><text x='13' y='13'>K</text></g>",
-                 "tried, but failed") +
-           "</p>\n";
+    return legend + KeyOf(fmt::format(kBadge, "kill failed", "K"), "tried, but failed") + "</p>\n";
+}
+
+// A text in HTML; control characters and what is not UTF-8 become visible.
+std::string HtmlEscaped(std::string_view text) {
+    static const std::map<char, const char*> kEntities{
+        {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
+    std::string escaped;
+    for (const char character : Tools::Escaped(text)) {
+        const auto entity = kEntities.find(character);
+        escaped += entity == kEntities.end() ? std::string(1, character) : entity->second;
+    }
+    return escaped;
+}
+
+std::string Notice(std::string_view style, std::string_view text) {
+    return fmt::format("<p class='{}'>{}</p>\n", style, text);
 }
 
 std::string DateText(int64_t time) {
@@ -51,25 +60,24 @@ std::string DateText(int64_t time) {
 std::string Introduction(const RunRecord& record, const std::vector<Panel>& panels, size_t omitted) {
     std::string text = "<h1>What the quotas did</h1>\n";
     if (panels.empty()) {
-        return text + "<p class='quiet'>No process was suppressed, frozen or killed.</p>\n";
+        return text + Notice("quiet", "No process was suppressed, frozen or killed.");
     }
     const auto begin = std::ranges::min_element(panels, {}, &Panel::begin)->begin;
     const auto end = std::ranges::max_element(panels, {}, &Panel::end)->end;
-    text += fmt::format("<p class='quiet'>{} to {}</p>\n", DateText(begin), DateText(end));
+    text += Notice("quiet", fmt::format("{} to {}", DateText(begin), DateText(end)));
     if (record.isDryRun) {
-        text += "<p class='warning'>At least a part of this was a dry run, in which nothing is done.</p>\n";
+        text += Notice("warning", "At least a part of this was a dry run, in which nothing is done.");
     }
     if (!record.hasSamples) {
         text +=
-            "<p class='warning'>No samples were recorded: the parameter kelvra.record_samples turns that "
-            "on.</p>\n";
+            Notice("warning", "No samples were recorded: the parameter kelvra.record_samples turns that on.");
     }
     if (omitted != 0) {
-        text += fmt::format("<p class='warning'>{} earlier ones are left out.</p>\n", omitted);
+        text += Notice("warning", fmt::format("{} earlier ones are left out.", omitted));
     }
     if (record.skippedLines != 0) {
-        text += fmt::format("<p class='quiet'>{} lines of the files could not be understood.</p>\n",
-                            record.skippedLines);
+        text += Notice("quiet",
+                       fmt::format("{} lines of the files could not be understood.", record.skippedLines));
     }
     return text + Legend();
 }
@@ -78,39 +86,21 @@ std::string ListOf(const std::vector<Treatment>& treatments) {
     std::string list = fmt::format("<details{}><summary>{} moment{}</summary><ol>\n",
                                    treatments.size() <= kShortList ? " open" : "", treatments.size(),
                                    treatments.size() == 1 ? "" : "s");
-    for (const Treatment& treatment : treatments) {
-        list += fmt::format("<li>{} <b>{}</b> {}", ClockText(treatment.time), MarkOf(treatment.kind).letter,
-                            TreatmentText(treatment));
-        if (treatment.error != 0) {
-            list += fmt::format(" ({})", Linux::ErrorOf(static_cast<int>(treatment.error)).message());
-        }
-        list += treatment.detail.empty() ? "" : fmt::format(", <bdi>{}</bdi>", HtmlEscaped(treatment.detail));
-        list += "</li>\n";
+    for (const auto& treatment : treatments) {
+        const auto& [time, kind, error, detail] = treatment;
+        list += fmt::format(
+            "<li>{} <b>{}</b> {}{}{}</li>\n", Tools::ClockText(time), kind->letter, treatment.Text(),
+            error == 0 ? "" : fmt::format(" ({})", Linux::ErrorOf(static_cast<int>(error)).message()),
+            detail.empty() ? "" : fmt::format(", <bdi>{}</bdi>", HtmlEscaped(detail)));
     }
     return list + "</ol></details>\n";
 }
 
-std::string FiguresOf(const Panel& panel) {
-    if (panel.process->quotas.empty()) {
-        return FigureWithoutSamples(panel);
-    }
-    std::vector<MeasuredResource> resources;
-    for (const auto& [type, quotas] : panel.process->quotas) {
-        resources.push_back(MeasuredOf(panel, *type, quotas));
-    }
-    // Those whose quota was exceeded come first.
-    std::stable_partition(resources.begin(), resources.end(), std::mem_fn(&MeasuredResource::IsAboveQuota));
-    std::string figures;
-    for (const MeasuredResource& measured : resources) {
-        figures += FigureOf(panel, measured);
-    }
-    return figures;
-}
-
 std::string SectionOf(const Panel& panel) {
+    const auto& [pid, name] = panel.process->first;
     return fmt::format(
         "<section><h2><bdi>{}</bdi> <small>pid {}, first treated {}</small></h2>\n{}{}</section>\n",
-        HtmlEscaped(panel.name), panel.pid, DateText(panel.treatments.front().time), FiguresOf(panel),
+        HtmlEscaped(name), pid, DateText(panel.treatments.front().time), FiguresOf(panel),
         ListOf(panel.treatments));
 }
 

@@ -1,14 +1,12 @@
 #include "rqctl/plot/panel.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
-#include <optional>
 
 namespace KITE::Rqctl {
 
 namespace {
-
-using Kind = Tools::TreatmentKind;
 
 constexpr int64_t kMinute = 60'000;
 // A longer run is not shown on one axis, and treatments further apart are not shown together.
@@ -26,7 +24,6 @@ struct Range {
         begin = std::min(begin, time);
         end = std::max(end, time);
     }
-    int64_t Length() const { return end - begin; }
 };
 
 Range RangeOf(const TreatedProcess& process) {
@@ -43,9 +40,8 @@ Range RangeOf(const TreatedProcess& process) {
 Range RangeOf(const RunRecord& record) {
     Range whole;
     for (const auto& [key, process] : record.processes) {
-        const Range range = RangeOf(process);
-        whole.Include(range.begin);
-        whole.Include(range.end);
+        whole.Include(RangeOf(process).begin);
+        whole.Include(RangeOf(process).end);
     }
     return whole;
 }
@@ -53,55 +49,24 @@ Range RangeOf(const RunRecord& record) {
 // A treatment without an end lasts as long as the process was seen.
 std::vector<Band> BandsOf(const TreatedProcess& process) {
     std::vector<Band> bands;
-    const auto end = [&](Kind kind, int64_t time) {
-        for (Band& band : bands) {
-            if (band.kind == kind && band.to == kForEver) {
-                band.to = time;
-            }
-        }
-    };
     for (const Treatment& treatment : process.treatments) {
         if (treatment.error != 0) {
             continue;
         }
-        switch (treatment.kind) {
-            case Kind::kSuppress:
-            case Kind::kFreeze:
-                end(treatment.kind, treatment.time);
-                bands.push_back({treatment.kind, treatment.time, kForEver});
-                break;
-            case Kind::kSuppressEnd:
-                end(Kind::kSuppress, treatment.time);
-                break;
-            case Kind::kThaw:
-                end(Kind::kFreeze, treatment.time);
-                break;
-            case Kind::kKill:
-            case Kind::kRelease:
-                end(Kind::kSuppress, treatment.time);
-                end(Kind::kFreeze, treatment.time);
-                break;
+        for (Band& band : bands) {
+            if (band.to == kForEver && (band.kind->begins & treatment.kind->ends) != 0) {
+                band.to = treatment.time;
+            }
+        }
+        if (treatment.kind->begins != 0) {
+            bands.push_back({treatment.kind, treatment.time, kForEver});
         }
     }
-    if (!process.samples.empty()) {
-        for (Band& band : bands) {
-            band.to = std::min(band.to, std::max(band.from, process.samples.back().time));
-        }
+    for (Band& band : bands) {
+        const int64_t last = process.samples.empty() ? kForEver : process.samples.back().time;
+        band.to = std::min(band.to, std::max(band.from, last));
     }
     return bands;
-}
-
-// The part of a process's record that lies in the panel's time.
-void Fill(Panel& panel, const TreatedProcess& process, const std::vector<Band>& bands) {
-    const auto isWithin = [&](const auto& one) { return one.time >= panel.begin && one.time <= panel.end; };
-    std::ranges::copy_if(process.treatments, std::back_inserter(panel.treatments), isWithin);
-    for (const Band& band : bands) {
-        if (band.from <= panel.end && band.to >= panel.begin) {
-            panel.bands.push_back(
-                {band.kind, std::max(band.from, panel.begin), std::min(band.to, panel.end)});
-        }
-    }
-    panel.process = &process;
 }
 
 // Times around treatments that lie close to each other, as far as the process was there.
@@ -117,21 +82,31 @@ std::vector<Range> EpisodesOf(const TreatedProcess& process) {
     return episodes;
 }
 
+// Of a process, what lies in that time.
+Panel PanelOf(const RunRecord::Process& process, const std::vector<Band>& bands, const Range& range) {
+    Panel panel{&process, range.begin, std::max(range.end, range.begin + kShortestAxis), {}, {}};
+    std::ranges::copy_if(
+        process.second.treatments, std::back_inserter(panel.treatments),
+        [&](int64_t time) { return time >= panel.begin && time <= panel.end; }, &Treatment::time);
+    for (const Band& band : bands) {
+        if (band.from <= panel.end && band.to >= panel.begin) {
+            panel.bands.push_back(
+                {band.kind, std::max(band.from, panel.begin), std::min(band.to, panel.end)});
+        }
+    }
+    return panel;
+}
+
 }  // namespace
 
 std::vector<Panel> PanelsOf(const RunRecord& record) {
     const Range whole = RangeOf(record);
-    const bool isShort = whole.Length() <= kLongestAxis;
+    const bool isShort = whole.end - whole.begin <= kLongestAxis;
     std::vector<Panel> panels;
-    for (const auto& [key, process] : record.processes) {
-        const std::vector<Band> bands = BandsOf(process);
-        for (const Range& range : isShort ? std::vector{whole} : EpisodesOf(process)) {
-            Panel& panel = panels.emplace_back();
-            panel.pid = key.first;
-            panel.name = key.second;
-            panel.begin = range.begin;
-            panel.end = std::max(range.end, range.begin + kShortestAxis);
-            Fill(panel, process, bands);
+    for (const RunRecord::Process& process : record.processes) {
+        const std::vector<Band> bands = BandsOf(process.second);
+        for (const Range& range : isShort ? std::vector{whole} : EpisodesOf(process.second)) {
+            panels.push_back(PanelOf(process, bands, range));
         }
     }
     std::ranges::stable_sort(panels, {}, [](const Panel& panel) { return panel.treatments.front().time; });

@@ -17,8 +17,6 @@ namespace {
 using Linux::JsonNode;
 using Linux::ResourceType;
 
-using Quotas = std::map<const ResourceType*, std::vector<Quota>>;
-
 // A line of the samples file, whose form docs/linux.md describes.
 struct SampleLine {
     int32_t pid = 0;
@@ -33,8 +31,7 @@ Quota ReadQuota(const JsonNode& pair) {
         pair.Fail("must be a limit and a duration");
         return {};
     }
-    constexpr int64_t kLowest = std::numeric_limits<int64_t>::min();
-    return {numbers[0].Number(kLowest), numbers[1].Number(kLowest)};
+    return {numbers[0].Number(INT64_MIN), numbers[1].Number(INT64_MIN)};
 }
 
 Quotas ReadQuotas(const JsonNode& node) {
@@ -43,12 +40,10 @@ Quotas ReadQuotas(const JsonNode& node) {
         const ResourceType* type = Linux::FindResourceType(name);
         if (type == nullptr) {
             pairs.Fail("unknown resource type");
-            continue;
         }
-        std::vector<Quota>& own = quotas[type];
-        std::ranges::transform(pairs.Elements(), std::back_inserter(own), ReadQuota);
-        std::ranges::sort(own);
-        own.erase(std::unique(own.begin(), own.end()), own.end());
+        for (const JsonNode& pair : pairs.Elements()) {
+            quotas[type].insert(ReadQuota(pair));
+        }
     }
     return quotas;
 }
@@ -66,27 +61,22 @@ SampleLine ReadSample(const JsonNode& node) {
     return line;
 }
 
-void Take(Tools::Event event, RunRecord& record) {
-    const Tools::TreatmentWord* treatment = Tools::FindTreatmentWord(event);
-    if (treatment == nullptr) {
-        return;
+void Take(const Tools::Event& event, RunRecord& record) {
+    if (const TreatmentKind* kind = FindTreatmentKind(event)) {
+        const char* separator = event.form.empty() || event.reason.empty() ? "" : ": ";
+        record.processes[{event.pid, event.processName}].treatments.push_back(
+            {event.time, kind, event.result, event.form + separator + event.reason});
+        record.isDryRun = record.isDryRun || event.isDryRun;
     }
-    std::string detail = event.form;
-    if (!event.reason.empty()) {
-        detail += (detail.empty() ? "" : ": ") + event.reason;
-    }
-    record.processes[{event.pid, std::move(event.processName)}].treatments.push_back(
-        {event.time, treatment->kind, event.result, std::move(detail)});
-    record.isDryRun = record.isDryRun || event.isDryRun;
 }
 
 // Keeps nothing of processes that nothing was done to.
-void Take(SampleLine line, RunRecord& record) {
+void Take(const SampleLine& line, RunRecord& record) {
     record.hasSamples = true;
     const auto process = record.processes.find({line.pid, line.name});
     if (process != record.processes.end()) {
         process->second.samples.push_back(line.sample);
-        process->second.quotas = std::move(line.quotas);
+        process->second.quotas = line.quotas;
     }
 }
 
@@ -98,8 +88,8 @@ std::error_code ReadLines(const std::string& path, Reader read, RunRecord& recor
         const Linux::Result<std::string> text = Linux::ReadFile(path + suffix);
         error = text.Code();
         for (const std::string_view line : Linux::Split(text ? *text : std::string_view(), '\n')) {
-            if (auto content = Linux::ReadJson(line, read)) {
-                Take(std::move(*content), record);
+            if (const auto content = Linux::ReadJson(line, read)) {
+                Take(*content, record);
             } else {
                 ++record.skippedLines;
             }

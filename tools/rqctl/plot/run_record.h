@@ -4,22 +4,26 @@
 #include <cstdint>
 #include <iterator>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/resource_types.h"
 #include "base/result.h"
-#include "shared/event.h"
+#include "rqctl/treatment_kinds.h"
 
 namespace KITE::Rqctl {
 
 // What the events file tells about one process at one moment.
 struct Treatment {
-    int64_t time = 0;  // ms since the epoch
-    Tools::TreatmentKind kind{};
-    int64_t error = 0;   // 0: it was done
+    int64_t time;  // ms since the epoch
+    const TreatmentKind* kind;
+    int64_t error;       // 0: it was done
     std::string detail;  // by what means, and why
+
+    // "frozen", or "failed: frozen".
+    std::string Text() const { return (error == 0 ? "" : "failed: ") + std::string(kind->word); }
 };
 
 // A quota, as the samples file tells it: the limit in the resource type's unit, the duration in seconds.
@@ -29,6 +33,7 @@ struct Quota {
 
     auto operator<=>(const Quota&) const = default;
 };
+using Quotas = std::map<const Linux::ResourceType*, std::set<Quota>>;
 
 // What the samples file tells about one process at one moment.
 struct Sample {
@@ -42,20 +47,20 @@ struct Sample {
     }
 };
 
-// A process that was treated, by pid and name.
 struct TreatedProcess {
     std::vector<Treatment> treatments;  // in order of time, as the samples
     std::vector<Sample> samples;
-    // As of the last sample; sorted.
-    std::map<const Linux::ResourceType*, std::vector<Quota>> quotas;
+    Quotas quotas;  // as of the last sample
 };
 
-// What a state directory's files tell: each process that something was done to.
+// What a state directory's files tell: each process that something was done to, by pid and name.
 struct RunRecord {
     std::map<std::pair<int64_t, std::string>, TreatedProcess> processes;
     bool isDryRun = false;
-    size_t skippedLines = 0;  // that are no event and no sample
+    size_t skippedLines = 0;  // that are neither an event nor a sample
     bool hasSamples = false;
+
+    using Process = decltype(processes)::value_type;
 };
 
 // Reads the two files, each after its predecessor, PATH.1. Fails when the events cannot be read; there may be

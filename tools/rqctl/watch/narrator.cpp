@@ -8,6 +8,7 @@
 #include "base/event_names.h"
 #include "base/resource_types.h"
 #include "base/result.h"
+#include "rqctl/treatment_kinds.h"
 #include "shared/wording.h"
 
 namespace KITE::Rqctl {
@@ -92,7 +93,7 @@ void Narrator::TellReport(const Event& event) {
 }
 
 void Narrator::TellTreatment(const Event& event) {
-    const TreatmentWord* treatment = FindTreatmentWord(event);
+    const TreatmentKind* treatment = FindTreatmentKind(event);
     if (treatment == nullptr) {
         SayAt(event.time, Tone::kPlain, "event",
               fmt::format("{} of {}{}", Escaped(event.name), ProcessOf(event), DetailOf(event)));
