@@ -127,14 +127,10 @@ bool SystemAbility::MakeAndRegisterAbility(SystemAbility* ability) {
 }
 
 bool SystemAbility::AddSystemAbilityListener(int32_t systemAbilityId) {
-    return Linux::Bus::Instance().Abilities().Listen(systemAbilityId,
-                                                     [this, systemAbilityId](bool available) {
-                                                         if (available) {
-                                                             OnAddSystemAbility(systemAbilityId, "");
-                                                         } else {
-                                                             OnRemoveSystemAbility(systemAbilityId, "");
-                                                         }
-                                                     });
+    const auto listener = [this, systemAbilityId](bool available) {
+        available ? OnAddSystemAbility(systemAbilityId, "") : OnRemoveSystemAbility(systemAbilityId, "");
+    };
+    return Linux::Bus::Instance().Abilities().Listen(systemAbilityId, listener);
 }
 
 bool SystemAbility::Publish(sptr<IRemoteObject> object) {

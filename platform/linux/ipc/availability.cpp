@@ -2,11 +2,8 @@
 
 #include <array>
 #include <asio/post.hpp>
-#include <asio/thread_pool.hpp>
 #include <utility>
 
-#include "ipc/bus.h"
-#include "ipc/name_watch.h"
 #include "ipc/outgoing_call.h"
 #include "ipc/wire.h"
 #include "runtime/guard.h"
@@ -23,12 +20,8 @@ std::array<std::string, 3> ProtectedNames() {
 
 }  // namespace
 
-Availability::Availability(ServingThread& thread) : thread_(thread) {}
-
-Availability::~Availability() = default;
-
 void Availability::Begin() {
-    callbacks_ = std::make_unique<asio::thread_pool>(1);
+    callbacks_.emplace(1);
 }
 
 void Availability::FollowProtected() {
@@ -85,15 +78,12 @@ std::optional<std::vector<pid_t>> Availability::ProtectedPids() const {
 void Availability::Follow(const std::string& name) {
     {
         const std::lock_guard lock(mutex_);
-        if (!followed_.try_emplace(name).second) {
+        const auto [entry, isNew] = followed_.try_emplace(name);
+        if (!isNew) {
             return;
         }
-    }
-    auto watch = std::make_unique<NameWatch>(
-        thread_.Connection(), name, [this, name](const std::string& owner) { TakeOwner(name, owner); });
-    {
-        const std::lock_guard lock(mutex_);
-        followed_[name].watch = std::move(watch);
+        entry->second.watch = std::make_unique<NameWatch>(
+            thread_.Connection(), name, [this, name](const std::string& owner) { TakeOwner(name, owner); });
     }
     AskDaemon(thread_.Connection(), "GetNameOwner", name,
               [this, name](int32_t status, sd_bus_message* reply) {
@@ -160,10 +150,6 @@ void Availability::Clear() {
     std::map<std::string, Followed> dropped;
     const std::lock_guard lock(mutex_);
     dropped.swap(followed_);
-}
-
-std::optional<std::vector<pid_t>> BusProtectedPids() {
-    return Bus::Instance().Abilities().ProtectedPids();
 }
 
 }  // namespace KITE::Linux

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <asio/thread_pool.hpp>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -11,25 +12,18 @@
 #include <string>
 #include <vector>
 
-#include "ipc/handles.h"
+#include "ipc/name_watch.h"
+#include "ipc/serving_thread.h"
 #include "visibility.h"
 
-namespace asio {
-class thread_pool;
-}
-
 namespace KITE::Linux {
-
-class NameWatch;
-class ServingThread;
 
 // Which abilities are there: who owns their bus names, followed from the daemon's own announcements.
 class KITE_API Availability {
   public:
     using Listener = std::function<void(bool available)>;
 
-    explicit Availability(ServingThread& thread);
-    ~Availability();
+    explicit Availability(ServingThread& thread) : thread_(thread) {}
 
     // Starts the callback thread. Before the serving thread starts.
     void Begin();
@@ -49,7 +43,8 @@ class KITE_API Availability {
     // an id starts following it. Any thread.
     std::string OwnerOf(int32_t abilityId);
 
-    // See BusProtectedPids.
+    // Processes that must never be treated: the bus daemon and the owners of the quota service's and the
+    // Kelvra manager's names. Absent while the bus has not told the pid of such an owner. Any thread.
     std::optional<std::vector<pid_t>> ProtectedPids() const;
 
   private:
@@ -67,14 +62,10 @@ class KITE_API Availability {
     void Tell(const Listener& listener, bool available);
 
     ServingThread& thread_;
-    std::unique_ptr<asio::thread_pool> callbacks_;  // of one thread
+    std::optional<asio::thread_pool> callbacks_;  // of one thread
 
     mutable std::mutex mutex_;  // guards what follows
     std::map<std::string, Followed> followed_;
 };
-
-// Processes that must never be treated: the bus daemon and the owners of the quota service's and the Kelvra
-// manager's names. Absent while the bus has not told the pid of such an owner. Any thread.
-KITE_API std::optional<std::vector<pid_t>> BusProtectedPids();
 
 }  // namespace KITE::Linux

@@ -1,32 +1,24 @@
 #include "ipc/caller_uids.h"
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "ipc/limits.h"
-#include "ipc/name_watch.h"
 #include "ipc/outgoing_call.h"
 
 namespace KITE::Linux {
 
-CallerUids::CallerUids(ServingThread& thread, Gone gone) : thread_(thread), gone_(std::move(gone)) {}
-
-CallerUids::~CallerUids() = default;
-
 void CallerUids::Find(const std::string& sender, Receiver receive) {
-    if (const auto found = entries_.find(sender); found == entries_.end()) {
-        if (entries_.size() >= kMaxKeptUids) {
-            DropOldest();
-        }
+    const auto found = entries_.find(sender);
+    if (found == entries_.end()) {
+        MakeRoom();
         Entry& entry = entries_[sender];
         entry.waiting.push_back(std::move(receive));
         Ask(sender, entry);
-    } else if (Entry& entry = found->second; !entry.waiting.empty()) {
-        entry.waiting.push_back(std::move(receive));
+    } else if (found->second.uid) {
+        receive(found->second.uid);
     } else {
-        entry.lastUse = ++useCounter_;
-        receive(entry.uid);
+        found->second.waiting.push_back(std::move(receive));
     }
 }
 
@@ -49,10 +41,8 @@ void CallerUids::TakeAnswer(const std::string& sender, std::optional<uid_t> uid)
         return;
     }
     const std::vector<Receiver> waiting = std::exchange(found->second.waiting, {});
-    if (uid) {
-        found->second.uid = uid;
-        found->second.lastUse = ++useCounter_;
-    } else {
+    found->second.uid = uid;
+    if (!uid) {
         entries_.erase(found);
     }
     for (const Receiver& receive : waiting) {
@@ -65,18 +55,19 @@ void CallerUids::TakeAnswer(const std::string& sender, std::optional<uid_t> uid)
 // drops the entry.
 void CallerUids::Forget(const std::string& sender) {
     const auto found = entries_.find(sender);
-    if (found != entries_.end() && found->second.waiting.empty()) {
+    if (found != entries_.end() && found->second.uid) {
         entries_.erase(found);
     }
 }
 
-void CallerUids::DropOldest() {
-    const auto age = [](const auto& item) {
-        return item.second.waiting.empty() ? item.second.lastUse : std::numeric_limits<uint64_t>::max();
-    };
-    const auto oldest = std::ranges::min_element(entries_, {}, age);
-    if (oldest->second.waiting.empty()) {
-        entries_.erase(oldest);
+// Whose uid is dropped is asked for again. While the question is open, an entry stays for those who wait.
+void CallerUids::MakeRoom() {
+    if (entries_.size() >= kMaxKeptUids) {
+        const auto idle =
+            std::ranges::find_if(entries_, [](const auto& entry) { return entry.second.uid.has_value(); });
+        if (idle != entries_.end()) {
+            entries_.erase(idle);
+        }
     }
 }
 

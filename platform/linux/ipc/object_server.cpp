@@ -1,12 +1,9 @@
 #include "ipc/object_server.h"
 
-#include <asio/thread_pool.hpp>
 #include <cerrno>
 #include <utility>
 
 #include "ipc/limits.h"
-#include "ipc/request_queue.h"
-#include "ipc/serving_thread.h"
 #include "ipc/wire.h"
 #include "runtime/guard.h"
 
@@ -15,10 +12,8 @@ namespace KITE::Linux {
 ObjectServer::ObjectServer(ServingThread& thread)
     : thread_(thread), uids_(thread, [this](const std::string& sender) { DropDumpsOf(sender); }) {}
 
-ObjectServer::~ObjectServer() = default;
-
 void ObjectServer::Begin() {
-    dumps_ = std::make_unique<asio::thread_pool>(1);
+    dumps_.emplace(1);
     isServing_ = true;
 }
 
@@ -31,19 +26,15 @@ bool ObjectServer::Export(const std::string& path, sptr<IPCObjectStub> object) {
         return true;
     }
     Unexport(path);
-    Served& served =
-        served_
-            .emplace(path, Served{*this, std::make_shared<RequestQueue>(thread_, *dumps_, std::move(object)),
-                                  nullptr})
-            .first->second;
+    auto queue = std::make_shared<RequestQueue>(thread_, *dumps_, std::move(object));
+    Served& served = served_.emplace(path, Served{*this, std::move(queue), nullptr}).first->second;
     sd_bus_slot* slot = nullptr;
-    const int result = sd_bus_add_object_vtable(thread_.Connection(), &slot, path.c_str(), kAbilityInterface,
-                                                Vtable(), &served);
+    sd_bus_add_object_vtable(thread_.Connection(), &slot, path.c_str(), kAbilityInterface, Vtable(), &served);
     served.slot.reset(slot);
-    if (result < 0) {
+    if (slot == nullptr) {
         served_.erase(path);
     }
-    return result >= 0;
+    return slot != nullptr;
 }
 
 const sd_bus_vtable* ObjectServer::Vtable() {

@@ -1,30 +1,22 @@
 #pragma once
 
+#include <asio/thread_pool.hpp>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ipc/caller_uids.h"
-#include "ipc/handles.h"
-#include "ipc/request.h"
-#include "remote_object.h"
-
-namespace asio {
-class thread_pool;
-}
+#include "ipc/request_queue.h"
 
 namespace KITE::Linux {
-
-class RequestQueue;
-class ServingThread;
 
 // The objects that this process serves. A request to one of them is counted, waits until its sender's uid is
 // known, then in the queue of its object. Belongs to the serving thread, except where said.
 class ObjectServer {
   public:
     explicit ObjectServer(ServingThread& thread);
-    ~ObjectServer();
 
     // Objects can be served. Before the serving thread starts.
     void Begin();
@@ -54,7 +46,7 @@ class ObjectServer {
 
     ServingThread& thread_;
     CallerUids uids_;
-    std::unique_ptr<asio::thread_pool> dumps_;  // of one thread
+    std::optional<asio::thread_pool> dumps_;  // of one thread
     RequestLoad load_;
     std::map<std::string, Served> served_;
     std::vector<std::shared_ptr<RequestQueue>> withdrawn_;  // kept for the answers to their dumps

@@ -129,11 +129,4 @@ void SendCall(sd_bus* connection, MessageHandle call, CallDone done) {
     sd_bus_slot_set_floating(slot, 1);
 }
 
-bool MayWait(const ServingThread& thread) {
-    if (thread.IsCurrent()) {
-        PLATFORM_LOGE("a call is refused: the thread that serves the bus would wait for itself");
-    }
-    return !thread.IsCurrent();
-}
-
 }  // namespace KITE::Linux

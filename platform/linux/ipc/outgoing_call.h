@@ -11,6 +11,7 @@
 #include "ipc/limits.h"
 #include "ipc/serving_thread.h"
 #include "remote_object.h"
+#include "runtime/platform_log.h"
 
 // Calls of methods of other processes and of the bus daemon.
 namespace KITE::Linux {
@@ -35,16 +36,14 @@ KITE_API void SendCall(sd_bus* connection, MessageHandle call, CallDone done);
 // Sends the daemon a call about a bus name.
 void AskDaemon(sd_bus* connection, const std::string& member, const std::string& name, CallDone done);
 
-// Logs the mistake of waiting on the serving thread, which would wait for itself. False there.
-KITE_API bool MayWait(const ServingThread& thread);
-
 // Has the serving thread make and send a call, and waits for the answer, kCallTimeout at most. Returns what
 // `read` makes of it; without an answer, of ERR_TIMED_OUT, ERR_DEAD_OBJECT or ERR_REFUSED and null. Neither
 // function may refer to the waiting thread's stack, since that may give up before they run.
 template <typename T>
 T CallAndWait(ServingThread& thread, std::function<MessageHandle(sd_bus*)> make,
               T (*read)(int32_t status, sd_bus_message* reply)) {
-    if (!MayWait(thread)) {
+    if (thread.IsCurrent()) {
+        PLATFORM_LOGE("a call is refused: the thread that serves the bus would wait for itself");
         return read(ERR_REFUSED, nullptr);
     }
     const auto promise = std::make_shared<std::promise<T>>();

@@ -59,23 +59,21 @@ void Request::AnswerTransaction(int32_t status, const MessageParcel& reply) cons
         status = ERR_TOO_LARGE;
         bytes = {};
     }
-    Answer([status](sd_bus_message* answer) { return sd_bus_message_append(answer, "i", status); },
-           [bytes](sd_bus_message* answer) {
-               return sd_bus_message_append_array(answer, 'y', bytes.data(), bytes.size());
-           });
-}
-
-void Request::AnswerDump(int32_t status) const {
-    Answer([status](sd_bus_message* answer) { return sd_bus_message_append(answer, "i", status); });
-}
-
-template <typename... Appends>
-void Request::Answer(Appends&&... appends) const {
     sd_bus_message* answer = nullptr;
     const std::error_code error =
         InOrder([&] { return sd_bus_message_new_method_return(message_.get(), &answer); },
-                [&] { return appends(answer); }..., [&] { return sd_bus_send(nullptr, answer, nullptr); });
+                [&] { return sd_bus_message_append(answer, "i", status); },
+                [&] { return sd_bus_message_append_array(answer, 'y', bytes.data(), bytes.size()); },
+                [&] { return sd_bus_send(nullptr, answer, nullptr); });
     const MessageHandle handle(answer);
+    LogUnsent(error);
+}
+
+void Request::AnswerDump(int32_t status) const {
+    LogUnsent(InOrder([&] { return sd_bus_reply_method_return(message_.get(), "i", status); }));
+}
+
+void Request::LogUnsent(const std::error_code& error) const {
     if (error) {
         PLATFORM_LOGW("the answer to %{public}s cannot be sent: %{public}s", caller.name.c_str(),
                       error.message().c_str());

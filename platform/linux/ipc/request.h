@@ -47,8 +47,7 @@ class Request {
     int descriptor = -1;                    // of a dump; the message's
 
   private:
-    template <typename... Appends>
-    void Answer(Appends&&... appends) const;
+    void LogUnsent(const std::error_code& error) const;
 
     const MessageHandle message_;
     RequestLoad& load_;

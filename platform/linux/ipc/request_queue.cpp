@@ -3,17 +3,12 @@
 #include <fcntl.h>
 
 #include <asio/post.hpp>
-#include <asio/thread_pool.hpp>
 #include <utility>
 
 #include "base/unique_fd.h"
-#include "ipc/serving_thread.h"
 #include "runtime/guard.h"
 
 namespace KITE::Linux {
-
-RequestQueue::RequestQueue(ServingThread& serving, asio::thread_pool& dumps, sptr<IPCObjectStub> object)
-    : serving_(serving), dumps_(dumps), object_(std::move(object)) {}
 
 void RequestQueue::Add(RequestPtr request) {
     if (isWithdrawn_) {

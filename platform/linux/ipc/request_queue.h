@@ -1,20 +1,16 @@
 #pragma once
 
+#include <asio/thread_pool.hpp>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
 
 #include "ipc/request.h"
+#include "ipc/serving_thread.h"
 #include "remote_object.h"
 
-namespace asio {
-class thread_pool;
-}
-
 namespace KITE::Linux {
-
-class ServingThread;
 
 // The requests of one object, which wait here until it is free: they run one at a time, in the order in which
 // they came. A transaction runs on the serving thread, to which all this belongs. A dump runs on another one,
@@ -22,7 +18,8 @@ class ServingThread;
 class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
   public:
     // Dumps run in the pool, which has one thread.
-    RequestQueue(ServingThread& serving, asio::thread_pool& dumps, sptr<IPCObjectStub> object);
+    RequestQueue(ServingThread& serving, asio::thread_pool& dumps, sptr<IPCObjectStub> object)
+        : serving_(serving), dumps_(dumps), object_(std::move(object)) {}
 
     const sptr<IPCObjectStub>& Object() const { return object_; }
 

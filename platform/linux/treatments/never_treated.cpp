@@ -30,7 +30,7 @@ std::optional<std::string> WhyNeverTreated(pid_t pid) {
     if (pid == getpid()) {
         return "it is this process";
     }
-    const std::optional<std::vector<pid_t>> hostsAndBus = BusProtectedPids();
+    const std::optional<std::vector<pid_t>> hostsAndBus = Bus::Instance().Abilities().ProtectedPids();
     if (!hostsAndBus) {
         return "it is not known which processes are the bus daemon and the hosts";
     }

@@ -60,10 +60,10 @@ TEST_F(Availabilities, AnAbilityIsPublishedAgainButNotUnderANameOfAnother) {
 TEST_F(Availabilities, TheBusAndTheServicesProcessesAreProtected) {
     using None = std::vector<pid_t>;
     peer.Claim(kQuotaServiceId);
-    EXPECT_TRUE(peer.WaitUntil([] { return BusProtectedPids().value_or(None{}).size() == 2; }));
-    EXPECT_EQ(BusProtectedPids().value_or(None{1}).back(), getpid());
+    EXPECT_TRUE(peer.WaitUntil([&] { return bus.Abilities().ProtectedPids().value_or(None{}).size() == 2; }));
+    EXPECT_EQ(bus.Abilities().ProtectedPids().value_or(None{1}).back(), getpid());
     peer.Release(kQuotaServiceId);
-    EXPECT_TRUE(peer.WaitUntil([] { return BusProtectedPids().value_or(None{}).size() == 1; }));
+    EXPECT_TRUE(peer.WaitUntil([&] { return bus.Abilities().ProtectedPids().value_or(None{}).size() == 1; }));
 }
 
 TEST_F(Availabilities, NothingIsTreatedOfABusThatDoesNotSayWhichProcessItIs) {
@@ -74,7 +74,7 @@ TEST_F(Availabilities, NothingIsTreatedOfABusThatDoesNotSayWhichProcessItIs) {
                    "send_member='GetConnectionUnixProcessID'/>");
     SetUp();
     EXPECT_EQ(Call({self, kPath}), 5) << "the daemon has answered what was asked before";
-    EXPECT_EQ(BusProtectedPids(), std::nullopt);
+    EXPECT_EQ(bus.Abilities().ProtectedPids(), std::nullopt);
     EXPECT_TRUE(WhyNeverTreated(getppid()));
 }
 
