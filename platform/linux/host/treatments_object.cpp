@@ -5,12 +5,10 @@
 #include <utility>
 #include <vector>
 
-#include "access_token.h"
 #include "base/text.h"
-#include "ipc/serving_thread.h"
+#include "ipc/access.h"
 #include "ipc/wire.h"
 #include "proc/process_stat.h"
-#include "runtime/access_tokens.h"
 #include "runtime/guard.h"
 #include "runtime/platform_log.h"
 #include "runtime/settings.h"
@@ -21,57 +19,44 @@ namespace KITE::Linux {
 
 namespace {
 
-bool Has(uint32_t token, const char* permission) {
-    return AccessTokenKit::VerifyAccessToken(token, permission) == PERMISSION_GRANTED;
-}
-
-bool IsPermitted(std::optional<uid_t> caller, bool isReading) {
-    const uint32_t token = caller ? TokenOfUid(*caller) : 0;
-    return Has(token, TreatmentsObject::kManagePermission) ||
-           (isReading && Has(token, TreatmentsObject::kReadPermission));
-}
-
-int Append(sd_bus_message* reply, const TreatedProcess& process) {
-    const BrokenQuota& quota = process.brokenQuota;
-    return sd_bus_message_append(reply, "(isxxxsixx)", process.pid, Printable(process.name).c_str(),
-                                 process.suppressedSince, process.frozenSince, process.frozenUntil,
-                                 Printable(quota.resourceType).c_str(), quota.ruleId, quota.resource,
-                                 quota.duration);
-}
-
-int AnswerList(sd_bus_message* call, const std::vector<TreatedProcess>& treated) {
+std::error_code AnswerList(sd_bus_message* call, const std::vector<TreatedProcess>& treated) {
+    const auto append = [](sd_bus_message* reply, const TreatedProcess& process) {
+        const BrokenQuota& quota = process.brokenQuota;
+        return sd_bus_message_append(reply, "(isxxxsixx)", process.pid, Printable(process.name).c_str(),
+                                     process.suppressedSince, process.frozenSince, process.frozenUntil,
+                                     Printable(quota.resourceType).c_str(), quota.ruleId, quota.resource,
+                                     quota.duration);
+    };
     sd_bus_message* reply = nullptr;
-    int result = sd_bus_message_new_method_return(call, &reply);
+    std::error_code error =
+        InOrder([&] { return sd_bus_message_new_method_return(call, &reply); },
+                [&] { return sd_bus_message_append(reply, "b", GetSettings().isDryRun ? 1 : 0); },
+                [&] { return sd_bus_message_open_container(reply, 'a', "(isxxxsixx)"); });
     const MessageHandle handle(reply);
-    result = result < 0 ? result : sd_bus_message_append(reply, "b", GetSettings().isDryRun ? 1 : 0);
-    result = result < 0 ? result : sd_bus_message_open_container(reply, 'a', "(isxxxsixx)");
-    for (const TreatedProcess& process : treated) {
-        result = result < 0 ? result : Append(reply, process);
+    for (auto process = treated.begin(); !error && process != treated.end(); ++process) {
+        error = InOrder([&] { return append(reply, *process); });
     }
-    result = result < 0 ? result : sd_bus_message_close_container(reply);
-    return result < 0 ? result : sd_bus_send(nullptr, reply, nullptr);
+    return error ? error
+                 : InOrder([&] { return sd_bus_message_close_container(reply); },
+                           [&] { return sd_bus_send(nullptr, reply, nullptr); });
 }
 
-int AnswerRelease(sd_bus_message* call, pid_t pid, std::optional<std::error_code> error) {
+std::error_code AnswerError(sd_bus_message* call, const char* name, const std::string& text) {
+    return InOrder([&] { return sd_bus_reply_method_errorf(call, name, "%s", text.c_str()); });
+}
+
+std::error_code AnswerRelease(sd_bus_message* call, pid_t pid, std::optional<std::error_code> error) {
+    if (!error && Is(ReadProcessStat(pid).Code(), ESRCH)) {
+        return AnswerError(call, TreatmentsObject::kNoSuchProcessError, "There is no such process");
+    }
     if (!error) {
-        const bool isThere = !Is(ReadProcessStat(pid).Code(), ESRCH);
-        return isThere ? sd_bus_reply_method_errorf(call, TreatmentsObject::kNotTreatedError,
-                                                    "The process is not treated")
-                       : sd_bus_reply_method_errorf(call, TreatmentsObject::kNoSuchProcessError,
-                                                    "There is no such process");
+        return AnswerError(call, TreatmentsObject::kNotTreatedError, "The process is not treated");
     }
-    return !*error ? sd_bus_reply_method_return(call, nullptr)
-                   : sd_bus_reply_method_errorf(call, TreatmentsObject::kNotReleasedError,
-                                                "Not all could be undone yet, it is tried again: %s",
-                                                error->message().c_str());
-}
-
-int Deny(sd_bus_message* call) {
-    return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "The caller lacks the permission");
-}
-
-int Decline(sd_bus_message* call) {
-    return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_OBJECT, "The object has been withdrawn");
+    if (*error) {
+        return AnswerError(call, TreatmentsObject::kNotReleasedError,
+                           "Not all could be undone yet, it is tried again: " + error->message());
+    }
+    return InOrder([&] { return sd_bus_reply_method_return(call, nullptr); });
 }
 
 }  // namespace
@@ -93,12 +78,14 @@ const sd_bus_vtable* TreatmentsObject::Vtable() {
 void TreatmentsObject::Serve() {
     thread_.Run([this] {
         sd_bus_slot* slot = nullptr;
-        const int result = sd_bus_add_object_vtable(thread_.Connection(), &slot, kTreatmentsPath,
-                                                    kTreatmentsInterface, Vtable(), this);
+        const std::error_code error = InOrder([&] {
+            return sd_bus_add_object_vtable(thread_.Connection(), &slot, kTreatmentsPath,
+                                            kTreatmentsInterface, Vtable(), this);
+        });
         slot_.reset(slot);
-        if (result < 0) {
+        if (error) {
             PLATFORM_LOGE("%{public}s cannot be served: %{public}s", kTreatmentsPath,
-                          ErrorOf(-result).message().c_str());
+                          error.message().c_str());
         }
     });
 }
@@ -108,7 +95,9 @@ void TreatmentsObject::Withdraw() {
         slot_.reset();
         uids_.Clear();
         while (!calls_.empty()) {
-            Reply(calls_.begin()->first, Decline);
+            Reply(calls_.begin()->first, [](sd_bus_message* call) {
+                return AnswerError(call, SD_BUS_ERROR_UNKNOWN_OBJECT, "The object has been withdrawn");
+            });
         }
     });
 }
@@ -147,22 +136,23 @@ int TreatmentsObject::Accept(sd_bus_message* call, sd_bus_error* error, bool isR
         const uint64_t id = ++lastCall_;
         calls_.emplace(id, sd_bus_message_ref(call));
         result = 1;
-        uids_.Find(sender == nullptr ? "" : sender,
-                   [this, id, isReading, work = std::move(work)](std::optional<uid_t> caller) {
-                       if (IsPermitted(caller, isReading)) {
-                           Begin(id, work, *caller);
-                       } else {
-                           Reply(id, Deny);
-                       }
-                   });
+        uids_.Find(sender == nullptr ? "" : sender, [this, id, isReading,
+                                                     work = std::move(work)](std::optional<uid_t> caller) {
+            if (HasPermission(caller, kManagePermission) ||
+                (isReading && HasPermission(caller, kReadPermission))) {
+                SubmitTask(
+                    [this, id, work, uid = *caller] {
+                        thread_.Post([this, id, answer = work(uid)] { Reply(id, answer); });
+                    },
+                    {.name = "treatments", .delay = {}});
+            } else {
+                Reply(id, [](sd_bus_message* asked) {
+                    return AnswerError(asked, SD_BUS_ERROR_ACCESS_DENIED, "The caller lacks the permission");
+                });
+            }
+        });
     });
     return result;
-}
-
-void TreatmentsObject::Begin(uint64_t id, Work work, uid_t caller) {
-    SubmitTask([this, id, work = std::move(work),
-                caller] { thread_.Post([this, id, answer = work(caller)] { Reply(id, answer); }); },
-               {.name = "treatments", .delay = {}});
 }
 
 void TreatmentsObject::Reply(uint64_t id, const Answer& answer) {
@@ -170,11 +160,10 @@ void TreatmentsObject::Reply(uint64_t id, const Answer& answer) {
     if (found == calls_.end()) {
         return;
     }
-    const MessageHandle call = std::move(found->second);
-    calls_.erase(found);
-    if (const int result = answer(call.get()); result < 0) {
-        PLATFORM_LOGW("no answer about treatments: %{public}s", ErrorOf(-result).message().c_str());
+    if (const std::error_code error = answer(found->second.get())) {
+        PLATFORM_LOGW("a call about treatments cannot be answered: %{public}s", error.message().c_str());
     }
+    calls_.erase(found);
 }
 
 }  // namespace KITE::Linux

@@ -14,7 +14,6 @@
 
 namespace KITE::Linux {
 
-class ServingThread;
 class Treatments;
 
 // The object /kite/treatments of this process's connection, by which an administrator sees what is treated
@@ -49,7 +48,7 @@ class TreatmentsObject {
 
   private:
     // Writes the answer to a call. On the serving thread.
-    using Answer = std::function<int(sd_bus_message* call)>;
+    using Answer = std::function<std::error_code(sd_bus_message* call)>;
     // Finds the answer for that user. On a task's thread.
     using Work = std::function<Answer(uid_t caller)>;
 
@@ -60,7 +59,6 @@ class TreatmentsObject {
     static const sd_bus_vtable* Vtable();
 
     int Accept(sd_bus_message* call, sd_bus_error* error, bool isReading, Work work);
-    void Begin(uint64_t id, Work work, uid_t caller);
     void Reply(uint64_t id, const Answer& answer);
 
     ServingThread& thread_;

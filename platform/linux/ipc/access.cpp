@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "access_token.h"
 #include "ipc/bus.h"
 #include "runtime/access_tokens.h"
 
@@ -27,6 +28,11 @@ std::string CallerName() {
 
 std::optional<uid_t> CallerUid() {
     return current == nullptr ? std::nullopt : current->uid;
+}
+
+bool HasPermission(std::optional<uid_t> caller, const char* permission) {
+    const uint32_t token = caller ? TokenOfUid(*caller) : 0;
+    return AccessTokenKit::VerifyAccessToken(token, permission) == PERMISSION_GRANTED;
 }
 
 bool CallerOwnsAbility(int32_t abilityId) {

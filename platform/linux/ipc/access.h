@@ -17,6 +17,8 @@ KITE_API std::string CallerName();
 // The sender's effective uid as the bus vouches for it (CallerUids); absent when the sender has gone or the
 // bus did not tell.
 KITE_API std::optional<uid_t> CallerUid();
+// Whether the token of that uid has the permission; false without a uid.
+bool HasPermission(std::optional<uid_t> caller, const char* permission);
 // True when the sender owns the name of that ability now. Exact for an ability that this process listens to
 // (SystemAbility::AddSystemAbilityListener), for the quota service and for the Kelvra manager; for another id
 // the first question starts the tracking, and the answer is false until the bus has told.
