@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <mutex>
 
-#include "base/result.h"
+#include "base/file.h"
 #include "base/unique_fd.h"
 
 namespace KITE::Linux {
@@ -16,34 +16,18 @@ namespace {
 
 constexpr size_t kMaxLineFileBytes = size_t{8} << 20;
 
-struct OpenLineFile {
-    UniqueFd fd;
-    size_t size = 0;
-};
-
 // EINVAL for what is not a regular file.
-Result<OpenLineFile> OpenForAppending(const std::string& path) {
-    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-    UniqueFd fd(open(path.c_str(), kFlags, 0640));
+Result<size_t> SizeOf(const UniqueFd& file) {
     struct stat status {};
-    if (!fd || fstat(fd.Get(), &status) != 0) {
+    if (!file || fstat(file.Get(), &status) != 0) {
         return LastError();
     }
-    if (!S_ISREG(status.st_mode)) {
-        return ErrorOf(EINVAL);
-    }
-    return OpenLineFile{std::move(fd), static_cast<size_t>(status.st_size)};
+    return S_ISREG(status.st_mode) ? Result<size_t>(static_cast<size_t>(status.st_size)) : ErrorOf(EINVAL);
 }
 
-// A part that was written is taken back: whoever reads the file finds whole lines.
-std::error_code WriteLines(const OpenLineFile& file, std::string_view lines) {
-    const ssize_t written = write(file.fd.Get(), lines.data(), lines.size());
-    if (written == static_cast<ssize_t>(lines.size())) {
-        return {};
-    }
-    const std::error_code error = written < 0 ? LastError() : ErrorOf(ENOSPC);
-    const bool isTakenBack = ftruncate(file.fd.Get(), static_cast<off_t>(file.size)) == 0;
-    return written > 0 && !isTakenBack ? ErrorOf(EIO) : error;
+UniqueFd OpenForAppending(const std::string& path) {
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    return UniqueFd(open(path.c_str(), kFlags, 0640));
 }
 
 }  // namespace
@@ -51,14 +35,21 @@ std::error_code WriteLines(const OpenLineFile& file, std::string_view lines) {
 std::error_code AppendLines(const std::string& path, std::string_view lines) {
     static std::mutex rotation;
     const std::lock_guard lock(rotation);
-    Result<OpenLineFile> file = OpenForAppending(path);
-    if (file && file->size != 0 && file->size + lines.size() > kMaxLineFileBytes) {
+    UniqueFd file = OpenForAppending(path);
+    Result<size_t> size = SizeOf(file);
+    if (size && *size != 0 && *size + lines.size() > kMaxLineFileBytes) {
         if (std::rename(path.c_str(), (path + ".1").c_str()) != 0) {
             return LastError();
         }
         file = OpenForAppending(path);
+        size = SizeOf(file);
     }
-    return file ? WriteLines(*file, lines) : file.Code();
+    const std::error_code error = size ? WriteAll(file.Get(), lines) : size.Code();
+    // A part that was written is taken back: who reads the file finds whole lines.
+    if (size && error && ftruncate(file.Get(), static_cast<off_t>(*size)) != 0) {
+        return ErrorOf(EIO);
+    }
+    return error;
 }
 
 }  // namespace KITE::Linux

@@ -90,22 +90,11 @@ TokenTable ReadTable(const JsonNode& root) {
     return table;
 }
 
-// Fails unless only root can have written what the descriptor reads.
-Result<void> RequireRootOwned(int fd) {
+// Whether only root can have written what the descriptor reads.
+bool IsRootsAlone(int fd) {
     struct stat status {};
-    if (fstat(fd, &status) != 0) {
-        return Linux::LastError();
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return Failure("is not a regular file");
-    }
-    if (status.st_uid != 0) {
-        return Failure("does not belong to root");
-    }
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return Failure("others than root may write it");
-    }
-    return {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == 0 &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 Result<TokenTable> LoadTable(const std::string& path) {
@@ -113,8 +102,8 @@ Result<TokenTable> LoadTable(const std::string& path) {
     if (!file) {
         return errno == ENOENT ? Result<TokenTable>(TokenTable()) : Linux::LastError();
     }
-    if (const Result<void> owned = RequireRootOwned(file.Get()); !owned) {
-        return owned.Why();
+    if (!IsRootsAlone(file.Get())) {
+        return Failure("must be a regular file that belongs to root and that no other user may write");
     }
     const Result<std::string> text = Linux::ReadFile(file.Get());
     return text ? Linux::ReadJson(*text, ReadTable) : text.Why();

@@ -42,55 +42,38 @@ std::string LineOf(std::string_view domain, std::string_view name, int32_t type,
 }
 
 // The way of events into the file, which has them in the order in which they came here.
-class EventFile {
-  public:
-    static EventFile& Instance() {
-        static Immortal<EventFile> file;
-        return file.value;
-    }
-
-    // Writes what is queued, and then the line.
-    std::error_code Write(std::string_view line) {
-        const std::lock_guard lock(writing_);
-        std::string lines = TakeQueue();
-        lines += line;
-        return lines.empty() ? std::error_code() : Append(lines);
-    }
-
-    void Queue(std::string_view line) {
-        std::unique_lock lock(queueMutex_);
-        queue_ += line;
-        const bool isFull = queue_.size() >= kMostQueuedBytes;
-        lock.unlock();
-        if (isFull) {
-            static_cast<void>(Write(""));
-        }
-    }
-
-  private:
-    std::string TakeQueue() {
-        const std::lock_guard lock(queueMutex_);
-        return std::exchange(queue_, {});
-    }
-
-    static std::error_code Append(std::string_view lines) {
-        const std::string path = GetSettings().stateDirectory + FileName::kEvents;
-        const std::error_code error = AppendLines(path, lines);
-        if (error) {
-            const auto count = static_cast<long>(std::ranges::count(lines, '\n'));
-            PLATFORM_LOGE("%{public}ld events are lost, %{public}s cannot be written: %{public}s", count,
-                          path.c_str(), error.message().c_str());
-        }
-        return error;
-    }
-
-    std::mutex writing_;     // held while the file is written
-    std::mutex queueMutex_;  // guards the queue; not held while the file is written
-    std::string queue_;      // lines
+struct EventFile {
+    std::mutex writing;     // held while the file is written
+    std::mutex queueMutex;  // guards the queue; not held while the file is written
+    std::string queue;      // lines
 };
 
+EventFile& TheFile() {
+    static Immortal<EventFile> file;
+    return file.value;
+}
+
+// Writes what is queued, and then the line.
+std::error_code Write(std::string_view line) {
+    const std::lock_guard writing(TheFile().writing);
+    std::string lines;
+    {
+        const std::lock_guard lock(TheFile().queueMutex);
+        lines.swap(TheFile().queue);
+    }
+    lines += line;
+    const std::string path = GetSettings().stateDirectory + FileName::kEvents;
+    const std::error_code error = lines.empty() ? std::error_code() : AppendLines(path, lines);
+    if (error) {
+        const auto count = static_cast<long>(std::ranges::count(lines, '\n'));
+        PLATFORM_LOGE("%{public}ld events are lost, %{public}s cannot be written: %{public}s", count,
+                      path.c_str(), error.message().c_str());
+    }
+    return error;
+}
+
 std::error_code Record(std::string line) {
-    const std::error_code error = EventFile::Instance().Write(line);
+    const std::error_code error = Write(line);
     line.pop_back();
     PLATFORM_LOGI("event %{public}s", line.c_str());
     return error;
@@ -103,11 +86,18 @@ std::error_code RecordEvent(std::string_view name, const std::vector<EventItem>&
 }
 
 void QueueEvent(std::string_view name, const std::vector<EventItem>& items) {
-    EventFile::Instance().Queue(LineOf(EventName::kDomain, name, kBehaviourEvent, items));
+    const std::string line = LineOf(EventName::kDomain, name, kBehaviourEvent, items);
+    std::unique_lock lock(TheFile().queueMutex);
+    TheFile().queue += line;
+    const bool isFull = TheFile().queue.size() >= kMostQueuedBytes;
+    lock.unlock();
+    if (isFull) {
+        WriteQueuedEvents();
+    }
 }
 
 void WriteQueuedEvents() {
-    static_cast<void>(EventFile::Instance().Write(""));
+    static_cast<void>(Write(""));
 }
 
 }  // namespace Linux

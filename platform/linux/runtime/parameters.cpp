@@ -19,26 +19,22 @@ using Linux::JsonNode;
 constexpr std::string_view kTrueTexts[] = {"1", "y", "yes", "on", "true"};
 constexpr std::string_view kFalseTexts[] = {"0", "n", "no", "off", "false"};
 
-// The other parameters may hold anything.
-std::optional<std::string> FindIn(const JsonNode& parameters, const std::string& key) {
-    const JsonNode parameter = parameters.Optional(key);
-    if (!parameter.IsPresent()) {
+// Absent for a parameter that is not there. The other parameters may hold anything.
+std::optional<std::string> TextOf(const JsonNode& parameter) {
+    const nlohmann::json* value = parameter.Value();
+    if (value == nullptr) {
         return std::nullopt;
     }
-    const nlohmann::json& value = *parameter.Value();
-    if (value.is_string()) {
-        return value.get<std::string>();
-    }
-    if (!value.is_number() && !value.is_boolean()) {
+    if (value->is_structured() || value->is_null()) {
         parameter.Fail("must be a string, a number, true or false");
     }
-    return value.dump();
+    return value->is_string() ? value->get<std::string>() : value->dump();
 }
 
 // The store is small and asked a few times in a process's life, so it is read for each question.
 std::optional<std::string> FindParameter(const std::string& key) {
     const auto found = Linux::ReadJsonFile(Linux::GetSettings().etcDirectory + Linux::FileName::kParameters,
-                                           [&](const JsonNode& root) { return FindIn(root, key); });
+                                           [&](const JsonNode& root) { return TextOf(root.Optional(key)); });
     if (!found && !Linux::Is(found.Code(), ENOENT)) {
         PLATFORM_LOGE("parameter %{public}s cannot be read: %{public}s", key.c_str(),
                       found.Why().Text().c_str());

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <exception>
 
 #include "base/immortal.h"
@@ -27,15 +28,7 @@ SystemLog& Instance() {
 }
 
 // A program that just returns from main gets its last lines written too.
-class StopAtExit {
-  public:
-    StopAtExit() = default;
-    StopAtExit(const StopAtExit&) = delete;
-    StopAtExit& operator=(const StopAtExit&) = delete;
-    ~StopAtExit() { Linux::StopLog(); }
-};
-
-const StopAtExit stopAtExit;
+[[maybe_unused]] const int stopsAtExit = std::atexit(Linux::StopLog);
 
 }  // namespace
 
