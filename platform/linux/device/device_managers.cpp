@@ -79,17 +79,18 @@ int32_t Linux::GeneralTypeOf(int32_t uid, int32_t pid) {
     constexpr int32_t kApplication = 1;
     constexpr int32_t kExtension = 2;
     const auto state = CurrentDeviceState();
-    const auto isOfApplication = [&](const DeviceState::Application& application) {
-        return application.uid == uid &&
-               (Contains(application.processes, pid) || Contains(application.renderProcesses, pid));
-    };
-    const auto isExtension = [&](const DeviceState::Extension& extension) {
-        return extension.uid == uid && extension.pid == pid;
-    };
-    if (std::ranges::any_of(state->applications, isOfApplication)) {
-        return kApplication;
+    for (const DeviceState::Application& application : state->applications) {
+        if (application.uid == uid &&
+            (Contains(application.processes, pid) || Contains(application.renderProcesses, pid))) {
+            return kApplication;
+        }
     }
-    return std::ranges::any_of(state->extensions, isExtension) ? kExtension : kNeither;
+    for (const DeviceState::Extension& extension : state->extensions) {
+        if (extension.uid == uid && extension.pid == pid) {
+            return kExtension;
+        }
+    }
+    return kNeither;
 }
 
 int32_t BackgroundTaskMgrHelper::GetContinuousTaskApps(

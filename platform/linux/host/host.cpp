@@ -65,12 +65,81 @@ class Host {
     }
 
   private:
-    bool Start();
-    bool StartBus();
-    bool LoadLibraries();
-    void StartAbilities();
-    int Wait();
-    void Stop();
+    bool Start() {
+        if (const Result<void> tokens = LoadAccessTokens(); !tokens) {
+            PLATFORM_LOGE("the host does not start: %{public}s", tokens.Why().Text().c_str());
+            return false;
+        }
+        if (options_.settings.isDryRun) {
+            PLATFORM_LOGW("dry run: no process is touched, and what an earlier host left treated stays so");
+        } else if (!ReleaseLeftTreatments()) {
+            PLATFORM_LOGE("not everything that an earlier host left treated could be released");
+        }
+        if (!StartBus() || !LoadLibraries()) {
+            return false;
+        }
+        treatments_.Serve();
+        StartAbilities();
+        return true;
+    }
+
+    bool StartBus() {
+        const std::error_code error = Bus::Instance().Start(options_.settings.busAddress, [this] {
+            isBusLost_ = true;
+            // The main thread has blocked the signal and waits for it.
+            // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
+            pthread_kill(thread_, SIGTERM);
+        });
+        if (error) {
+            PLATFORM_LOGE("the host does not start: it cannot connect to the bus: %{public}s",
+                          error.message().c_str());
+        }
+        return !error;
+    }
+
+    // The handles are never closed: code of the libraries may run until the process ends.
+    bool LoadLibraries() {
+        for (const std::string& library : options_.libraries) {
+            if (dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr) {
+                const char* reason = dlerror();  // NOLINT(concurrency-mt-unsafe): glibc keeps it per thread
+                PLATFORM_LOGE("the host does not start: %{public}s does not load: %{public}s",
+                              library.c_str(), reason == nullptr ? "no reason given" : reason);
+                return false;
+            }
+        }
+        return true;
+    }
+
+    void StartAbilities() {
+        for (SystemAbility* ability : RegisteredAbilities()) {
+            if (ability->IsRunOnCreate()) {
+                started_.push_back(ability);
+                RunGuarded("an ability's start", [ability] { ability->OnStart(); });
+            }
+        }
+    }
+
+    // A lost bus ends the wait as a signal does.
+    int Wait() {
+        const sigset_t signals = StopSignals();
+        int signal = 0;
+        sigwait(&signals, &signal);
+        return isBusLost_ ? kExitBusLost : kExitStopped;
+    }
+
+    // First nothing new comes in. Treatments end when no task can begin one any more. The bus goes last but
+    // for the log, since abilities may call others while they stop.
+    void Stop() {
+        WithdrawAbilities();
+        Bus::Instance().StopServing();
+        for (; !started_.empty(); started_.pop_back()) {
+            RunGuarded("an ability's stop", [this] { started_.back()->OnStop(); });
+        }
+        treatments_.Withdraw();
+        TaskRuntime::Instance().Stop();
+        Treatments::Instance().ReleaseAll();
+        Bus::Instance().Stop();
+    }
 
     const HostOptions& options_;
     const pthread_t thread_ = pthread_self();
@@ -78,82 +147,6 @@ class Host {
     std::vector<SystemAbility*> started_;
     TreatmentsObject treatments_{Bus::Instance().Thread(), Treatments::Instance()};
 };
-
-bool Host::Start() {
-    if (const Result<void> tokens = LoadAccessTokens(); !tokens) {
-        PLATFORM_LOGE("the host does not start: %{public}s", tokens.Why().Text().c_str());
-        return false;
-    }
-    if (options_.settings.isDryRun) {
-        PLATFORM_LOGW("dry run: no process is touched, and what an earlier host left treated stays so");
-    } else if (!ReleaseLeftTreatments()) {
-        PLATFORM_LOGE("not everything that an earlier host left treated could be released");
-    }
-    if (!StartBus() || !LoadLibraries()) {
-        return false;
-    }
-    treatments_.Serve();
-    StartAbilities();
-    return true;
-}
-
-bool Host::StartBus() {
-    const std::error_code error = Bus::Instance().Start(options_.settings.busAddress, [this] {
-        isBusLost_ = true;
-        // The main thread has blocked the signal and waits for it.
-        // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
-        pthread_kill(thread_, SIGTERM);
-    });
-    if (error) {
-        PLATFORM_LOGE("the host does not start: it cannot connect to the bus: %{public}s",
-                      error.message().c_str());
-    }
-    return !error;
-}
-
-// The handles are never closed: code of the libraries may run until the process ends.
-bool Host::LoadLibraries() {
-    for (const std::string& library : options_.libraries) {
-        if (dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr) {
-            const char* reason = dlerror();  // NOLINT(concurrency-mt-unsafe): glibc keeps it per thread
-            PLATFORM_LOGE("the host does not start: %{public}s does not load: %{public}s", library.c_str(),
-                          reason == nullptr ? "no reason given" : reason);
-            return false;
-        }
-    }
-    return true;
-}
-
-void Host::StartAbilities() {
-    for (SystemAbility* ability : RegisteredAbilities()) {
-        if (ability->IsRunOnCreate()) {
-            started_.push_back(ability);
-            RunGuarded("an ability's start", [ability] { ability->OnStart(); });
-        }
-    }
-}
-
-// A lost bus ends the wait as a signal does.
-int Host::Wait() {
-    const sigset_t signals = StopSignals();
-    int signal = 0;
-    sigwait(&signals, &signal);
-    return isBusLost_ ? kExitBusLost : kExitStopped;
-}
-
-// First nothing new comes in. Treatments end when no task can begin one any more. The bus goes last but for
-// the log, since abilities may call others while they stop.
-void Host::Stop() {
-    WithdrawAbilities();
-    Bus::Instance().StopServing();
-    for (; !started_.empty(); started_.pop_back()) {
-        RunGuarded("an ability's stop", [this] { started_.back()->OnStop(); });
-    }
-    treatments_.Withdraw();
-    TaskRuntime::Instance().Stop();
-    Treatments::Instance().ReleaseAll();
-    Bus::Instance().Stop();
-}
 
 }  // namespace
 

@@ -19,9 +19,8 @@ KITE_API std::string CallerName();
 KITE_API std::optional<uid_t> CallerUid();
 // Whether the token of that uid has the permission; false without a uid.
 bool HasPermission(std::optional<uid_t> caller, const char* permission);
-// True when the sender owns the name of that ability now. Exact for an ability that this process listens to
-// (SystemAbility::AddSystemAbilityListener), for the quota service and for the Kelvra manager; for another id
-// the first question starts the tracking, and the answer is false until the bus has told.
+// True when the sender owns the name of that ability now. Only for the quota service, the Kelvra manager and
+// an ability that this process listens to (SystemAbility::AddSystemAbilityListener); false for others.
 KITE_API bool CallerOwnsAbility(int32_t abilityId);
 // An object of the sender, addressed by its unique name; null without a caller.
 KITE_API sptr<RemoteProxy> CallerObject(const std::string& path);

@@ -43,16 +43,9 @@ bool Availability::Listen(int32_t abilityId, Listener listener) {
 }
 
 std::string Availability::OwnerOf(int32_t abilityId) {
-    const std::string name = AbilityBusName(abilityId);
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = followed_.find(name);
-        if (found != followed_.end()) {
-            return found->second.owner;
-        }
-    }
-    thread_.Post([this, name] { Follow(name); });
-    return {};
+    const std::lock_guard lock(mutex_);
+    const auto found = followed_.find(AbilityBusName(abilityId));
+    return found == followed_.end() ? std::string() : found->second.owner;
 }
 
 std::optional<std::vector<pid_t>> Availability::ProtectedPids() const {

@@ -39,8 +39,8 @@ class KITE_API Availability {
     // Ends the callback thread: no listener runs afterwards. Not on that thread.
     void StopCallbacks();
 
-    // The unique name of the owner, empty when there is none or it is not known yet. The first question for
-    // an id starts following it. Any thread.
+    // The unique name of the owner; empty when there is none, and for an ability that has neither a listener
+    // nor a name that FollowProtected follows. Any thread.
     std::string OwnerOf(int32_t abilityId);
 
     // Processes that must never be treated: the bus daemon and the owners of the quota service's and the

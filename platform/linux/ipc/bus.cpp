@@ -1,5 +1,7 @@
 #include "ipc/bus.h"
 
+#include "ipc/bus_connection.h"
+
 namespace KITE::Linux {
 
 Bus& Bus::Instance() {
@@ -46,6 +48,14 @@ bool Bus::Export(const std::string& path, sptr<IPCObjectStub> object) {
 
 void Bus::Unexport(const std::string& path) {
     thread_.Run([&] { objects_.Unexport(path); });
+}
+
+std::error_code BusConnection::Open(const std::string& address) {
+    return Bus::Instance().Start(address);
+}
+
+BusConnection::~BusConnection() {
+    Bus::Instance().Stop();
 }
 
 }  // namespace KITE::Linux

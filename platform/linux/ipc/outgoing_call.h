@@ -19,6 +19,9 @@ namespace KITE::Linux {
 // Receives what came of a call: ERR_NONE with the reply, or one of the transport's errors with null.
 using CallDone = std::function<void(int32_t status, sd_bus_message* reply)>;
 
+// Makes a call on the serving thread; null when it cannot be made.
+using CallMaker = std::function<MessageHandle(sd_bus*)>;
+
 // A method call to be filled in; null when there is no connection, or a name or the path is not valid. On the
 // serving thread.
 KITE_API MessageHandle NewCall(sd_bus* connection, const std::string& destination, const std::string& path,
@@ -40,8 +43,7 @@ void AskDaemon(sd_bus* connection, const std::string& member, const std::string&
 // `read` makes of it; without an answer, of ERR_TIMED_OUT, ERR_DEAD_OBJECT or ERR_REFUSED and null. Neither
 // function may refer to the waiting thread's stack, since that may give up before they run.
 template <typename T>
-T CallAndWait(ServingThread& thread, std::function<MessageHandle(sd_bus*)> make,
-              T (*read)(int32_t status, sd_bus_message* reply)) {
+T CallAndWait(ServingThread& thread, CallMaker make, T (*read)(int32_t status, sd_bus_message* reply)) {
     if (thread.IsCurrent()) {
         PLATFORM_LOGE("a call is refused: the thread that serves the bus would wait for itself");
         return read(ERR_REFUSED, nullptr);

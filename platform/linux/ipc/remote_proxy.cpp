@@ -64,14 +64,9 @@ ServingThread& Thread() {
     return Bus::Instance().Thread();
 }
 
-}  // namespace
-
-RemoteProxy::RemoteProxy(std::string busName, std::string path)
-    : busName_(std::move(busName)), path_(std::move(path)) {}
-
-RemoteProxy::CallMaker RemoteProxy::TransactionMaker(uint32_t code, MessageParcel data) const {
+CallMaker TransactionMaker(const RemoteProxy& callee, uint32_t code, MessageParcel data) {
     const auto request = std::make_shared<const MessageParcel>(std::move(data));
-    return [busName = busName_, path = path_, code, request](sd_bus* connection) {
+    return [busName = callee.BusName(), path = callee.Path(), code, request](sd_bus* connection) {
         const std::span<const std::byte> bytes = request->Bytes();
         MessageHandle call = NewCall(connection, busName, path, kAbilityInterface, kTransactMethod);
         const bool isFilled = call && sd_bus_message_append(call.get(), "u", code) >= 0 &&
@@ -79,6 +74,8 @@ RemoteProxy::CallMaker RemoteProxy::TransactionMaker(uint32_t code, MessageParce
         return isFilled ? std::move(call) : nullptr;
     };
 }
+
+}  // namespace
 
 int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                                  MessageOption& option) {
@@ -89,7 +86,7 @@ int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParc
     if (IsTooLarge(data, path_)) {
         return ERR_TOO_LARGE;
     }
-    Answer answer = CallAndWait<Answer>(Thread(), TransactionMaker(code, std::move(data)), ReadAnswer);
+    Answer answer = CallAndWait<Answer>(Thread(), TransactionMaker(*this, code, std::move(data)), ReadAnswer);
     reply = std::move(answer.reply);
     return answer.status;
 }
@@ -99,7 +96,7 @@ void RemoteProxy::SendRequestAsync(uint32_t code, MessageParcel data, Done done)
         Answer answer = ReadAnswer(status, message);
         done(answer.status, answer.reply);
     };
-    CallMaker make = IsTooLarge(data, path_) ? nullptr : TransactionMaker(code, std::move(data));
+    CallMaker make = IsTooLarge(data, path_) ? nullptr : TransactionMaker(*this, code, std::move(data));
     const bool isPosted = Thread().Post([make = std::move(make), receive] {
         if (make) {
             SendCall(Thread().Connection(), make(Thread().Connection()), receive);

@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "ipc/handles.h"
 #include "remote_object.h"
 
 namespace KITE::Linux {
@@ -20,7 +20,8 @@ class KITE_API RemoteProxy : public IRemoteObject {
   public:
     using Done = std::function<void(int32_t status, MessageParcel& reply)>;
 
-    RemoteProxy(std::string busName, std::string path);
+    RemoteProxy(std::string busName, std::string path)
+        : busName_(std::move(busName)), path_(std::move(path)) {}
 
     // Takes the request's bytes: the parcel is empty afterwards. Any thread but the serving one, which would
     // wait for itself and is refused at once.
@@ -37,9 +38,6 @@ class KITE_API RemoteProxy : public IRemoteObject {
     const std::string& Path() const noexcept { return path_; }
 
   private:
-    using CallMaker = std::function<MessageHandle(sd_bus*)>;
-    CallMaker TransactionMaker(uint32_t code, MessageParcel data) const;
-
     const std::string busName_;
     const std::string path_;
 };
