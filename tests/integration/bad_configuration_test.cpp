@@ -8,9 +8,8 @@ using BadConfigurationTest = SystemTest;
 TEST_F(BadConfigurationTest, ABrokenPolicyKeepsTheServiceUnpublishedAndTheHostRunning) {
     SetPolicy({"{"});
     FakeManager manager(Address());
-    LogFile& log = StartQuotaHost().log;
-    EXPECT_TRUE(log.Await("transit to json failed"));
-    EXPECT_TRUE(log.Await("init res policy manager failed"));
+    StartQuotaHost();
+    ExpectLogged({"transit to json failed", "init res policy manager failed"});
     EXPECT_FALSE(manager.AwaitSubscription(milliseconds(300)));
     EXPECT_EQ(SD_BUS_ERROR_SERVICE_UNKNOWN, Connect(kTrustedUid).AskRunningTimes().error);
     EXPECT_EQ(0, StopQuotaHost());
@@ -22,7 +21,7 @@ TEST_F(BadConfigurationTest, AHostDoesNotStartWithTokensThatCannotBeTrusted) {
     for (const auto& [text, mode] : tables) {
         SetTokens(text, mode);
         EXPECT_EQ(1, StartQuotaHost().process.AwaitExit()) << text;
-        EXPECT_TRUE(QuotaHost().log.Await("the host does not start")) << text;
+        ExpectLogged({"the host does not start"});
     }
 }
 

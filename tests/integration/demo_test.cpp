@@ -14,10 +14,9 @@ TEST_F(DemoTest, FailsWhenThePolicyDoesNotStopTheHogs) {
     EXPECT_EQ(1, demo.AwaitExit(std::chrono::seconds(60))) << output.Text();
     // It failed by its verdict: the system came up, and saw the hogs.
     const std::string log = ReadWholeFile(rawLog);
-    EXPECT_NE(std::string::npos, log.find("publish resource quota control service successfully!"))
-        << output.Text();
-    EXPECT_EQ(std::string::npos, log.find("KILL of pid"));
-    EXPECT_NE(std::string::npos, ReadWholeFile(Directory() + "/raw.html").find("No process was suppressed"));
+    ExpectContains(log, {"publish resource quota control service successfully!"});
+    EXPECT_THAT(log, testing::Not(testing::HasSubstr("KILL of pid")));
+    ExpectContains(ReadWholeFile(Directory() + "/raw.html"), {"No process was suppressed"});
 }
 
 }  // namespace KITE::Integration

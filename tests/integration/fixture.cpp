@@ -10,8 +10,8 @@
 namespace KITE::Integration {
 
 void SystemTest::TearDown() {
-    constexpr const char* kReports[] = {"ERROR: AddressSanitizer", "WARNING: ThreadSanitizer",
-                                        "runtime error", "LeakSanitizer"};
+    constexpr const char* kReports =
+        "ERROR: AddressSanitizer|WARNING: ThreadSanitizer|runtime error|LeakSanitizer";
     DropManager();
     const Linux::Result<void> stopped = StopHosts();
     EXPECT_TRUE(stopped) << (stopped ? "" : stopped.Why().Text());
@@ -20,9 +20,7 @@ void SystemTest::TearDown() {
             continue;
         }
         const std::string text = ReadWholeFile(file.path());
-        for (const char* report : kReports) {
-            EXPECT_EQ(std::string::npos, text.find(report)) << text;
-        }
+        EXPECT_THAT(text, testing::Not(testing::ContainsRegex(kReports)));
         if (HasFailure()) {
             std::cerr << "--- " << file.path() << "\n"
                       << text.substr(text.size() - std::min<size_t>(text.size(), 20'000)) << "\n";
@@ -38,6 +36,12 @@ void SystemTest::ExpectPromptAnswer() {
     EXPECT_EQ("", answer.error);
     EXPECT_EQ(0, answer.status);
     EXPECT_EQ(1U, WrittenBytesOf(answer).size());
+}
+
+void SystemTest::ExpectLogged(std::initializer_list<std::string> texts) {
+    for (const std::string& text : texts) {
+        EXPECT_TRUE(QuotaHost().log.Await(text)) << text;
+    }
 }
 
 }  // namespace KITE::Integration

@@ -9,21 +9,19 @@ TEST_F(KilledHostTest, WhatAKilledHostLeftTreatedIsReleasedByTheNextStartAndByTh
     const std::function<void()> ways[] = {[this] { EXPECT_TRUE(StartQuotaHost().log.Await("start.")); },
                                           [this] { EXPECT_EQ(0, Release()); }};
     for (const auto& release : ways) {
-        FakeManager& manager = StartWithFakeManager();
+        StartWithFakeManager();
         Process& frozen = StartTarget("frozen", {"burn"});
         Process& suppressed = StartTarget("suppressed", {"burn"});
         const std::string before = suppressed.Standing();
-        ASSERT_EQ(0, manager.Report({Anomaly(suppressed, "cpu_ext", ""), Anomaly(frozen, "cpu", "freeze")}));
-        ASSERT_TRUE(QuotaHost().log.Await("freeze process, pid is"));
+        Report({Anomaly(suppressed, "cpu_ext", ""), Anomaly(frozen, "cpu", "freeze")}, kFrozen);
         EXPECT_NE(before, suppressed.Standing());
-        QuotaHost().process.Signal(SIGKILL);
-        ASSERT_TRUE(QuotaHost().process.AwaitEnd());
-        manager.Leave();
+        KillQuotaHost();
+        Manager().Leave();
         EXPECT_TRUE(frozen.StandsStill());
         release();
         EXPECT_TRUE(frozen.Runs());
         EXPECT_EQ(before, suppressed.Standing());
-        EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
+        ExpectNoTraces();
     }
 }
 

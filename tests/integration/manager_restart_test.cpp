@@ -8,20 +8,18 @@ using ManagerRestartTest = SystemTest;
 TEST_F(ManagerRestartTest, TheServiceIsPublishedOnceAManagerHasItsQuotasAndServesTheNextOneAnew) {
     SetPolicy({Rule("hog", "cpu", 10, "kill")});
     BusClient client = Connect(kTrustedUid);
-    LogFile& log = StartQuotaHost().log;
-    ASSERT_TRUE(log.Await("start."));
+    StartQuotaHost();
+    ExpectLogged({"start."});
     EXPECT_EQ(SD_BUS_ERROR_SERVICE_UNKNOWN, client.AskRunningTimes().error);
     for (const bool isFirst : {true, false}) {
         ASSERT_TRUE(StartKelvraHost().log.Await("reports go to"));
         EXPECT_TRUE(KelvraHost().log.Await("1 quotas replace all earlier ones"));
-        EXPECT_TRUE(log.Await("Add system ability systemAbilityId:1213"));
-        EXPECT_TRUE(log.Await("InitKelvraTaskObserver successfully"));
-        EXPECT_TRUE(log.Await("publish resource quota control service successfully!"));
+        ExpectLogged({"Add system ability systemAbilityId:1213", "InitKelvraTaskObserver successfully",
+                      "publish resource quota control service successfully!"});
         ExpectPromptAnswer();
         if (isFirst) {
             KelvraHost().process.Signal(SIGKILL);
-            EXPECT_TRUE(log.Await("remove system ability systemAbilityId:1213"));
-            EXPECT_TRUE(log.Await("HandleKelvraDied called"));
+            ExpectLogged({"remove system ability systemAbilityId:1213", "HandleKelvraDied called"});
         }
     }
     EXPECT_EQ("", client.AskRunningTimes().error);

@@ -32,8 +32,7 @@ class ReplacedProcessTest : public SystemTest {
     void ContinueAndExpectRefusal(const Process& process) {
         const std::string pid = std::to_string(process.Pid());
         QuotaHost().process.Signal(SIGCONT);
-        EXPECT_TRUE(QuotaHost().log.Await("process pid:" + pid + ", resType:cpu"));
-        EXPECT_TRUE(QuotaHost().log.Await("KILL of pid " + pid + " (reported) failed"));
+        ExpectLogged({"process pid:" + pid + ", resType:cpu", "KILL of pid " + pid + " (reported) failed"});
         EXPECT_FALSE(process.HasEnded(milliseconds(200)));
     }
 };
@@ -58,12 +57,11 @@ TEST_F(ReplacedProcessTest, AProcessThatExecutesAnotherProgramIsNotTouched) {
 }
 
 TEST_F(ReplacedProcessTest, AReportOfAnEarlierProcessDoesNotReachTheLaterOne) {
-    FakeManager& manager = StartWithFakeManager();
+    StartWithFakeManager();
     Process& present = StartTarget("present", {"idle"});
     Kelvra::ProcessAnomalyInfo earlier = Anomaly(present, "cpu", "kill");
     --earlier.startTime;
-    ASSERT_EQ(0, manager.Report({earlier}));
-    EXPECT_TRUE(QuotaHost().log.Await("KILL of pid " + std::to_string(present.Pid()) + " (present) failed"));
+    Report({earlier}, "KILL of pid " + std::to_string(present.Pid()) + " (present) failed");
     EXPECT_FALSE(present.HasEnded(milliseconds(200)));
 }
 

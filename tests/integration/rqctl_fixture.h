@@ -1,7 +1,5 @@
 #pragma once
 
-#include <gmock/gmock.h>
-
 #include "fixture.h"
 
 namespace KITE::Integration {
@@ -31,6 +29,13 @@ class RqctlFixture : public SystemTest {
         Command& command = Begin(words, uid);
         const int status = command.process.AwaitExit();
         return {status, command.output.Text()};
+    }
+    // Expects the exit status, and that each of the texts is told.
+    void Expect(int status, const std::vector<std::string>& words,
+                std::initializer_list<std::string> texts = {}, uid_t uid = kTrustedUid) {
+        const Outcome outcome = Rqctl(words, uid);
+        EXPECT_EQ(status, outcome.status) << testing::PrintToString(words) << outcome.text;
+        ExpectContains(outcome.text, texts);
     }
 
   private:

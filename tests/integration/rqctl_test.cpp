@@ -12,7 +12,7 @@ class RqctlTest : public RqctlFixture {
   protected:
     std::string Plot() {
         const std::string page = Directory() + "/page.html";
-        EXPECT_EQ(0, Rqctl({"plot", "--output", page}).status);
+        Expect(0, {"plot", "--output", page});
         return ReadWholeFile(page);
     }
 };
@@ -61,55 +61,51 @@ TEST_F(RqctlTest, AsksTheServiceAndExplainsWhatItIsTold) {
     many.emplace_back("--json");
     EXPECT_EQ(2049U, nlohmann::json::parse(Rqctl(many).text).size());
     EXPECT_EQ(0, StopQuotaHost());
-    EXPECT_EQ(3, Rqctl({"running-time"}).status);
+    Expect(3, {"running-time"});
 }
 
 TEST_F(RqctlTest, TellsABuildThatIsNotDebuggable) {
     SetParameters("{}");
     StartWithFakeManager();
-    const Outcome outcome = Rqctl({"dump"});
-    EXPECT_EQ(4, outcome.status);
-    EXPECT_NE(std::string::npos, outcome.text.find("is not debuggable")) << outcome.text;
-    EXPECT_NE(std::string::npos, outcome.text.find("uid 0 has the permission")) << outcome.text;
+    Expect(4, {"dump"}, {"is not debuggable", "uid 0 has the permission"});
 }
 
 TEST_F(RqctlTest, ReplacesTheDeviceStateAsAWhole) {
+    const auto status = [this] {
+        struct stat its {};
+        EXPECT_EQ(0, stat(DeviceState().c_str(), &its));
+        return its;
+    };
     SetDeviceState(R"({"screen_on": true, "extensions": [{"uid": 7, "pid": 8}]})");
     ASSERT_EQ(0, chmod(DeviceState().c_str(), 0640));
     ASSERT_EQ(0, chown(DeviceState().c_str(), kQuotaUid, kKelvraUid));
-    struct stat before {};
-    ASSERT_EQ(0, stat(DeviceState().c_str(), &before));
+    const struct stat before = status();
     const fs::path other = Directory() + "/other_name";
     fs::create_hard_link(DeviceState(), other);
-    EXPECT_EQ(0, Rqctl({"device", "screen", "off", "app:20001", "412,413", "foreground:20001", "on",
-                        "task:20001:412", "1", "process-resources:20001:412", "65", "extension:7", "none"})
-                     .status);
-    struct stat after {};
-    ASSERT_EQ(0, stat(DeviceState().c_str(), &after));
+    Expect(0, {"device", "screen", "off", "app:20001", "412,413", "foreground:20001", "on", "task:20001:412",
+               "1", "process-resources:20001:412", "65", "extension:7", "none"});
+    const struct stat after = status();
     EXPECT_NE(before.st_ino, after.st_ino);
-    EXPECT_EQ(before.st_mode, after.st_mode);
-    EXPECT_EQ(before.st_uid, after.st_uid);
-    EXPECT_EQ(before.st_gid, after.st_gid);
-    EXPECT_NE(std::string::npos, ReadWholeFile(other).find("extensions\": [{")) << "the old file was changed";
+    EXPECT_EQ(std::tie(before.st_mode, before.st_uid, before.st_gid),
+              std::tie(after.st_mode, after.st_uid, after.st_gid));
+    ExpectContains(ReadWholeFile(other), {"extensions\": [{"});  // the old file is as it was
     const nlohmann::json expected = nlohmann::json::parse(
         R"({"screen_on": false, "extensions": [], "continuous_tasks": [{"uid": 20001, "pid": 412, "types": [1]}],
             "applications": [{"uid": 20001, "processes": [412, 413], "foreground": true}],
             "efficiency_resources": {"processes": [{"uid": 20001, "pid": 412, "resources": 65}]}})");
     EXPECT_EQ(expected, nlohmann::json::parse(Rqctl({"device", "--json"}).text));
-    const Outcome shown = Rqctl({"device"});
-    EXPECT_NE(std::string::npos, shown.text.find("application, uid 20001: processes 412, 413; "))
-        << shown.text;
+    Expect(0, {"device"}, {"application, uid 20001: processes 412, 413; "});
 
     const std::string content = ReadWholeFile(DeviceState());
-    EXPECT_EQ(5, Rqctl({"device", "render:20001", "0"}).status);
-    EXPECT_EQ(105, Rqctl({"device", "screen", "dim"}).status);
-    EXPECT_EQ(105, Rqctl({"device", "foreground", "on"}).status);
-    EXPECT_EQ(105, Rqctl({"device", "app-resources:1:2", "1,2"}).status);
-    EXPECT_EQ(5, Rqctl({"device", "screen", "on"}, kUntrustedUid).status);
+    Expect(5, {"device", "render:20001", "0"});
+    Expect(105, {"device", "screen", "dim"});
+    Expect(105, {"device", "foreground", "on"});
+    Expect(105, {"device", "app-resources:1:2", "1,2"});
+    Expect(5, {"device", "screen", "on"}, {}, kUntrustedUid);
     EXPECT_EQ(content, ReadWholeFile(DeviceState()));
     fs::rename(DeviceState(), other);
     fs::create_symlink(other, DeviceState());
-    EXPECT_EQ(5, Rqctl({"device", "screen", "on"}).status);
+    Expect(5, {"device", "screen", "on"});
     EXPECT_EQ(content, ReadWholeFile(other));
 }
 
@@ -139,22 +135,17 @@ TEST_F(RqctlTest, PlotsWhatWasRecordedAndLetsNoNameIntoThePage) {
                        R"({"time":1,"domain":"KITE","name":"KILL","PID":6,"nested":[[]]})" + '\n');
     WriteWholeFile(State() + "/events.jsonl", event.dump() + "\n\"half a li");
     const std::string page = Plot();
-    EXPECT_EQ(std::string::npos, page.find("<script"));
-    EXPECT_EQ(std::string::npos, page.find("<img"));
-    EXPECT_EQ(std::string::npos, page.find('\x1b'));
-    EXPECT_EQ(std::string::npos, page.find("http:"));
-    EXPECT_NE(std::string::npos,
-              page.find("&lt;/h2&gt;&lt;script&gt;alert(1)&lt;/script&gt;&quot;&#39;&amp;\\x1b"));
-    EXPECT_NE(std::string::npos, page.find("<b>F</b> frozen, <bdi>&lt;img src=x&gt;"));
-    EXPECT_NE(std::string::npos, page.find("failed: killed (Operation not permitted)"));
-    EXPECT_NE(std::string::npos, page.find(">4 lines"));
+    for (const char* wrong : {"<script", "<img", "\x1b", "http:"}) {
+        EXPECT_THAT(page, testing::Not(testing::HasSubstr(wrong)));
+    }
+    ExpectContains(page, {"&lt;/h2&gt;&lt;script&gt;alert(1)&lt;/script&gt;&quot;&#39;&amp;\\x1b",
+                          "<b>F</b> frozen, <bdi>&lt;img src=x&gt;",
+                          "failed: killed (Operation not permitted)", ">4 lines"});
 }
 
 TEST_F(RqctlTest, PlotsTheSamplesThatTheManagerRecorded) {
     SetParameters(
         R"({"const.debuggable": 1, "kelvra.sample_period_ms": 100, "kelvra.record_samples": true})");
-    fs::create_directory(State() + "-samples");
-    ASSERT_EQ(0, chown((State() + "-samples").c_str(), kKelvraUid, kKelvraUid));
     SetPolicy({Rule("hog", "cpu", 10, "kill")});
     StartWhole();
     EXPECT_EQ(SIGKILL, StartTarget("hog", {"burn"}).AwaitEnd());
@@ -164,8 +155,7 @@ TEST_F(RqctlTest, PlotsTheSamplesThatTheManagerRecorded) {
     const size_t at = page.find(label);
     ASSERT_NE(std::string::npos, at) << page;
     EXPECT_GT(std::stod(page.substr(at + label.size())), 10);
-    EXPECT_NE(std::string::npos, page.find("quota 10 %, 1 s"));
-    EXPECT_NE(std::string::npos, page.find("<b>K</b> killed"));
+    ExpectContains(page, {"quota 10 %, 1 s", "<b>K</b> killed"});
 }
 
 }  // namespace KITE::Integration

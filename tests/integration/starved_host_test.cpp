@@ -1,9 +1,5 @@
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 
@@ -16,7 +12,19 @@ namespace KITE::Integration {
 
 namespace {
 
-constexpr std::array kEvents{"SUPPRESS", "FREEZE", "KILL"};
+// What is done to a process, and what its report says for that.
+struct Treatment {
+    std::string event;
+    const char* resourceType;
+    const char* action;
+};
+
+const std::array<Treatment, 3> kTreatments{
+    {{"SUPPRESS", "cpu_ext", ""}, {"FREEZE", "cpu", "freeze"}, {"KILL", "cpu", "kill"}}};
+
+// What the log says of each treatment: how that begins. "" where it must say nothing.
+using Told = std::array<const char*, kTreatments.size()>;
+
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kStopsWithoutDescriptors = false;  // the sanitizer opens some for each thread that is made
 #else
@@ -32,42 +40,27 @@ class FaultyTest : public SystemTest {
         EXPECT_TRUE(!isThere || QuotaHost().process.HasEnded() || Manager().AwaitSubscription());
     }
     void SetDiskFull(bool isFull) {
-        const std::string filler = State() + "/filler";
-        if (!isFull) {
-            unlink(filler.c_str());
-            return;
-        }
-        const Linux::UniqueFd file(open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-        const std::string block(4096, ' ');
-        while (write(file.Get(), block.data(), block.size()) > 0) {
-        }
+        const std::string filler = State("/filler");
+        EXPECT_EQ(isFull,
+                  Linux::Is(Linux::WriteFile(filler, std::string(isFull ? 1 << 20 : 0, ' ')), ENOSPC));
+        EXPECT_TRUE(isFull || std::filesystem::remove(filler));
     }
-    // Of the host, if it still runs; its own hard limit if there is none. As the host's user, who needs no
-    // capability for that.
-    void SetLimit(__rlimit_resource resource, std::optional<rlim_t> limit) {
-        const pid_t host = QuotaHost().process.Pid();
-        const pid_t child = fork();
-        if (child == 0) {
-            rlimit limits{};
-            bool isDone = setresgid(kQuotaUid, kQuotaUid, kQuotaUid) == 0 &&
-                          setresuid(kQuotaUid, kQuotaUid, kQuotaUid) == 0 &&
-                          prlimit(host, resource, nullptr, &limits) == 0;
-            limits.rlim_cur = limit.value_or(limits.rlim_max);
-            isDone = isDone && prlimit(host, resource, &limits, nullptr) == 0;
-            _exit(isDone ? 0 : 1);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        EXPECT_TRUE(status == 0 || QuotaHost().process.HasEnded());
+    // Of the host, if it still runs; as "nofile=3:". Asked as the host's user, who needs no capability for
+    // that.
+    void SetSoftLimit(const std::string& limit) {
+        const Process& host = QuotaHost().process;
+        Process prlimit({.program = "/usr/bin/prlimit",
+                         .arguments = {"prlimit", "--pid", std::to_string(host.Pid()), "--" + limit},
+                         .uid = kQuotaUid});
+        EXPECT_TRUE(prlimit.AwaitExit() == 0 || host.HasEnded());
     }
 
   protected:
-    // A process for an event: what it was like before, and what the log said of it, "" for nothing.
     struct Target {
         Process* process;
-        std::string before;
+        std::string before;  // how it stood
         Kelvra::ProcessAnomalyInfo report = {};
-        std::string told = {};
+        std::string told = {};  // what the log said of its treatment; "" for nothing
     };
 
     // In a mount namespace of this process's own, with a state directory that is easily filled.
@@ -89,27 +82,29 @@ class FaultyTest : public SystemTest {
     }
 
     // What the log says of an event: "done by ..." or "failed: ..."; "" when it says nothing.
-    std::string Told(const std::string& event, const Process& process) {
+    std::string ToldOf(const std::string& event, const Process& process) {
         const std::string text = QuotaHost().log.Text();
-        const std::string start = event + " of pid " + std::to_string(process.Pid()) + " (" + process.Name();
+        const std::string start =
+            event + " of pid " + std::to_string(process.Pid()) + " (" + process.Name() + ") ";
         const size_t at = text.find(start);
-        const size_t from = at + start.size() + std::string_view(") ").size();
-        return at == std::string::npos ? "" : text.substr(from, text.find('\n', at) - from);
+        return at == std::string::npos
+                   ? ""
+                   : text.substr(at + start.size(), text.find('\n', at) - at - start.size());
     }
-    std::vector<Target> StartOneForEachEvent(const std::string& mode) {
-        constexpr const char* kTypesAndActions[][2] = {{"cpu_ext", ""}, {"cpu", "freeze"}, {"cpu", "kill"}};
+    // One for each treatment.
+    std::vector<Target> StartTargets(const std::string& mode) {
         std::vector<Target> targets;
-        for (size_t i = 0; i < kEvents.size(); ++i) {
-            Process& target = StartTarget(std::string("late") + kEvents[i], {mode});
-            targets.push_back({&target, target.Standing(),
-                               Anomaly(target, kTypesAndActions[i][0], kTypesAndActions[i][1])});
+        for (const Treatment& treatment : kTreatments) {
+            Process& target = StartTarget("late" + treatment.event, {mode});
+            EXPECT_TRUE(mode != "hang" || target.AwaitState('D'));
+            targets.push_back(
+                {&target, target.Standing(), Anomaly(target, treatment.resourceType, treatment.action)});
         }
         return targets;
     }
-    // Waits until the reports have been handled, of which one that nobody fits is the last.
-    void Report(std::vector<Target>& targets) {
+    // Waits until the reports have been handled, of which one that fits no process is the last.
+    void ReportAll(std::vector<Target>& targets) {
         std::vector<Kelvra::ProcessAnomalyInfo> batch;
-        batch.reserve(targets.size() + 1);
         for (const Target& target : targets) {
             batch.push_back(target.report);
         }
@@ -118,37 +113,46 @@ class FaultyTest : public SystemTest {
         const bool isTaken = Manager().Report(batch) == 0;
         EXPECT_TRUE(!isTaken || QuotaHost().log.Await("abnormal info pid is 1,"));
         for (size_t i = 0; i < targets.size(); ++i) {
-            targets[i].told = Told(kEvents[i], *targets[i].process);
+            targets[i].told = ToldOf(kTreatments[i].event, *targets[i].process);
         }
     }
     // That was told, and so it is.
-    static void ExpectTold(const std::vector<Target>& targets, const std::array<const char*, 3>& expected) {
+    static void ExpectTold(const std::vector<Target>& targets, const Told& expected) {
         for (size_t i = 0; i < targets.size(); ++i) {
             const std::string& told = targets[i].told;
             EXPECT_TRUE(*expected[i] == 0 ? told.empty() : told.starts_with(expected[i]))
-                << kEvents[i] << told;
+                << kTreatments[i].event << " " << told;
         }
-        const auto isDone = [&](size_t event) { return targets[event].told.starts_with("done"); };
+        const auto isDone = [&](size_t treatment) { return targets[treatment].told.starts_with("done"); };
         EXPECT_EQ(isDone(0), targets[0].process->Standing() != targets[0].before);
         EXPECT_EQ(isDone(1), targets[1].process->StandsStill());
         EXPECT_EQ(isDone(2), targets[2].process->HasEnded(isDone(2) ? kPatience : milliseconds(100)));
     }
     void ExpectNothingTreated(const std::vector<Target>& targets) {
-        EXPECT_EQ(std::vector<std::string>(), TracesOfTreatments());
+        ExpectNoTraces();
         for (const Target& target : targets) {
             EXPECT_TRUE(target.process->HasEnded() || target.process->Standing() == target.before);
         }
     }
+    // Each treatment of a process of that mode, and the stop.
+    void TreatAndStop(const std::string& mode, const Told& expected) {
+        StartWithFakeManager();
+        std::vector<Target> targets = StartTargets(mode);
+        ReportAll(targets);
+        ExpectTold(targets, expected);
+        EXPECT_EQ(0, StopQuotaHost());
+        ExpectNothingTreated(targets);
+    }
 };
 
-// What happens to a host, and what the log says then of a suppression, a freeze and a kill: where the host
-// cannot make sure which process is meant, it takes no report.
+// What happens to a host, and what the log says then: where the host cannot make sure which process is meant,
+// it takes no report.
 struct Fault {
     friend void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
 
     const char* name;
     std::function<void(FaultyTest& test, bool isOn)> set;
-    std::array<const char*, kEvents.size()> told;
+    Told told;
     bool isTriedAtStop = true;
     bool reachesOtherHosts = false;
 };
@@ -159,10 +163,8 @@ std::function<void(FaultyTest&, bool)> Hidden(const char* directory) {
     };
 }
 
-std::function<void(FaultyTest&, bool)> Limited(__rlimit_resource resource, rlim_t limit) {
-    return [resource, limit](FaultyTest& test, bool isOn) {
-        test.SetLimit(resource, isOn ? std::optional(limit) : std::nullopt);
-    };
+std::function<void(FaultyTest&, bool)> Limited(const char* limit, const char* usual) {
+    return [=](FaultyTest& test, bool isOn) { test.SetSoftLimit(isOn ? limit : usual); };
 }
 
 class FaultTest : public FaultyTest, public testing::WithParamInterface<Fault> {
@@ -189,27 +191,25 @@ INSTANTIATE_TEST_SUITE_P(
         Fault{"DiskFull", &FaultyTest::SetDiskFull, {"failed", "failed", "done"}, true, true},
         Fault{"NoGroups", Hidden("/sys/fs/cgroup"), {"done", "done", "done"}, true, true},
         Fault{"NoProc", Hidden("/proc"), {"", "", ""}},
-        Fault{"NoDescriptors", Limited(RLIMIT_NOFILE, 3), {"", "", ""}, kStopsWithoutDescriptors},
-        Fault{"NoThreads", Limited(RLIMIT_NPROC, 1), {"done", "done", "done"}}),
+        Fault{"NoDescriptors", Limited("nofile=3:", "nofile=256:"), {"", "", ""}, kStopsWithoutDescriptors},
+        Fault{"NoThreads", Limited("nproc=1:", "nproc=1000:"), {"done", "done", "done"}}),
     [](const auto& fault) { return fault.param.name; });
 
 TEST_P(FaultTest, TruthIsToldAndNothingStaysTreated) {
-    FakeManager& manager = StartWithFakeManager();
-    LogFile& log = QuotaHost().log;
+    StartWithFakeManager();
     Process& early = StartTarget("early", {"burn"});
     Process& kept = StartTarget("kept", {"burn"});
     std::vector<Target> all{{&early, early.Standing()}, {&kept, kept.Standing()}};
-    std::vector<Target> late = StartOneForEachEvent("burn");
+    std::vector<Target> late = StartTargets("burn");
     all.insert(all.end(), late.begin(), late.end());
-    ASSERT_EQ(0, manager.Report({Anomaly(early, "cpu_ext", ""), Anomaly(early, "cpu_ext", ""),
-                                 Anomaly(kept, "cpu", "freeze")}));
-    ASSERT_TRUE(log.Await("freeze process, pid is"));
+    Report({Anomaly(early, "cpu_ext", ""), Anomaly(early, "cpu_ext", ""), Anomaly(kept, "cpu", "freeze")},
+           kFrozen);
 
     Set(true);
-    Report(late);
-    EXPECT_TRUE(Eventually([&] { return !Told("THAW", early).empty(); }));
+    ReportAll(late);
+    EXPECT_TRUE(Eventually([&] { return !ToldOf("THAW", early).empty(); }));
     const auto earlyRuns = [&] { return !early.StandsStill(); };
-    const bool isThawed = Told("THAW", early).starts_with("done");
+    const bool isThawed = ToldOf("THAW", early).starts_with("done");
     EXPECT_EQ(isThawed, isThawed ? Eventually(earlyRuns) : earlyRuns());
     Set(false);
     ExpectTold(late, GetParam().told);
@@ -219,6 +219,7 @@ TEST_P(FaultTest, TruthIsToldAndNothingStaysTreated) {
 
     Set(GetParam().isTriedAtStop);
     EXPECT_EQ(0, StopQuotaHost());
+    const LogFile& log = QuotaHost().log;
     EXPECT_EQ(kept.StandsStill(), log.Contains("(kept) could not be released"));
     if (GetParam().reachesOtherHosts) {
         const bool areAllReleased = Release() == 0;
@@ -234,26 +235,13 @@ TEST_P(FaultTest, TruthIsToldAndNothingStaysTreated) {
 }
 
 TEST_F(FaultyTest, AProcessThatCannotBeInterruptedIsTreatedAsAnyOther) {
-    StartWithFakeManager();
-    std::vector<Target> hanging = StartOneForEachEvent("hang");
-    for (const Target& target : hanging) {
-        ASSERT_TRUE(target.process->AwaitState('D'));
-    }
-    Report(hanging);
-    ExpectTold(hanging, {"done", "done", "done"});
-    EXPECT_EQ(0, StopQuotaHost());
-    ExpectNothingTreated(hanging);
+    TreatAndStop("hang", {"done", "done", "done"});
 }
 
 TEST_F(FaultyTest, AHostThatMayNotTreatAnotherUsersProcessSaysSo) {
     Parts().quotaCapabilities = "+sys_ptrace,+dac_read_search";
-    StartWithFakeManager();
-    std::vector<Target> foreign = StartOneForEachEvent("burn");
-    Report(foreign);
     constexpr const char* kRefused = "failed: Operation not permitted";
-    ExpectTold(foreign, {kRefused, kRefused, kRefused});
-    EXPECT_EQ(0, StopQuotaHost());
-    ExpectNothingTreated(foreign);
+    TreatAndStop("burn", {kRefused, kRefused, kRefused});
 }
 
 }  // namespace KITE::Integration

@@ -20,7 +20,6 @@ class Competition {
   public:
     Competition(const std::string& misbehave, int cpu, uid_t uid);
 
-    const std::error_code& StartError() const { return competitor_.StartError(); }
     // Begins a bout when it is time for one. When one has ended: the rival's share of the CPU time that both
     // got, in percent; other processes on the machine do not change it. Absent when it tells nothing. With
     // longer pauses the rival gets enough of the core to break its quota though it is suppressed.

@@ -1,7 +1,9 @@
 #include "demo/demonstration.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,7 +14,6 @@
 #include "base/file.h"
 #include "base/file_names.h"
 #include "base/text.h"
-#include "demo/disk_file.h"
 #include "demo/verdict.h"
 #include "proc/command_line.h"
 #include "proc/process_list.h"
@@ -45,6 +46,30 @@ int LastCpuOfOurs() {
         --last;
     }
     return last;
+}
+
+bool CountsWrites(const Linux::UniqueFd& file) {
+    const std::string piece(size_t{256} << 10, 'x');
+    const Tools::ProcessView self(getpid());
+    const int64_t before = self.WrittenBytes();
+    return !Linux::WriteAll(file.Get(), piece) && fdatasync(file.Get()) == 0 &&
+           self.WrittenBytes() - before >= static_cast<int64_t>(piece.size());
+}
+
+// A file without a name, on a disk where what is written counts as sent to storage: not so on tmpfs. Prefers
+// the directory. None where no such disk is found.
+Linux::UniqueFd MakeFileOnDisk(const std::filesystem::path& directory) {
+    for (const std::filesystem::path& candidate :
+         {directory, std::filesystem::path("/var/tmp"), std::filesystem::path("/var/lib"),
+          std::filesystem::path("/")}) {
+        std::string name = candidate / "kite-run-XXXXXX";
+        Linux::UniqueFd file(mkostemp(name.data(), O_CLOEXEC));
+        unlink(name.c_str());
+        if (file && CountsWrites(file)) {
+            return file;
+        }
+    }
+    return {};
 }
 
 bool IsThawed(const Observer& observer) {
@@ -103,9 +128,6 @@ Result<void> Demonstration::RefuseNamesakes() {
 }
 
 Result<void> Demonstration::Start() {
-    if (competition_.StartError()) {
-        return Failure(misbehave_, competition_.StartError());
-    }
     start_ = Clock::now();
     for (const Program& program : Programs()) {
         if (Result<void> started = StartProgram(program); !started) {
@@ -146,22 +168,21 @@ Result<void> Demonstration::StartProgram(const Program& program) {
     const auto tell = [this](const Program& of, Happening happening, const std::string& detail) {
         ShowEvent(of.name, WordOf(happening).tone, WordOf(happening).text, detail);
     };
-    const std::error_code error = running_.emplace_back(program, launch, tell).process.StartError();
+    const std::error_code error = programs_.emplace_back(program, launch, tell).Process().StartError();
     return error ? Result<void>(Failure(launch.program, error)) : Result<void>();
 }
 
 std::error_code Demonstration::WriteDeviceState() const {
     constexpr int kDataTransfer = 1;
     json state{{"screen_on", true}};
-    for (const Running& one : running_) {
-        const Program& program = one.observer.Of();
+    for (const Observer& observer : programs_) {
+        const Program& program = observer.Of();
+        const pid_t pid = observer.Process().Pid();
         if (program.name == "video_call") {
-            state["applications"] = {
-                {{"uid", program.uid}, {"processes", {one.process.Pid()}}, {"foreground", true}}};
+            state["applications"] = {{{"uid", program.uid}, {"processes", {pid}}, {"foreground", true}}};
         }
         if (program.name == "backup_upload") {
-            state["continuous_tasks"] = {
-                {{"uid", program.uid}, {"pid", one.process.Pid()}, {"types", {kDataTransfer}}}};
+            state["continuous_tasks"] = {{{"uid", program.uid}, {"pid", pid}, {"types", {kDataTransfer}}}};
         }
     }
     // Replaced at once, so that the service does not read half of it.
@@ -175,13 +196,13 @@ std::error_code Demonstration::WriteDeviceState() const {
 
 void Demonstration::Look() {
     events_->Read([this](std::string_view line) { ShowReport(line); });
-    for (Running& one : running_) {
-        one.observer.Look();
-        if (one.observer.Of().fate != Fate::kStages) {
+    for (Observer& observer : programs_) {
+        observer.Look();
+        if (observer.Of().fate != Fate::kStages) {
             continue;
         }
-        if (const auto share = competition_.Look(one.process, one.observer.IsSuppressed())) {
-            one.observer.TakeShare(*share);
+        if (const auto share = competition_.Look(observer.Process(), observer.IsSuppressed())) {
+            observer.TakeShare(*share);
         }
     }
 }
@@ -193,9 +214,9 @@ void Demonstration::ShowReport(std::string_view line) {
     if (!event || !event->Is(Linux::EventName::kReport)) {
         return;
     }
-    for (const Running& one : running_) {
-        const Program& program = one.observer.Of();
-        if (one.process.Pid() != event->pid ||
+    for (const Observer& observer : programs_) {
+        const Program& program = observer.Of();
+        if (observer.Process().Pid() != event->pid ||
             (program.fate == Fate::kUntouched && !told_.insert(program.name).second)) {
             continue;
         }
@@ -214,7 +235,7 @@ void Demonstration::ShowEvent(const std::string& program, Tone tone, const std::
 }
 
 bool Demonstration::AreAll(bool (*condition)(const Observer&)) const {
-    return std::ranges::all_of(running_, [&](const Running& one) { return condition(one.observer); });
+    return std::ranges::all_of(programs_, condition);
 }
 
 void Demonstration::Watch() {
@@ -238,10 +259,9 @@ bool Demonstration::Conclude() {
     Say(Tone::kQuiet, fmt::format("\n  {:<14}  {:<27}  {:<36}  {}", "process", "should be",
                                   "what /proc showed", "verdict"));
     size_t met = 0;
-    for (const Running& one : running_) {
-        const std::string shortcoming = Shortcoming(one.observer);
-        SayRow(one.observer.Of().name, FateText(one.observer.Of().fate), HistoryText(one.observer),
-               shortcoming);
+    for (const Observer& observer : programs_) {
+        const std::string shortcoming = Shortcoming(observer);
+        SayRow(observer.Of().name, FateText(observer.Of().fate), HistoryText(observer), shortcoming);
         met += shortcoming.empty() ? 1 : 0;
     }
     const bool hostsStopped = failure.empty() && stopped;
@@ -249,7 +269,7 @@ bool Demonstration::Conclude() {
         SayRow("the hosts", "run, and stop when asked", "see the raw log",
                failure.empty() ? stopped.Why().Text() : failure);
     }
-    const size_t total = running_.size() + (hostsStopped ? 0 : 1);
+    const size_t total = programs_.size() + (hostsStopped ? 0 : 1);
     Say(met == total ? Tone::kGood : Tone::kBad,
         fmt::format("\n{} of {} met the fate that the policy gives", met, total));
     if (!AreAll(IsFateReached)) {

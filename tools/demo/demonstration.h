@@ -36,14 +36,6 @@ class Demonstration {
     bool Conclude();
 
   private:
-    struct Running {
-        Running(const Program& program, const Tools::Launch& launch, const Observer::Tell& tell)
-            : process(launch), observer(program, process, tell) {}
-
-        Tools::ChildProcess process;
-        Observer observer;
-    };
-
     Linux::Result<void> StartProgram(const Program& program);
     std::error_code WriteDeviceState() const;
     void Look();
@@ -58,7 +50,7 @@ class Demonstration {
     const std::filesystem::path build_;
     const int contestedCpu_;
     Competition competition_;
-    std::deque<Running> running_;
+    std::deque<Observer> programs_;
     Clock::time_point start_{};
     std::optional<Tools::EventFollower> events_;
     std::set<std::string> told_;  // programs that are left alone, whose first report has been shown

@@ -30,9 +30,6 @@ using KITE::Tools::Tone;
 namespace fs = std::filesystem;
 namespace FileName = KITE::Linux::FileName;
 
-constexpr int kFailed = 1;
-constexpr int kSignalled = 128;
-
 struct Options {
     fs::path programs;  // the directory of the host; the libraries are in ../lib
     std::string etc;
@@ -40,6 +37,11 @@ struct Options {
     fs::path rawLog;
     bool serve = false;
 };
+
+int Fail(const std::string& reason) {
+    Say(Tone::kBad, reason);
+    return 1;
+}
 
 void Describe(CLI::App& app, Options& options) {
     app.add_flag("--serve", options.serve, "bring the system up and serve until Ctrl-C");
@@ -104,8 +106,7 @@ int Serve(PrivateSystem& system, int stop, const Options& options) {
                                 paths.etc, paths.state, (options.programs / "rqctl").string()));
     while (!KITE::Tools::AwaitReadable(stop, kPeriod)) {
         if (const std::string failure = system.WhatEnded(); !failure.empty()) {
-            Say(Tone::kBad, failure);
-            return kFailed;
+            return Fail(failure);
         }
     }
     return 0;
@@ -119,11 +120,10 @@ int Demonstrate(PrivateSystem& system, int stop, const Options& options) {
     Say(Tone::kPlain, "");
     Demonstration demonstration(system, stop, options.programs / "misbehave", options.rawLog.parent_path());
     if (const Result<void> started = demonstration.Start(); !started) {
-        Say(Tone::kBad, started.Why().Text());
-        return kFailed;
+        return Fail(started.Why().Text());
     }
     demonstration.Watch();
-    return !IsStopAsked(stop) && demonstration.Conclude() ? 0 : kFailed;
+    return !IsStopAsked(stop) && demonstration.Conclude() ? 0 : 1;
 }
 
 // A page of what was measured and done.
@@ -133,11 +133,9 @@ void MakePage(const PrivateSystem& system, const Options& options, const fs::pat
         {.program = options.programs / "rqctl",
          .arguments = {"rqctl", "plot", "--state", system.Paths().state, "--output", fs::absolute(page)},
          .output = log.Fd()});
-    if (rqctl.AwaitExit() == 0) {
-        Say(Tone::kPlain, "what happened, as a page to look at: " + page.string());
-    } else {
-        Say(Tone::kBad, "the page could not be made, see the raw log");
-    }
+    const bool isMade = rqctl.AwaitExit() == 0;
+    Say(isMade ? Tone::kPlain : Tone::kBad, isMade ? "what happened, as a page to look at: " + page.string()
+                                                   : "the page could not be made, see the raw log");
 }
 
 int RunSystem(int stop, const Options& options, const fs::path& page) {
@@ -150,10 +148,7 @@ int RunSystem(int stop, const Options& options, const fs::path& page) {
     const Clock::time_point begin = Clock::now();
     const Result<void> started = StartSystem(system, options, stop);
     if (!started) {
-        if (!IsStopAsked(stop)) {
-            Say(Tone::kBad, started.Why().Text());
-        }
-        return kFailed;
+        return IsStopAsked(stop) ? 1 : Fail(started.Why().Text());
     }
     Say(Tone::kGood, "the service is up after " + SecondsText(Clock::now() - begin));
     const int status = options.serve ? Serve(system, stop, options) : Demonstrate(system, stop, options);
@@ -165,12 +160,10 @@ int RunSystem(int stop, const Options& options, const fs::path& page) {
 int Run(const Options& options) {
     const UniqueFd stop = BlockStopSignals();
     if (const auto refused = Demonstration::RefuseNamesakes(); !options.serve && !refused) {
-        Say(Tone::kBad, refused.Why().Text());
-        return kFailed;
+        return Fail(refused.Why().Text());
     }
     if (const std::error_code error = KITE::Linux::WriteFile(options.rawLog, "")) {
-        Say(Tone::kBad, options.rawLog.string() + ": " + error.message());
-        return kFailed;
+        return Fail(options.rawLog.string() + ": " + error.message());
     }
     const fs::path page = fs::path(options.rawLog).replace_extension("html");
     fs::remove(page);
@@ -181,7 +174,7 @@ int Run(const Options& options) {
         return status;
     }
     Say(Tone::kQuiet, "stopped; nothing is left running, frozen or slowed");
-    return options.serve && status == 0 ? 0 : kSignalled + signal;
+    return options.serve && status == 0 ? 0 : 128 + signal;
 }
 
 }  // namespace
@@ -199,13 +192,13 @@ int main(int argc, char** argv) {
         if (geteuid() != 0) {
             fmt::print(stderr,
                        "kite_demo: must be run as root, to start each process under a user of its own\n");
-            return kFailed;
+            return 1;
         }
         umask(022);
         options.programs = fs::read_symlink("/proc/self/exe").parent_path();
         return Run(options);
     } catch (const std::exception& error) {
         fmt::print(stderr, "kite_demo: {}\n", error.what());
-        return kFailed;
+        return 1;
     }
 }

@@ -57,11 +57,11 @@ std::string SecondsText(Clock::duration time) {
     return fmt::format("{:.1f} s", std::chrono::duration<double>(time).count());
 }
 
-Observer::Observer(const Program& program, Tools::ChildProcess& process, Tell tell)
+Observer::Observer(const Program& program, const Tools::Launch& launch, Tell tell)
     : program_(program),
-      process_(process),
+      process_(launch),
       tell_(std::move(tell)),
-      home_(process.Standing()),
+      home_(process_.Standing()),
       stillSince_(Clock::now()),
       progressAt_(stillSince_),
       secondBegin_(stillSince_) {}

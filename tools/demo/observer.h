@@ -39,8 +39,8 @@ class Observer {
     // Hears of everything that happens but kMoved, with what was measured.
     using Tell = std::function<void(const Program&, Happening, const std::string& detail)>;
 
-    // The process has been started, and nothing has happened to it yet.
-    Observer(const Program& program, Tools::ChildProcess& process, Tell tell);
+    // Starts the program so.
+    Observer(const Program& program, const Tools::Launch& launch, Tell tell);
 
     // Looks at the process. Every 50 ms or so.
     void Look();
@@ -48,6 +48,7 @@ class Observer {
     void TakeShare(int64_t percent);
 
     const Program& Of() const { return program_; }
+    const Tools::ChildProcess& Process() const { return process_; }
     bool HasEnded() const { return hasEnded_; }
     bool IsSuppressed() const { return isSuppressed_; }
     // All that happened, in order.
@@ -69,7 +70,7 @@ class Observer {
     void Measure(Clock::time_point now);
 
     const Program& program_;
-    Tools::ChildProcess& process_;
+    Tools::ChildProcess process_;
     const Tell tell_;
     const std::string home_;  // its groups and its scheduling at the start
     std::vector<Happening> history_;
