@@ -11,23 +11,19 @@ class ReplacedProcessTest : public SystemTest {
     // faster.
     Process& ReportOneAndStopTheHost(const std::vector<std::string>& mode) {
         constexpr size_t kRecordsBefore = 3000;
-        constexpr int kAttempts = 10;
+        StartWithFakeManager();
         const Process& host = QuotaHost().process;
-        std::vector<Kelvra::ProcessAnomalyInfo> batch(
-            kRecordsBefore, Anomaly(StartTarget("harmless", {"idle"}), "cpu", "none"));
-        for (int attempt = 1;; ++attempt) {
-            Process& reported = StartTarget("reported", mode);
-            batch.push_back(Anomaly(reported, "cpu", "kill"));
+        std::vector batch(kRecordsBefore, Anomaly(StartTarget("harmless", {"idle"}), "cpu", "none"));
+        Process* reported = nullptr;
+        EXPECT_TRUE(Eventually([&] {
+            host.Signal(SIGCONT);
+            reported = &StartTarget("reported", mode);
+            batch.back() = Anomaly(*reported, "cpu", "kill");
             EXPECT_EQ(0, Manager().Report(batch));
             host.Signal(SIGSTOP);
-            EXPECT_TRUE(host.AwaitState('T'));
-            if (!reported.HasEnded() || attempt == kAttempts) {
-                EXPECT_FALSE(reported.HasEnded()) << "the host was faster each time";
-                return reported;
-            }
-            host.Signal(SIGCONT);
-            batch.pop_back();
-        }
+            return host.AwaitState('T') && !reported->HasEnded();
+        })) << "the host was faster each time";
+        return *reported;
     }
     void ContinueAndExpectRefusal(const Process& process) {
         const std::string pid = std::to_string(process.Pid());
@@ -38,7 +34,6 @@ class ReplacedProcessTest : public SystemTest {
 };
 
 TEST_F(ReplacedProcessTest, APidThatHasGoneToAnotherProcessIsNotTouched) {
-    StartWithFakeManager();
     Process& reported = ReportOneAndStopTheHost({"idle"});
     reported.Signal(SIGKILL);
     ASSERT_TRUE(reported.AwaitEnd());
@@ -48,7 +43,6 @@ TEST_F(ReplacedProcessTest, APidThatHasGoneToAnotherProcessIsNotTouched) {
 }
 
 TEST_F(ReplacedProcessTest, AProcessThatExecutesAnotherProgramIsNotTouched) {
-    StartWithFakeManager();
     Process& reported = ReportOneAndStopTheHost({"become"});
     reported.Signal(SIGUSR1);
     const std::string cmdline = "/proc/" + std::to_string(reported.Pid()) + "/cmdline";

@@ -18,10 +18,6 @@ struct Deed {
     std::set<uid_t> permitted;
 };
 
-bool IsTaken(const Answer& answer) {
-    return answer.error.empty() && answer.status == ERR_NONE;
-}
-
 // The manager's requests of the quota service, and reports, which nobody may send but the connection that
 // owns the manager's name: not the manager's user in another one either.
 std::vector<Deed> RequestsAndReports(const MessageParcel& report) {
@@ -32,7 +28,10 @@ std::vector<Deed> RequestsAndReports(const MessageParcel& report) {
     quotas.WriteInt32(0);
     quotas.WriteUint32(0);
     const auto transact = [](auto name, auto path, uint32_t code, const MessageParcel& request) {
-        return [=](BusClient& client) { return IsTaken(client.Transact(name, path, code, request)); };
+        return [=](BusClient& client) {
+            const Answer answer = client.Transact(name, path, code, request);
+            return answer.error.empty() && answer.status == ERR_NONE;
+        };
     };
     return {
         {"set quotas", transact(kKelvraName, kKelvraPath, Protocol::kSetProcessQuota, quotas), {kQuotaUid}},
@@ -47,24 +46,19 @@ const std::vector<Deed> kQuestions{
     {"ask for running times",
      [](BusClient& client) {
          int32_t result = ERR_RQC_PERMISSION_DENIED;
-         client.AskRunningTimes().reply.ReadInt32(result);
-         return result == ERR_OK;
+         return client.AskRunningTimes().reply.ReadInt32(result) && result == ERR_OK;
      },
      {kTrustedUid}},
     {"dump",
      [](BusClient& client) {
          Pipe pipe;
-         const int32_t status = client.Dump("DumpConfig", pipe.writeEnd.Get()).status;
-         return status == ERR_OK || !pipe.Text().empty();
+         return client.Dump("DumpConfig", pipe.writeEnd.Get()).status == ERR_OK || !pipe.Text().empty();
      },
      {kTrustedUid}}};
 
-const std::vector<Deed> kOwnings{{"own the service's name",
-                                  [](BusClient& client) { return client.Claim(Linux::kQuotaServiceId); },
-                                  {kQuotaUid}},
-                                 {"own the manager's name",
-                                  [](BusClient& client) { return client.Claim(KELVRA_MANAGER_SERVICE_ID); },
-                                  {kKelvraUid}}};
+Deed Owning(int32_t abilityId, uid_t owner) {
+    return {"own a name", [=](BusClient& client) { return client.Claim(abilityId); }, {owner}};
+}
 
 }  // namespace
 
@@ -80,7 +74,8 @@ class UntrustedCallersTest : public SystemTest {
 
 TEST_F(UntrustedCallersTest, ANameCannotBeTakenBeforeItsHostStarts) {
     for (const uid_t user : {kTrustedUid, kUntrustedUid, kKelvraUid, kQuotaUid}) {
-        TryAll(user, kOwnings);
+        TryAll(user,
+               {Owning(Linux::kQuotaServiceId, kQuotaUid), Owning(KELVRA_MANAGER_SERVICE_ID, kKelvraUid)});
     }
 }
 
