@@ -34,11 +34,6 @@ std::error_code Announce(const Announcement& announcement) {
     } else {
         PLATFORM_LOGI("%{public}s", text.c_str());
     }
-    if (result.cleanupError) {
-        PLATFORM_LOGW(
-            "a group of pid %{public}d or its record cannot be removed yet, it is tried again: %{public}s",
-            pid, result.cleanupError.message().c_str());
-    }
     std::vector<EventItem> items{{"PID", pid},
                                  {"PROCESS_NAME", processName},
                                  {"FORM", result.means},

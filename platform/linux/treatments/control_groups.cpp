@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <system_error>
 #include <thread>
@@ -31,16 +30,9 @@ bool HasPart(std::string_view text, char separator, std::string_view part) {
     return std::ranges::find(parts, part) != parts.end();
 }
 
-std::optional<Hierarchy> HierarchyOfMount(std::string_view type, std::string_view options) {
-    if (type == "cgroup2") {
-        return Hierarchy::kUnified;
-    }
-    return type == "cgroup" && HasPart(options, ',', "cpu") ? std::optional(Hierarchy::kCpuV1) : std::nullopt;
-}
-
-bool IsOfHierarchy(Hierarchy hierarchy, std::string_view id, std::string_view controllers) {
-    return hierarchy == Hierarchy::kUnified ? id == "0" && controllers.empty()
-                                            : HasPart(controllers, ',', "cpu");
+// What tells a hierarchy in mountinfo and in /proc/PID/cgroup.
+bool IsCpuV1(std::string_view controllers) {
+    return HasPart(controllers, ',', "cpu");
 }
 
 bool IsWellFormed(std::string_view path) {
@@ -118,11 +110,12 @@ Cgroups::Cgroups(std::string_view mountinfo, bool managerRuns) : managerRuns_(ma
         if (place.size() < 5 || what.size() < 3) {
             continue;
         }
-        // A path with a blank in it is written in another way, leads nowhere here, and so counts as
-        // unmounted.
-        if (const std::optional<Hierarchy> hierarchy = HierarchyOfMount(what[0], what[2])) {
+        const bool isCpuV1 = what[0] == "cgroup" && IsCpuV1(what[2]);
+        if (isCpuV1 || what[0] == "cgroup2") {
+            // A path with a blank in it is written in another way, leads nowhere, and so counts as unmounted.
             const std::string_view root = place[3] == "/" ? std::string_view() : place[3];
-            mounts_.push_back({*hierarchy, std::string(root), std::string(place[4])});
+            mounts_.push_back({isCpuV1 ? Hierarchy::kCpuV1 : Hierarchy::kUnified, std::string(root),
+                               std::string(place[4])});
         }
     }
 }
@@ -147,16 +140,15 @@ std::optional<Group> Cgroups::GroupAt(Hierarchy hierarchy, std::string_view path
 }
 
 std::optional<Group> Cgroups::GroupOf(pid_t pid, Hierarchy hierarchy) const {
-    const Result<std::string> text = ReadFile(ProcessFilePath(pid, "cgroup"), kProcFileLimit);
-    if (!text) {
-        return std::nullopt;
-    }
-    for (const std::string_view line : Split(*text, '\n')) {
-        const size_t first = line.find(':');
-        const size_t second = first == std::string_view::npos ? first : line.find(':', first + 1);
-        if (second != std::string_view::npos &&
-            IsOfHierarchy(hierarchy, line.substr(0, first), line.substr(first + 1, second - first - 1))) {
-            return GroupAt(hierarchy, line.substr(second + 1));
+    const std::string text = ReadFile(ProcessFilePath(pid, "cgroup"), kProcFileLimit).ValueOr({});
+    for (const std::string_view line : Split(text, '\n')) {
+        // A number, the controllers and the path, which may have colons of its own.
+        const std::vector<std::string_view> parts = Split(line, ':');
+        const bool isUnified = parts.size() > 2 && parts[0] == "0" && parts[1].empty();
+        const bool isIt =
+            hierarchy == Hierarchy::kUnified ? isUnified : parts.size() > 2 && IsCpuV1(parts[1]);
+        if (isIt) {
+            return GroupAt(hierarchy, line.substr(parts[0].size() + parts[1].size() + 2));
         }
     }
     return std::nullopt;
@@ -254,32 +246,21 @@ std::error_code MoveAll(const Group& from, const Group& to) {
 }
 
 std::error_code AwaitFrozen(const Group& group, int pidfd) {
-    const UniqueFd events(open(FilePath(group, "cgroup.events").c_str(), O_RDONLY | O_CLOEXEC));
-    if (!events) {
-        return LastError();
-    }
-    // Most threads stop at once, long before the kernel announces it, which it does with a delay and not
-    // often. So this looks for itself at first. It sleeps between the looks: a thread that waits without
-    // sleeping keeps the processor from threads of another session or group that have to stop.
-    constexpr std::chrono::milliseconds kAtOnce{1};
-    constexpr std::chrono::nanoseconds kBetweenLooks{20'000};
-    const auto begin = std::chrono::steady_clock::now();
-    std::array<char, 256> buffer;
+    // Threads stop at once, long before the kernel announces it, which it does with a delay and not often. So
+    // this looks for itself. It sleeps between the looks: a thread that waits without sleeping keeps the
+    // processor from threads of another session or group that have to stop.
+    constexpr timespec kBetweenLooks{0, 50'000};
+    const auto limit = std::chrono::steady_clock::now() + kFreezerLimit;
     while (true) {
-        const ssize_t length = pread(events.Get(), buffer.data(), buffer.size(), 0);
-        if (length < 0) {
-            return LastError();
+        const std::optional<std::string> events = ReadGroupFile(group, "cgroup.events");
+        if (!events || HasPart(*events, '\n', "frozen 1")) {
+            return events ? std::error_code() : ErrorOf(ENOENT);
         }
-        if (HasPart({buffer.data(), static_cast<size_t>(length)}, '\n', "frozen 1")) {
-            return {};
-        }
-        const auto passed = std::chrono::steady_clock::now() - begin;
-        if (passed >= kFreezerLimit) {
+        if (std::chrono::steady_clock::now() >= limit) {
             return ErrorOf(ETIMEDOUT);
         }
-        std::array<pollfd, 2> waits{{{events.Get(), POLLPRI, 0}, {pidfd, POLLIN, 0}}};
-        const timespec time{0, passed < kAtOnce ? kBetweenLooks.count() : (kFreezerLimit - passed).count()};
-        if (ppoll(waits.data(), waits.size(), &time, nullptr) > 0 && waits[1].revents != 0) {
+        pollfd process{pidfd, POLLIN, 0};
+        if (ppoll(&process, 1, &kBetweenLooks, nullptr) > 0) {
             return ErrorOf(ESRCH);
         }
     }

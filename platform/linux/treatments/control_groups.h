@@ -75,7 +75,7 @@ std::error_code MoveProcess(pid_t pid, const Group& group);
 std::error_code MoveAll(const Group& from, const Group& to);
 
 // How long a freeze waits for the kernel to say that all is frozen; one thread that cannot be interrupted
-// delays that. Below a second.
+// delays that.
 inline constexpr std::chrono::milliseconds kFreezerLimit{500};
 
 // Waits until the kernel says that everything in a unified group is frozen. ESRCH when the process that the

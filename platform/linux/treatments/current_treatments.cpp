@@ -56,6 +56,10 @@ std::error_code Treated::UndoUnwanted(TreatmentContext& context) {
     return Undo(context, record, Pidfd(), {.suppression = suppressions > 0, .freeze = isFrozen});
 }
 
+bool Treated::IsLeft() const {
+    return record.cleanupError || (record.suppression && suppressions == 0) || (record.freeze && !isFrozen);
+}
+
 Treated& CurrentTreatments::Entry(const ReportedProcessPtr& process) {
     const auto [entry, isNew] = treated_.try_emplace(process->key);
     Treated& treated = entry->second;
@@ -71,22 +75,26 @@ Treated& CurrentTreatments::Entry(const ReportedProcessPtr& process) {
 Treated* CurrentTreatments::FindLiving(pid_t pid) {
     const auto entry = std::ranges::find_if(treated_, [pid](const auto& candidate) {
         const auto& [key, treated] = candidate;
-        return key.first == pid && !treated.IsSettled() && treated.Pidfd() != kNoPidfd;
+        return key.first == pid && !treated.record.IsEmpty() && treated.Pidfd() != kNoPidfd;
     });
     return entry == treated_.end() ? nullptr : &entry->second;
 }
 
-void CurrentTreatments::Settle(Treated& treated, const std::error_code& error) {
+void CurrentTreatments::Settle(Treated& treated) {
     constexpr std::chrono::milliseconds kFirstPause{100};
     constexpr std::chrono::milliseconds kLongestPause{5000};
-    if (error) {
+    const Clock::time_point now = Clock::now();
+    if (!treated.IsLeft()) {
+        treated.retryAt.reset();
+        treated.retryPause = {};
+    } else if (!treated.retryAt || HasCome(treated.retryAt, now)) {
         treated.retryPause = std::clamp(treated.retryPause * 2, kFirstPause, kLongestPause);
-        treated.retryAt = Clock::now() + treated.retryPause;
+        treated.retryAt = now + treated.retryPause;
     }
-    if (treated.death && treated.death->Check(*treated.process, Clock::now())) {
+    if (treated.death && treated.death->Check(*treated.process, now)) {
         treated.death.reset();
     }
-    if (!error && treated.record.IsEmpty() && !treated.death) {
+    if (treated.record.IsEmpty() && !treated.death) {
         treated_.erase(ProcessKey(treated.process->key));
     }
     SetMoment();
@@ -106,7 +114,7 @@ void CurrentTreatments::SetMoment() {
 std::vector<TreatedProcess> CurrentTreatments::List() const {
     std::vector<TreatedProcess> list;
     for (const auto& [key, treated] : treated_) {
-        if (!treated.IsSettled()) {
+        if (!treated.record.IsEmpty()) {
             list.push_back({.pid = key.first,
                             .name = treated.record.processName,
                             .suppressedSince = treated.record.suppression ? treated.suppressedSince : 0,
@@ -128,10 +136,10 @@ void CurrentTreatments::DoWhatIsDue(std::optional<pid_t> ended) {
             const bool hasEnded = key.first == ended && treated.Pidfd() == kNoPidfd;
             if (!hasEnded && HasCome(treated.thawAt, now)) {
                 Thaw(treated, toTell);
-            } else if ((hasEnded && !treated.IsSettled()) || HasCome(treated.retryAt, now)) {
+            } else if ((hasEnded && !treated.record.IsEmpty()) || HasCome(treated.retryAt, now)) {
                 TryToUndo(treated, toTell);
             } else if (treated.death) {
-                Settle(treated, {});
+                Settle(treated);
             }
         }
     }
@@ -145,7 +153,7 @@ void CurrentTreatments::Thaw(Treated& treated, std::vector<Announcement>& toTell
     TreatmentResult result = Linux::Thaw(context_, treated.record, treated.Pidfd());
     result.note = "its time is over";
     toTell.push_back({EventName::kThaw, treated.record.pid, treated.record.processName, result});
-    Settle(treated, result.FirstError());
+    Settle(treated);
 }
 
 void CurrentTreatments::TryToUndo(Treated& treated, std::vector<Announcement>& toTell) {
@@ -172,15 +180,13 @@ void CurrentTreatments::TryToUndo(Treated& treated, std::vector<Announcement>& t
     if (!error && treated.retryAt) {
         PLATFORM_LOGI("pid %{public}d (%{public}s): what could not be undone before is undone now",
                       record.pid, Printable(record.processName).c_str());
-        treated.retryAt.reset();
-        treated.retryPause = {};
     } else if (error && !treated.retryAt) {
         PLATFORM_LOGE(
             "pid %{public}d (%{public}s) has ended, but not all of its treatment can be undone yet: "
             "%{public}s; it is tried again",
             record.pid, Printable(record.processName).c_str(), error.message().c_str());
     }
-    Settle(treated, error);
+    Settle(treated);
 }
 
 void CurrentTreatments::ReleaseAll() {
@@ -190,7 +196,7 @@ void CurrentTreatments::ReleaseAll() {
             treated.death->Check(*treated.process, Clock::time_point::max());
             treated.death.reset();
         }
-        if (!treated.IsSettled()) {
+        if (!treated.record.IsEmpty()) {
             all.push_back(&treated.record);
         }
     }

@@ -40,8 +40,8 @@ struct Treated {
 
     // kNoPidfd if the process has ended.
     int Pidfd() const;
-    // Nothing on record is to be undone, now or later.
-    bool IsSettled() const { return record.IsEmpty() && !retryAt; }
+    // Whether something on record is not asked for: it could not be undone yet.
+    bool IsLeft() const;
     // Without a time until it is thawed. Of several freezes the one that ends last counts.
     void AskForFreeze(std::optional<std::chrono::milliseconds> time);
     void CancelFreeze();
@@ -74,13 +74,13 @@ class CurrentTreatments {
     // Held by whoever calls an operation below that does not take it, uses an entry, or treats a process.
     [[nodiscard]] std::unique_lock<std::mutex> Lock() { return std::unique_lock(mutex_); }
 
-    // Its entry, made if it is not there. It stays where it is until it is settled.
+    // Its entry, made if it is not there. It stays where it is until Settle forgets it.
     Treated& Entry(const ReportedProcessPtr& process);
     // The treated, living process of that pid; null when there is none.
     Treated* FindLiving(pid_t pid);
-    // After something was done: forgets a process of which nothing is on record any more. After an error, has
-    // it tried again; without one, what failed before is still tried again.
-    void Settle(Treated& treated, const std::error_code& error);
+    // After something was done: forgets a process of which nothing is on record any more, and has undone
+    // later what could not be undone: soon at first, then after twice as long each time.
+    void Settle(Treated& treated);
     std::vector<TreatedProcess> List() const;
     // Ends every treatment and forgets it; what cannot be ended stays on record.
     void ReleaseAll();

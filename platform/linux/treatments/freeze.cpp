@@ -35,7 +35,7 @@ TreatmentResult FreezeInGroup(TreatmentContext& context, TreatmentRecord& record
     }
     ResumeSuppression(record, pidfd);
     if (result.error) {
-        result.cleanupError = Thaw(context, record, kNoPidfd).FirstError();
+        Thaw(context, record, kNoPidfd);
         result.isFinal = Is(result.error, ETIMEDOUT) || record.freeze;
     }
     return result;
@@ -57,7 +57,7 @@ TreatmentResult StopBySignal(TreatmentContext& context, TreatmentRecord& record,
     TreatmentResult result{SendSignal(pidfd, SIGSTOP), "SIGSTOP"};
     if (result.error) {
         record.freeze.reset();
-        result.cleanupError = CleanUp(context, record);
+        CleanUp(context, record);
     }
     return result;
 }

@@ -49,8 +49,8 @@ std::error_code Undo(TreatmentContext& context, TreatmentRecord& record, int pid
     const std::error_code thawError = kept.freeze ? std::error_code() : Thaw(context, record, pidfd).error;
     const std::error_code suppressionError =
         kept.suppression ? std::error_code() : EndSuppression(context, record, pidfd).error;
-    const std::error_code cleanupError = CleanUp(context, record);
-    return thawError ? thawError : (suppressionError ? suppressionError : cleanupError);
+    CleanUp(context, record);
+    return thawError ? thawError : (suppressionError ? suppressionError : record.cleanupError);
 }
 
 bool ReleaseEach(std::vector<TreatmentRecord*> left, const UndoOne& undo) {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "base/text.h"
 #include "runtime/platform_log.h"
@@ -25,48 +26,36 @@ constexpr int64_t kFreezeForAWhile = 0;
 constexpr int64_t kSuppressionStarts = 5;
 constexpr int64_t kSuppressionEnds = 6;
 
-constexpr int64_t kHighestPid = std::numeric_limits<pid_t>::max();
-constexpr int64_t kLongestFreezeMs = std::numeric_limits<int32_t>::max();
-
 struct Target {
     pid_t pid;
     std::string name;
 };
 
-const std::string* TextOf(const Payload& payload, const char* key) {
+// Empty when it is not there.
+std::string TextOf(const Payload& payload, const char* key) {
     const auto entry = payload.find(key);
-    return entry == payload.end() ? nullptr : &entry->second;
+    return entry == payload.end() ? std::string() : entry->second;
 }
 
-// Absent, with an error line, unless it is there and decimal and in range.
-std::optional<int64_t> NumberOf(const Payload& payload, const char* key, int64_t lowest, int64_t highest) {
-    const std::string* text = TextOf(payload, key);
-    const std::optional<int64_t> number = text == nullptr ? std::nullopt : ParseDecimal(*text);
-    if (!number || *number < lowest || *number > highest) {
+// Absent, with an error line, unless it is a pid or a number of milliseconds: decimal and positive.
+std::optional<int32_t> NumberOf(const Payload& payload, const char* key) {
+    const std::string text = TextOf(payload, key);
+    const int64_t number = ParseDecimal(text).value_or(0);
+    if (number < 1 || number > std::numeric_limits<int32_t>::max()) {
         PLATFORM_LOGE("request refused: \"%{public}s\" is not a number in range: %{public}s", key,
-                      text == nullptr ? "absent" : Printable(*text).c_str());
+                      text.empty() ? "absent" : Printable(text).c_str());
         return std::nullopt;
     }
-    return number;
+    return static_cast<int32_t>(number);
 }
 
 std::optional<Target> TargetOf(const Payload& payload) {
-    const std::optional<int64_t> pid = NumberOf(payload, "pid", 1, kHighestPid);
-    const std::string* name = TextOf(payload, "processName");
-    if (pid && (name == nullptr || name->empty())) {
-        PLATFORM_LOGE("request for pid %{public}ld refused: no \"processName\"", *pid);
+    const std::optional<pid_t> pid = NumberOf(payload, "pid");
+    std::string name = TextOf(payload, "processName");
+    if (pid && name.empty()) {
+        PLATFORM_LOGE("request for pid %{public}d refused: no \"processName\"", *pid);
     }
-    if (!pid || name == nullptr || name->empty()) {
-        return std::nullopt;
-    }
-    return Target{static_cast<pid_t>(*pid), *name};
-}
-
-void FreezeForAWhile(const Target& target, const Payload& payload) {
-    const std::optional<int64_t> time = NumberOf(payload, "freezeTime", 1, kLongestFreezeMs);
-    if (time) {
-        Treatments::Instance().Freeze(target.pid, target.name, std::chrono::milliseconds(*time));
-    }
+    return pid && !name.empty() ? std::optional(Target{*pid, std::move(name)}) : std::nullopt;
 }
 
 }  // namespace
@@ -84,12 +73,13 @@ void ResSchedClient::ReportData(uint32_t resType, int64_t value, const Payload& 
         return;
     }
     const std::optional<Target> target = TargetOf(payload);
-    if (target && value == kFreezeForAWhile) {
-        FreezeForAWhile(*target, payload);
-    } else if (target && value == kSuppressionStarts) {
-        Treatments::Instance().Suppress(target->pid, target->name);
-    } else if (target) {
-        Treatments::Instance().EndSuppression(target->pid, target->name);
+    Treatments& treatments = Treatments::Instance();
+    if (target && value == kSuppressionStarts) {
+        treatments.Suppress(target->pid, target->name);
+    } else if (target && value == kSuppressionEnds) {
+        treatments.EndSuppression(target->pid, target->name);
+    } else if (const auto time = target ? NumberOf(payload, "freezeTime") : std::nullopt) {
+        treatments.Freeze(target->pid, target->name, std::chrono::milliseconds(*time));
     }
 }
 
@@ -98,8 +88,7 @@ int32_t ResSchedClient::KillProcess(const Payload& payload) {
     if (!target) {
         return EINVAL;
     }
-    const std::string* reason = TextOf(payload, "killReason");
-    return Treatments::Instance().Kill(target->pid, target->name, reason == nullptr ? "" : *reason).value();
+    return Treatments::Instance().Kill(target->pid, target->name, TextOf(payload, "killReason")).value();
 }
 
 }  // namespace KITE

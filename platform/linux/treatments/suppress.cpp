@@ -28,7 +28,7 @@ TreatmentResult SuppressInGroup(TreatmentContext& context, TreatmentRecord& reco
     }
     result.error = EnterGroup(context, *place, record.pid, pidfd, kIdleFile);
     if (result.error) {
-        result.cleanupError = EndSuppression(context, record, kNoPidfd).FirstError();
+        EndSuppression(context, record, kNoPidfd);
         result.isFinal = record.suppression.has_value();
     }
     return result;
@@ -80,7 +80,7 @@ TreatmentResult SuppressThreads(TreatmentContext& context, TreatmentRecord& reco
     TreatmentResult result{MakeAllThreadsIdle(context, record, pidfd),
                            "SCHED_IDLE on every thread (weaker: does not reach across login sessions)"};
     if (result.error) {
-        result.cleanupError = EndSuppression(context, record, pidfd).FirstError();
+        EndSuppression(context, record, pidfd);
     }
     return result;
 }

@@ -26,13 +26,8 @@ struct TreatmentResult {
     std::error_code error;
     std::string means = {};  // "SIGSTOP", or the file and the group; empty where nothing had to be touched
     std::string note = {};   // what else the log and the event are to say
-    // The treatment itself is done or undone, but a group made for it is still there, or the record on disk
-    // is not up to date.
-    std::error_code cleanupError = {};
     // Another means would not help, or would come on top of what could not be undone.
     bool isFinal = false;
-
-    std::error_code FirstError() const { return error ? error : cleanupError; }
 };
 
 // Stands for the pidfd of a process that has ended.

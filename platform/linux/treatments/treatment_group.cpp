@@ -153,14 +153,20 @@ TreatmentResult RestoreGroup(const TreatmentContext& context, const ChangedGroup
     return result;
 }
 
-std::error_code CleanUp(const TreatmentContext& context, TreatmentRecord& record) {
+void CleanUp(const TreatmentContext& context, TreatmentRecord& record) {
     if (context.isDryRun) {
-        return {};
+        return;
     }
-    const std::error_code groupError = RemoveUnusedGroups(context.cgroups, record);
-    const std::error_code recordError =
+    const std::error_code before =
+        std::exchange(record.cleanupError, RemoveUnusedGroups(context.cgroups, record));
+    const std::error_code error =
         record.IsEmpty() ? context.records.Remove(record) : context.records.Write(record);
-    return groupError ? groupError : recordError;
+    record.cleanupError = record.cleanupError ? record.cleanupError : error;
+    if (record.cleanupError && !before) {
+        PLATFORM_LOGW(
+            "a group of pid %{public}d or its record cannot be removed yet, it is tried again: %{public}s",
+            record.pid, record.cleanupError.message().c_str());
+    }
 }
 
 TreatmentResult TryEach(const TreatmentRecord& record, int pidfd, std::initializer_list<Means> means) {
@@ -171,9 +177,7 @@ TreatmentResult TryEach(const TreatmentRecord& record, int pidfd, std::initializ
                 "pid %{public}d cannot be treated by %{public}s (%{public}s); another means is tried",
                 record.pid, result.means.c_str(), result.error.message().c_str());
         }
-        const std::error_code cleanupError = result.cleanupError;
         result = treat();
-        result.cleanupError = result.cleanupError ? result.cleanupError : cleanupError;
         if (!result.error || result.isFinal || HasExited(pidfd)) {
             break;
         }

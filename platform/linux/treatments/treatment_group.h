@@ -42,8 +42,9 @@ std::error_code EnterGroup(const TreatmentContext& context, const TreatmentGroup
 TreatmentResult RestoreGroup(const TreatmentContext& context, const ChangedGroup& changed, const char* file);
 
 // Moves the process and its children back from groups that no treatment uses any more, removes those groups,
-// and brings the record on disk up to date, or removes it when nothing is left in it. The first error.
-std::error_code CleanUp(const TreatmentContext& context, TreatmentRecord& record);
+// and brings the record on disk up to date, or removes it when nothing is left in it. The record remembers
+// the first error.
+void CleanUp(const TreatmentContext& context, TreatmentRecord& record);
 
 using Means = std::function<TreatmentResult()>;
 
@@ -61,7 +62,7 @@ TreatmentResult EndPart(const TreatmentContext& context, TreatmentRecord& record
     if (!result.error) {
         part.reset();
     }
-    result.cleanupError = CleanUp(context, record);
+    CleanUp(context, record);
     return result;
 }
 

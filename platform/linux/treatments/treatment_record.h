@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "base/result.h"
@@ -48,8 +49,10 @@ struct TreatmentRecord {
     std::vector<Placement> placements;
     std::optional<SuppressionRecord> suppression;
     std::optional<FreezeRecord> freeze;
+    // Not on disk: why a group that was made is still there, or why the record on disk is not up to date.
+    std::error_code cleanupError = {};
 
-    bool IsEmpty() const { return placements.empty() && !suppression && !freeze; }
+    bool IsEmpty() const { return placements.empty() && !suppression && !freeze && !cleanupError; }
     // Whether another host made the record and lives. Also true when that cannot be known.
     bool IsOfAnotherLivingHost() const;
     // Names the record's file and the groups made for the process.

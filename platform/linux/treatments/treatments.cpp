@@ -21,7 +21,7 @@ int64_t WallTime() {
 }
 
 // The reported process that a request means. Without a lock: it reads the process's memory, which may wait.
-Result<ReportedProcessPtr> Find(const ReportedProcesses& reported, pid_t pid, const std::string& name) {
+Result<ReportedProcessPtr> Admit(const ReportedProcesses& reported, pid_t pid, const std::string& name) {
     if (pid < 1) {
         return Failure("that is not a process id", ErrorOf(EINVAL));
     }
@@ -36,25 +36,20 @@ Result<ReportedProcessPtr> Find(const ReportedProcesses& reported, pid_t pid, co
     return same ? Result(std::move(process)) : same.Why();
 }
 
-// Likewise; announces a refusal.
-Result<ReportedProcessPtr> Admit(const ReportedProcesses& reported, std::string_view event, pid_t pid,
-                                 const std::string& name) {
-    Result<ReportedProcessPtr> process = Find(reported, pid, name);
-    if (!process) {
-        Announce({event, pid, name, {.error = process.Code(), .note = process.Why().Words()}});
-    }
-    return process;
+TreatmentResult Refusal(const Failure& failure) {
+    return {.error = failure.Code(), .note = failure.Words()};
 }
 
 // A process must run to end, which a suppressed one does late on a busy machine. A frozen one ends as it is.
 // In a dry run it would be gone by now.
-std::error_code LetDie(TreatmentContext& context, Treated& treated) {
+void LetDie(TreatmentContext& context, Treated& treated) {
     if (context.isDryRun) {
         treated.Cancel();
-        return treated.UndoUnwanted(context);
+        treated.UndoUnwanted(context);
+    } else {
+        treated.suppressions = 0;
+        EndSuppression(context, treated.record, treated.Pidfd());
     }
-    treated.suppressions = 0;
-    return EndSuppression(context, treated.record, treated.Pidfd()).FirstError();
 }
 
 }  // namespace
@@ -91,9 +86,9 @@ bool Treatments::Remember(pid_t pid, int64_t startTime, const std::string& name,
 
 std::error_code Treatments::Begin(std::string_view event, pid_t pid, const std::string& name,
                                   const Treat& treat) {
-    const Result<ReportedProcessPtr> process = Admit(reported_, event, pid, name);
+    const Result<ReportedProcessPtr> process = Admit(reported_, pid, name);
     if (!process) {
-        return process.Code();
+        return Announce({event, pid, name, Refusal(process.Why())});
     }
     auto lock = current_.Lock();
     TreatmentResult result{watcher_.Start(), "", "its end cannot be watched"};
@@ -103,7 +98,7 @@ std::error_code Treatments::Begin(std::string_view event, pid_t pid, const std::
         if (!result.error) {
             treated.names.insert(name);
         }
-        current_.Settle(treated, result.cleanupError);
+        current_.Settle(treated);
     }
     lock.unlock();
     return Announce({event, pid, name, std::move(result)});
@@ -124,7 +119,7 @@ std::error_code Treatments::End(std::string_view event, pid_t pid, const std::st
                       std::string(event).c_str(), pid, Printable(name).c_str());
         return ErrorOf(ESRCH);
     }
-    current_.Settle(*treated, result->FirstError());
+    current_.Settle(*treated);
     lock.unlock();
     return Announce({event, pid, name, std::move(*result)});
 }
@@ -135,9 +130,10 @@ std::error_code Treatments::Suppress(pid_t pid, const std::string& name) {
         TreatmentResult result{.error = {}, .note = "it is suppressed already"};
         if (treated.suppressions == 0) {
             // Half of an earlier one may be left, which does not suppress.
-            const std::error_code error = Linux::EndSuppression(context_, treated.record, pidfd).FirstError();
-            if (error) {
-                return {.error = error, .note = "an earlier one could not be ended yet"};
+            result = Linux::EndSuppression(context_, treated.record, pidfd);
+            if (result.error) {
+                result.note = "an earlier one could not be ended yet";
+                return result;
             }
             result = Linux::Suppress(context_, treated.record, pidfd);
             treated.suppressedSince = WallTime();
@@ -186,9 +182,9 @@ std::error_code Treatments::Thaw(pid_t pid, const std::string& name) {
 }
 
 std::error_code Treatments::Kill(pid_t pid, const std::string& name, const std::string& reason) {
-    const Result<ReportedProcessPtr> process = Admit(reported_, EventName::kKill, pid, name);
+    const Result<ReportedProcessPtr> process = Admit(reported_, pid, name);
     if (!process) {
-        return process.Code();
+        return Announce({EventName::kKill, pid, name, Refusal(process.Why())});
     }
     // Held while this is announced, so that the event stands before that of the end, which takes it too.
     const auto lock = current_.Lock();
@@ -203,7 +199,8 @@ std::error_code Treatments::Kill(pid_t pid, const std::string& name, const std::
         if (!context_.isDryRun && !treated.death) {
             treated.death.emplace(killPatience_);
         }
-        current_.Settle(treated, LetDie(context_, treated));
+        LetDie(context_, treated);
+        current_.Settle(treated);
     }
     return error;
 }
@@ -224,7 +221,7 @@ std::optional<std::error_code> Treatments::Release(pid_t pid, uid_t releasedBy) 
     const std::string name = treated->record.processName;
     treated->Cancel();
     const std::error_code error = treated->UndoUnwanted(context_);
-    current_.Settle(*treated, error);
+    current_.Settle(*treated);
     lock.unlock();
     return Announce({EventName::kRelease, pid, name, {.error = error, .note = "asked for"}, releasedBy});
 }

@@ -67,8 +67,8 @@ TEST_P(KilledHostByEachMeans, AHostKilledAtAnyStepLeavesNothingThatTheNextDoesNo
         record.freeze.reset();
         const bool isDone = !Linux::Suppress(context, record, pidfd->Get()).error &&
                             !Linux::Freeze(context, record, pidfd->Get()).error &&
-                            !Linux::Thaw(context, record, pidfd->Get()).FirstError() &&
-                            !Linux::EndSuppression(context, record, pidfd->Get()).FirstError();
+                            !Linux::Thaw(context, record, pidfd->Get()).error &&
+                            !Linux::EndSuppression(context, record, pidfd->Get()).error;
         _exit(isDone && record.IsEmpty() ? 0 : 1);
     };
     int calls = 1;
