@@ -15,8 +15,8 @@
 #include "base/file_names.h"
 #include "base/text.h"
 #include "demo/verdict.h"
-#include "proc/command_line.h"
 #include "proc/process_list.h"
+#include "proc/program.h"
 #include "shared/event.h"
 #include "shared/wording.h"
 

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "ipc/bus.h"
-#include "proc/executable.h"
 #include "proc/process_stat.h"
+#include "proc/program.h"
 
 namespace KITE::Linux {
 

@@ -7,9 +7,9 @@
 #include <optional>
 
 #include "base/text.h"
-#include "proc/command_line.h"
 #include "proc/pidfd.h"
 #include "proc/process_stat.h"
+#include "proc/program.h"
 
 namespace KITE::Linux {
 

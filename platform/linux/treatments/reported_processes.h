@@ -10,8 +10,8 @@
 #include <unordered_map>
 
 #include "base/result.h"
-#include "proc/executable.h"
 #include "proc/pidfd.h"
+#include "proc/program.h"
 #include "treatments/end_watcher.h"
 
 namespace KITE::Linux {

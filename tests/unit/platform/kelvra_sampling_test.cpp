@@ -3,8 +3,8 @@
 #include "kelvra_fixture.h"
 #include "kelvra_manager/manager/process_table.h"
 #include "kelvra_manager/manager/sampler.h"
-#include "proc/command_line.h"
 #include "proc/process_stat.h"
+#include "proc/program.h"
 #include "remote_object.h"
 #include "runtime/platform_log.h"
 

@@ -3,10 +3,10 @@
 #include <thread>
 
 #include "base/text.h"
-#include "proc/command_line.h"
 #include "proc/process_file.h"
 #include "proc/process_list.h"
 #include "proc/process_stat.h"
+#include "proc/program.h"
 
 // Texts of /proc, parts of which processes choose.
 namespace KITE::Linux {

@@ -1,7 +1,7 @@
 #include <sys/mount.h>
 
-#include "proc/command_line.h"
 #include "proc/pidfd.h"
+#include "proc/program.h"
 #include "treatment_fixture.h"
 
 namespace KITE::Linux {

@@ -7,7 +7,7 @@
 #include <tuple>
 #include <utility>
 
-#include "proc/command_line.h"
+#include "proc/program.h"
 #include "rqctl/check/findings.h"
 
 namespace KITE::Rqctl {

@@ -5,9 +5,9 @@
 #include <iterator>
 #include <utility>
 
-#include "proc/command_line.h"
 #include "proc/process_file.h"
 #include "proc/process_stat.h"
+#include "proc/program.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {

@@ -6,8 +6,8 @@
 
 #include "base/text.h"
 #include "device/device_state.h"
-#include "proc/command_line.h"
 #include "proc/process_file.h"
+#include "proc/program.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {

@@ -2,11 +2,12 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
-// The names that a process's command line gives it. A process chooses its arguments: a name proves nothing.
-// Any thread.
+// What a process executes, and the names that its command line gives it. A process chooses its arguments: a
+// name proves nothing. Any thread.
 namespace KITE::Linux {
 
 // Enough for the first 4095 bytes of a command line; a longer first argument gives no name.
@@ -23,5 +24,19 @@ std::string ReadProcessName(pid_t pid);
 std::string_view SeenNameOf(std::string_view commandLine);
 // Whether the service accepts a report under that name.
 bool IsAcceptedAs(std::string_view seenName, std::string_view reportedName);
+
+// Which file a process executes. It changes with every exec of another program.
+struct ExecutableIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    uid_t owner = 0;
+
+    bool operator==(const ExecutableIdentity&) const = default;
+};
+
+// Absent when the process is gone, may not be looked at, or executes no file (a kernel thread).
+std::optional<ExecutableIdentity> ReadExecutableIdentity(pid_t pid);
+// The file's name without its directory, also when the file has been replaced since; empty as above.
+std::string ReadExecutableName(pid_t pid);
 
 }  // namespace KITE::Linux

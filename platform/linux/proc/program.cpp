@@ -1,6 +1,10 @@
-#include "proc/command_line.h"
+#include "proc/program.h"
+
+#include <sys/stat.h>
 
 #include <array>
+#include <filesystem>
+#include <system_error>
 
 #include "proc/process_file.h"
 
@@ -38,6 +42,23 @@ std::string_view SeenNameOf(std::string_view commandLine) {
 
 bool IsAcceptedAs(std::string_view seenName, std::string_view reportedName) {
     return !seenName.empty() && reportedName.find(seenName) != std::string_view::npos;
+}
+
+std::optional<ExecutableIdentity> ReadExecutableIdentity(pid_t pid) {
+    struct stat file {};
+    const bool isThere = stat(ProcessFilePath(pid, "exe").c_str(), &file) == 0;
+    return isThere ? std::optional(ExecutableIdentity{file.st_dev, file.st_ino, file.st_uid}) : std::nullopt;
+}
+
+std::string ReadExecutableName(pid_t pid) {
+    std::error_code error;
+    const std::string path = std::filesystem::read_symlink(ProcessFilePath(pid, "exe"), error);
+    std::string_view name = LastComponent(path);
+    constexpr std::string_view kReplaced = " (deleted)";
+    if (name.ends_with(kReplaced)) {
+        name.remove_suffix(kReplaced.size());
+    }
+    return std::string(name);
 }
 
 }  // namespace KITE::Linux
