@@ -12,7 +12,7 @@
 #include "ipc/bus.h"
 #include "ipc/echo.h"
 #include "ipc/rows.h"
-#include "kelvra_manager/record_list.h"
+#include "kelvra_manager/protocol.h"
 #include "ratio_table.h"
 #include "runtime/settings.h"
 #include "turns.h"
@@ -81,7 +81,7 @@ struct QuotaExport {
             throw std::system_error(error, "cannot connect to the bus");
         }
         message.WriteInt32(0);
-        Linux::WriteRecordList(records, message);
+        Linux::KelvraProtocol::WriteRecordList(records, message);
         if (!Integration::Eventually([this] { return Send(); })) {
             throw std::runtime_error("the Kelvra manager does not answer");
         }

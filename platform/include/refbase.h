@@ -23,7 +23,11 @@ class KITE_API RefBase {
     virtual ~RefBase() = default;
 
     void IncStrongRef() const noexcept { strong_.fetch_add(1, std::memory_order_relaxed); }
-    void DecStrongRef() const noexcept;
+    void DecStrongRef() const noexcept {
+        if (strong_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            delete this;
+        }
+    }
     // The count at the moment of the call, for diagnostics and tests only.
     int StrongRefCount() const noexcept { return strong_.load(std::memory_order_relaxed); }
 

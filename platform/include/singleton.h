@@ -23,27 +23,17 @@ class DelayedSingleton {
         static std::mutex creation;
         static std::shared_ptr<T> instance;
         const std::lock_guard lock(creation);
-        if (!instance) {
-            instance = Create();
+        if (instance) {
+            return instance;
+        }
+        std::unique_ptr<T> created(new (std::nothrow) T());
+        if constexpr (!std::is_base_of_v<RefBase, T>) {
+            instance = std::move(created);
+        } else if (created) {
+            created->IncStrongRef();
+            instance.reset(created.release(), [](T* counted) { counted->DecStrongRef(); });
         }
         return instance;
-    }
-
-  private:
-    static std::shared_ptr<T> Create() {
-        std::unique_ptr<T> created(new (std::nothrow) T());
-        if constexpr (std::is_base_of_v<RefBase, T>) {
-            if (created) {
-                created->IncStrongRef();
-            }
-            return std::shared_ptr<T>(created.release(), [](T* counted) {
-                if (counted != nullptr) {
-                    counted->DecStrongRef();
-                }
-            });
-        } else {
-            return std::shared_ptr<T>(std::move(created));
-        }
     }
 };
 

@@ -7,7 +7,6 @@
 #include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager/manager/manager_stub.h"
 #include "kelvra_manager/protocol.h"
-#include "kelvra_manager/record_list.h"
 #include "runtime/access_tokens.h"
 #include "runtime/settings.h"
 

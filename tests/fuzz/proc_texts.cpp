@@ -48,7 +48,6 @@ void CheckStartTime(const std::string& command) {
                              ") S 1 2 3 0 -1 64 0 0 0 0 0 0 0 0 20 0 1 0 4711 0 0 18446744073709551615 0 0\n";
     const auto parsed = ParseProcessStat(stat);
     Require(parsed && parsed->startTime == 4711);
-    static_cast<void>(ReadProcessStat(kPid));
 }
 
 void CheckNames(std::string_view cmdline) {
@@ -75,12 +74,14 @@ RuleBook Rules() {
 
 void Watch(const std::vector<std::string>& texts) {
     static const RuleBook rules = Rules();
-    const auto process = WatchedProcess::Open(kPid, std::move(*OpenProcessFile(kPid, "cmdline")),
-                                              ProcessNameOf(texts[0]), rules.RulesFor("daemon"));
-    for (int second = 0; process && second < 3; ++second) {
-        process->Sample(TimePoint(std::chrono::seconds(second)));
-        for (const auto& report : process->TakeReports([](const auto&) { return false; })) {
-            Require(report.info.resource > 0 && report.info.pid == kPid);
+    const Reporter reporter;
+    WatchedProcess process(kPid, ReadProcessStat(kPid).ValueOr({}).startTime,
+                           std::move(*OpenProcessFile(kPid, "cmdline")), ProcessNameOf(texts[0]),
+                           rules.RulesFor("daemon"));
+    for (int second = 0; second < 3; ++second) {
+        process.Sample(TimePoint(std::chrono::seconds(second)));
+        for (const Report& report : process.TakeReports(reporter)) {
+            Require(report.resource > 0 && report.pid == kPid);
         }
         for (size_t i = kNames.size(); i < texts.size(); ++i) {
             Put(i - kNames.size(), texts[i]);

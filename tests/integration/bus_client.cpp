@@ -3,7 +3,6 @@
 #include <sys/syscall.h>
 
 #include "kelvra_manager/protocol.h"
-#include "kelvra_manager/record_list.h"
 
 namespace KITE::Integration {
 
@@ -140,7 +139,7 @@ void FakeManager::Take(uint32_t code, MessageParcel request, const char* sender)
         subscriber_ = sender;
         hasSubscribed_ = true;
     } else if (code == Protocol::kSetProcessQuota && request.ReadInt32(reserved)) {
-        hasQuotas_ = static_cast<bool>(Linux::ReadRecordList<Kelvra::ResQuotaInfo>(request));
+        hasQuotas_ = static_cast<bool>(Linux::KelvraProtocol::ReadRecordList<Kelvra::ResQuotaInfo>(request));
     }
 }
 
@@ -176,7 +175,7 @@ Kelvra::ProcessAnomalyInfo Anomaly(const Process& process, const std::string& re
 
 MessageParcel ReportOf(const std::vector<Kelvra::ProcessAnomalyInfo>& batch) {
     MessageParcel report;
-    Linux::WriteRecordList(batch, report);
+    Linux::KelvraProtocol::WriteRecordList(batch, report);
     return report;
 }
 

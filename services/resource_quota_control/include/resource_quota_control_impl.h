@@ -70,10 +70,9 @@ class ResourceQuotaControlImpl : public std::enable_shared_from_this<ResourceQuo
     // another batch has just killed.
     bool ReportFreezeProcessInfo(const Info& info);
     std::optional<CpuLimitInfo> FindCpuLimitInfo(const std::string& processName);
-    // Note that the process has reached a stage, or that it was killed; an entry that is gone or another
-    // process's by now stays as it is.
+    // Notes that the process has reached a stage, or forgets one that was killed (null); an entry that is
+    // gone or another process's by now stays as it is.
     void MarkCpuLimitInfo(const std::string& processName, int32_t pid, bool CpuLimitInfo::*stage);
-    void ForgetCpuLimitInfo(const std::string& processName, int32_t pid);
 
     // Keeps the report on a build that is debuggable, once a subscription was accepted.
     void Record(History& history, const Info& info);

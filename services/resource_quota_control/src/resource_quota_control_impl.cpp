@@ -49,6 +49,8 @@ constexpr const char* kCpuLimitExtension = "10005";
 constexpr const char* kFreezeTimeMs = "2000";
 constexpr std::chrono::microseconds kSuppressionTime{6'000'000};
 
+constexpr bool CpuLimitInfo::*kKilled = nullptr;  // after the last stage there is no entry
+
 const int32_t debuggable = GetIntParameter("const.debuggable", 0);
 
 bool LiesIn(uint32_t condition, int32_t current) {
@@ -57,12 +59,10 @@ bool LiesIn(uint32_t condition, int32_t current) {
 
 std::unordered_map<std::string, std::string> CpuLimitPayload(const std::string& processName,
                                                              const CpuLimitInfo& entry) {
-    std::unordered_map<std::string, std::string> payload(4);
-    payload.emplace("processName", processName);
-    payload.emplace("uid", std::to_string(entry.uid));
-    payload.emplace("pid", std::to_string(entry.pid));
-    payload.emplace("extType", kCpuLimitExtension);
-    return payload;
+    return {{"processName", processName},
+            {"uid", std::to_string(entry.uid)},
+            {"pid", std::to_string(entry.pid)},
+            {"extType", kCpuLimitExtension}};
 }
 
 void Report(int64_t value, const std::unordered_map<std::string, std::string>& payload) {
@@ -86,9 +86,7 @@ bool ResourceQuotaControlImpl::InitKelvraTaskObserver() {
         RQC_LOGE("SubscribeKelvraTask failed");
         return false;
     }
-    if (debuggable != 0) {
-        historyEnabled_ = true;
-    }
+    historyEnabled_ = historyEnabled_ || debuggable != 0;
     RQC_LOGI("InitKelvraTaskObserver successfully");
     return true;
 }
@@ -160,10 +158,8 @@ bool ResourceQuotaControlImpl::IsExemptBgContinuousTask(const Info& info) {
         return false;
     }
     for (const auto& task : tasks) {
-        if (!task || task->GetCreatorUid() != info.uid || task->GetCreatorPid() != info.pid) {
-            continue;
-        }
-        if (std::ranges::count(task->GetTypeIds(), kDataTransferTask) != 0) {
+        if (task && task->GetCreatorUid() == info.uid && task->GetCreatorPid() == info.pid &&
+            std::ranges::count(task->GetTypeIds(), kDataTransferTask) != 0) {
             RQC_LOGI("pid %{public}d has data transfer continuous task", info.pid);
             return true;
         }
@@ -272,7 +268,7 @@ void ResourceQuotaControlImpl::HandleAbnormalProcessEnhance(const Info& info) {
     ResourceQuotaControlExecuteHelper::KillProcessByPid(info.pid, info.resType, info.processName);
     RQC_LOGI("kill process for quota exceed, processName: %{public}s, uid: %{public}d,pid: %{public}d",
              info.processName.c_str(), info.uid, info.pid);
-    ForgetCpuLimitInfo(info.processName, info.pid);
+    MarkCpuLimitInfo(info.processName, info.pid, kKilled);
 }
 
 bool ResourceQuotaControlImpl::CheckWhetherSuppressRequired(const Info& info) {
@@ -312,14 +308,12 @@ void ResourceQuotaControlImpl::ReportSuppressProcessInfo(const Info& info) {
 void ResourceQuotaControlImpl::EndSuppression(const std::string& processName,
                                               const CpuLimitInfo& suppressed) {
     Report(kSuppressionEnds, CpuLimitPayload(processName, suppressed));
-    CpuLimitInfo ended;
-    {
-        // A process that was killed meanwhile has no entry; it gets one with uid and pid 0.
-        const std::lock_guard lock(cpuLimitMutex_);
-        CpuLimitInfo& entry = cpuLimitInfos_[processName];
-        entry = CpuLimitInfo{entry.uid, entry.pid};
-        ended = entry;
-    }
+    std::unique_lock lock(cpuLimitMutex_);
+    // A process that was killed meanwhile has no entry; it gets one with uid and pid 0.
+    CpuLimitInfo& entry = cpuLimitInfos_[processName];
+    entry = CpuLimitInfo{entry.uid, entry.pid};
+    const CpuLimitInfo ended = entry;
+    lock.unlock();
     RQC_LOGI("process exit suppress, processName: %{public}s, uid: %{public}d,pid: %{public}d",
              processName.c_str(), ended.uid, ended.pid);
 }
@@ -352,15 +346,12 @@ void ResourceQuotaControlImpl::MarkCpuLimitInfo(const std::string& processName, 
                                                 bool CpuLimitInfo::*stage) {
     const std::lock_guard lock(cpuLimitMutex_);
     const auto entry = cpuLimitInfos_.find(processName);
-    if (entry != cpuLimitInfos_.end() && entry->second.pid == pid) {
-        entry->second.*stage = true;
+    if (entry == cpuLimitInfos_.end() || entry->second.pid != pid) {
+        return;
     }
-}
-
-void ResourceQuotaControlImpl::ForgetCpuLimitInfo(const std::string& processName, int32_t pid) {
-    const std::lock_guard lock(cpuLimitMutex_);
-    const auto entry = cpuLimitInfos_.find(processName);
-    if (entry != cpuLimitInfos_.end() && entry->second.pid == pid) {
+    if (stage != nullptr) {
+        entry->second.*stage = true;
+    } else {
         cpuLimitInfos_.erase(entry);
     }
 }

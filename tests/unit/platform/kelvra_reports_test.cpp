@@ -3,7 +3,6 @@
 #include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager/manager/reporter.h"
 #include "kelvra_manager/protocol.h"
-#include "kelvra_manager/record_list.h"
 #include "platform_fixture.h"
 
 // Batches of reports on their way from the Kelvra manager to the quota service.
@@ -18,7 +17,7 @@ TEST(Reporter, SendsBatchesOfBoundedSizeKnowsWhatIsOnItsWayAndDropsOnlyTheSubscr
     std::vector<size_t> sizes;
     const Reporter::Deliver deliver = [&](const MessageParcel& batch, std::function<void(int32_t)> answered) {
         MessageParcel copy(batch);
-        const auto infos = ReadRecordList<Kelvra::ProcessAnomalyInfo>(copy);
+        const auto infos = KelvraProtocol::ReadRecordList<Kelvra::ProcessAnomalyInfo>(copy);
         sizes.push_back(infos ? infos->size() : 0);
         answers.push_back(std::move(answered));
     };
@@ -59,7 +58,7 @@ class Subscriber : public ::testing::Test {
         Kelvra::ProcessAnomalyInfo info;
         info.processName = "some_daemon";
         info.conditions = {1, 2};
-        EXPECT_TRUE(WriteRecordList(std::vector(count, info), batch));
+        EXPECT_TRUE(KelvraProtocol::WriteRecordList(std::vector(count, info), batch));
         return batch;
     }
 

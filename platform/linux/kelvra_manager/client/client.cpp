@@ -5,7 +5,6 @@
 #include "ipc/bus.h"
 #include "kelvra_manager/client/subscriber_stub.h"
 #include "kelvra_manager/protocol.h"
-#include "kelvra_manager/record_list.h"
 #include "kelvra_manager_client.h"
 #include "runtime/platform_log.h"
 #include "system_ability.h"
@@ -50,7 +49,7 @@ KelvraManagerClient& KelvraManagerClient::GetInstance() {
 int32_t KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas) {
     MessageParcel data;
     if (!data.WriteInterfaceToken(Protocol::kManagerDescriptor) || !data.WriteInt32(reserved) ||
-        !Linux::WriteRecordList(quotas, data)) {
+        !Protocol::WriteRecordList(quotas, data)) {
         PLATFORM_LOGE("the quotas are not sent: %{public}lu are too many for one message", quotas.size());
         return ERR_TOO_LARGE;
     }

@@ -6,7 +6,6 @@
 
 #include "base/event_names.h"
 #include "kelvra_manager/protocol.h"
-#include "kelvra_manager/record_list.h"
 #include "runtime/event_file.h"
 #include "runtime/platform_log.h"
 #include "system_ability.h"
@@ -52,18 +51,15 @@ int32_t SubscriberStub::OnRemoteRequest(uint32_t code, MessageParcel& data, Mess
 }
 
 int32_t SubscriberStub::TakeBatch(MessageParcel& data) {
-    const Result<std::vector<Kelvra::ProcessAnomalyInfo>> infos =
-        ReadRecordList<Kelvra::ProcessAnomalyInfo>(data);
+    const auto infos = KelvraProtocol::ReadRecordList<Kelvra::ProcessAnomalyInfo>(data);
     if (!infos || infos->empty()) {
         PLATFORM_LOGE("a batch of anomaly reports is refused: %{public}s",
                       infos ? "it is empty" : infos.Why().Text().c_str());
         return KelvraProtocol::kBadReport;
     }
-    std::shared_ptr<Kelvra::KelvraManagerTaskSubscriber> subscriber;
-    {
-        const std::lock_guard lock(mutex_);
-        subscriber = subscriber_.lock();
-    }
+    std::unique_lock lock(mutex_);
+    const auto subscriber = subscriber_.lock();
+    lock.unlock();
     if (!subscriber) {
         return ERR_DEAD_OBJECT;
     }

@@ -17,18 +17,6 @@ namespace KITE::Linux::Sampling {
 
 namespace {
 
-class ManagerAbility : public SystemAbility {
-  public:
-    ManagerAbility() : SystemAbility(KELVRA_MANAGER_SERVICE_ID, true) {}
-
-    void OnStart() override;
-    void OnStop() override;
-    std::string GetClassName() override { return "KelvraManager"; }
-
-  private:
-    std::shared_ptr<Sampler> sampler_;
-};
-
 // As many processes as there are descriptors for; the host has raised the limit as far as it goes.
 size_t MostWatched() {
     constexpr rlim_t kForEverythingElse = 128;
@@ -44,20 +32,30 @@ std::unique_ptr<SampleRecorder> MakeRecorder() {
     return isWanted ? std::make_unique<SampleRecorder>(SamplesPath()) : nullptr;
 }
 
-void ManagerAbility::OnStart() {
-    const std::chrono::milliseconds period(GetIntParameter("kelvra.sample_period_ms", 1000, 100, 60'000));
-    sampler_ = std::make_shared<Sampler>(period, MostWatched(), std::make_shared<Reporter>(), MakeRecorder());
-    sampler_->Start();
-    if (!Publish(MakeSptr<ManagerStub>(sampler_))) {
-        PLATFORM_LOGE("the Kelvra manager cannot be published: no quotas are taken and nothing is reported");
-    }
-}
+class ManagerAbility : public SystemAbility {
+  public:
+    ManagerAbility() : SystemAbility(KELVRA_MANAGER_SERVICE_ID, true) {}
 
-void ManagerAbility::OnStop() {
-    if (sampler_) {
-        sampler_->Stop();
+    std::string GetClassName() override { return "KelvraManager"; }
+    void OnStart() override {
+        const std::chrono::milliseconds period(GetIntParameter("kelvra.sample_period_ms", 1000, 100, 60'000));
+        sampler_ =
+            std::make_shared<Sampler>(period, MostWatched(), std::make_shared<Reporter>(), MakeRecorder());
+        sampler_->Start();
+        if (!Publish(MakeSptr<ManagerStub>(sampler_))) {
+            PLATFORM_LOGE(
+                "the Kelvra manager cannot be published: no quotas are taken and nothing is reported");
+        }
     }
-}
+    void OnStop() override {
+        if (sampler_) {
+            sampler_->Stop();
+        }
+    }
+
+  private:
+    std::shared_ptr<Sampler> sampler_;
+};
 
 [[maybe_unused]] const bool g_isRegistered =
     SystemAbility::MakeAndRegisterAbility(DelayedSingleton<ManagerAbility>::GetInstance().get());

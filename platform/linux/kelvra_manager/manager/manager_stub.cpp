@@ -9,7 +9,6 @@
 #include "ipc/access.h"
 #include "ipc/remote_proxy.h"
 #include "kelvra_manager/protocol.h"
-#include "kelvra_manager/record_list.h"
 #include "runtime/platform_log.h"
 
 namespace KITE::Linux::Sampling {
@@ -39,13 +38,13 @@ int32_t ManagerStub::OnRemoteRequest(uint32_t code, MessageParcel& data, Message
 int32_t ManagerStub::SetProcessQuota(MessageParcel& data) {
     int32_t reserved = 0;
     data.ReadInt32(reserved);
-    Result<std::vector<Kelvra::ResQuotaInfo>> quotas = ReadRecordList<Kelvra::ResQuotaInfo>(data);
+    auto quotas = KelvraProtocol::ReadRecordList<Kelvra::ResQuotaInfo>(data);
     if (!quotas) {
         PLATFORM_LOGE("a list of quotas is refused: %{public}s", quotas.Why().Text().c_str());
         return KelvraProtocol::kBadQuotaList;
     }
     PLATFORM_LOGI("%{public}lu quotas replace all earlier ones", quotas->size());
-    sampler_->SetQuotas(std::move(*quotas));
+    sampler_->SetQuotas(*quotas);
     return ERR_NONE;
 }
 

@@ -20,17 +20,7 @@ using Buffer = std::array<char, 4096>;
 }  // namespace
 
 ProcessMeter::ProcessMeter(pid_t pid, std::string_view name, std::span<const Rule> rules)
-    : pid_(pid),
-      name_(name),
-      rules_(rules),
-      cpuClock_(pid),
-      smallestMemoryQuota_(std::numeric_limits<int64_t>::max()) {
-    for (const Rule& rule : rules) {
-        if (rule.type->resource == Resource::kMemory) {
-            smallestMemoryQuota_ = std::min(smallestMemoryQuota_, rule.quota.resource);
-        }
-    }
-}
+    : pid_(pid), name_(name), rules_(rules), cpuClock_(pid) {}
 
 Readings ProcessMeter::Read(TimePoint at) {
     Readings readings;
@@ -69,7 +59,10 @@ std::optional<int64_t> ProcessMeter::ReadMemoryKiB() {
         return std::nullopt;
     }
     const int64_t residentKiB = *pages * kPageKiB;
-    if (residentKiB <= smallestMemoryQuota_) {
+    const auto mayBeBroken = [residentKiB](const Rule& rule) {
+        return rule.type->resource == Resource::kMemory && residentKiB > rule.quota.resource;
+    };
+    if (std::ranges::none_of(rules_, mayBeBroken)) {
         return residentKiB;
     }
     // Opened anew: a kept descriptor stays with the memory that the process had before an exec.

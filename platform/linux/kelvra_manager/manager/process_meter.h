@@ -44,7 +44,6 @@ class ProcessMeter {
     const CpuClock cpuClock_;
     UniqueFd statm_;
     UniqueFd io_;
-    int64_t smallestMemoryQuota_;
     bool warned_ = false;
 };
 

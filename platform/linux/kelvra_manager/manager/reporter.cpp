@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "kelvra_manager/record_list.h"
+#include "kelvra_manager/protocol.h"
 #include "remote_object.h"
 #include "runtime/platform_log.h"
 
@@ -40,7 +40,7 @@ Reporter::Keys Reporter::KeysOf(std::span<const Report> reports) {
 
 void Reporter::SendBatch(const Subscriber& subscriber, std::span<const Report> reports) {
     MessageParcel batch;
-    if (!WriteRecordList(reports, batch)) {
+    if (!KelvraProtocol::WriteRecordList(reports, batch)) {
         PLATFORM_LOGE("a batch of %{public}lu reports is dropped: it is too large for a message",
                       reports.size());
         return;

@@ -33,8 +33,8 @@ void Sampler::Stop() {
     }
 }
 
-void Sampler::SetQuotas(std::vector<Kelvra::ResQuotaInfo> quotas) {
-    auto book = std::make_shared<const RuleBook>(std::move(quotas));
+void Sampler::SetQuotas(const std::vector<Kelvra::ResQuotaInfo>& quotas) {
+    auto book = std::make_shared<const RuleBook>(quotas);
     {
         const std::lock_guard lock(mutex_);
         book_.swap(book);
@@ -56,26 +56,22 @@ void Sampler::Run() {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         changed_.wait(lock, [this] { return stopping_ || HasWork(); });
-        SampleWhileThereIsWork(lock);
-    }
-}
-
-void Sampler::SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock) {
-    ProcessTable table(mostWatched_, recorder_.get());
-    TimePoint at = Clock::now();
-    while (HasWork()) {
-        const std::shared_ptr<const RuleBook> book = book_;
-        lock.unlock();
-        RunGuarded("a sample", [&] {
-            table.UseRules(book);
-            reporter_->Send(table.Sample(at, *reporter_));
-            if (recorder_) {
-                recorder_->Write();
-            }
-        });
-        lock.lock();
-        changed_.wait_until(lock, at + period_, [this] { return !HasWork(); });
-        at = NextSampleTime(at, Clock::now(), period_);
+        ProcessTable table(mostWatched_, recorder_.get());
+        TimePoint at = Clock::now();
+        while (HasWork()) {
+            const std::shared_ptr<const RuleBook> book = book_;
+            lock.unlock();
+            RunGuarded("a sample", [&] {
+                table.UseRules(book);
+                reporter_->Send(table.Sample(at, *reporter_));
+                if (recorder_) {
+                    recorder_->Write();
+                }
+            });
+            lock.lock();
+            changed_.wait_until(lock, at + period_, [this] { return !HasWork(); });
+            at = NextSampleTime(at, Clock::now(), period_);
+        }
     }
 }
 

@@ -33,13 +33,12 @@ class Sampler {
     void Stop();
 
     // Replaces all quotas.
-    void SetQuotas(std::vector<Kelvra::ResQuotaInfo> quotas);
+    void SetQuotas(const std::vector<Kelvra::ResQuotaInfo>& quotas);
     // Replaces the reporter's subscriber.
     void SetSubscriber(Reporter::Deliver deliver);
 
   private:
     void Run();
-    void SampleWhileThereIsWork(std::unique_lock<std::mutex>& lock);
     bool HasWork() const { return !stopping_ && !book_->IsEmpty() && reporter_->HasSubscriber(); }
 
     const std::chrono::milliseconds period_;
