@@ -1,8 +1,6 @@
-#include <sstream>
-
+#include "device/device_state.h"
 #include "app_manager.h"
 #include "background_task_manager.h"
-#include "device/device_state.h"
 #include "platform_fixture.h"
 #include "power_manager.h"
 #include "runtime/platform_log.h"
@@ -10,6 +8,9 @@
 
 namespace KITE::Linux {
 namespace {
+
+using testing::AllOf, testing::ElementsAre, testing::Field, testing::FieldsAre, testing::Pointee,
+    testing::Property;
 
 class DeviceTest : public DirectoryTest {
   protected:
@@ -52,27 +53,23 @@ TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
     EXPECT_EQ(WindowManager::GetInstance().GetVisibilityWindowInfo(windows), 0);
     EXPECT_EQ(BackgroundTaskMgrHelper::GetContinuousTaskApps(tasks), 0);
     EXPECT_EQ(BackgroundTaskMgrHelper::GetEfficiencyResourcesInfos(resources, processes), 0);
-    resources.insert(resources.end(), processes.begin(), processes.end());
-    std::ostringstream told;
-    const auto tell = [&told](const auto& list, const auto& tellOne) {
-        for (const auto& info : list) {
-            tellOne(told, info);
-        }
+    EXPECT_THAT(running, ElementsAre(FieldsAre(10, 1), FieldsAre(11, 1), FieldsAre(20, 2), FieldsAre(30, 3)));
+    EXPECT_THAT(rendering, ElementsAre(FieldsAre(12, 1)));
+    EXPECT_THAT(foreground, ElementsAre(FieldsAre(1)));
+    EXPECT_THAT(windows, ElementsAre(Property(&sptr<WindowVisibilityInfo>::GetRefPtr,
+                                              Field(&WindowVisibilityInfo::uid, 2))));
+    const std::vector<uint32_t> taskTypes{1, 4294967295};
+    EXPECT_THAT(tasks,
+                ElementsAre(Pointee(AllOf(Property(&ContinuousTaskCallbackInfo::GetCreatorUid, 1),
+                                          Property(&ContinuousTaskCallbackInfo::GetCreatorPid, 10),
+                                          Property(&ContinuousTaskCallbackInfo::GetTypeIds, taskTypes)))));
+    const auto resource = [](int32_t uid, int32_t pid, uint32_t number) {
+        return Pointee(AllOf(Property(&ResourceCallbackInfo::GetUid, uid),
+                             Property(&ResourceCallbackInfo::GetPid, pid),
+                             Property(&ResourceCallbackInfo::GetResourceNumber, number)));
     };
-    tell(running, [](auto& out, auto& info) { out << " running " << info.uid << ':' << info.pid; });
-    tell(rendering, [](auto& out, auto& info) { out << " rendering " << info.uid << ':' << info.renderPid; });
-    tell(foreground, [](auto& out, auto& info) { out << " foreground " << info.uid; });
-    tell(windows, [](auto& out, auto& info) { out << " window " << info->uid; });
-    tell(tasks, [](auto& out, auto& info) {
-        out << " task " << info->GetCreatorUid() << ':' << info->GetCreatorPid() << ' '
-            << testing::PrintToString(info->GetTypeIds());
-    });
-    tell(resources, [](auto& out, auto& info) {
-        out << " resource " << info->GetUid() << ':' << info->GetPid() << ' ' << info->GetResourceNumber();
-    });
-    EXPECT_EQ(told.str(),
-              " running 1:10 running 1:11 running 2:20 running 3:30 rendering 1:12 foreground 1 window 2"
-              " task 1:10 { 1, 4294967295 } resource 1:10 64 resource 2:20 1");
+    EXPECT_THAT(resources, ElementsAre(resource(1, 10, 64)));
+    EXPECT_THAT(processes, ElementsAre(resource(2, 20, 1)));
     const std::tuple<int, int, int> types[] = {{1, 11, 1}, {1, 12, 1}, {2, 11, 0}, {3, 30, 2}, {1, 30, 0}};
     for (const auto& [uid, pid, type] : types) {
         EXPECT_EQ(GeneralTypeOf(uid, pid), type) << uid << ':' << pid;
@@ -103,11 +100,8 @@ TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
     EXPECT_TRUE(PowerMgrClient::GetInstance().IsScreenOn());
 }
 
-// Runs in a process of its own, whose standard error is a pipe from its first log line on. Exits with the
-// number of complaints.
-[[noreturn]] void ComplainAndCount(const std::string& file) {
-    Integration::Pipe pipe;
-    dup2(pipe.writeEnd.Get(), STDERR_FILENO);
+// Runs in a process of its own, so that its log can be seen.
+[[noreturn]] void ReadOften(const std::string& file) {
     for (const char* content : {"{", "{", R"({"screen_on": 1})", "{}", "{"}) {
         std::ofstream(file, std::ios::trunc) << content;
         for (int i = 0; i < 3; ++i) {
@@ -116,17 +110,12 @@ TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
     }
     std::filesystem::remove_all(std::filesystem::path(file).parent_path());
     StopLog();
-    const std::string log = pipe.Text();
-    int count = 0;
-    for (size_t at = 0; (at = log.find(" E KITE_PLATFORM: [device_state(Complain):", at)) != log.npos; ++at) {
-        ++count;
-    }
-    _exit(count);
+    _exit(0);
 }
 
 TEST_F(DeviceTest, EachBadContentIsToldOnce) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(ComplainAndCount(File()), testing::ExitedWithCode(3), "");
+    EXPECT_EXIT(ReadOften(File()), testing::ExitedWithCode(0), "^([^\n]* E KITE_PLATFORM: [^\n]*\n){3}$");
 }
 
 TEST(DeviceStateReaderTest, AFaultIsNamedWithItsPlace) {
