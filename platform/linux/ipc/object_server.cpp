@@ -38,36 +38,27 @@ bool ObjectServer::Export(const std::string& path, sptr<IPCObjectStub> object) {
 }
 
 const sd_bus_vtable* ObjectServer::Vtable() {
-    const auto onTransact = [](sd_bus_message* message, void* served, sd_bus_error* error) {
-        return OnCall(message, served, error, false);
-    };
-    const auto onDump = [](sd_bus_message* message, void* served, sd_bus_error* error) {
-        return OnCall(message, served, error, true);
-    };
     // Without the unprivileged mark sd-bus asks the daemon for the caller's credentials at every call, which
     // doubles the call's cost. Who may do what is for the objects to decide.
     static const sd_bus_vtable vtable[] = {
         SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD(kTransactMethod, "uay", "iay", onTransact, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_METHOD(kDumpMethod, "ash", "i", onDump, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD(kTransactMethod, "uay", "iay", OnCall, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD(kDumpMethod, "ash", "i", OnCall, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };
     return vtable;
 }
 
 // Nothing may be thrown through the library that delivers the message.
-int ObjectServer::OnCall(sd_bus_message* message, void* served, sd_bus_error* error, bool isDump) {
+int ObjectServer::OnCall(sd_bus_message* message, void* served, sd_bus_error* error) {
     int result = -ENOMEM;
     RunGuarded("the delivery of a request", [&] {
         const auto& [server, queue, slot] = *static_cast<Served*>(served);
         auto request = std::make_shared<Request>(message, server.load_);
-        if (isDump ? request->ReadDump() : request->ReadTransaction()) {
-            result = server.Accept(std::move(request), queue, error);
-        } else {
-            result = sd_bus_error_set(
-                error, SD_BUS_ERROR_INVALID_ARGS,
-                isDump ? "A dump takes few words and a descriptor" : "A request is a code and its bytes");
-        }
+        result = request->Read() ? server.Accept(std::move(request), queue, error)
+                                 : sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS,
+                                                    "A request is a code and its bytes, a dump few words and "
+                                                    "a descriptor");
     });
     return result;
 }

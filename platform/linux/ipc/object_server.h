@@ -39,7 +39,7 @@ class ObjectServer {
         SlotHandle slot;
     };
 
-    static int OnCall(sd_bus_message* message, void* served, sd_bus_error* error, bool isDump);
+    static int OnCall(sd_bus_message* message, void* served, sd_bus_error* error);
     static const sd_bus_vtable* Vtable();
     int Accept(RequestPtr request, const std::shared_ptr<RequestQueue>& queue, sd_bus_error* error);
     void DropDumpsOf(const std::string& sender);

@@ -7,6 +7,7 @@
 
 #include "base/unique_fd.h"
 #include "ipc/limits.h"
+#include "ipc/wire.h"
 #include "runtime/guard.h"
 #include "runtime/platform_log.h"
 #include "string_utils.h"
@@ -14,7 +15,9 @@
 namespace KITE::Linux {
 
 Request::Request(sd_bus_message* message, RequestLoad& load)
-    : message_(sd_bus_message_ref(message)), load_(load) {
+    : isDump(sd_bus_message_is_method_call(message, kAbilityInterface, kDumpMethod) > 0),
+      message_(sd_bus_message_ref(message)),
+      load_(load) {
     const char* sender = sd_bus_message_get_sender(message);
     caller.name = sender == nullptr ? "" : sender;
     ++load_.requests;
@@ -38,7 +41,6 @@ bool Request::ReadTransaction() {
 }
 
 bool Request::ReadDump() {
-    isDump = true;
     if (sd_bus_message_enter_container(message_.get(), 'a', "s") < 0) {
         return false;
     }

@@ -34,8 +34,7 @@ class Request {
     ~Request();
 
     // Takes the arguments out of the message. False when it has others, or more than a dump takes.
-    bool ReadTransaction();
-    bool ReadDump();
+    bool Read() { return isDump ? ReadDump() : ReadTransaction(); }
 
     // Answers a transaction; with ERR_TOO_LARGE where the reply is above what the bus carries.
     void AnswerTransaction(int32_t status, const MessageParcel& reply) const;
@@ -44,13 +43,15 @@ class Request {
     void Refuse() const;
 
     Caller caller;  // the uid is unknown at first
-    bool isDump = false;
+    const bool isDump;
     uint32_t code = 0;                      // of a transaction
     std::span<const std::byte> payload;     // of a transaction; lies in the message
     std::vector<std::u16string> arguments;  // of a dump
     int descriptor = -1;                    // of a dump; the message's
 
   private:
+    bool ReadTransaction();
+    bool ReadDump();
     void LogUnsent(const std::error_code& error) const;
 
     const MessageHandle message_;
