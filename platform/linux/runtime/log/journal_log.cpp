@@ -39,26 +39,18 @@ JournalLog::JournalLog(const char* socketPath) noexcept
 }
 
 std::error_code JournalLog::Send(const LogLine& line) noexcept {
-    std::error_code error = SendDropNotice();
+    std::error_code error;
+    if (const uint64_t count = dropped_.exchange(0); count != 0) {
+        char text[256];
+        error = SendDatagram(DropNotice(text, count));
+        dropped_ += error ? count : 0;
+    }
     if (!error) {
         error = SendDatagram(line);
     }
     if (IsFull(error)) {
         ++dropped_;
         return {};
-    }
-    return error;
-}
-
-std::error_code JournalLog::SendDropNotice() noexcept {
-    const uint64_t count = dropped_.exchange(0);
-    if (count == 0) {
-        return {};
-    }
-    char text[256];
-    const std::error_code error = SendDatagram(DropNotice(text, count));
-    if (error) {
-        dropped_ += count;
     }
     return error;
 }

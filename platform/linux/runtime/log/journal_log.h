@@ -24,7 +24,6 @@ class JournalLog {
     std::error_code Send(const LogLine& line) noexcept;
 
   private:
-    std::error_code SendDropNotice() noexcept;
     std::error_code SendDatagram(const LogLine& line) noexcept;
 
     const UniqueFd socket_;

@@ -11,13 +11,6 @@ namespace {
 
 constexpr Log::Site kDropSite{"log_line", "DropNotice", __LINE__};
 
-// Its length; a site has short names.
-size_t FormatPrefix(std::span<char> buffer, const Log::Site& site) {
-    const int length =
-        std::snprintf(buffer.data(), buffer.size(), "[%s(%s):%d] ", site.unit, site.function, site.line);
-    return std::min(static_cast<size_t>(length), buffer.size() - 1);
-}
-
 bool IsInsideCharacter(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
@@ -39,7 +32,10 @@ std::string_view Cut(std::span<char> buffer, size_t wholeLength) {
 
 std::string_view FormatLogText(std::span<char> buffer, const Log::Site& site, const char* format,
                                va_list arguments) {
-    const size_t prefix = FormatPrefix(buffer, site);
+    // A site has short names.
+    const int prefixLength =
+        std::snprintf(buffer.data(), buffer.size(), "[%s(%s):%d] ", site.unit, site.function, site.line);
+    const size_t prefix = std::min(static_cast<size_t>(prefixLength), buffer.size() - 1);
     const std::span<char> rest = buffer.subspan(prefix);
     const int length = std::vsnprintf(rest.data(), rest.size(), format, arguments);
     if (length < 0) {
@@ -51,13 +47,9 @@ std::string_view FormatLogText(std::span<char> buffer, const Log::Site& site, co
 }
 
 LogLine DropNotice(std::span<char> buffer, uint64_t count) {
-    const size_t prefix = FormatPrefix(buffer, kDropSite);
-    const std::span<char> rest = buffer.subspan(prefix);
-    const int length = std::snprintf(rest.data(), rest.size(), "%lu log lines were dropped", count);
-    return {Log::Level::kWarning,
-            kPlatformLabel,
-            kDropSite,
-            {buffer.data(), prefix + static_cast<size_t>(length)}};
+    const int length = std::snprintf(buffer.data(), buffer.size(), "[%s(%s):%d] %lu log lines were dropped",
+                                     kDropSite.unit, kDropSite.function, kDropSite.line, count);
+    return {Log::Level::kWarning, kPlatformLabel, kDropSite, {buffer.data(), static_cast<size_t>(length)}};
 }
 
 }  // namespace KITE::Linux
