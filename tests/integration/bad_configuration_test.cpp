@@ -8,8 +8,7 @@ using BadConfigurationTest = SystemTest;
 TEST_F(BadConfigurationTest, ABrokenPolicyKeepsTheServiceUnpublishedAndTheHostRunning) {
     SetPolicy({"{"});
     FakeManager manager(Address());
-    StartQuotaHost();
-    ExpectLogged({"transit to json failed", "init res policy manager failed"});
+    ExpectIn(StartQuotaHost().log, {"transit to json failed", "init res policy manager failed"});
     EXPECT_FALSE(manager.AwaitSubscription(milliseconds(300)));
     EXPECT_EQ(SD_BUS_ERROR_SERVICE_UNKNOWN, Connect(kTrustedUid).AskRunningTimes().error);
     EXPECT_EQ(0, StopQuotaHost());

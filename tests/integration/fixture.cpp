@@ -38,9 +38,9 @@ void SystemTest::ExpectPromptAnswer() {
     EXPECT_EQ(1U, WrittenBytesOf(answer).size());
 }
 
-void SystemTest::ExpectLogged(std::initializer_list<std::string> texts) {
+void SystemTest::ExpectIn(LogFile& log, std::initializer_list<std::string> texts) {
     for (const std::string& text : texts) {
-        EXPECT_TRUE(QuotaHost().log.Await(text)) << text;
+        EXPECT_TRUE(log.Await(text)) << text;
     }
 }
 

@@ -24,8 +24,9 @@ class SystemTest : public testing::Test, public TestedSystem {
 
     // The service answers a trusted caller correctly within a second.
     void ExpectPromptAnswer();
-    // The quota host logs these, one after the other, behind what was found there before.
-    void ExpectLogged(std::initializer_list<std::string> texts);
+    // Waits for these, one after the other, behind what was found there before.
+    static void ExpectIn(LogFile& log, std::initializer_list<std::string> texts);
+    void ExpectLogged(std::initializer_list<std::string> texts) { ExpectIn(QuotaHost().log, texts); }
     // The fake manager reports; the quota host has handled it when it logs the text.
     void Report(const std::vector<Kelvra::ProcessAnomalyInfo>& batch, const std::string& text) {
         ASSERT_EQ(0, Manager().Report(batch));

@@ -6,7 +6,7 @@ namespace KITE::Integration {
 using KilledHostTest = SystemTest;
 
 TEST_F(KilledHostTest, WhatAKilledHostLeftTreatedIsReleasedByTheNextStartAndByTheCommand) {
-    const std::function<void()> ways[] = {[this] { EXPECT_TRUE(StartQuotaHost().log.Await("start.")); },
+    const std::function<void()> ways[] = {[this] { ExpectIn(StartQuotaHost().log, {"start."}); },
                                           [this] { EXPECT_EQ(0, Release()); }};
     for (const auto& release : ways) {
         StartWithFakeManager();

@@ -35,12 +35,6 @@ class OperatorTest : public RqctlFixture {
     }
     std::string Events(const char* suffix = "") const { return ReadWholeFile(EventsPath() + suffix); }
     std::string EventsPath() const { return State(Linux::FileName::kEvents); }
-    // One after the other, behind what was found before.
-    static void ExpectTold(Command& command, std::initializer_list<std::string> texts) {
-        for (const std::string& text : texts) {
-            EXPECT_TRUE(command.output.Await(text)) << text;
-        }
-    }
 };
 
 using DryRunTest = OperatorTest;
@@ -117,7 +111,7 @@ TEST_F(TreatedTest, WhatAKilledHostLeftIsNamedAndADryRunLeavesItAlone) {
     Report({Anomaly(frozen, "cpu", "freeze")}, kFrozen);
     KillQuotaHost();
     Expect(3, {"treated"}, {"pid " + std::to_string(frozen.Pid()), "kite_host --release --run "});
-    ASSERT_TRUE(StartQuotaHost({"--dry-run"}).log.Await("start."));
+    ExpectIn(StartQuotaHost({"--dry-run"}).log, {"start."});
     EXPECT_TRUE(frozen.StandsStill());
     EXPECT_EQ(0, StopQuotaHost());
     EXPECT_TRUE(frozen.StandsStill());
@@ -137,19 +131,19 @@ TEST_F(WatchTest, EachReportAndWhatComesOfItIsTold) {
     hostile.processName = "evil\x1b[2J\n\xc2\x9b\x7f";
     ASSERT_EQ(0, manager.Report({Anomaly(victim, "cpu", "warning"), hostile}));
     const std::string who = "victim (pid " + std::to_string(victim.Pid()) + ")";
-    ExpectTold(watch, {who + " of uid 20001: cpu ", " % of a core over ", "a warning, nothing is done",
-                       "evil\\x1b[2J\\x0a\\xc2\\x9b\\x7f (pid "});
-    ExpectTold(json, {"evil"});
+    ExpectIn(watch.output, {who + " of uid 20001: cpu ", " % of a core over ", "a warning, nothing is done",
+                            "evil\\x1b[2J\\x0a\\xc2\\x9b\\x7f (pid "});
+    ExpectIn(json.output, {"evil"});
 
     // No clock tells such a time. And the file is as full as it gets, so that the next event begins another.
     std::ofstream(EventsPath(), std::ios::app)
         << R"({"time":9223372036854775807,"domain":"KITE","name":"REPORT","PROCESS_NAME":"timeless","PID":7,)"
         << R"("ACTION":"kill"})" << '\n'
         << std::string(8 << 20, 'x') << '\n';
-    ExpectTold(watch, {"is not an event"});
+    ExpectIn(watch.output, {"is not an event"});
     ASSERT_EQ(0, manager.Report({Anomaly(victim, "mem", "kill")}));
-    ExpectTold(watch, {"report          " + who, "killed          " + who + ", by SIGKILL, Kill Reason",
-                       "event           PROCESS_KILL of " + who});
+    ExpectIn(watch.output, {"report          " + who, "killed          " + who + ", by SIGKILL, Kill Reason",
+                            "event           PROCESS_KILL of " + who});
     EXPECT_EQ(size_t{8} << 20, Events(".1").size() & ~size_t{0xFFFF});
     EXPECT_TRUE(Eventually([&] { return watch.output.Contains("no action       evil"); }));
     for (const char* wrong : {"no action       victim", "timeless", "\x1b"}) {
@@ -157,10 +151,10 @@ TEST_F(WatchTest, EachReportAndWhatComesOfItIsTold) {
     }
     EXPECT_EQ(3U, LinesOf(Events()).size());
     for (const std::string& event : LinesOf(Events())) {
-        ExpectTold(json, {event});
+        ExpectIn(json.output, {event});
     }
     Command& history = StartWatch({"--history"});
-    ExpectTold(history, {"a warning, nothing is done", "killed"});
+    ExpectIn(history.output, {"a warning, nothing is done", "killed"});
     for (Command* command : {&watch, &json, &history}) {
         command->process.Signal(SIGINT);
         EXPECT_EQ(0, command->process.AwaitExit());
@@ -178,7 +172,7 @@ TEST_F(WatchTest, TheRecordedHistoryIsToldInFull) {
 )");
     Command& fromNow = StartWatch();
     Command& history = StartWatch({"--history"});
-    ExpectTold(history, {"released"});
+    ExpectIn(history.output, {"released"});
     const std::string told = "twin (pid 8) of uid 7: cpu 83 % of a core over 5 s, rule 3, action \"kill\"";
     using testing::HasSubstr;
     EXPECT_THAT(LinesOf(history.output.Text()),
@@ -198,14 +192,14 @@ TEST_F(WatchTest, AFileThatCameAndWentBetweenTwoLooksIsTold) {
     };
     Command& watch = StartWatch();
     add("FIRST");
-    ExpectTold(watch, {"FIRST"});
+    ExpectIn(watch.output, {"FIRST"});
     watch.process.Signal(SIGSTOP);
     for (const char* name : {"SECOND", "THIRD"}) {
         std::filesystem::rename(EventsPath(), EventsPath() + ".1");
         add(name);
     }
     watch.process.Signal(SIGCONT);
-    ExpectTold(watch, {"SECOND", "THIRD"});
+    ExpectIn(watch.output, {"SECOND", "THIRD"});
 }
 
 }  // namespace KITE::Integration

@@ -102,11 +102,13 @@ std::string PrivateSystem::NextLog() {
     return parts_.log.empty() ? paths_.directory + "/log." + std::to_string(logs_++) : parts_.log;
 }
 
-std::unique_ptr<HostProcess> PrivateSystem::StartHost(uid_t uid, const std::string& capabilities,
-                                                      const std::vector<std::string>& arguments) {
-    const std::string unit = uid == kQuotaUid ? "kite-quota.service.in" : "kite-kelvra.service.in";
-    std::vector<std::string> command = UnprivilegedCommand(
-        uid, capabilities.empty() ? CapabilitiesOf(parts_.shipped + "/systemd/" + unit) : capabilities);
+std::unique_ptr<HostProcess> PrivateSystem::StartHost(uid_t uid, const std::vector<std::string>& arguments) {
+    const std::string units = parts_.shipped + "/systemd/";
+    const std::string capabilities = uid == kKelvraUid ? CapabilitiesOf(units + "kite-kelvra.service.in")
+                                     : parts_.quotaCapabilities.empty()
+                                         ? CapabilitiesOf(units + "kite-quota.service.in")
+                                         : parts_.quotaCapabilities;
+    std::vector<std::string> command = UnprivilegedCommand(uid, capabilities);
     command.insert(command.end(), {parts_.host, "--etc", paths_.etc, "--bus", paths_.busAddress, "--state",
                                    paths_.state, "--run", paths_.state});
     command.insert(command.end(), parts_.logOptions.begin(), parts_.logOptions.end());
@@ -116,12 +118,12 @@ std::unique_ptr<HostProcess> PrivateSystem::StartHost(uid_t uid, const std::stri
 
 HostProcess& PrivateSystem::StartQuotaHost(std::vector<std::string> options) {
     options.push_back(parts_.quotaLibrary);
-    quotaHost_ = StartHost(kQuotaUid, parts_.quotaCapabilities, options);
+    quotaHost_ = StartHost(kQuotaUid, options);
     return *quotaHost_;
 }
 
 HostProcess& PrivateSystem::StartKelvraHost() {
-    kelvraHost_ = StartHost(kKelvraUid, "", {parts_.kelvraLibrary});
+    kelvraHost_ = StartHost(kKelvraUid, {parts_.kelvraLibrary});
     return *kelvraHost_;
 }
 
@@ -181,7 +183,7 @@ Result<void> PrivateSystem::StopHosts() {
 }
 
 int PrivateSystem::Release() {
-    return StartHost(kQuotaUid, parts_.quotaCapabilities, {"--release"})->process.AwaitExit();
+    return StartHost(kQuotaUid, {"--release"})->process.AwaitExit();
 }
 
 }  // namespace KITE::Tools

@@ -86,9 +86,7 @@ class PrivateSystem {
     std::string NextLog();
     // Those that have been started, by what people call them.
     std::map<std::string, ChildProcess*> Processes();
-    // With the capabilities of its unit unless others are given.
-    std::unique_ptr<HostProcess> StartHost(uid_t uid, const std::string& capabilities,
-                                           const std::vector<std::string>& arguments);
+    std::unique_ptr<HostProcess> StartHost(uid_t uid, const std::vector<std::string>& arguments);
 
     SystemParts parts_;
     SystemPaths paths_;
