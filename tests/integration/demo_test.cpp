@@ -5,7 +5,7 @@ namespace KITE::Integration {
 using DemoTest = SystemTest;
 
 TEST_F(DemoTest, FailsWhenThePolicyDoesNotStopTheHogs) {
-    SetPolicy({Rule("nobody", "cpu", 10, "warning")});
+    SetPolicy({Rule("absent", "cpu", 10, "warning")});
     LogFile output(Directory() + "/output");
     const std::string rawLog = Directory() + "/raw.log";
     Process demo({.program = KITE_DEMO,

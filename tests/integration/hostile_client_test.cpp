@@ -15,6 +15,7 @@ class HostileClientTest : public SystemTest {
     void SetUp() override {
         SystemTest::SetUp();
         std::vector<std::string> rules;
+        rules.reserve(500);
         for (int i = 0; i < 500; ++i) {
             rules.push_back(Rule("extension_with_a_long_name_" + std::to_string(i), "cpu", 10, "kill", i));
         }
@@ -81,7 +82,7 @@ TEST_F(HostileClientTest, AClientMayLeaveItsRepliesUnread) {
     ExpectPromptAnswer();
 }
 
-TEST_F(SlowDumpReaderTest, ADescriptorThatTakesNothingFailsTheDumpAndHoldsUpNobodyElse) {
+TEST_F(SlowDumpReaderTest, ADescriptorThatTakesNothingFailsTheDumpAndHoldsUpNoOtherCaller) {
     BusClient client = Connect(kTrustedUid);
     Pipe closed;
     closed.readEnd = Linux::UniqueFd();

@@ -39,7 +39,7 @@ class OperatorTest : public RqctlFixture {
 
 using DryRunTest = OperatorTest;
 
-TEST_F(DryRunTest, EverythingIsDecidedAndToldAndNobodyIsTouched) {
+TEST_F(DryRunTest, EverythingIsDecidedAndToldAndNoProcessIsTouched) {
     StartWithFakeManager({"--dry-run"});
     Process& frozen = StartTarget("frozen", {"burn"});
     Process& killed = StartTarget("killed", {"burn"});
@@ -70,7 +70,7 @@ TEST_F(DryRunTest, EverythingIsDecidedAndToldAndNobodyIsTouched) {
 
 using TreatedTest = OperatorTest;
 
-TEST_F(TreatedTest, AnAdministratorLetsAProcessGoAndNobodyElseDoes) {
+TEST_F(TreatedTest, AnAdministratorLetsAProcessGoAndOthersMayNot) {
     SetTokens(R"({"tokens": [{"uid": 0, "process_name": "svcdb",
                               "permissions": ["kite.permission.MANAGE_TREATMENTS"]},
                              {"uid": 61214, "process_name": "reader", "permissions": ["kite.permission.DUMP"]},

@@ -40,7 +40,7 @@ void Wait() {
     }
 }
 
-// The signal is blocked from the start: whoever starts this process sees to that.
+// The signal is blocked from the start by the parent.
 void AwaitSignal() {
     sigset_t signals;
     sigemptyset(&signals);

@@ -36,7 +36,7 @@ TestedSystem::TestedSystem()
     fs::create_directories(Layer() + kPolicyDirectory);
     WriteWholeFile(Paths().etc + Linux::FileName::kConfigDirectories,
                    fmt::format(R"({{"directories": ["{}"]}})", Layer()));
-    SetPolicy({Rule("nobody", "cpu", 50, "warning")});
+    SetPolicy({Rule("absent", "cpu", 50, "warning")});
     SetParameters(R"({"const.debuggable": 1, "kelvra.sample_period_ms": 100})");
     SetTokens(R"({"tokens": [{"uid": 0, "process_name": "svcdb",
                               "permissions": ["kite.permission.DUMP", "kite.permission.MANAGE_TREATMENTS"]},

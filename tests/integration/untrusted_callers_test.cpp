@@ -18,8 +18,8 @@ struct Deed {
     std::set<uid_t> permitted;
 };
 
-// The manager's requests of the quota service, and reports, which nobody may send but the connection that
-// owns the manager's name: not the manager's user in another one either.
+// The requests that only the quota service may send to the manager. And reports, which only the connection
+// that owns the manager's name may send: not another one of the manager's user.
 std::vector<Deed> RequestsAndReports(const MessageParcel& report) {
     MessageParcel subscription;
     subscription.WriteInterfaceToken(Protocol::kManagerDescriptor);

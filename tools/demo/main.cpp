@@ -25,6 +25,7 @@ namespace {
 using namespace KITE::Demo;
 using KITE::Linux::Result;
 using KITE::Linux::UniqueFd;
+using KITE::Tools::AwaitReadable;
 using KITE::Tools::PrivateSystem;
 using KITE::Tools::Tone;
 namespace fs = std::filesystem;
@@ -69,10 +70,6 @@ UniqueFd BlockStopSignals() {
     return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-bool IsStopAsked(int stop) {
-    return KITE::Tools::AwaitReadable(stop, milliseconds(0));
-}
-
 // The number of the signal that has come; 0 when none has.
 int TakeSignal(int stop) {
     signalfd_siginfo info{};
@@ -104,7 +101,7 @@ int Serve(PrivateSystem& system, int stop, const Options& options) {
     line("who is there:", fmt::format("busctl --address={} list --acquired", paths.busAddress));
     line("ask it:", fmt::format("KITE_BUS={} KITE_ETC={} KITE_STATE={} {} --help", paths.busAddress,
                                 paths.etc, paths.state, (options.programs / "rqctl").string()));
-    while (!KITE::Tools::AwaitReadable(stop, kPeriod)) {
+    while (!AwaitReadable(stop, kPeriod)) {
         if (const std::string failure = system.WhatEnded(); !failure.empty()) {
             return Fail(failure);
         }
@@ -123,7 +120,7 @@ int Demonstrate(PrivateSystem& system, int stop, const Options& options) {
         return Fail(started.Why().Text());
     }
     demonstration.Watch();
-    return !IsStopAsked(stop) && demonstration.Conclude() ? 0 : 1;
+    return !AwaitReadable(stop, milliseconds(0)) && demonstration.Conclude() ? 0 : 1;
 }
 
 // A page of what was measured and done.
@@ -148,7 +145,7 @@ int RunSystem(int stop, const Options& options, const fs::path& page) {
     const Clock::time_point begin = Clock::now();
     const Result<void> started = StartSystem(system, options, stop);
     if (!started) {
-        return IsStopAsked(stop) ? 1 : Fail(started.Why().Text());
+        return AwaitReadable(stop, milliseconds(0)) ? 1 : Fail(started.Why().Text());
     }
     Say(Tone::kGood, "the service is up after " + SecondsText(Clock::now() - begin));
     const int status = options.serve ? Serve(system, stop, options) : Demonstrate(system, stop, options);

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <list>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -36,22 +35,17 @@ int UseCpu(int percent) {
     }
 }
 
-void Touch(std::vector<char>& memory) {
-    constexpr size_t kPage = 4096;
-    for (size_t i = 0; i < memory.size(); i += kPage) {
-        *static_cast<volatile char*>(&memory[i]) = 1;
-    }
-}
-
-int UseMemory(int mebibytes) {
+int UseMemory(size_t bytes) {
     constexpr size_t kPiece = 16 * kMiB;
+    constexpr size_t kPage = 4096;
     constexpr milliseconds kPause{100};
-    std::list<std::vector<char>> pieces;
+    std::vector<char> memory;
+    memory.reserve(bytes);
     for (;;) {
-        if (pieces.size() * kPiece < static_cast<size_t>(mebibytes) * kMiB) {
-            pieces.emplace_back(kPiece);
+        memory.resize(std::min(memory.size() + kPiece, bytes));
+        for (size_t i = 0; i < memory.size(); i += kPage) {
+            *static_cast<volatile char*>(&memory[i]) = 1;
         }
-        std::ranges::for_each(pieces, Touch);
         std::this_thread::sleep_for(kPause);
     }
 }
@@ -79,7 +73,7 @@ int main(int argc, char** argv) {
         return UseCpu(number);
     }
     if (number > 0 && body == "memory") {
-        return UseMemory(number);
+        return UseMemory(static_cast<size_t>(number) * kMiB);
     }
     return body == "write" ? FloodDisk() : EXIT_FAILURE;
 }

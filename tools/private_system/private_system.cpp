@@ -103,11 +103,10 @@ std::string PrivateSystem::NextLog() {
 }
 
 std::unique_ptr<HostProcess> PrivateSystem::StartHost(uid_t uid, const std::vector<std::string>& arguments) {
-    const std::string units = parts_.shipped + "/systemd/";
-    const std::string capabilities = uid == kKelvraUid ? CapabilitiesOf(units + "kite-kelvra.service.in")
-                                     : parts_.quotaCapabilities.empty()
-                                         ? CapabilitiesOf(units + "kite-quota.service.in")
-                                         : parts_.quotaCapabilities;
+    const std::string unit = uid == kQuotaUid ? "kite-quota.service.in" : "kite-kelvra.service.in";
+    const bool isUsual = uid != kQuotaUid || parts_.quotaCapabilities.empty();
+    const std::string capabilities =
+        isUsual ? CapabilitiesOf(parts_.shipped + "/systemd/" + unit) : parts_.quotaCapabilities;
     std::vector<std::string> command = UnprivilegedCommand(uid, capabilities);
     command.insert(command.end(), {parts_.host, "--etc", paths_.etc, "--bus", paths_.busAddress, "--state",
                                    paths_.state, "--run", paths_.state});
