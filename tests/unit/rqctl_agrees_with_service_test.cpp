@@ -65,12 +65,12 @@ class QuotaCheckTest : public ResourceQuotaCtl::ServiceTest {
         ASSERT_EQ(isAccepted_, std::ranges::count(findings, Severity::kError, &Finding::severity) == 0)
             << ::testing::PrintToString(texts);
         for (const Finding& finding : findings) {
-            ASSERT_LE(finding.offset, finding.layer->json.text.size());
+            ASSERT_LE(finding.offset, finding.value->layer->text.size());
         }
         platform.ClearTrace();
     }
 
-    std::vector<Layer> layers_;
+    Layers layers_;
     std::unique_ptr<ResPolicyManager> policy_;
     bool isAccepted_ = false;
 
@@ -99,7 +99,7 @@ TEST_F(QuotaCheckTest, ExplainsEveryRuleInForceByTheLineThatItWasWrittenIn) {
             for (const auto& [record, origin] : entry->rules) {
                 ASSERT_TRUE(next != expected.end() && next->id == record.id && next->processName == name);
                 EXPECT_EQ(origin.value->Find("id")->number, record.id) << ::testing::PrintToString(texts);
-                inherited += origin.element->Name().text != name ? 1 : 0;
+                inherited += NameOf(*origin.element).text != name ? 1 : 0;
                 ++next;
             }
             ASSERT_EQ(entry->runningTime, times[name]);

@@ -9,24 +9,14 @@
 
 #include "proc/program.h"
 #include "rqctl/check/findings.h"
+#include "rqctl/check/merged_layers.h"
 
 namespace KITE::Rqctl {
 
 namespace {
 
-using Findings = std::vector<Finding>;
-
-void Add(Findings& findings, Severity severity, const Element& element, const JsonValue& value,
-         std::string found, std::string allowed) {
-    findings.push_back({severity, element.layer, &value, value.begin, std::move(found), std::move(allowed)});
-}
-
-std::string Excerpt(const Element& element, const JsonValue& value) {
-    return element.layer->json.Excerpt(value);
-}
-
-size_t LineOf(const Element& element) {
-    return element.layer->json.PositionOf(element.Name().begin).line;
+size_t LineOf(const JsonValue& element) {
+    return NameOf(element).Place().line;
 }
 
 // Whether a process can have the name: the Kelvra manager reads it of a first argument, and the service,
@@ -36,16 +26,16 @@ bool IsProcessName(const std::string& name) {
 }
 
 void CheckForNamesDefinedTwice(const MergedLayers& merged, Findings& findings) {
-    std::map<std::pair<const Layer*, std::string>, const Element*> first;
-    for (const Element& element : merged.Elements()) {
-        const auto [found, isNew] = first.try_emplace({element.layer, element.Name().text}, &element);
+    std::map<std::pair<const Layer*, std::string>, const JsonValue*> first;
+    for (const JsonValue* element : merged.Elements()) {
+        const JsonValue& name = NameOf(*element);
+        const auto [found, isNew] = first.try_emplace({element->layer, name.text}, element);
         if (!isNew) {
-            Add(findings, Severity::kWarning, element, element.Name(),
-                fmt::format(
-                    "{0} is also in line {1}: these rules replace those, but the parent stays that of "
-                    "line {1}",
-                    Excerpt(element, element.Name()), LineOf(*found->second)),
-                "each name once in a file");
+            findings.Warn(name,
+                          fmt::format("{0} is also in line {1}: these rules replace those, but the parent "
+                                      "stays that of line {1}",
+                                      name.Excerpt(), LineOf(*found->second)),
+                          "each name once in a file");
         }
     }
 }
@@ -61,71 +51,68 @@ bool IsOnCycle(const Entry& start, const MergedLayers& merged) {
 
 // Of an entry that has a parent.
 void CheckParent(const Entry& entry, const MergedLayers& merged, Findings& findings) {
-    const Element& from = *entry.parentFrom;
-    const std::string parent = Excerpt(from, from.Parent());
+    const JsonValue& parent = InheritOf(*entry.parentFrom);
     if (merged.ParentOf(entry) == nullptr) {
-        Add(findings, Severity::kError, from, from.Parent(), fmt::format("there is no entry {}", parent),
-            "the name of an entry of any layer");
+        findings.Error(parent, fmt::format("there is no entry {}", parent.Excerpt()),
+                       "the name of an entry of any layer");
     } else if (IsOnCycle(entry, merged)) {
-        Add(findings, Severity::kError, from, from.Parent(),
-            fmt::format("{} inherits from this entry", parent),
-            "a parent that does not inherit from this entry");
+        findings.Error(parent, fmt::format("{} inherits from this entry", parent.Excerpt()),
+                       "a parent that does not inherit from this entry");
     }
-    const JsonValue& written = entry.rulesFrom->Parent();
-    if (written.text != from.Parent().text) {
-        Add(findings, Severity::kWarning, *entry.rulesFrom, written,
-            fmt::format("{} has no effect: the parent stays {} of {}:{}", Excerpt(*entry.rulesFrom, written),
-                        parent, from.layer->path, LineOf(from)),
-            "the same parent as there");
+    const JsonValue& written = InheritOf(*entry.rulesFrom);
+    if (written.text != parent.text) {
+        findings.Warn(written,
+                      fmt::format("{} has no effect: the parent stays {} of {}:{}", written.Excerpt(),
+                                  parent.Excerpt(), parent.layer->path, LineOf(*entry.parentFrom)),
+                      "the same parent as there");
     }
 }
 
 // Of an entry that no other one inherits from.
-void CheckName(const Element& element, Findings& findings) {
-    const JsonValue& name = element.Name();
+void CheckName(const JsonValue& name, Findings& findings) {
     if (!IsProcessName(name.text)) {
-        Add(findings, Severity::kWarning, element, name,
-            fmt::format("no process can have the name {}, and no entry inherits from it",
-                        Excerpt(element, name)),
+        findings.Warn(
+            name,
+            fmt::format("no process can have the name {}, and no entry inherits from it", name.Excerpt()),
             "the last component of a process's first argument, without a slash");
     } else if (name.text.find("template") != std::string::npos) {
-        Add(findings, Severity::kWarning, element, name,
-            fmt::format("no entry inherits from the template {}", Excerpt(element, name)),
-            "a template that is inherited from, or a process's name");
+        findings.Warn(name, fmt::format("no entry inherits from the template {}", name.Excerpt()),
+                      "a template that is inherited from, or a process's name");
     }
 }
 
 }  // namespace
 
-void CheckEntries(const std::vector<Layer>& layers, Findings& findings) {
+void CheckEntries(const Layers& layers, Findings& findings) {
     const MergedLayers merged(layers);
     CheckForNamesDefinedTwice(merged, findings);
     std::set<std::string_view> parents;
     for (const auto& [name, entry] : merged.Entries()) {
         if (entry.parentFrom != nullptr) {
-            parents.insert(entry.parentFrom->Parent().text);
+            parents.insert(InheritOf(*entry.parentFrom).text);
             CheckParent(entry, merged, findings);
         }
     }
     for (const auto& [name, entry] : merged.Entries()) {
         if (!parents.contains(name)) {
-            CheckName(*entry.rulesFrom, findings);
+            CheckName(NameOf(*entry.rulesFrom), findings);
         }
     }
 }
 
-std::vector<Finding> FindingsIn(const std::vector<Layer>& layers) {
+std::vector<Finding> FindingsIn(const Layers& layers) {
     Findings findings;
     for (const Layer& layer : layers) {
         CheckLayer(layer, findings);
     }
     // The templates of a file that cannot be read are unknown, not missing.
-    if (std::ranges::all_of(layers, [](const Layer& layer) { return !layer.json.fault; })) {
+    if (std::ranges::all_of(layers, [](const Layer& layer) { return !layer.fault; })) {
         CheckEntries(layers, findings);
     }
-    std::ranges::stable_sort(
-        findings, {}, [](const Finding& finding) { return std::tuple(finding.layer, finding.offset); });
-    return findings;
+    std::ranges::stable_sort(findings.all, {}, [](const Finding& finding) {
+        return std::tuple(finding.value->layer->number, finding.offset);
+    });
+    return std::move(findings.all);
 }
 
 }  // namespace KITE::Rqctl

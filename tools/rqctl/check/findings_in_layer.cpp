@@ -51,77 +51,53 @@ std::string AllowedOf(const Names& names, std::string_view written) {
 
 using IsOfType = bool (JsonValue::*)() const;
 
-// Collects the findings in one layer.
-class LayerFindings {
-  public:
-    LayerFindings(const Layer& layer, std::vector<Finding>& findings) : layer_(layer), findings_(findings) {}
+// Whether the value is of the type that the service requires; else that is an error.
+bool Require(const JsonValue& value, IsOfType isOfType, const char* type, Findings& findings) {
+    const bool isRight = (value.*isOfType)();
+    if (!isRight) {
+        findings.Error(value, value.Excerpt(), type);
+    }
+    return isRight;
+}
 
-    void Error(const JsonValue& value, std::string found, std::string allowed) {
-        Add(Severity::kError, value, value.begin, std::move(found), std::move(allowed));
+// The member of that type; null, which is an error, when there is none.
+const JsonValue* RequireMember(const JsonValue& object, std::string_view key, IsOfType isOfType,
+                               const char* type, Findings& findings) {
+    const JsonValue* member = object.Find(key);
+    if (member == nullptr) {
+        findings.Error(object, fmt::format("\"{}\" is missing", key), type);
     }
-    void Warn(const JsonValue& value, std::string found, std::string allowed) {
-        Add(Severity::kWarning, value, value.begin, std::move(found), std::move(allowed));
-    }
-    void WarnAtKey(const JsonValue& value, std::string found, std::string allowed) {
-        Add(Severity::kWarning, value, value.keyBegin, std::move(found), std::move(allowed));
-    }
-    std::string Excerpt(const JsonValue& value) const { return layer_.json.Excerpt(value); }
+    return member != nullptr && Require(*member, isOfType, type, findings) ? member : nullptr;
+}
 
-    // Whether the value is of the type that the service requires; else that is an error.
-    bool Require(const JsonValue& value, IsOfType isOfType, const char* type) {
-        if (!(value.*isOfType)()) {
-            Error(value, Excerpt(value), type);
-        }
-        return (value.*isOfType)();
-    }
-    // The member of that type; null, which is an error, when there is none.
-    const JsonValue* RequireMember(const JsonValue& object, std::string_view key, IsOfType isOfType,
-                                   const char* type) {
-        const JsonValue* member = object.Find(key);
-        if (member == nullptr) {
-            Error(object, fmt::format("\"{}\" is missing", key), type);
-        }
-        return member != nullptr && Require(*member, isOfType, type) ? member : nullptr;
-    }
-
-    // A key that begins with $ is a note of tools, such as "$schema".
-    void WarnOfOtherKeys(const JsonValue& object, const Names& keys) {
-        for (const JsonValue& member : object.children) {
-            if (!member.key.starts_with('$') && std::ranges::find(keys, member.key) == keys.end()) {
-                WarnAtKey(member, "the key is ignored", AllowedOf(keys, member.key));
-            }
+// A key that begins with $ is a note of tools, such as "$schema".
+void WarnOfOtherKeys(const JsonValue& object, const Names& keys, Findings& findings) {
+    for (const JsonValue& member : object.children) {
+        if (!member.key.starts_with('$') && std::ranges::find(keys, member.key) == keys.end()) {
+            findings.WarnAtKey(member, "the key is ignored", AllowedOf(keys, member.key));
         }
     }
+}
 
-    // Warns of an integer that the service cuts to 32 bits, or to 64.
-    int32_t CutTo32(const JsonValue& value) {
-        const auto cut = static_cast<int32_t>(value.number);
-        if (cut != value.number || value.isCut) {
-            Warn(value, fmt::format("{} is cut to {}", Excerpt(value), cut),
-                 "an integer from -2147483648 to 2147483647");
-        }
-        return cut;
+// Warns of an integer that the service cuts to 32 bits, or to 64.
+int32_t CutTo32(const JsonValue& value, Findings& findings) {
+    const auto cut = static_cast<int32_t>(value.number);
+    if (cut != value.number || value.isCut) {
+        findings.Warn(value, fmt::format("{} is cut to {}", value.Excerpt(), cut),
+                      "an integer from -2147483648 to 2147483647");
     }
-    int64_t CutTo64(const JsonValue& value) {
-        if (value.isCut) {
-            Warn(value, fmt::format("{} is cut to {}", Excerpt(value), value.number),
-                 "at most 9223372036854775807");
-        }
-        return value.number;
+    return cut;
+}
+int64_t CutTo64(const JsonValue& value, Findings& findings) {
+    if (value.isCut) {
+        findings.Warn(value, fmt::format("{} is cut to {}", value.Excerpt(), value.number),
+                      "at most 9223372036854775807");
     }
-
-  private:
-    void Add(Severity severity, const JsonValue& value, size_t offset, std::string found,
-             std::string allowed) {
-        findings_.push_back({severity, &layer_, &value, offset, std::move(found), std::move(allowed)});
-    }
-
-    const Layer& layer_;
-    std::vector<Finding>& findings_;
-};
+    return value.number;
+}
 
 // Of members of the same key, the last is the one that counts.
-void CheckForRepeatedKeys(const JsonValue& value, LayerFindings& findings) {
+void CheckForRepeatedKeys(const JsonValue& value, Findings& findings) {
     for (const JsonValue& child : value.children) {
         if (value.IsObject() && value.Find(child.key) != &child) {
             findings.WarnAtKey(child, "the key is repeated below, and the last one counts", "each key once");
@@ -130,12 +106,12 @@ void CheckForRepeatedKeys(const JsonValue& value, LayerFindings& findings) {
     }
 }
 
-void CheckId(const JsonValue& id, const ResourceType& /*type*/, LayerFindings& findings) {
-    findings.CutTo32(id);
+void CheckId(const JsonValue& id, const ResourceType& /*type*/, Findings& findings) {
+    CutTo32(id, findings);
 }
 
-void CheckQuota(const JsonValue& value, const ResourceType& type, LayerFindings& findings) {
-    const int64_t quota = findings.CutTo64(value);
+void CheckQuota(const JsonValue& value, const ResourceType& type, Findings& findings) {
+    const int64_t quota = CutTo64(value, findings);
     const std::string allowed = fmt::format("0 to {} {}", type.mostPossible - 1, type.unit);
     if (quota < 0) {
         findings.Warn(value, fmt::format("every process exceeds {} at all times", quota), allowed);
@@ -144,8 +120,8 @@ void CheckQuota(const JsonValue& value, const ResourceType& type, LayerFindings&
     }
 }
 
-void CheckDuration(const JsonValue& value, const ResourceType& type, LayerFindings& findings) {
-    const int64_t duration = findings.CutTo64(value);
+void CheckDuration(const JsonValue& value, const ResourceType& type, Findings& findings) {
+    const int64_t duration = CutTo64(value, findings);
     if (duration <= 0) {
         findings.Warn(value, fmt::format("{} means the time between two samples", duration),
                       "1 second and more");
@@ -164,20 +140,19 @@ void CheckDuration(const JsonValue& value, const ResourceType& type, LayerFindin
     }
 }
 
-void CheckAction(const JsonValue& value, const ResourceType& type, LayerFindings& findings) {
+void CheckAction(const JsonValue& value, const ResourceType& type, Findings& findings) {
     static const Names kActions{"warning", "freeze", "kill"};
     const std::string& action = value.text;
     if (type.isStaged && !action.empty()) {
-        findings.Warn(value, findings.Excerpt(value) + " is ignored: the staged treatment has no action",
-                      "\"\"");
+        findings.Warn(value, value.Excerpt() + " is ignored: the staged treatment has no action", "\"\"");
     } else if (!type.isStaged && std::ranges::find(kActions, action) == kActions.end()) {
-        findings.Warn(value, findings.Excerpt(value) + " is not an action, so nothing is done",
+        findings.Warn(value, value.Excerpt() + " is not an action, so nothing is done",
                       AllowedOf(kActions, action));
     }
 }
 
 // Returns the mask of the condition's bits.
-uint32_t CheckCondition(const JsonValue& condition, LayerFindings& findings) {
+uint32_t CheckCondition(const JsonValue& condition, Findings& findings) {
     Names names;
     for (const auto& [name, bit] : kConditionBits) {
         names.push_back(name);
@@ -193,10 +168,10 @@ uint32_t CheckCondition(const JsonValue& condition, LayerFindings& findings) {
         }
     }
     if (mask == 0) {
-        findings.Warn(condition, findings.Excerpt(condition) + " contains no condition, so it always holds",
+        findings.Warn(condition, condition.Excerpt() + " contains no condition, so it always holds",
                       fmt::format("{}", fmt::join(names, ", ")));
     } else if (NeverHolds(mask)) {
-        findings.Warn(condition, findings.Excerpt(condition) + " never holds",
+        findings.Warn(condition, condition.Excerpt() + " never holds",
                       "conditions without audio, and not foreground and background together");
     }
     return mask;
@@ -204,7 +179,7 @@ uint32_t CheckCondition(const JsonValue& condition, LayerFindings& findings) {
 
 // Of two alternatives of which one holds wherever the other does.
 void CheckForSecondMatch(const JsonValue& condition, uint32_t mask, const std::vector<uint32_t>& before,
-                         LayerFindings& findings) {
+                         Findings& findings) {
     const auto found = std::ranges::find_if(before, [mask](uint32_t other) {
         const bool isOneInOther = (mask & other) == mask || (mask & other) == other;
         return isOneInOther && !NeverHolds(mask | other);
@@ -212,18 +187,18 @@ void CheckForSecondMatch(const JsonValue& condition, uint32_t mask, const std::v
     if (found != before.end()) {
         findings.Warn(condition,
                       fmt::format("{} holds together with alternative {}, and the action then runs twice",
-                                  findings.Excerpt(condition), found - before.begin()),
+                                  condition.Excerpt(), found - before.begin()),
                       "alternatives that do not imply each other");
     }
 }
 
-void CheckConditions(const JsonValue& conditions, const ResourceType& type, LayerFindings& findings) {
+void CheckConditions(const JsonValue& conditions, const ResourceType& type, Findings& findings) {
     if (type.isStaged && !conditions.children.empty()) {
         findings.Warn(conditions, "conditions are ignored: the staged treatment has none", "[]");
     }
     std::vector<uint32_t> masks;
     for (const JsonValue& condition : conditions.children) {
-        if (findings.Require(condition, &JsonValue::IsString, kString) && !type.isStaged) {
+        if (Require(condition, &JsonValue::IsString, kString, findings) && !type.isStaged) {
             const uint32_t mask = CheckCondition(condition, findings);
             CheckForSecondMatch(condition, mask, masks, findings);
             masks.push_back(mask);
@@ -236,7 +211,7 @@ struct RuleKey {
     std::string_view name;
     IsOfType isOfType;
     const char* type;
-    void (*check)(const JsonValue& value, const ResourceType& type, LayerFindings& findings);
+    void (*check)(const JsonValue& value, const ResourceType& type, Findings& findings);
 };
 constexpr RuleKey kRuleKeys[] = {
     {"condition", &JsonValue::IsArray, "a list of strings", CheckConditions},
@@ -246,23 +221,23 @@ constexpr RuleKey kRuleKeys[] = {
     {"action", &JsonValue::IsString, kString, CheckAction},
 };
 
-void CheckRule(const JsonValue& rule, const ResourceType& type, LayerFindings& findings) {
-    if (!findings.Require(rule, &JsonValue::IsObject, kObject)) {
+void CheckRule(const JsonValue& rule, const ResourceType& type, Findings& findings) {
+    if (!Require(rule, &JsonValue::IsObject, kObject, findings)) {
         return;
     }
     Names names;
     for (const RuleKey& key : kRuleKeys) {
         names.push_back(key.name);
-        if (const JsonValue* value = findings.RequireMember(rule, key.name, key.isOfType, key.type)) {
+        if (const JsonValue* value = RequireMember(rule, key.name, key.isOfType, key.type, findings)) {
             key.check(*value, type, findings);
         }
     }
-    findings.WarnOfOtherKeys(rule, names);
+    WarnOfOtherKeys(rule, names, findings);
 }
 
-void CheckRules(const JsonValue& rules, const ResourceType& type, LayerFindings& findings) {
+void CheckRules(const JsonValue& rules, const ResourceType& type, Findings& findings) {
     if (!rules.IsArray()) {
-        findings.Warn(rules, findings.Excerpt(rules) + " counts as an empty list", "a list of rules");
+        findings.Warn(rules, rules.Excerpt() + " counts as an empty list", "a list of rules");
         return;
     }
     for (const JsonValue& rule : rules.children) {
@@ -270,13 +245,13 @@ void CheckRules(const JsonValue& rules, const ResourceType& type, LayerFindings&
     }
 }
 
-void CheckRunningTime(const JsonValue& value, LayerFindings& findings) {
+void CheckRunningTime(const JsonValue& value, Findings& findings) {
     constexpr const char* kAllowed = "an integer from 1 to 2147483647";
     if (!value.IsInteger()) {
-        findings.Warn(value, findings.Excerpt(value) + " is not an integer and counts as 0", kAllowed);
+        findings.Warn(value, value.Excerpt() + " is not an integer and counts as 0", kAllowed);
         return;
     }
-    const int32_t time = findings.CutTo32(value);
+    const int32_t time = CutTo32(value, findings);
     if (time == 0) {
         findings.Warn(value, "0 counts as a missing key: the template's running time is inherited", kAllowed);
     } else if (time < 0) {
@@ -284,7 +259,7 @@ void CheckRunningTime(const JsonValue& value, LayerFindings& findings) {
     }
 }
 
-void CheckProcessQuotas(const JsonValue& quotas, LayerFindings& findings) {
+void CheckProcessQuotas(const JsonValue& quotas, Findings& findings) {
     constexpr std::string_view kRunningTime = "running_time";
     Names keys;
     for (const ResourceType& type : Linux::kResourceTypes) {
@@ -294,40 +269,39 @@ void CheckProcessQuotas(const JsonValue& quotas, LayerFindings& findings) {
         }
     }
     keys.push_back(kRunningTime);
-    findings.WarnOfOtherKeys(quotas, keys);
+    WarnOfOtherKeys(quotas, keys, findings);
     if (const JsonValue* time = quotas.Find(kRunningTime)) {
         CheckRunningTime(*time, findings);
     }
 }
 
-void CheckElement(const JsonValue& element, LayerFindings& findings) {
-    if (!findings.Require(element, &JsonValue::IsObject, kObject)) {
+void CheckElement(const JsonValue& element, Findings& findings) {
+    if (!Require(element, &JsonValue::IsObject, kObject, findings)) {
         return;
     }
-    findings.WarnOfOtherKeys(element, {"process_name", "inherit", "process_quotas"});
-    findings.RequireMember(element, "process_name", &JsonValue::IsString, kString);
-    findings.RequireMember(element, "inherit", &JsonValue::IsString, "a string, \"\" for no parent");
+    WarnOfOtherKeys(element, {"process_name", "inherit", "process_quotas"}, findings);
+    RequireMember(element, "process_name", &JsonValue::IsString, kString, findings);
+    RequireMember(element, "inherit", &JsonValue::IsString, "a string, \"\" for no parent", findings);
     if (const auto* quotas =
-            findings.RequireMember(element, "process_quotas", &JsonValue::IsObject, kObject)) {
+            RequireMember(element, "process_quotas", &JsonValue::IsObject, kObject, findings)) {
         CheckProcessQuotas(*quotas, findings);
     }
 }
 
 }  // namespace
 
-void CheckLayer(const Layer& layer, std::vector<Finding>& all) {
-    const JsonValue& root = *layer.json.root;
-    if (const auto& fault = layer.json.fault) {
-        all.push_back({Severity::kError, &layer, &root, fault->offset, fault->found, fault->allowed});
+void CheckLayer(const Layer& layer, Findings& findings) {
+    const JsonValue& root = layer.root;
+    if (const auto& fault = layer.fault) {
+        findings.all.push_back({Severity::kError, &root, fault->offset, fault->found, fault->allowed});
         return;
     }
-    LayerFindings findings(layer, all);
     CheckForRepeatedKeys(root, findings);
-    if (!findings.Require(root, &JsonValue::IsObject, kObject)) {
+    if (!Require(root, &JsonValue::IsObject, kObject, findings)) {
         return;
     }
-    findings.WarnOfOtherKeys(root, {"quotas"});
-    if (const auto* quotas = findings.RequireMember(root, "quotas", &JsonValue::IsArray, "a list")) {
+    WarnOfOtherKeys(root, {"quotas"}, findings);
+    if (const auto* quotas = RequireMember(root, "quotas", &JsonValue::IsArray, "a list", findings)) {
         for (const JsonValue& element : quotas->children) {
             CheckElement(element, findings);
         }

@@ -1,20 +1,26 @@
-#include "rqctl/check/json_text.h"
+#include "rqctl/check/layer.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <sstream>
 #include <utility>
 
+#include "base/result.h"
 #include "json_utils.h"
+#include "res_policy_manager.h"
 
 namespace KITE::Rqctl {
 
 namespace {
 
 using nlohmann::json;
+using ResourceQuotaCtl::JsonUtil;
+using ResourceQuotaCtl::ResPolicyManager;
 
-constexpr int kMaxDepth = ResourceQuotaCtl::JsonUtil::kMaxDepth;
+constexpr int kMaxDepth = JsonUtil::kMaxDepth;
 // What stands between tokens; the parser tells of no token for a closing bracket.
 constexpr const char* kSeparators = " \t\r\n,:]}";
 
@@ -22,7 +28,9 @@ constexpr const char* kSeparators = " \t\r\n,:]}";
 // knows how far it has read: a token lies between the end of the one before it and there.
 class TreeBuilder : public nlohmann::json_sax<json> {
   public:
-    explicit TreeBuilder(JsonText& text) : text_(text), stream_(text.text) { json::sax_parse(stream_, this); }
+    explicit TreeBuilder(Layer& layer) : layer_(layer), stream_(layer.text) {
+        json::sax_parse(stream_, this);
+    }
 
     bool null() override { return AddScalar(json::value_t::null); }
     bool boolean(bool /*value*/) override { return AddScalar(json::value_t::boolean); }
@@ -63,25 +71,26 @@ class TreeBuilder : public nlohmann::json_sax<json> {
         // The parser has read a whole literal before it finds it out of place.
         const bool isLiteral = found.starts_with("unexpected string") || found.starts_with("unexpected num");
         const size_t length = isLiteral ? lastToken.size() : 1;
-        text_.fault = {std::min(read - std::min(read, length), text_.text.size()), std::move(found),
-                       "JSON, without comments and without a comma after the last element"};
+        layer_.fault = {std::min(read - std::min(read, length), layer_.text.size()), std::move(found),
+                        "JSON, without comments and without a comma after the last element"};
         return false;
     }
 
   private:
     // Where the token begins that was just read.
     size_t NextToken() {
-        const size_t begin = text_.text.find_first_not_of(kSeparators, end_);
+        const size_t begin = layer_.text.find_first_not_of(kSeparators, end_);
         end_ = static_cast<size_t>(stream_.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in));
         return begin;
     }
 
     JsonValue& Add(json::value_t type) {
-        JsonValue& value = open_ == nullptr ? *text_.root : open_->children.emplace_back();
+        JsonValue& value = open_ == nullptr ? layer_.root : open_->children.emplace_back();
+        value.layer = &layer_;
         value.type = type;
         value.begin = NextToken();
         // To see the end of a number, the parser has read one byte more.
-        value.end = text_.text.find_last_not_of(kSeparators, end_ - 1) + 1;
+        value.end = layer_.text.find_last_not_of(kSeparators, end_ - 1) + 1;
         value.parent = open_;
         const bool isElement = open_ != nullptr && open_->IsArray();
         value.key = isElement ? std::to_string(open_->children.size() - 1) : std::exchange(key_, {});
@@ -97,8 +106,8 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     bool Open(json::value_t type) {
         JsonValue& value = Add(type);
         if (depth_ == kMaxDepth) {
-            text_.fault = {value.begin, fmt::format("nested deeper than {}", kMaxDepth),
-                           fmt::format("at most {} levels", kMaxDepth)};
+            layer_.fault = {value.begin, fmt::format("nested deeper than {}", kMaxDepth),
+                            fmt::format("at most {} levels", kMaxDepth)};
             return false;
         }
         open_ = &value;
@@ -112,7 +121,7 @@ class TreeBuilder : public nlohmann::json_sax<json> {
         return true;
     }
 
-    JsonText& text_;
+    Layer& layer_;
     std::istringstream stream_;
     size_t end_ = 0;             // of the token that was read last
     JsonValue* open_ = nullptr;  // the innermost object or list that is being read
@@ -123,12 +132,6 @@ class TreeBuilder : public nlohmann::json_sax<json> {
 
 bool IsCharacterStart(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
-}
-
-// A byte order mark is no character of the text.
-std::string WithoutMark(std::string text) {
-    constexpr std::string_view kMark = "\xEF\xBB\xBF";
-    return text.starts_with(kMark) ? text.substr(kMark.size()) : std::move(text);
 }
 
 }  // namespace
@@ -143,30 +146,67 @@ json::json_pointer JsonValue::Pointer() const {
     return parent == nullptr ? json::json_pointer() : parent->Pointer() / key;
 }
 
-JsonText::JsonText(std::string content) : text(WithoutMark(std::move(content))) {
-    TreeBuilder{*this};
+Position JsonValue::Place() const {
+    return layer->PositionOf(begin);
 }
 
-Position JsonText::PositionOf(size_t offset) const {
+std::string JsonValue::Excerpt() const {
+    if (IsObject() || IsArray()) {
+        return IsObject() ? "an object" : "a list";
+    }
+    constexpr size_t kLongest = 60;
+    if (end - begin <= kLongest) {
+        return layer->text.substr(begin, end - begin);
+    }
+    size_t length = kLongest;
+    while (!IsCharacterStart(layer->text[begin + length])) {
+        --length;
+    }
+    return layer->text.substr(begin, length) + "...";
+}
+
+Layer::Layer(const std::string& file, size_t order) : path(file), number(order) {
+    root.layer = this;
+    if (JsonUtil::ReadFileToString(path, text)) {
+        // A byte order mark is no character of the text.
+        if (text.starts_with("\xEF\xBB\xBF")) {
+            text.erase(0, 3);
+        }
+        TreeBuilder{*this};
+        return;
+    }
+    const Linux::Failure reason =
+        access(path.c_str(), R_OK) == 0 ? Linux::Failure("it cannot be opened") : Linux::LastError();
+    fault = {0, "cannot be read: " + reason.Text(), "a quota file"};
+}
+
+Position Layer::PositionOf(size_t offset) const {
     const std::string_view passed = std::string_view(text).substr(0, offset);
     const std::string_view line = passed.substr(passed.rfind('\n') + 1);
     return {1 + static_cast<size_t>(std::ranges::count(passed, '\n')),
             1 + static_cast<size_t>(std::ranges::count_if(line, IsCharacterStart))};
 }
 
-std::string JsonText::Excerpt(const JsonValue& value) const {
-    if (value.IsObject() || value.IsArray()) {
-        return value.IsObject() ? "an object" : "a list";
+std::vector<std::string> QuotaFilesOf(const std::vector<std::string>& paths) {
+    std::vector<std::string> files;
+    if (paths.empty()) {
+        ResPolicyManager().GetQuotaConfigFilesList(files);
     }
-    constexpr size_t kLongest = 60;
-    if (value.end - value.begin <= kLongest) {
-        return text.substr(value.begin, value.end - value.begin);
+    for (const std::string& path : paths) {
+        std::error_code ignored;
+        const std::string directory = path.ends_with('/') ? path.substr(0, path.size() - 1) : path;
+        files.push_back(
+            std::filesystem::is_directory(path, ignored) ? directory + ResPolicyManager::kConfigFile : path);
     }
-    size_t length = kLongest;
-    while (!IsCharacterStart(text[value.begin + length])) {
-        --length;
+    return files;
+}
+
+Layers ReadLayers(const std::vector<std::string>& files) {
+    Layers layers;
+    for (const std::string& file : files) {
+        layers.emplace_back(file, layers.size());
     }
-    return text.substr(value.begin, length) + "...";
+    return layers;
 }
 
 }  // namespace KITE::Rqctl

@@ -1,15 +1,7 @@
-#include "rqctl/check/layers.h"
+#include "rqctl/check/merged_layers.h"
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <iterator>
 #include <memory>
-#include <utility>
 
-#include "base/result.h"
-#include "json_utils.h"
 #include "res_policy_manager.h"
 
 namespace KITE::Rqctl {
@@ -17,38 +9,23 @@ namespace KITE::Rqctl {
 namespace {
 
 using ResourceQuotaCtl::InheritMap;
-using ResourceQuotaCtl::JsonUtil;
 using ResourceQuotaCtl::ProcessQuotas;
 using ResourceQuotaCtl::ProcessQuotasMap;
 using ResourceQuotaCtl::ResPolicyManager;
 
-// Reads the file as the service does.
-Layer ReadLayer(const std::string& path) {
-    std::string text;
-    if (JsonUtil::ReadFileToString(path, text)) {
-        return {path, JsonText(std::move(text))};
-    }
-    const Linux::Failure reason =
-        access(path.c_str(), R_OK) == 0 ? Linux::Failure("it cannot be opened") : Linux::LastError();
-    Layer layer{path, JsonText("")};
-    layer.json.fault = {0, "cannot be read: " + reason.Text(), "a quota file"};
-    return layer;
+bool HasText(const JsonValue& element, const char* key) {
+    const JsonValue* member = element.Find(key);
+    return member != nullptr && member->IsString();
 }
 
-// Of a layer that can be read.
-std::vector<Element> ElementsOf(const Layer& layer) {
-    const JsonValue* quotas = layer.json.fault ? nullptr : layer.json.root->Find("quotas");
-    if (quotas == nullptr || !quotas->IsArray()) {
-        return {};
-    }
-    std::vector<Element> elements;
-    for (const JsonValue& value : quotas->children) {
-        const auto isText = [&](const char* key) {
-            const JsonValue* member = value.Find(key);
-            return member != nullptr && member->IsString();
-        };
-        if (isText("process_name") && isText("inherit")) {
-            elements.push_back({&layer, &value});
+std::vector<const JsonValue*> ElementsOf(const Layer& layer) {
+    std::vector<const JsonValue*> elements;
+    const JsonValue* quotas = layer.fault ? nullptr : layer.root.Find("quotas");
+    if (quotas != nullptr && quotas->IsArray()) {
+        for (const JsonValue& element : quotas->children) {
+            if (HasText(element, "process_name") && HasText(element, "inherit")) {
+                elements.push_back(&element);
+            }
         }
     }
     return elements;
@@ -56,45 +33,22 @@ std::vector<Element> ElementsOf(const Layer& layer) {
 
 }  // namespace
 
-std::vector<std::string> QuotaFilesOf(const std::vector<std::string>& paths) {
-    std::vector<std::string> files;
-    if (paths.empty()) {
-        ResPolicyManager().GetQuotaConfigFilesList(files);
-    }
-    for (const std::string& path : paths) {
-        std::error_code ignored;
-        const std::string directory = path.ends_with('/') ? path.substr(0, path.size() - 1) : path;
-        files.push_back(
-            std::filesystem::is_directory(path, ignored) ? directory + ResPolicyManager::kConfigFile : path);
-    }
-    return files;
-}
-
-std::vector<Layer> ReadLayers(const std::vector<std::string>& files) {
-    std::vector<Layer> layers;
-    std::ranges::transform(files, std::back_inserter(layers), ReadLayer);
-    return layers;
-}
-
-MergedLayers::MergedLayers(const std::vector<Layer>& layers) {
-    for (const Layer& layer : layers) {
-        std::ranges::copy(ElementsOf(layer), std::back_inserter(elements_));
-    }
+MergedLayers::MergedLayers(const Layers& layers) {
     // The service merges records, file by file, and does not look into them; these stand for the elements.
-    std::map<std::shared_ptr<ProcessQuotas>, const Element*> elementOf;
+    std::map<std::shared_ptr<ProcessQuotas>, const JsonValue*> elementOf;
     ProcessQuotasMap mergedQuotas;
     ProcessQuotasMap fileQuotas;
     InheritMap parents;
     InheritMap fileInherit;
-    auto element = elements_.begin();
     for (const Layer& layer : layers) {
-        for (; element != elements_.end() && element->layer == &layer; ++element) {
-            const std::string& name = element->Name().text;
+        for (const JsonValue* element : ElementsOf(layer)) {
+            const std::string& name = NameOf(*element).text;
             fileQuotas[name] = std::make_shared<ProcessQuotas>();
-            elementOf[fileQuotas[name]] = &*element;
-            if (!element->Parent().text.empty()) {
-                fileInherit.emplace(name, element->Parent().text);
+            elementOf[fileQuotas[name]] = element;
+            if (const std::string& parent = InheritOf(*element).text; !parent.empty()) {
+                fileInherit.emplace(name, parent);
             }
+            elements_.push_back(element);
         }
         ResPolicyManager().MergeQuotaConfig(mergedQuotas, fileQuotas, parents, fileInherit);
     }
@@ -102,10 +56,10 @@ MergedLayers::MergedLayers(const std::vector<Layer>& layers) {
         entries_[name].rulesFrom = elementOf.at(record);
     }
     // Several elements may name the parent in force; the last of them is as good as the others.
-    for (const Element& candidate : elements_) {
-        const auto parent = parents.find(candidate.Name().text);
-        if (parent != parents.end() && parent->second == candidate.Parent().text) {
-            entries_[parent->first].parentFrom = &candidate;
+    for (const JsonValue* element : elements_) {
+        const auto parent = parents.find(NameOf(*element).text);
+        if (parent != parents.end() && parent->second == InheritOf(*element).text) {
+            entries_[parent->first].parentFrom = element;
         }
     }
 }
@@ -116,7 +70,7 @@ const Entry* MergedLayers::Find(const std::string& name) const {
 }
 
 const Entry* MergedLayers::ParentOf(const Entry& entry) const {
-    return entry.parentFrom == nullptr ? nullptr : Find(entry.parentFrom->Parent().text);
+    return entry.parentFrom == nullptr ? nullptr : Find(InheritOf(*entry.parentFrom).text);
 }
 
 }  // namespace KITE::Rqctl

@@ -14,7 +14,7 @@ using Kelvra::ResQuotaInfo;
 using Ancestry = std::vector<const Entry*>;
 
 const JsonValue* FindQuota(const Entry& entry, const std::string& key) {
-    const JsonValue* quotas = entry.rulesFrom->value->Find("process_quotas");
+    const JsonValue* quotas = entry.rulesFrom->Find("process_quotas");
     return quotas == nullptr ? nullptr : quotas->Find(key);
 }
 
@@ -45,7 +45,7 @@ Origin OriginOfRunningTime(const Ancestry& ancestry) {
 
 }  // namespace
 
-PolicyInForce::PolicyInForce(const std::vector<Layer>& layers) : merged_(layers) {
+PolicyInForce::PolicyInForce(const Layers& layers) : merged_(layers) {
     std::vector<std::string> files;
     std::ranges::transform(layers, std::back_inserter(files), &Layer::path);
     // What is wrong in the files is told by the check, and better: the service's code logs nothing meanwhile.

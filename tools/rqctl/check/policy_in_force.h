@@ -7,13 +7,13 @@
 
 #include "base/result.h"
 #include "kelvra_manager_client.h"
-#include "rqctl/check/layers.h"
+#include "rqctl/check/merged_layers.h"
 
 namespace KITE::Rqctl {
 
 // Where something in force was written.
 struct Origin {
-    const Element* element = nullptr;
+    const JsonValue* element = nullptr;  // of "quotas"
     const JsonValue* value = nullptr;
 };
 
@@ -35,7 +35,7 @@ struct EntryInForce {
 class PolicyInForce {
   public:
     // The layers must outlive it.
-    explicit PolicyInForce(const std::vector<Layer>& layers);
+    explicit PolicyInForce(const Layers& layers);
 
     // Whether the service accepts the layers. Without that nothing is in force.
     bool IsAccepted() const { return isAccepted_; }

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "rqctl/check/findings.h"
-#include "rqctl/check/layers.h"
 #include "rqctl/check/policy_in_force.h"
 #include "rqctl/commands/command.h"
 #include "rqctl/output.h"
@@ -25,10 +24,10 @@ struct Verdict {
     }
 };
 
-Verdict Check(const std::vector<Layer>& layers) {
+Verdict Check(const Layers& layers) {
     Verdict verdict{FindingsIn(layers), PolicyInForce(layers).IsAccepted()};
     if (!verdict.isAccepted && verdict.Count(Severity::kError) == 0) {
-        verdict.findings.push_back({Severity::kError, &layers.front(), layers.front().json.root.get(), 0,
+        verdict.findings.push_back({Severity::kError, &layers.front().root, 0,
                                     "refused by the service for a reason that is not found here",
                                     "what its log says"});
     }
@@ -40,9 +39,9 @@ std::string SeverityText(const Finding& finding) {
 }
 
 void PrintFinding(const Finding& finding) {
-    const Position at = finding.layer->json.PositionOf(finding.offset);
+    const Position at = finding.value->layer->PositionOf(finding.offset);
     const std::string pointer = finding.value->Pointer().to_string();
-    const std::string where = fmt::format("{}:{}:{}: {}: ", finding.layer->path, at.line, at.column,
+    const std::string where = fmt::format("{}:{}:{}: {}: ", finding.value->layer->path, at.line, at.column,
                                           pointer.empty() ? "(document)" : pointer);
     const Tone tone = finding.severity == Severity::kError ? Tone::kBad : Tone::kWarning;
     Say(Escaped(where) + Paint(tone, SeverityText(finding) + ": ") +
@@ -64,8 +63,8 @@ void PrintText(const Verdict& verdict) {
 void PrintJson(const Verdict& verdict) {
     auto findings = nlohmann::ordered_json::array();
     for (const Finding& finding : verdict.findings) {
-        const Position at = finding.layer->json.PositionOf(finding.offset);
-        findings.push_back({{"file", finding.layer->path},
+        const Position at = finding.value->layer->PositionOf(finding.offset);
+        findings.push_back({{"file", finding.value->layer->path},
                             {"line", at.line},
                             {"column", at.column},
                             {"pointer", finding.value->Pointer().to_string()},
@@ -80,7 +79,7 @@ void PrintJson(const Verdict& verdict) {
 }
 
 ExitStatus Run(const CommandLine& line) {
-    const std::vector<Layer> layers = ReadLayers(QuotaFilesOf(line.paths));
+    const Layers layers = ReadLayers(QuotaFilesOf(line.paths));
     const Verdict verdict = Check(layers);
     line.wantsJson ? PrintJson(verdict) : PrintText(verdict);
     if (!verdict.isAccepted) {

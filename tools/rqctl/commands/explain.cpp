@@ -58,27 +58,23 @@ std::string IdentityInWords(const Identity& identity) {
                              "it: nothing is done to it");
 }
 
-Position PositionOf(const Origin& origin) {
-    return origin.element->layer->json.PositionOf(origin.value->begin);
-}
-
-std::string PlaceOf(const Origin& origin) {
-    return fmt::format("{}:{}", Escaped(origin.element->layer->path), PositionOf(origin).line);
+std::string PlaceOf(const JsonValue& value) {
+    return fmt::format("{}:{}", Escaped(value.layer->path), value.Place().line);
 }
 
 std::string OriginInWords(const EntryInForce& entry, const Origin& origin) {
     const bool isOwn = origin.element == entry.ancestry.front()->rulesFrom;
-    return PlaceOf(origin) +
-           (isOwn ? "" : fmt::format(", from template {}", Escaped(origin.element->Name().text)));
+    return PlaceOf(*origin.value) +
+           (isOwn ? "" : fmt::format(", from template {}", Escaped(NameOf(*origin.element).text)));
 }
 
 void PrintText(const EntryInForce& entry) {
     for (const Entry* ancestor : entry.ancestry) {
-        const Element& element = *ancestor->rulesFrom;
-        const std::string name = Escaped(element.Name().text);
+        const JsonValue& written = NameOf(*ancestor->rulesFrom);
+        const std::string name = Escaped(written.text);
         const bool isFirst = ancestor == entry.ancestry.front();
         Say(fmt::format("{} ({})", isFirst ? Paint(Tone::kNotice, name) : "  inherits from " + name,
-                        PlaceOf({&element, &element.Name()})));
+                        PlaceOf(written)));
     }
     if (entry.runningTime != 0) {
         Say(fmt::format("  running time {} ({})", entry.runningTime,
@@ -95,9 +91,9 @@ void PrintText(const EntryInForce& entry) {
 }
 
 ordered_json ToJson(const Origin& origin) {
-    const Position at = PositionOf(origin);
-    return {{"entry", origin.element->Name().text},
-            {"file", origin.element->layer->path},
+    const Position at = origin.value->Place();
+    return {{"entry", NameOf(*origin.element).text},
+            {"file", origin.value->layer->path},
             {"line", at.line},
             {"column", at.column}};
 }
@@ -123,7 +119,7 @@ void PrintJson(const EntryInForce& entry, const std::optional<Identity>& identit
     }
     document["entries"] = ordered_json::array();
     for (const Entry* ancestor : entry.ancestry) {
-        document["entries"].push_back(ToJson({ancestor->rulesFrom, &ancestor->rulesFrom->Name()}));
+        document["entries"].push_back(ToJson({ancestor->rulesFrom, &NameOf(*ancestor->rulesFrom)}));
     }
     if (entry.runningTime != 0) {
         document["running_time"] = entry.runningTime;
@@ -161,7 +157,7 @@ ExitStatus Run(const CommandLine& line) {
     if (files.empty()) {
         return Fail(kRefused, "there is no quota file in the installed directories");
     }
-    const std::vector<Layer> layers = ReadLayers(files);
+    const Layers layers = ReadLayers(files);
     const PolicyInForce policy(layers);
     if (!policy.IsAccepted()) {
         return Fail(kRefused, "the service refuses the quota files; \"rqctl check\" says why");
