@@ -5,10 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <tuple>
 #include <utility>
 
@@ -58,11 +56,11 @@ bool IsOlder(const UniqueFd& one, const UniqueFd& other) {
 
 Linux::Result<EventFollower> EventFollower::Open(const std::string& stateDirectory, bool withHistory) {
     EventFollower follower;
+    follower.directory_ = stateDirectory;
     follower.path_ = stateDirectory + Linux::FileName::kEvents;
     // Watched before the first look, so that no change falls between the two.
     follower.changes_ = UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (inotify_add_watch(follower.changes_.Get(), stateDirectory.c_str(),
-                          IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) < 0) {
+    if (!follower.Watch()) {
         return Linux::Failure(stateDirectory, Linux::LastError());
     }
     auto file = OpenFile(follower.path_);
@@ -80,25 +78,21 @@ Linux::Result<EventFollower> EventFollower::Open(const std::string& stateDirecto
 }
 
 bool EventFollower::Read(const Take& take) {
-    const bool isThere = DrainChanges();
+    // What has changed is seen from the files; the changes are read so that the next one is noticed.
+    std::array<char, 4096> changes;
+    while (read(changes_.Get(), changes.data(), changes.size()) > 0) {
+    }
+    // Again, in case that the directory is another one by now.
+    const bool isThere = Watch();
     do {
         ReadToEnd(take);
     } while (Advance(take));
     return isThere;
 }
 
-bool EventFollower::DrainChanges() const {
-    alignas(inotify_event) std::array<char, 4096> buffer;
-    bool isThere = true;
-    for (ssize_t size = 0; (size = read(changes_.Get(), buffer.data(), buffer.size())) > 0;) {
-        for (size_t at = 0; at < static_cast<size_t>(size);) {
-            inotify_event event{};
-            std::memcpy(&event, &buffer.at(at), sizeof(event));
-            isThere = isThere && (event.mask & IN_IGNORED) == 0;
-            at += sizeof(event) + event.len;
-        }
-    }
-    return isThere;
+bool EventFollower::Watch() const {
+    return inotify_add_watch(changes_.Get(), directory_.c_str(),
+                             IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) >= 0;
 }
 
 void EventFollower::ReadToEnd(const Take& take) {

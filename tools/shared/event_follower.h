@@ -27,12 +27,13 @@ class EventFollower {
     bool Read(const Take& take);
 
   private:
-    bool DrainChanges() const;
+    bool Watch() const;
     void ReadToEnd(const Take& take);
     // Goes on to the next file; false when there is none yet.
     bool Advance(const Take& take);
     void Begin(Linux::UniqueFd file);
 
+    std::string directory_;
     std::string path_;
     Linux::UniqueFd changes_;
     Linux::UniqueFd file_;

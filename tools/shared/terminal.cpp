@@ -33,15 +33,11 @@ size_t CharacterLength(std::string_view text) {
                           : first < 0xF0 ? 3
                           : first < 0xF5 ? 4
                                          : 0;
-    if (length > text.size()) {
-        return 0;
-    }
-    for (size_t i = 1; i < length; ++i) {
-        if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    return length;
+    const bool isWhole = length <= text.size() &&
+                         std::ranges::all_of(text.substr(0, length).substr(length == 0 ? 0 : 1), [](char c) {
+                             return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+                         });
+    return isWhole ? length : 0;
 }
 
 // C0, DEL and C1, which a terminal may take for commands; and marks that turn the direction of writing or end

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
-#include <vector>
 
 #include "base/file_names.h"
 #include "rqctl/bus/ask_host.h"
@@ -19,79 +18,60 @@ namespace {
 
 using nlohmann::ordered_json;
 
-struct Treated {
+// Reads the next process of the list, in the form of --json. Above 0 when there was one, 0 at the end of the
+// list, else a negative error number.
+int ReadOne(sd_bus_message* answer, ordered_json& treated) {
     int32_t pid = 0;
-    std::string name;
-    // Milliseconds since the epoch, 0 where there is none.
-    int64_t suppressedSince = 0;
-    int64_t frozenSince = 0;
-    int64_t frozenUntil = 0;
-    // The last report before the treatment.
-    std::string resourceType;
     int32_t ruleId = 0;
+    int64_t suppressed = 0;
+    int64_t frozen = 0;
+    int64_t frozenUntil = 0;
     int64_t resource = 0;
     int64_t duration = 0;
-};
-
-// Above 0 when there was one more in the list, 0 at its end, else a negative error number.
-int ReadOne(sd_bus_message* answer, Treated& treated) {
     const char* name = "";
-    const char* resourceType = "";
-    const int result = sd_bus_message_read(
-        answer, "(isxxxsixx)", &treated.pid, &name, &treated.suppressedSince, &treated.frozenSince,
-        &treated.frozenUntil, &resourceType, &treated.ruleId, &treated.resource, &treated.duration);
-    treated.name = name;
-    treated.resourceType = resourceType;
+    const char* type = "";
+    const int result = sd_bus_message_read(answer, "(isxxxsixx)", &pid, &name, &suppressed, &frozen,
+                                           &frozenUntil, &type, &ruleId, &resource, &duration);
+    const auto moment = [](int64_t time) { return time == 0 ? ordered_json() : ordered_json(time); };
+    treated = {{"pid", pid},
+               {"process_name", name},
+               {"suppressed_since", moment(suppressed)},
+               {"frozen_since", moment(frozen)},
+               {"frozen_until", moment(frozenUntil)},
+               {"resource_type", type},
+               {"rule_id", ruleId},
+               {"resource", resource},
+               {"duration", duration}};
     return result;
 }
 
-int ReadAll(sd_bus_message* answer, int& isDryRun, std::vector<Treated>& processes) {
+int ReadAll(sd_bus_message* answer, int& isDryRun, ordered_json& processes) {
     int result = sd_bus_message_read(answer, "b", &isDryRun);
     result = result < 0 ? result : sd_bus_message_enter_container(answer, 'a', "(isxxxsixx)");
-    for (Treated treated; result >= 0 && (result = ReadOne(answer, treated)) > 0;) {
+    for (ordered_json treated; result >= 0 && (result = ReadOne(answer, treated)) > 0;) {
         processes.push_back(treated);
     }
     return result;
 }
 
-std::string LineOf(const Treated& treated) {
-    std::string line = ProcessText(treated.name, treated.pid);
-    if (treated.suppressedSince != 0) {
-        line += ", suppressed since " + MomentText(treated.suppressedSince);
+std::string LineOf(const ordered_json& treated) {
+    const auto moment = [&](const char* key) { return MomentText(treated.at(key).get<int64_t>()); };
+    const auto isThere = [&](const char* key) { return !treated.at(key).is_null(); };
+    std::string line = ProcessText(treated.at("process_name").get<std::string>(), treated.at("pid"));
+    if (isThere("suppressed_since")) {
+        line += ", suppressed since " + moment("suppressed_since");
     }
-    if (treated.frozenSince != 0) {
-        line += ", frozen since " + MomentText(treated.frozenSince) +
-                (treated.frozenUntil != 0 ? " until " + MomentText(treated.frozenUntil) : ", without an end");
+    if (isThere("frozen_since")) {
+        line += ", frozen since " + moment("frozen_since") +
+                (isThere("frozen_until") ? " until " + moment("frozen_until") : ", without an end");
     }
-    if (treated.suppressedSince == 0 && treated.frozenSince == 0) {
+    if (!isThere("suppressed_since") && !isThere("frozen_since")) {
         line += ", a part of its treatment could not be undone yet";
     }
     return fmt::format("{}; last report before: {}, rule {}", line,
-                       MeasureText(treated.resourceType, treated.resource, treated.duration), treated.ruleId);
-}
-
-ordered_json JsonOf(const Treated& treated) {
-    const auto moment = [](int64_t time) { return time == 0 ? ordered_json() : ordered_json(time); };
-    return {{"pid", treated.pid},
-            {"process_name", treated.name},
-            {"suppressed_since", moment(treated.suppressedSince)},
-            {"frozen_since", moment(treated.frozenSince)},
-            {"frozen_until", moment(treated.frozenUntil)},
-            {"resource_type", treated.resourceType},
-            {"rule_id", treated.ruleId},
-            {"resource", treated.resource},
-            {"duration", treated.duration}};
-}
-
-void Show(const std::vector<Treated>& processes, bool isDryRun, bool wantsJson) {
-    auto list = ordered_json::array();
-    for (const Treated& treated : processes) {
-        wantsJson ? list.push_back(JsonOf(treated))
-                  : Say((isDryRun ? "dry run, would be: " : "") + LineOf(treated));
-    }
-    if (wantsJson) {
-        SayJson({{"dry_run", isDryRun}, {"treated", list}});
-    }
+                       MeasureText(treated.at("resource_type").get<std::string>(), treated.at("resource"),
+                                   treated.at("duration")),
+                       treated.at("rule_id").get<int64_t>());
 }
 
 // The records of a host that may have been killed; to standard error, since they are not the answer.
@@ -111,14 +91,18 @@ void TellOfRecords() {
 
 ExitStatus Run(const CommandLine& line) {
     int isDryRun = 0;
-    std::vector<Treated> processes;
+    auto processes = ordered_json::array();
     const ExitStatus status = AskHost(
         line, "List", [](sd_bus_message*) { return 0; },
         [&](sd_bus_message* answer) { return ReadAll(answer, isDryRun, processes); });
-    if (status == kDone) {
-        Show(processes, isDryRun != 0, line.wantsJson);
-    } else if (status == kUnreachable) {
+    if (status == kUnreachable) {
         TellOfRecords();
+    } else if (status == kDone && line.wantsJson) {
+        SayJson({{"dry_run", isDryRun != 0}, {"treated", processes}});
+    } else if (status == kDone) {
+        for (const ordered_json& treated : processes) {
+            Say((isDryRun != 0 ? "dry run, would be: " : "") + LineOf(treated));
+        }
     }
     return status;
 }

@@ -79,10 +79,8 @@ bool Has(const ordered_json& entry, const ordered_json& identity) {
 }
 
 void Remove(ordered_json& list, const ordered_json& identity) {
-    auto kept = ordered_json::array();
-    std::ranges::copy_if(list, std::back_inserter(kept),
-                         [&](const ordered_json& entry) { return !Has(entry, identity); });
-    list = std::move(kept);
+    std::erase_if(list.get_ref<ordered_json::array_t&>(),
+                  [&](const ordered_json& entry) { return Has(entry, identity); });
 }
 
 // In each entry of that identity; in a new one where there is none.

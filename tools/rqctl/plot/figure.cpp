@@ -3,7 +3,6 @@
 #include <fmt/chrono.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstddef>
 #include <iterator>
@@ -30,36 +29,13 @@ constexpr double kPlotHeight = 150;
 constexpr double kFlatHeight = 70;
 constexpr double kAxis = 24;
 
-constexpr size_t kMostPoints = 900;
-
-// A number as people write it, of at most three digits behind the point.
-std::string Plain(double value) {
-    return fmt::format("{:.{}f}", value,
-                       value >= 100 || value == std::floor(value) ? 0
-                       : value >= 10                              ? 1
-                                                                  : 2);
-}
-
-// The unit of an axis.
-struct Scale {
-    double size = 1;  // how many of the resource type's own units
-    std::string name;
-
-    std::string TextOf(double value) const { return fmt::format("{} {}", Plain(value / size), name); }
-};
-
-Scale ScaleFor(const ResourceType& type, double largest) {
-    if (type.bytes == 0) {
-        return {1, std::string(type.measure.substr(0, type.measure.find(' ')))};
+// An amount of the resource, in the unit that suits it.
+std::string AmountText(const ResourceType& type, double value) {
+    if (type.bytes != 0) {
+        return Tools::BytesText(value * static_cast<double>(type.bytes));
     }
-    static constexpr std::array<const char*, 5> kNames{"B", "KiB", "MiB", "GiB", "TiB"};
-    const auto bytes = static_cast<double>(type.bytes);
-    size_t name = 0;
-    double size = 1;
-    for (; largest * bytes / size >= 1024 && name + 1 < kNames.size(); ++name) {
-        size *= 1024;
-    }
-    return {size / bytes, kNames.at(name)};
+    const std::string_view unit = type.measure.substr(0, type.measure.find(' '));
+    return value < 100 ? fmt::format("{:.3g} {}", value, unit) : fmt::format("{:.0f} {}", value, unit);
 }
 
 // The distance of lines that are round numbers, at most `most` of them.
@@ -74,29 +50,19 @@ double RoundStep(double range, int most) {
     return power * 10;
 }
 
-int64_t TimeStep(int64_t range) {
-    static constexpr std::array<int64_t, 13> kSeconds{1, 2, 5, 10, 15, 30, 60, 90, 120, 300, 600, 1800, 3600};
-    constexpr int64_t kMostLines = 9;
-    for (const int64_t seconds : kSeconds) {
-        if (range / (seconds * 1000) <= kMostLines) {
-            return seconds * 1000;
-        }
-    }
-    return kSeconds.back() * 1000;
+// Likewise for amounts of the resource: round in the unit that suits the largest one.
+double AmountStep(const ResourceType& type, double largest, int most) {
+    const auto bytes = static_cast<double>(type.bytes);
+    const double unit = bytes == 0 ? 1 : std::pow(1024, std::floor(std::log2(largest * bytes) / 10)) / bytes;
+    return unit * RoundStep(largest / unit, most);
 }
 
-// At most so many points as can be seen: of each stretch the highest.
-std::vector<Point> Thinned(const std::vector<Point>& curve) {
-    const size_t stretch = (curve.size() + kMostPoints - 1) / kMostPoints;
-    std::vector<Point> thinned;
-    for (size_t at = 0; at < curve.size(); at += stretch) {
-        const auto first = curve.begin() + static_cast<ptrdiff_t>(at);
-        const auto last = curve.begin() + static_cast<ptrdiff_t>(std::min(at + stretch, curve.size()));
-        Point highest = *std::ranges::max_element(first, last, {}, &Point::value);
-        highest.beginsPiece = std::any_of(first, last, [](const Point& point) { return point.beginsPiece; });
-        thinned.push_back(highest);
-    }
-    return thinned;
+int64_t TimeStep(int64_t range) {
+    static constexpr int64_t kSeconds[] = {1, 2, 5, 10, 15, 30, 60, 90, 120, 300, 600, 1800};
+    constexpr int64_t kMostLines = 9;
+    const auto* step = std::ranges::find_if(
+        kSeconds, [&](int64_t seconds) { return range / (seconds * 1000) <= kMostLines; });
+    return (step == std::end(kSeconds) ? 3600 : *step) * 1000;
 }
 
 // One picture while it grows. `largest` is the value at its upper end.
@@ -111,8 +77,8 @@ class Figure {
 
     void DrawBands();
     void DrawTimeAxis();
-    void DrawValueAxis(const Scale& scale);
-    void DrawQuotas(const std::set<Quota>& quotas, const Scale& scale);
+    void DrawAmountAxis(const ResourceType& type);
+    void DrawQuotas(const ResourceType& type, const std::set<Quota>& quotas);
     void DrawCurve(const std::vector<Point>& curve);
     void DrawTreatments();
     void DrawNote(std::string_view text) {
@@ -197,15 +163,15 @@ void Figure::DrawTimeAxis() {
     }
 }
 
-void Figure::DrawValueAxis(const Scale& scale) {
-    const double step = scale.size * RoundStep(largest_ / scale.size, HasBadges() ? 4 : 2);
+void Figure::DrawAmountAxis(const ResourceType& type) {
+    const double step = AmountStep(type, largest_, HasBadges() ? 4 : 2);
     for (double value = 0; value <= largest_; value += step) {
         AddHorizontal("grid", Y(value));
-        AddText("tick", kLeft - 6, Y(value) + 4, "end", scale.TextOf(value));
+        AddText("tick", kLeft - 6, Y(value) + 4, "end", AmountText(type, value));
     }
 }
 
-void Figure::DrawQuotas(const std::set<Quota>& quotas, const Scale& scale) {
+void Figure::DrawQuotas(const ResourceType& type, const std::set<Quota>& quotas) {
     constexpr double kLabelHeight = 13;
     double lastLabel = 0;
     for (const Quota& quota : quotas) {
@@ -215,7 +181,7 @@ void Figure::DrawQuotas(const std::set<Quota>& quotas, const Scale& scale) {
         const double labelY = y - 4 < Top() + kLabelHeight ? y + kLabelHeight : y - 4;
         if (std::abs(labelY - lastLabel) >= kLabelHeight) {
             AddText("limit", kRight - 4, labelY, "end",
-                    fmt::format("quota {}, {} s", scale.TextOf(limit), quota.duration));
+                    fmt::format("quota {}, {} s", AmountText(type, limit), quota.duration));
             lastLabel = labelY;
         }
     }
@@ -223,7 +189,7 @@ void Figure::DrawQuotas(const std::set<Quota>& quotas, const Scale& scale) {
 
 void Figure::DrawCurve(const std::vector<Point>& curve) {
     Add("<path class='curve' d='");
-    for (const Point& point : Thinned(curve)) {
+    for (const Point& point : curve) {
         Add("{}{:.1f} {:.1f}", content_.ends_with('\'') || point.beginsPiece ? "M" : "L", X(point.time),
             Y(point.value));
     }
@@ -271,29 +237,28 @@ Measured MeasuredOf(const Panel& panel, const ResourceType& type, const std::set
     return measured;
 }
 
-std::string CaptionOf(const Measured& measured, const Scale& scale) {
+std::string CaptionOf(const Measured& measured) {
     const ResourceType& type = measured.type;
     return fmt::format(
         "{}: {}{}{}", type.name, type.quantity,
         type.judged == Linux::Judged::kAmount ? "" : fmt::format(" {} {} s", type.span, measured.duration),
-        measured.curve.empty() ? "" : "; peak " + scale.TextOf(measured.peak));
+        measured.curve.empty() ? "" : "; peak " + AmountText(type, measured.peak));
 }
 
 std::string FigureOf(const Panel& panel, const Measured& measured) {
-    const double largest =
-        std::max({1.0, measured.peak, static_cast<double>(measured.quotas.rbegin()->limit)});
-    const Scale scale = ScaleFor(measured.type, largest);
-    Figure figure(panel, measured.IsAboveQuota() ? kPlotHeight : kFlatHeight, largest * 1.12);
+    const auto highestQuota = static_cast<double>(measured.quotas.rbegin()->limit);
+    Figure figure(panel, measured.IsAboveQuota() ? kPlotHeight : kFlatHeight,
+                  std::max({1.0, measured.peak, highestQuota}) * 1.12);
     figure.DrawBands();
     figure.DrawTimeAxis();
-    figure.DrawValueAxis(scale);
-    figure.DrawQuotas(measured.quotas, scale);
+    figure.DrawAmountAxis(measured.type);
+    figure.DrawQuotas(measured.type, measured.quotas);
     figure.DrawCurve(measured.curve);
     figure.DrawTreatments();
     if (measured.curve.empty()) {
         figure.DrawNote("nothing was measured");
     }
-    return figure.Take(CaptionOf(measured, scale));
+    return figure.Take(CaptionOf(measured));
 }
 
 std::string FigureWithoutSamples(const Panel& panel) {

@@ -14,6 +14,7 @@
 namespace KITE::Rqctl {
 
 using namespace Tools;
+using std::chrono::milliseconds;
 
 namespace {
 
@@ -64,10 +65,7 @@ std::string DetailOf(const Event& event) {
 }  // namespace
 
 void Narrator::Tell(const Event& event) {
-    // Of events of long ago the clock does not tell whether the patience ended between them; their times do.
-    while (!open_.empty() && open_.front().time + kPatience.count() < event.time) {
-        TellNothingWasDone();
-    }
+    TellOfSilenceUntil(event.time);
     if (event.domain != Linux::EventName::kDomain) {
         SayAt(event.time, Tone::kQuiet, "event",
               fmt::format("{} of {}: {}", Escaped(event.name), ProcessOf(event), Escaped(event.message)));
@@ -84,11 +82,7 @@ void Narrator::TellReport(const Event& event) {
                       MeasureText(event.resourceType, event.resource, event.duration), event.ruleId,
                       RequestOf(event)));
     if (MayLeadToTreatment(event)) {
-        const auto now = std::chrono::system_clock::now().time_since_epoch();
-        const auto age = now - std::chrono::milliseconds(event.time);
-        open_.push_back(
-            {event.time, event.pid, event.processName,
-             Clock::now() + kPatience - std::clamp<std::chrono::nanoseconds>(age, {}, kPatience)});
+        open_.push_back({event.time, event.pid, event.processName});
     }
 }
 
@@ -108,23 +102,23 @@ void Narrator::TellTreatment(const Event& event) {
     });
 }
 
-std::optional<std::chrono::milliseconds> Narrator::TellOfSilence() {
-    const Clock::time_point now = Clock::now();
-    while (!open_.empty() && open_.front().end <= now) {
-        TellNothingWasDone();
-    }
+std::optional<milliseconds> Narrator::TellOfSilence() {
+    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    const int64_t now = std::chrono::duration_cast<milliseconds>(sinceEpoch).count();
+    TellOfSilenceUntil(now);
     return open_.empty()
                ? std::nullopt
-               : std::optional(std::chrono::ceil<std::chrono::milliseconds>(open_.front().end - now));
+               : std::optional(std::min(kPatience, milliseconds(open_.front().time - now) + kPatience));
 }
 
-void Narrator::TellNothingWasDone() {
-    const OpenReport& report = open_.front();
-    SayAt(report.time + kPatience.count(), Tone::kQuiet, "no action",
-          fmt::format("{} since its report: it is exempt, the rule's condition did not hold, or the pid is "
-                      "another process's by now",
-                      ProcessText(report.name, report.pid)));
-    open_.pop_front();
+void Narrator::TellOfSilenceUntil(int64_t time) {
+    for (; !open_.empty() && open_.front().time + kPatience.count() < time; open_.pop_front()) {
+        const OpenReport& report = open_.front();
+        SayAt(report.time + kPatience.count(), Tone::kQuiet, "no action",
+              fmt::format("{} since its report: it is exempt, the rule's condition did not hold, or the pid "
+                          "is another process's by now",
+                          ProcessText(report.name, report.pid)));
+    }
 }
 
 }  // namespace KITE::Rqctl

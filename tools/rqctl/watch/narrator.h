@@ -22,19 +22,17 @@ class Narrator {
     std::optional<std::chrono::milliseconds> TellOfSilence();
 
   private:
-    using Clock = std::chrono::steady_clock;
-
     // A report that may lead to something.
     struct OpenReport {
-        int64_t time;  // milliseconds since the epoch
+        int64_t time;  // ms since the epoch
         int64_t pid;
         std::string name;
-        Clock::time_point end;  // of the patience
     };
 
     void TellReport(const Tools::Event& event);
     void TellTreatment(const Tools::Event& event);
-    void TellNothingWasDone();
+    // Of the reports whose patience has ended by that time, in ms since the epoch.
+    void TellOfSilenceUntil(int64_t time);
 
     std::list<OpenReport> open_;  // the oldest first
 };
