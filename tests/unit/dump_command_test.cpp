@@ -78,7 +78,13 @@ TEST_F(DumpTest, ListsTheConfigurationAndTheRunningTimes) {
     EXPECT_EQ(DumpText({u"DumpRunningTime"}), "bar running time is 2\nfoo running time is 300\n");
 }
 
-TEST_F(DumpTest, KeepsTheLast100RecordsOfEachHistory) {
+TEST_F(DumpTest, KeepsTheLast100RecordsOfEachHistoryOnceASubscriptionWasAccepted) {
+    platform.subscribeResult = 1;
+    platform.registeredAbility->OnAddSystemAbility(1213, "");
+    Handle({Report("cpu", "kill")});
+    EXPECT_EQ(DumpText({u"DumpReportedAbnormalInfo"}), "");
+    platform.registeredAbility->OnRemoveSystemAbility(1213, "");
+    platform.subscribeResult = 0;
     platform.registeredAbility->OnAddSystemAbility(1213, "");
     platform.wallTimeMs = 1700000000000;
     for (int pid = 1; pid <= 101; ++pid) {
@@ -118,13 +124,6 @@ TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
     std::string result = "replaced";
     ResourceQuotaControlDumper::Dump({"DumpConfig"}, result);
     EXPECT_EQ(result, "");
-}
-
-TEST_F(DumpTest, NothingIsRecordedBeforeTheManagerHasAcceptedASubscription) {
-    platform.subscribeResult = 1;
-    platform.registeredAbility->OnAddSystemAbility(1213, "");
-    Handle({Report("cpu", "kill")});
-    EXPECT_EQ(DumpText({u"DumpReportedAbnormalInfo"}), "");
 }
 
 TEST_F(DumpTest, LogsTheBytesThatOneProcessHasWritten) {

@@ -77,22 +77,16 @@ TEST(ParcelTest, GrowsToItsLimitAndNoFurther) {
 
 TEST(ParcelTest, ARecordOfQuotasTravelsWhole) {
     Kelvra::ResQuotaInfo info;
-    info.duration = 1;
-    info.resource = -2;
-    info.id = 3;
-    info.processType = 4;
-    info.action = "kill";
-    info.processName = "p";
-    info.resType = "cpu";
-    info.conditions = {5};
+    Kelvra::ResQuotaInfo read;
+    const auto fields = [](auto& of) {
+        return std::tie(of.duration, of.resource, of.id, of.processType, of.action, of.processName,
+                        of.resType, of.conditions);
+    };
+    fields(info) = std::tuple(1, -2, 3, 4, "kill", "p", "cpu", std::vector{5U});
     Parcel parcel;
     ASSERT_TRUE(info.Marshalling(parcel));
-    Kelvra::ResQuotaInfo read;
     ASSERT_TRUE(read.ReadFromParcel(parcel));
-    EXPECT_EQ(std::tie(read.duration, read.resource, read.id, read.processType, read.action, read.processName,
-                       read.resType, read.conditions),
-              std::tie(info.duration, info.resource, info.id, info.processType, info.action, info.processName,
-                       info.resType, info.conditions));
+    EXPECT_EQ(fields(read), fields(info));
 }
 
 struct Counted : RefBase {

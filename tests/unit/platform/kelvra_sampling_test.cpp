@@ -101,8 +101,7 @@ TEST_F(RealProcesses, AProgramExecutedByAnUnwatchedProcessIsFoundAtAnyAge) {
         }
         child.ExecuteNext(second_);
         uint32_t samples = 1;
-        while (Sample().empty() && samples <= latest) {
-            ++samples;
+        for (; Sample().empty() && samples <= latest; ++samples) {
         }
         EXPECT_LE(samples, latest);
     }
@@ -170,7 +169,7 @@ TEST_F(RealProcesses, APidThatIsUsedAgainIsLookedAtAtOnce) {
     EXPECT_THAT(Sample(), SizeIs(1));
 }
 
-TEST_F(RealProcesses, OtherRulesStartEveryWindowAnew) {
+TEST_F(RealProcesses, OtherRulesStartEveryWindowAnewAndOneThatEndsIsForgotten) {
     const Child child(first_, second_);
     UseRules({Quota(first_, "mem", 1, 1)});
     Sample();
@@ -179,10 +178,6 @@ TEST_F(RealProcesses, OtherRulesStartEveryWindowAnew) {
     EXPECT_THAT(Sample(), IsEmpty());
     table_.UseRules(others);
     EXPECT_THAT(Sample(), SizeIs(1)) << "the same rules again change nothing";
-}
-
-TEST_F(RealProcesses, OneThatEndsIsForgotten) {
-    Child child(first_, second_);
     UseRules({Quota(first_, "mem", 1, 0), Quota(first_, "cpu", 1, 0), Quota(first_, "io", 1, 0)});
     EXPECT_THAT(Sample(), SizeIs(1));
     child.Signal(SIGKILL);
