@@ -4,6 +4,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "kelvra_manager/manager/manager_stub.h"
 #include "parameters.h"
@@ -27,11 +28,6 @@ size_t MostWatched() {
     return std::clamp<size_t>(left / kPerProcess, 1, ProcessTable::kMostWatched);
 }
 
-std::unique_ptr<SampleRecorder> MakeRecorder() {
-    const bool isWanted = GetBoolParameter("kelvra.record_samples", false);
-    return isWanted ? std::make_unique<SampleRecorder>(SamplesPath()) : nullptr;
-}
-
 class ManagerAbility : public SystemAbility {
   public:
     ManagerAbility() : SystemAbility(KELVRA_MANAGER_SERVICE_ID, true) {}
@@ -39,8 +35,10 @@ class ManagerAbility : public SystemAbility {
     std::string GetClassName() override { return "KelvraManager"; }
     void OnStart() override {
         const std::chrono::milliseconds period(GetIntParameter("kelvra.sample_period_ms", 1000, 100, 60'000));
-        sampler_ =
-            std::make_shared<Sampler>(period, MostWatched(), std::make_shared<Reporter>(), MakeRecorder());
+        const bool isRecorded = GetBoolParameter("kelvra.record_samples", false);
+        auto recorder = isRecorded ? std::make_unique<SampleRecorder>(SamplesPath()) : nullptr;
+        sampler_ = std::make_shared<Sampler>(period, MostWatched(), std::make_shared<Reporter>(),
+                                             std::move(recorder));
         sampler_->Start();
         if (!Publish(MakeSptr<ManagerStub>(sampler_))) {
             PLATFORM_LOGE(

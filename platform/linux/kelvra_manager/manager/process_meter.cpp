@@ -44,7 +44,8 @@ std::optional<int64_t> ProcessMeter::ReadValue(Resource resource) {
         case Resource::kCpuExt:
             return ReadCpuTime();
         case Resource::kIo:
-            return ReadWrittenBytes();
+            Buffer buffer;
+            return NumberOfLine(ReadKept(io_, "io", buffer), "write_bytes:");
     }
     return std::nullopt;
 }
@@ -75,16 +76,9 @@ std::optional<int64_t> ProcessMeter::ReadCpuTime() {
     return time ? std::optional(time->count()) : std::nullopt;
 }
 
-std::optional<int64_t> ProcessMeter::ReadWrittenBytes() {
+std::optional<int64_t> ProcessMeter::ReadUid() {
     Buffer buffer;
-    return NumberOfLine(ReadKept(io_, "io", buffer), "write_bytes:");
-}
-
-std::optional<int32_t> ProcessMeter::ReadUid() {
-    Buffer buffer;
-    const std::string_view status = TextOrWarning(ReadProcessFile(pid_, "status", buffer), "status");
-    const std::optional<int64_t> uid = NumberOfLine(status, "Uid:");
-    return uid ? std::optional(static_cast<int32_t>(*uid)) : std::nullopt;
+    return NumberOfLine(TextOrWarning(ReadProcessFile(pid_, "status", buffer), "status"), "Uid:");
 }
 
 std::string_view ProcessMeter::ReadKept(UniqueFd& kept, const char* file, std::span<char> buffer) {

@@ -26,13 +26,12 @@ class ProcessMeter {
     // Warns, once for each process, of a file that cannot be read although the process is there: its quotas
     // would silently never apply.
     Readings Read(TimePoint at);
-    std::optional<int32_t> ReadUid();
+    std::optional<int64_t> ReadUid();
 
   private:
     std::optional<int64_t> ReadValue(Resource resource);
     std::optional<int64_t> ReadMemoryKiB();
     std::optional<int64_t> ReadCpuTime();
-    std::optional<int64_t> ReadWrittenBytes();
     // Through a descriptor that is kept: to open a file takes several times as long as to read it.
     std::string_view ReadKept(UniqueFd& kept, const char* file, std::span<char> buffer);
     // Empty, with a warning, for what could not be read.

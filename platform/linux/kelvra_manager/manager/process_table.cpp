@@ -18,7 +18,7 @@ void ProcessTable::UseRules(const std::shared_ptr<const RuleBook>& book) {
     }
     processes_.clear();
     birthsListed_ = kUnknown;
-    warned_ = {};
+    warned_.clear();
     book_ = book;
 }
 
@@ -69,7 +69,7 @@ void ProcessTable::FindProcesses() {
     birthsListed_ = kUnknown;
     const Result<std::vector<ListedProcess>> listed = ListProcesses();
     if (!listed) {
-        if (!std::exchange(warned_.unlisted, true)) {
+        if (warned_.insert("unlisted").second) {
             PLATFORM_LOGW("/proc cannot be listed, so new processes are not found: %{public}s",
                           listed.Why().Text().c_str());
         }
@@ -97,7 +97,7 @@ void ProcessTable::WatchIfItHasRules(pid_t pid, Process& process) {
     process.ruledOutAt.reset();
     Result<UniqueFd> cmdline = OpenProcessFile(pid, "cmdline");
     if (!cmdline) {
-        if (!MeansGone(cmdline.Code()) && !std::exchange(warned_.unreadable, true)) {
+        if (!MeansGone(cmdline.Code()) && warned_.insert("unreadable").second) {
             PLATFORM_LOGW(
                 "the name of process %{public}d cannot be read, so it may escape its quotas: %{public}s", pid,
                 cmdline.Why().Text().c_str());
@@ -116,7 +116,7 @@ void ProcessTable::WatchIfItHasRules(pid_t pid, Process& process) {
                 std::make_unique<WatchedProcess>(pid, stat->startTime, std::move(*cmdline), name, rules);
             --room_;
         }
-    } else if (!std::exchange(warned_.tooMany, true)) {
+    } else if (warned_.insert("too many").second) {
         PLATFORM_LOGW("more than %{public}lu processes have quotas; the others are not watched",
                       mostWatched_);
     }

@@ -7,6 +7,8 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
+#include <string_view>
 #include <vector>
 
 #include "kelvra_manager/manager/watched_process.h"
@@ -56,13 +58,6 @@ class ProcessTable {
         std::unique_ptr<WatchedProcess> watched = nullptr;
     };
 
-    // Which problems have had their log line since the rules came: most come again with every sample.
-    struct Warned {
-        bool unlisted = false;
-        bool unreadable = false;
-        bool tooMany = false;
-    };
-
     void FindProcesses();
     bool IsCheckDue(pid_t pid, Process& process) const;
     void WatchIfItHasRules(pid_t pid, Process& process);
@@ -74,7 +69,8 @@ class ProcessTable {
     std::map<pid_t, Process> processes_;  // after book_, whose rules the watched ones refer to
     uint32_t sample_ = 0;
     size_t room_ = 0;  // how many more may be watched; counted anew in each sample
-    Warned warned_;
+    // The problems that have had their log line since the rules came: most come again with every sample.
+    std::set<std::string_view> warned_;
 };
 
 }  // namespace KITE::Linux::Sampling

@@ -30,14 +30,6 @@ void Reporter::Send(std::span<const Report> reports) {
     }
 }
 
-Reporter::Keys Reporter::KeysOf(std::span<const Report> reports) {
-    Keys keys;
-    for (const Report& report : reports) {
-        keys.emplace(report.pid, report.startTime, report.resType);
-    }
-    return keys;
-}
-
 void Reporter::SendBatch(const Subscriber& subscriber, std::span<const Report> reports) {
     MessageParcel batch;
     if (!KelvraProtocol::WriteRecordList(reports, batch)) {
@@ -45,7 +37,10 @@ void Reporter::SendBatch(const Subscriber& subscriber, std::span<const Report> r
                       reports.size());
         return;
     }
-    const Keys keys = KeysOf(reports);
+    Keys keys;
+    for (const Report& report : reports) {
+        keys.emplace(report.pid, report.startTime, report.resType);
+    }
     {
         const std::lock_guard lock(mutex_);
         onTheWay_.insert(keys.begin(), keys.end());

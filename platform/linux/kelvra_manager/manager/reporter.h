@@ -42,7 +42,6 @@ class Reporter : public std::enable_shared_from_this<Reporter> {
     using Subscriber = std::shared_ptr<const Deliver>;
     using Keys = std::set<std::tuple<pid_t, int64_t, std::string>>;  // start time, resource type
 
-    static Keys KeysOf(std::span<const Report> reports);
     void SendBatch(const Subscriber& subscriber, std::span<const Report> reports);
     void HandleAnswer(const Subscriber& subscriber, const Keys& keys, int32_t status);
 

@@ -21,17 +21,10 @@ WatchedProcess::WatchedProcess(pid_t pid, int64_t startTime, UniqueFd cmdline, s
       rules_(rules),
       meter_(pid, name, rules),
       windows_(rules) {
-    WarnIfReportsWillBeRefused();
-}
-
-// The service's own check takes the name behind the last slash of all arguments.
-void WatchedProcess::WarnIfReportsWillBeRefused() const {
-    const Result<std::string> commandLine = ReadFile(cmdline_.Get());
-    if (!commandLine || ProcessNameOf(*commandLine) != name_) {
-        return;
-    }
-    const std::string_view seen = SeenNameOf(*commandLine);
-    if (!IsAcceptedAs(seen, name_)) {
+    // The service's own check takes the name behind the last slash of all arguments.
+    const std::string commandLine = ReadFile(cmdline_.Get()).ValueOr({});
+    const std::string_view seen = SeenNameOf(commandLine);
+    if (ProcessNameOf(commandLine) == name_ && !IsAcceptedAs(seen, name_)) {
         PLATFORM_LOGW(
             "the quota service will refuse every report of process %{public}d, %{public}s: a slash in its "
             "arguments makes the service see the name \"%{public}s\"",
@@ -63,13 +56,13 @@ std::vector<Report> WatchedProcess::TakeReports(const Reporter& reporter) {
     if (breaches.empty()) {
         return {};
     }
-    const std::optional<int32_t> uid = meter_.ReadUid();
+    const std::optional<int64_t> uid = meter_.ReadUid();
     if (!uid || !IsSame()) {
         return {};
     }
     std::vector<Report> reports;
     for (const Breach& breach : breaches) {
-        reports.push_back(ReportOf(breach, *uid));
+        reports.push_back(ReportOf(breach, static_cast<int32_t>(*uid)));
     }
     return reports;
 }

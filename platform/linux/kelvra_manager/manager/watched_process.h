@@ -40,7 +40,6 @@ class WatchedProcess {
     std::vector<Report> TakeReports(const Reporter& reporter);
 
   private:
-    void WarnIfReportsWillBeRefused() const;
     bool IsSame() const;
     Report ReportOf(const Breach& breach, int32_t uid) const;
 
