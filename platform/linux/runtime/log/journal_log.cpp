@@ -26,6 +26,11 @@ size_t FormatHeader(std::span<char, 512> buffer, const LogLine& line) {
     return static_cast<size_t>(length);
 }
 
+// Whether the journal was not there before, or is another one by now.
+bool IsUnconnected(int error) {
+    return error == ENOTCONN || error == ECONNREFUSED || error == ECONNRESET;
+}
+
 bool IsFull(const std::error_code& error) {
     return Is(error, EAGAIN) || Is(error, ENOBUFS) || Is(error, ENOMEM);
 }
@@ -55,6 +60,7 @@ std::error_code JournalLog::Send(const LogLine& line) noexcept {
     return error;
 }
 
+// The socket stays connected: a send that looks up the path each time misses the goal of a log line by far.
 std::error_code JournalLog::SendDatagram(const LogLine& line) noexcept {
     char header[512];
     char end = '\n';
@@ -64,11 +70,12 @@ std::error_code JournalLog::SendDatagram(const LogLine& line) noexcept {
                      {const_cast<char*>(line.text.data()), line.text.size()},
                      {&end, sizeof(end)}};
     msghdr datagram{};
-    datagram.msg_name = &address_;
-    datagram.msg_namelen = sizeof(address_);
     datagram.msg_iov = parts;
     datagram.msg_iovlen = std::size(parts);
-    const bool isSent = sendmsg(socket_.Get(), &datagram, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
+    const auto send = [&] { return sendmsg(socket_.Get(), &datagram, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0; };
+    const auto* address = reinterpret_cast<const sockaddr*>(&address_);
+    const bool isSent =
+        send() || (IsUnconnected(errno) && connect(socket_.Get(), address, sizeof(address_)) == 0 && send());
     return isSent ? std::error_code() : LastError();
 }
 
