@@ -34,12 +34,10 @@ int Treated::Pidfd() const {
 
 void Treated::AskForFreeze(std::optional<std::chrono::milliseconds> time) {
     const bool isEndless = !time || (isFrozen && !thawAt);
+    thawAt = isEndless
+                 ? std::nullopt
+                 : std::optional(std::max(Clock::now() + *time, thawAt.value_or(Clock::time_point::min())));
     isFrozen = true;
-    if (isEndless) {
-        thawAt.reset();
-    } else {
-        thawAt = std::max(Clock::now() + *time, thawAt.value_or(Clock::time_point::min()));
-    }
 }
 
 void Treated::CancelFreeze() {

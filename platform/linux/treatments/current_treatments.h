@@ -71,7 +71,8 @@ class CurrentTreatments {
     CurrentTreatments(TreatmentContext& context, EndWatcher& watcher)
         : context_(context), watcher_(watcher) {}
 
-    // Held by whoever calls an operation below that does not take it, uses an entry, or treats a process.
+    // The caller holds it for each operation below but DoWhatIsDue, while it uses an entry or treats a
+    // process.
     [[nodiscard]] std::unique_lock<std::mutex> Lock() { return std::unique_lock(mutex_); }
 
     // Its entry, made if it is not there. It stays where it is until Settle forgets it.

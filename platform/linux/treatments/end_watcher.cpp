@@ -22,16 +22,16 @@ std::error_code EndWatcher::Start() {
     return {};
 }
 
-Result<asio::posix::stream_descriptor> EndWatcher::Watch(UniqueFd pidfd, pid_t pid) {
-    asio::posix::stream_descriptor descriptor(context_);
+Result<std::shared_ptr<asio::posix::stream_descriptor>> EndWatcher::Watch(UniqueFd pidfd, pid_t pid) {
+    auto descriptor = std::make_shared<asio::posix::stream_descriptor>(context_);
     std::error_code error;
-    descriptor.assign(pidfd.Get(), error);
+    descriptor->assign(pidfd.Get(), error);
     if (error) {
         return Failure("its end cannot be watched", error);
     }
     static_cast<void>(pidfd.Release());
-    descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
-                          [this, pid](const std::error_code& aborted) { OnDue(aborted, pid); });
+    descriptor->async_wait(asio::posix::stream_descriptor::wait_read,
+                           [this, pid](const std::error_code& aborted) { OnDue(aborted, pid); });
     return descriptor;
 }
 

@@ -8,6 +8,7 @@
 #include <asio/steady_timer.hpp>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <system_error>
@@ -33,7 +34,7 @@ class EndWatcher {
     std::error_code Start();
     // Watches the process of the pidfd as long as the returned descriptor exists, which owns it now. Its end
     // is told when the thread runs. Any thread.
-    Result<asio::posix::stream_descriptor> Watch(UniqueFd pidfd, pid_t pid);
+    Result<std::shared_ptr<asio::posix::stream_descriptor>> Watch(UniqueFd pidfd, pid_t pid);
     // Replaces the moment; absent for none. Any thread.
     void WakeAt(std::optional<std::chrono::steady_clock::time_point> moment);
     // Ends the thread for good. Any thread but its own.

@@ -29,7 +29,7 @@ std::optional<ThreadPolicy> ReadPolicy(pid_t pid, pid_t tid) {
     return ThreadPolicy{tid, stat->startTime, attributes};
 }
 
-// A thread that has gone is no error.
+// Succeeds for a thread that has gone.
 std::error_code SetPolicy(pid_t pid, const ThreadPolicy& thread, const SchedulingAttributes& attributes) {
     const Result<ProcessStat> stat = ReadThreadStat(pid, thread.tid);
     if (!stat) {

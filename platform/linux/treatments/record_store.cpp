@@ -75,7 +75,7 @@ class Folder {
     UniqueFd folder_;
 };
 
-// EBADMSG for what is no record at all.
+// EBADMSG for a file that holds no record.
 Result<TreatmentRecord> ReadNamedRecord(const Folder& folder, const std::string& name,
                                         const Cgroups& cgroups) {
     const Result<std::string> text = ReadFile(folder.Path(name), kLargestRecord);

@@ -32,16 +32,6 @@ std::error_code UndoLeft(TreatmentContext& context, TreatmentRecord& record) {
     return error ? error : AnnounceRelease(record, "left by a host that was killed");
 }
 
-bool IsOfAnotherHost(const TreatmentRecord& record) {
-    if (!record.IsOfAnotherLivingHost()) {
-        return false;
-    }
-    PLATFORM_LOGI(
-        "pid %{public}d (%{public}s) stays treated: the host of pid %{public}d, which lives, does it",
-        record.pid, Printable(record.processName).c_str(), record.hostPid);
-    return true;
-}
-
 }  // namespace
 
 std::error_code Undo(TreatmentContext& context, TreatmentRecord& record, int pidfd, Kept kept) {
@@ -73,7 +63,11 @@ bool ReleaseLeftTreatments(TreatmentContext& context) {
     RecordStore::Left onRecord = context.records.ReadAll(context.cgroups);
     std::vector<TreatmentRecord*> left;
     for (TreatmentRecord& record : onRecord.records) {
-        if (!IsOfAnotherHost(record)) {
+        if (record.IsOfAnotherLivingHost()) {
+            PLATFORM_LOGI(
+                "pid %{public}d (%{public}s) stays treated: the host of pid %{public}d, which lives, does it",
+                record.pid, Printable(record.processName).c_str(), record.hostPid);
+        } else {
             left.push_back(&record);
         }
     }

@@ -73,11 +73,11 @@ Result<ReportedProcessPtr> ReportedProcesses::Remember(pid_t pid, int64_t startT
     if (known != entries_.end() && known->second.process->key == key) {
         owner = known->second.process->owner;
     } else {
-        Result<asio::posix::stream_descriptor> watched = watcher_.Watch(std::move(*pidfd), pid);
+        auto watched = watcher_.Watch(std::move(*pidfd), pid);
         if (!watched) {
             return watched.Why();
         }
-        owner = std::make_shared<asio::posix::stream_descriptor>(std::move(*watched));
+        owner = std::move(*watched);
     }
     const int number = owner->native_handle();
     auto process = std::make_shared<const ReportedProcess>(

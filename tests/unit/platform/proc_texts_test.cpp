@@ -15,22 +15,22 @@ namespace {
 using namespace std::string_view_literals;
 using ::testing::Optional;
 
-TEST(ProcTexts, TheNameIsTheLastComponentOfTheFirstArgument) {
-    EXPECT_EQ(ProcessNameOf("/usr/bin/a_name_beyond_15_bytes\0-c\0/etc/x\0"sv), "a_name_beyond_15_bytes");
-    EXPECT_EQ(ProcessNameOf("plain"sv), "plain");
-    EXPECT_EQ(ProcessNameOf("/ends/with/\0x\0"sv), "");
-    EXPECT_EQ(ProcessNameOf(""sv), "");
+TEST(ProcTexts, TheNameIsOfTheFirstArgumentAndTheServiceSeesWhatFollowsTheLastSlashOfAll) {
+    const struct {
+        std::string_view commandLine, name, seenName;
+    } cases[] = {{"/usr/bin/a_name_beyond_15_bytes\0-c\0/etc/conf\0"sv, "a_name_beyond_15_bytes", "conf"},
+                 {"/bin/sixteen_bytes_xy\0--flag\0"sv, "sixteen_bytes_xy", "sixteen_bytes_x"},
+                 {"/bin/foo\0/tmp/\0"sv, "foo", ""},
+                 {"/ends/with/\0x\0"sv, "", ""},
+                 {"no_slash\0-a\0"sv, "no_slash", "no_slash"},
+                 {"", "", ""}};
+    for (const auto& [commandLine, name, seenName] : cases) {
+        EXPECT_EQ(ProcessNameOf(commandLine), name);
+        EXPECT_EQ(SeenNameOf(commandLine), seenName);
+    }
     const std::string cutOff = "/" + std::string(kCommandLineBuffer - 5, 'd') + "/foo";
     EXPECT_EQ(ProcessNameOf(cutOff), "");
     EXPECT_EQ(ProcessNameOf(cutOff.substr(1) + '\0'), "foo");
-}
-
-TEST(ProcTexts, TheServiceSeesWhatFollowsTheLastSlashOfAllArguments) {
-    EXPECT_EQ(SeenNameOf("/system/bin/foo_daemon\0--flag\0"sv), "foo_daemon");
-    EXPECT_EQ(SeenNameOf("/bin/foo\0-c\0/etc/conf\0"sv), "conf");
-    EXPECT_EQ(SeenNameOf("/bin/foo\0/tmp/\0"sv), "");
-    EXPECT_EQ(SeenNameOf("/bin/sixteen_bytes_xy\0"sv), "sixteen_bytes_x");
-    EXPECT_EQ(SeenNameOf("no_slash\0-a\0"sv), "no_slash");
     EXPECT_TRUE(IsAcceptedAs("sixteen_bytes_x", "sixteen_bytes_xy"));
     EXPECT_FALSE(IsAcceptedAs("conf", "foo"));
     EXPECT_FALSE(IsAcceptedAs("", "foo"));
@@ -40,14 +40,13 @@ TEST(ProcTexts, NumbersThatAreNotWholeAreAbsent) {
     EXPECT_THAT(ResidentPagesOf("100 42 3 1 0 7 0\n"), Optional(42));
     EXPECT_EQ(ResidentPagesOf("100 42"), std::nullopt);
     EXPECT_EQ(ResidentPagesOf("100"), std::nullopt);
-    const std::string io = "cancelled_write_bytes: 7\nwrite_bytes: 4096\n";
-    EXPECT_THAT(NumberOfLine(io, "write_bytes:"), Optional(4096));
-    EXPECT_EQ(NumberOfLine("write_bytes: 40 7\n"sv.substr(0, 15), "write_bytes:"), std::nullopt) << "cut off";
+    EXPECT_THAT(NumberOfLine("cancelled_write_bytes: 7\nwrite_bytes: 4096\n", "write_bytes:"),
+                Optional(4096));
+    EXPECT_THAT(NumberOfLine("Name:\tx\nUid:\t1001\t0\t0\t0\n", "Uid:"), Optional(1001));
     for (const char* line :
          {"write_bytes: 40", "write_bytes: x\n", "write_bytes: 99999999999999999999\n", "write_bytes:"}) {
         EXPECT_EQ(NumberOfLine(line, "write_bytes:"), std::nullopt) << line;
     }
-    EXPECT_THAT(NumberOfLine("Name:\tx\nUid:\t1001\t0\t0\t0\n", "Uid:"), Optional(1001));
 }
 
 TEST(ProcTexts, ACommandNameCannotPassForOtherFields) {

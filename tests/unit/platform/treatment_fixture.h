@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform_fixture.h"
+#include "proc/process_stat.h"
 #include "treatments/recovery.h"
 #include "treatments/treatments.h"
 
@@ -57,12 +58,16 @@ class TreatmentTest : public DirectoryTest {
     std::optional<Group> GroupOf(const Process& process, Hierarchy hierarchy = Hierarchy::kUnified) const {
         return groups_.GroupOf(process.Pid(), hierarchy);
     }
-    static bool StandsStill(const Process& process) {
-        // SIGSTOP is taken a moment after it was accepted; a freezer has been waited for.
+    // By the freezer of its group or by a signal.
+    static bool IsHeld(const Process& process) {
         const std::optional<Group> group =
             Cgroups::OfThisMachine().GroupOf(process.Pid(), Hierarchy::kUnified);
-        const bool isInFreezer = group && ReadGroupFile(*group, "cgroup.freeze") == "1";
-        return (isInFreezer || process.AwaitState('T')) && process.StandsStill();
+        return (group && ReadGroupFile(*group, "cgroup.freeze") == "1") ||
+               ReadProcessStat(process.Pid()).ValueOr({}).IsStopped();
+    }
+    static bool StandsStill(const Process& process) {
+        // SIGSTOP is taken a moment after it was accepted; a freezer has been waited for.
+        return Eventually([&] { return IsHeld(process); }) && process.StandsStill();
     }
     static bool IsIdle(pid_t pid) { return ReadThreadPolicies(pid)[0].IsIdle(); }
     bool HasRecords() const {
