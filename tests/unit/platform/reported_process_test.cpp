@@ -90,11 +90,13 @@ TEST_F(ReportedProcessTest, TheOldestThatIsNotHeldMakesRoom) {
     const Program programs[] = {Program({kName, "idle"}), Program({kName, "idle"}), Program({kName, "idle"})};
     EndWatcher watcher([](std::optional<pid_t>) {});
     ReportedProcesses reported(2, watcher);
-    ReportedProcessPtr held;
+    const auto remember = [&](const Program& program) {
+        return reported.Remember(program.Pid(), program.StartTime(), kName);
+    };
+    const Result<ReportedProcessPtr> held = remember(programs[0]);
+    // Another report of a process does not end what holds it by an earlier one.
     for (const Program& program : programs) {
-        const auto process = reported.Remember(program.Pid(), program.StartTime(), kName);
-        ASSERT_TRUE(process);
-        held = held ? held : *process;
+        ASSERT_TRUE(remember(program));
     }
     EXPECT_NE(reported.Find(programs[0].Pid()), nullptr);
     EXPECT_EQ(reported.Find(programs[1].Pid()), nullptr);

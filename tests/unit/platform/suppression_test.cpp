@@ -58,12 +58,14 @@ TEST_F(SuppressionTest, TheEndOfOneSuppressionLeavesAnotherOfTheSameSession) {
     const sched_param none{};
     ASSERT_EQ(sched_setscheduler(idleBefore.Pid(), SCHED_IDLE, &none), 0);
     ASSERT_TRUE(idleBefore.Runs());
+    const auto suppress = [&](const Program& program) {
+        ASSERT_TRUE(Report(program));
+        ASSERT_FALSE(host.Suppress(program.Pid(), kName));
+    };
     const Program first({kName, "burn"}, false);
-    const Program second({kName, "burn"}, false);
-    for (const Program* program : {&first, &second}) {
-        ASSERT_TRUE(Report(*program));
-        ASSERT_FALSE(host.Suppress(program->Pid(), kName));
-    }
+    suppress(first);
+    const Program second({kName, "burn"}, false);  // is younger than the suppression, as a child would be
+    suppress(second);
     first.Signal(SIGKILL);
     ASSERT_TRUE(Eventually([&] { return Events().back() == "RELEASE 0"; }));
     EXPECT_TRUE(IsIdle(second.Pid()));

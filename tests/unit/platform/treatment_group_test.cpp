@@ -33,6 +33,15 @@ TEST_F(TreatmentGroupTest, AProcessAloneInItsGroupIsTreatedThereAndTheGroupStays
     EXPECT_EQ(ReadGroupFile(cpu, "cpu.idle"), "0");
     EXPECT_EQ(ReadGroupFile(cpu, "cpu.shares"), "512");
     EXPECT_EQ(ReadGroupFile(unified, "cgroup.freeze"), "0");
+    // With a group below it, the group is no longer the process's alone.
+    const Group below{Hierarchy::kUnified, unified.path + "/below"};
+    ASSERT_FALSE(CreateGroup(below));
+    StartHost();
+    ASSERT_TRUE(Report(culprit));
+    EXPECT_EQ(Freeze(), 0);
+    EXPECT_EQ(ReadGroupFile(unified, "cgroup.freeze"), "0");
+    EXPECT_EQ(Thaw(), 0);
+    EXPECT_FALSE(RemoveGroup(below));
     for (const Group& own : {cpu, unified}) {
         EXPECT_FALSE(MoveAll(own, ParentOf(own)));
         EXPECT_FALSE(RemoveGroup(own));

@@ -12,9 +12,17 @@ INSTANTIATE_TEST_SUITE_P(, RecordByEachMeans, testing::Bool(), MeansName);
 TEST_P(RecordByEachMeans, NothingIsDoneThatCannotBeRecorded) {
     const Program& culprit = Begin();
     const std::string before = culprit.Standing();
-    std::filesystem::create_directory_symlink("/tmp", Path("treated"));
-    EXPECT_NE(Freeze(), 0);
-    EXPECT_NE(Suppress(), 0);
+    for (const bool isLink : {true, false}) {
+        std::filesystem::remove(Path("treated"));
+        if (isLink) {
+            std::filesystem::create_directory_symlink("/tmp", Path("treated"));
+        } else {
+            std::filesystem::create_directory(Path("treated"));
+            std::filesystem::permissions(Path("treated"), std::filesystem::perms::all);
+        }
+        EXPECT_NE(Freeze(), 0) << isLink;
+        EXPECT_NE(Suppress(), 0) << isLink;
+    }
     EXPECT_TRUE(culprit.Runs());
     EXPECT_EQ(culprit.Standing(), before);
 }
