@@ -1,9 +1,5 @@
 #include "shared/event.h"
 
-#include <algorithm>
-#include <iterator>
-#include <limits>
-
 #include "base/event_names.h"
 #include "shared/wording.h"
 
@@ -14,7 +10,7 @@ namespace {
 namespace EventName = Linux::EventName;
 
 int64_t NumberOf(const Linux::JsonNode& node) {
-    return node.IsPresent() ? node.Number(std::numeric_limits<int64_t>::min()) : 0;
+    return node.IsPresent() ? node.Number(INT64_MIN) : 0;
 }
 
 }  // namespace

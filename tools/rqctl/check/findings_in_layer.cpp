@@ -20,6 +20,8 @@ using ResourceQuotaCtl::kConditionBits;
 using Names = std::vector<std::string_view>;
 
 constexpr const char* kString = "a string";
+constexpr const char* kInt32 = "an integer from -2147483648 to 2147483647";
+constexpr const char* kInt64 = "at most 9223372036854775807";
 constexpr const char* kObject = "an object";
 constexpr const char* kInteger = "an integer (no fraction, exponent or quotation marks)";
 
@@ -79,21 +81,14 @@ void WarnOfOtherKeys(const JsonValue& object, const Names& keys, Findings& findi
     }
 }
 
-// Warns of an integer that the service cuts to 32 bits, or to 64.
-int32_t CutTo32(const JsonValue& value, Findings& findings) {
-    const auto cut = static_cast<int32_t>(value.number);
+// The number as the service reads it; warns where that is another one.
+template <typename T>
+T CutTo(const JsonValue& value, const char* allowed, Findings& findings) {
+    const auto cut = static_cast<T>(value.number);
     if (cut != value.number || value.isCut) {
-        findings.Warn(value, fmt::format("{} is cut to {}", value.Excerpt(), cut),
-                      "an integer from -2147483648 to 2147483647");
+        findings.Warn(value, fmt::format("{} is cut to {}", value.Excerpt(), cut), allowed);
     }
     return cut;
-}
-int64_t CutTo64(const JsonValue& value, Findings& findings) {
-    if (value.isCut) {
-        findings.Warn(value, fmt::format("{} is cut to {}", value.Excerpt(), value.number),
-                      "at most 9223372036854775807");
-    }
-    return value.number;
 }
 
 // Of members of the same key, the last is the one that counts.
@@ -107,11 +102,11 @@ void CheckForRepeatedKeys(const JsonValue& value, Findings& findings) {
 }
 
 void CheckId(const JsonValue& id, const ResourceType& /*type*/, Findings& findings) {
-    CutTo32(id, findings);
+    CutTo<int32_t>(id, kInt32, findings);
 }
 
 void CheckQuota(const JsonValue& value, const ResourceType& type, Findings& findings) {
-    const int64_t quota = CutTo64(value, findings);
+    const int64_t quota = CutTo<int64_t>(value, kInt64, findings);
     const std::string allowed = fmt::format("0 to {} {}", type.mostPossible - 1, type.unit);
     if (quota < 0) {
         findings.Warn(value, fmt::format("every process exceeds {} at all times", quota), allowed);
@@ -121,7 +116,7 @@ void CheckQuota(const JsonValue& value, const ResourceType& type, Findings& find
 }
 
 void CheckDuration(const JsonValue& value, const ResourceType& type, Findings& findings) {
-    const int64_t duration = CutTo64(value, findings);
+    const int64_t duration = CutTo<int64_t>(value, kInt64, findings);
     if (duration <= 0) {
         findings.Warn(value, fmt::format("{} means the time between two samples", duration),
                       "1 second and more");
@@ -251,7 +246,7 @@ void CheckRunningTime(const JsonValue& value, Findings& findings) {
         findings.Warn(value, value.Excerpt() + " is not an integer and counts as 0", kAllowed);
         return;
     }
-    const int32_t time = CutTo32(value, findings);
+    const int32_t time = CutTo<int32_t>(value, kInt32, findings);
     if (time == 0) {
         findings.Warn(value, "0 counts as a missing key: the template's running time is inherited", kAllowed);
     } else if (time < 0) {

@@ -168,7 +168,7 @@ std::string JsonValue::Excerpt() const {
 Layer::Layer(const std::string& file, size_t order) : path(file), number(order) {
     root.layer = this;
     if (JsonUtil::ReadFileToString(path, text)) {
-        // A byte order mark is no character of the text.
+        // A byte order mark is not a character of the text.
         if (text.starts_with("\xEF\xBB\xBF")) {
             text.erase(0, 3);
         }
