@@ -1,6 +1,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -91,9 +92,9 @@ TEST_F(FloodTest, AFloodOfReportsQueriesAndDumpsLosesNothingAndGrowsNothing) {
     size_t memoryKiB = 0;
     {
         std::vector<std::jthread> clients;
-        for (const size_t question : {0, 0, 1, 2}) {
-            clients.push_back(Client(questions[question]));
-        }
+        std::ranges::transform(questions, std::back_inserter(clients),
+                               [this](const auto& question) { return Client(question); });
+        clients.push_back(Client(questions[0]));
         const auto begin = std::chrono::steady_clock::now();
         for (auto now = begin; now < begin + kTime; now = std::chrono::steady_clock::now()) {
             for (int batch = 0; batch < kBatchesOfOneStay; ++batch) {

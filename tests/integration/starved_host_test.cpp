@@ -1,7 +1,9 @@
 #include <sched.h>
 #include <sys/mount.h>
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 
 #include "fixture.h"
 
@@ -105,9 +107,7 @@ class FaultyTest : public SystemTest {
     // Waits until the reports have been handled, of which one that fits no process is the last.
     void ReportAll(std::vector<Target>& targets) {
         std::vector<Kelvra::ProcessAnomalyInfo> batch;
-        for (const Target& target : targets) {
-            batch.push_back(target.report);
-        }
+        std::ranges::transform(targets, std::back_inserter(batch), &Target::report);
         batch.push_back(batch.back());
         batch.back().pid = 1;
         const bool isTaken = Manager().Report(batch) == 0;

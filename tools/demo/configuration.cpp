@@ -40,9 +40,8 @@ Result<void> WriteConfiguration(const fs::path& etc, const fs::path& shipped,
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(etc)) {
         fs::permissions(entry, entry.is_directory() ? fs::perms{0755} : fs::perms{0644});
     }
-    const Result<void> changed =
-        ChangeFile(etc.string() + Linux::FileName::kParameters,
-                   [](json& parameters) { parameters["kelvra.record_samples"] = true; });
+    Result<void> changed = ChangeFile(etc.string() + Linux::FileName::kParameters,
+                                      [](json& parameters) { parameters["kelvra.record_samples"] = true; });
     if (!changed) {
         return changed;
     }

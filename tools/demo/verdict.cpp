@@ -1,5 +1,7 @@
 #include "demo/verdict.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <set>
 #include <vector>
@@ -37,12 +39,12 @@ std::string ShortcomingOfHistory(const Observer& observer) {
     auto at = history.begin();
     std::string previous;
     for (const Happening happening : expected) {
-        const std::string text = WordOf(happening).text;
+        const char* text = WordOf(happening).text;
         at = std::find(at, history.end(), happening);
         if (at == history.end()) {
-            return "was not " + text + previous;
+            return fmt::format("was not {}{}", text, previous);
         }
-        previous = " after it was " + text;
+        previous = fmt::format(" after it was {}", text);
     }
     // A busy machine can take a program through several rounds of the stages.
     const bool isRight = fate == Fate::kStages || history.size() == expected.size();
