@@ -167,17 +167,17 @@ std::string JsonValue::Excerpt() const {
 
 Layer::Layer(const std::string& file, size_t order) : path(file), number(order) {
     root.layer = this;
-    if (JsonUtil::ReadFileToString(path, text)) {
-        // A byte order mark is not a character of the text.
-        if (text.starts_with("\xEF\xBB\xBF")) {
-            text.erase(0, 3);
-        }
-        TreeBuilder{*this};
+    if (!JsonUtil::ReadFileToString(path, text)) {
+        const Linux::Failure reason =
+            access(path.c_str(), R_OK) == 0 ? Linux::Failure("it cannot be opened") : Linux::LastError();
+        fault = {0, "cannot be read: " + reason.Text(), "a quota file"};
         return;
     }
-    const Linux::Failure reason =
-        access(path.c_str(), R_OK) == 0 ? Linux::Failure("it cannot be opened") : Linux::LastError();
-    fault = {0, "cannot be read: " + reason.Text(), "a quota file"};
+    // A byte order mark is not a character of the text.
+    if (text.starts_with("\xEF\xBB\xBF")) {
+        text.erase(0, 3);
+    }
+    TreeBuilder{*this};
 }
 
 Position Layer::PositionOf(size_t offset) const {
