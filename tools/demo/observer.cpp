@@ -132,10 +132,11 @@ void Observer::LookAtProgress(Clock::time_point now) {
     }
 }
 
-// Of memory the amount now, of the others the amount in each second.
+// Of memory the most so far, of the others the amount in each second.
 void Observer::Measure(Clock::time_point now) {
     const Usage& usage = UsageOf(program_.resource);
-    used_ = usage.used(process_);
+    // Of a process that is just ending, /proc tells 0.
+    used_ = std::max(used_, usage.used(process_));
     if (program_.resource == Resource::kMemory) {
         peak_ = std::max(peak_, used_ / usage.peakUnit);
         return;
