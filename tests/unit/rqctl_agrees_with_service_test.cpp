@@ -43,14 +43,6 @@ class QuotaCheckTest : public ResourceQuotaCtl::ServiceTest {
         }
         return Entry(name, Random(4) == 0 ? "" : parent, quotas);
     }
-    std::string RandomFile() {
-        std::string entries = RandomEntry();
-        for (size_t more = Random(5); more > 0; --more) {
-            entries += ',' + RandomEntry();
-        }
-        return Quotas(entries);
-    }
-
     // Reads layers, and asserts that an error is found exactly where the service refuses them.
     void Read(const std::vector<std::string>& texts) {
         std::vector<std::string> files;
@@ -84,7 +76,13 @@ TEST_F(QuotaCheckTest, ExplainsEveryRuleInForceByTheLineThatItWasWrittenIn) {
     int accepted = 0;
     for (int round = 0; round < 300; ++round) {
         std::vector<std::string> texts(1 + Random(4));
-        std::ranges::generate(texts, [this] { return RandomFile(); });
+        for (std::string& text : texts) {
+            text = RandomEntry();
+            for (size_t more = Random(5); more > 0; --more) {
+                text += ',' + RandomEntry();
+            }
+            text = Quotas(text);
+        }
         ASSERT_NO_FATAL_FAILURE(Read(texts));
         const PolicyInForce policy(layers_);
         ASSERT_EQ(policy.IsAccepted(), isAccepted_);

@@ -3,28 +3,27 @@
 #include "platform_fixture.h"
 
 namespace KITE::Linux {
-namespace {
 
 class AccessTokenTest : public DirectoryTest {
   protected:
-    bool Load(const std::string& text) {
+    // Why the file is refused; empty when it is taken.
+    static std::string Load() {
+        const Result<void> loaded = LoadAccessTokens();
+        return loaded ? "" : loaded.Why().Text();
+    }
+    std::string Load(const std::string& text) const {
         Put("tokens.json", text);
-        chmod(Path("tokens.json").c_str(), 0644);
+        chmod(file_.c_str(), 0644);
         return Load();
     }
-    bool Load() {
-        const Result<void> loaded = LoadAccessTokens();
-        error_ = loaded ? "" : loaded.Why().Text();
-        return static_cast<bool>(loaded);
-    }
 
-    std::string error_;
+    const std::string file_ = Path("tokens.json");
 };
 
 TEST_F(AccessTokenTest, AUidHasTheNameAndThePermissionsOfItsEntryAndNoOther) {
-    ASSERT_TRUE(Load(R"({"tokens": [{"uid": 7, "process_name": "faultd"},
-                                    {"user": "root", "process_name": "svcdb", "permissions": ["P"]}]})"))
-        << error_;
+    ASSERT_EQ(Load(R"({"tokens": [{"uid": 7, "process_name": "faultd"},
+                                  {"user": "root", "process_name": "svcdb", "permissions": ["P"]}]})"),
+              "");
     EXPECT_EQ(TokenOfUid(8), 0U);
     NativeTokenInfo info;
     ASSERT_EQ(AccessTokenKit::GetNativeTokenInfo(TokenOfUid(7), info), 0);
@@ -34,9 +33,9 @@ TEST_F(AccessTokenTest, AUidHasTheNameAndThePermissionsOfItsEntryAndNoOther) {
     EXPECT_EQ(AccessTokenKit::VerifyAccessToken(TokenOfUid(0), "P"), PERMISSION_GRANTED);
     EXPECT_EQ(AccessTokenKit::VerifyAccessToken(TokenOfUid(0), "Q"), PERMISSION_DENIED);
     EXPECT_EQ(AccessTokenKit::VerifyAccessToken(TokenOfUid(7), "P"), PERMISSION_DENIED);
-    for (const uint32_t nobody : {0U, 3U, 0xFFFFFFFFU}) {
-        EXPECT_NE(AccessTokenKit::GetNativeTokenInfo(nobody, info), 0);
-        EXPECT_EQ(AccessTokenKit::VerifyAccessToken(nobody, "P"), PERMISSION_DENIED);
+    for (const uint32_t unknown : {0U, 3U, 0xFFFFFFFFU}) {
+        EXPECT_NE(AccessTokenKit::GetNativeTokenInfo(unknown, info), 0);
+        EXPECT_EQ(AccessTokenKit::VerifyAccessToken(unknown, "P"), PERMISSION_DENIED);
     }
     EXPECT_EQ(info.processName, "svcdb");
 }
@@ -59,23 +58,20 @@ TEST_F(AccessTokenTest, AFileThatCannotBeTrustedIsRefusedWithItsPathAndPlace) {
         {R"({"tokens": [{"uid": 1, "process_name": "a", "permissions": [1]}]})",
          "permissions[0]: must be a string"},
     };
-    ASSERT_TRUE(Load(good)) << error_;
+    ASSERT_EQ(Load(good), "");
     for (const auto& [text, fault] : cases) {
-        EXPECT_FALSE(Load(text)) << text;
-        EXPECT_TRUE(error_.starts_with(Path("tokens.json"))) << error_;
-        EXPECT_NE(error_.find(fault), std::string::npos) << error_;
+        EXPECT_THAT(Load(text), testing::AllOf(testing::StartsWith(file_), testing::HasSubstr(fault)));
     }
     Put("tokens.json", good);
-    chmod(Path("tokens.json").c_str(), 0664);
-    EXPECT_FALSE(Load());
-    chmod(Path("tokens.json").c_str(), 0644);
-    ASSERT_EQ(chown(Path("tokens.json").c_str(), 1, 0), 0);
-    EXPECT_FALSE(Load());
+    chmod(file_.c_str(), 0664);
+    EXPECT_NE(Load(), "");
+    chmod(file_.c_str(), 0644);
+    ASSERT_EQ(chown(file_.c_str(), 1, 0), 0);
+    EXPECT_NE(Load(), "");
     EXPECT_NE(TokenOfUid(7), 0U);
-    std::filesystem::remove(Path("tokens.json"));
-    EXPECT_TRUE(Load()) << error_;
+    std::filesystem::remove(file_);
+    EXPECT_EQ(Load(), "");
     EXPECT_EQ(TokenOfUid(7), 0U);
 }
 
-}  // namespace
 }  // namespace KITE::Linux

@@ -5,7 +5,6 @@
 #include "treatments/never_treated.h"
 
 namespace KITE::Linux {
-namespace {
 
 using Availabilities = BusTest;
 
@@ -25,7 +24,7 @@ TEST_F(Availabilities, AListenerHearsEachChangeOnceAndANewOwnerAsRemovalAndAddit
         });
     };
     EXPECT_TRUE(hasHeard("+")) << heard;
-    Peer second;
+    Peer second(address);
     second.Claim(kId, SD_BUS_NAME_REPLACE_EXISTING);
     EXPECT_TRUE(hasHeard("+-+")) << heard;
     EXPECT_EQ(bus.Abilities().OwnerOf(kId), second.Name());
@@ -69,14 +68,14 @@ TEST_F(Availabilities, TheBusAndTheServicesProcessesAreProtected) {
 TEST_F(Availabilities, NothingIsTreatedOfABusThatDoesNotSayWhichProcessItIs) {
     bus.Stop();
     daemon.reset();
-    daemon.emplace("<deny send_destination='" + std::string(kDaemonName) +
-                   "' send_interface='org.freedesktop.DBus' "
-                   "send_member='GetConnectionUnixProcessID'/>");
+    std::filesystem::remove(Path("log"));
+    daemon = StartDaemon("<deny send_destination='" + std::string(kDaemonName) +
+                         "' send_interface='org.freedesktop.DBus' "
+                         "send_member='GetConnectionUnixProcessID'/>");
     SetUp();
     EXPECT_EQ(Call({self, kPath}), 5) << "the daemon has answered what was asked before";
     EXPECT_EQ(bus.Abilities().ProtectedPids(), std::nullopt);
     EXPECT_TRUE(WhyNeverTreated(getppid()));
 }
 
-}  // namespace
 }  // namespace KITE::Linux

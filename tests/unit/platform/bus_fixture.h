@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <future>
-#include <string_view>
 
 #include "integration/bus_client.h"
 #include "ipc/ability_registry.h"
@@ -10,7 +9,6 @@
 #include "ipc/bus.h"
 #include "ipc/limits.h"
 #include "ipc/remote_proxy.h"
-#include "ipc/wire.h"
 #include "platform_fixture.h"
 #include "private_system/private_bus.h"
 
@@ -18,56 +16,12 @@ namespace KITE::Linux {
 
 inline constexpr char kPath[] = "/kite/test";
 
-// A bus daemon in a directory of its own, at the same address for the process's life.
-class Daemon {
-  public:
-    static const std::string& Directory() {
-        static const std::string directory = [] {
-            std::string name = "/tmp/kite-ipc-test-XXXXXX";
-            return std::string(mkdtemp(name.data()));
-        }();
-        return directory;
-    }
-    static std::string Address() { return Tools::BusAddressIn(Directory()); }
-
-    // With one more rule of whom it serves.
-    explicit Daemon(const std::string& rule = "") {
-        std::filesystem::create_directories(Directory());
-        const std::string configuration = Directory() + "/bus.conf";
-        Integration::WriteWholeFile(
-            configuration, "<busconfig><listen>" + Address() +
-                               "</listen><auth>EXTERNAL</auth>"
-                               "<policy context='default'><allow user='*'/><allow own='*'/>"
-                               "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>" +
-                               rule +
-                               "</policy><limit name='max_replies_per_connection'>4096</limit></busconfig>");
-        Integration::LogFile log(Directory() + "/log");
-        auto daemon = Tools::StartBusDaemon(Directory(), configuration, {}, log);
-        EXPECT_TRUE(daemon) << log.Text();
-        process_ = std::move(daemon).ValueOr(nullptr);
-    }
-    ~Daemon() { Kill(); }
-
-    void Kill() {
-        process_.reset();
-        std::filesystem::remove_all(Directory());
-    }
-    // Frozen, it delivers and answers nothing.
-    void Freeze() const {
-        process_->Signal(SIGSTOP);
-        EXPECT_TRUE(process_->AwaitState('T'));
-    }
-
-  private:
-    std::unique_ptr<Process> process_;
-};
-
 // Another process as the bus sees it: a connection of its own, used on the test's thread.
 class Peer : public Integration::BusClient {
   public:
     using Receiver = std::function<void(sd_bus_message*)>;
 
-    Peer() : BusClient(Daemon::Address(), getuid()) {}
+    explicit Peer(const std::string& address) : BusClient(address, getuid()) {}
 
     std::string Name() const {
         const char* name = "";
@@ -157,10 +111,10 @@ class Recorder : public IPCObjectStub {
 };
 
 // This process on a bus of its own, with an object at kPath.
-class BusTest : public testing::Test {
+class BusTest : public DirectoryTest {
   protected:
     void SetUp() override {
-        ASSERT_EQ(bus.Start(Daemon::Address()), std::error_code());
+        ASSERT_EQ(bus.Start(address), std::error_code());
         bus.Thread().Run([&] {
             const char* unique = nullptr;
             sd_bus_get_unique_name(bus.Thread().Connection(), &unique);
@@ -173,6 +127,19 @@ class BusTest : public testing::Test {
         bus.Stop();
     }
 
+    // A daemon with one more rule of whom it serves.
+    std::unique_ptr<Process> StartDaemon(const std::string& rule = "") const {
+        Put("bus.conf", "<busconfig><listen>" + address +
+                            "</listen><auth>EXTERNAL</auth>"
+                            "<policy context='default'><allow user='*'/><allow own='*'/>"
+                            "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>" +
+                            rule +
+                            "</policy><limit name='max_replies_per_connection'>4096</limit></busconfig>");
+        Integration::LogFile log(Path("log"));
+        auto started = Tools::StartBusDaemon(directory_, Path("bus.conf"), {}, log);
+        EXPECT_TRUE(started) << log.Text();
+        return std::move(started).ValueOr(nullptr);
+    }
     // The status of a call that asks for 1 more than 1; nothing else may be answered.
     int32_t Call(RemoteProxy proxy) {
         MessageParcel data;
@@ -186,8 +153,9 @@ class BusTest : public testing::Test {
         return status;
     }
 
-    std::optional<Daemon> daemon{std::in_place};
-    Peer peer;
+    const std::string address = Tools::BusAddressIn(directory_);
+    std::unique_ptr<Process> daemon = StartDaemon();
+    Peer peer{address};
     Bus& bus = Bus::Instance();
     std::string self;
     sptr<Recorder> recorder = MakeSptr<Recorder>();

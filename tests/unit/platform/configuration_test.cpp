@@ -4,9 +4,7 @@
 #include "parameters.h"
 #include "platform_fixture.h"
 
-// Parameters and configuration directories, as their files give them.
 namespace KITE::Linux {
-namespace {
 
 using ConfigurationTest = DirectoryTest;
 
@@ -61,5 +59,4 @@ TEST_F(ConfigurationTest, ConfigurationDirectoriesLeaveOutWhatOthersMayWrite) {
     FreeCfgDirList(nullptr);
 }
 
-}  // namespace
 }  // namespace KITE::Linux

@@ -14,8 +14,8 @@ using testing::AllOf, testing::ElementsAre, testing::Field, testing::FieldsAre, 
 
 class DeviceTest : public DirectoryTest {
   protected:
-    std::string File() const { return Path("device_state.json"); }
     void Put(std::string_view text) const { DirectoryTest::Put("device_state.json", text); }
+    const std::string file_ = Path("device_state.json");
 };
 
 constexpr char kState[] = R"({
@@ -27,12 +27,6 @@ constexpr char kState[] = R"({
     "continuous_tasks": [{"uid": 1, "pid": 10, "types": [1, 4294967295]}],
     "efficiency_resources": {"applications": [{"uid": 1, "pid": 10, "resources": 64}],
                              "processes": [{"uid": 2, "pid": 20, "resources": 1}]}})";
-
-TEST_F(DeviceTest, WithoutAFileTheScreenIsOnAndNothingElse) {
-    EXPECT_TRUE(PowerMgrClient::GetInstance().IsScreenOn());
-    EXPECT_TRUE(CurrentDeviceState()->applications.empty());
-    EXPECT_EQ(GeneralTypeOf(1, 10), 0);
-}
 
 TEST_F(DeviceTest, TheManagersAnswerFromTheFile) {
     Put(kState);
@@ -81,45 +75,34 @@ TEST_F(DeviceTest, EveryChangeIsSeenAtOnceAlsoOneOfTheSameSizeAndTime) {
         Put(R"({"extensions": [{"uid": )" + std::to_string(uid) + R"(, "pid": 5}]})");
         EXPECT_EQ(GeneralTypeOf(uid, 5), 2);
     }
-    std::filesystem::remove(File());
+    std::filesystem::remove(file_);
     EXPECT_EQ(GeneralTypeOf(9, 5), 0);
 }
 
-TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBad) {
-    Put(kState);
-    EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn());
-    for (const char* bad : {"", "{", R"({"screen_on": 1})"}) {
-        Put(bad);
-        EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn()) << bad;
-        EXPECT_EQ(GeneralTypeOf(1, 10), 1) << bad;
-    }
-    std::filesystem::remove(File());
-    ASSERT_EQ(mkfifo(File().c_str(), 0600), 0);
-    EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn());
-    std::filesystem::remove(File());
-    EXPECT_TRUE(PowerMgrClient::GetInstance().IsScreenOn());
-}
-
-// Runs in a process of its own, so that its log can be seen.
-[[noreturn]] void ReadOften(const std::string& file) {
-    for (const char* content : {"{", "{", R"({"screen_on": 1})", "{}", "{"}) {
-        std::ofstream(file, std::ios::trunc) << content;
+TEST_F(DeviceTest, TheLastGoodStateStaysWhileTheFileIsBadWhichIsToldOnce) {
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(PowerMgrClient::GetInstance().IsScreenOn()) << "without a file";
+    EXPECT_EQ(GeneralTypeOf(1, 10), 0);
+    for (const char* content : {kState, "{", "{", "", R"({"screen_on": 1})", kState, "{"}) {
+        Put(content);
         for (int i = 0; i < 3; ++i) {
-            CurrentDeviceState();
+            EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn()) << content;
+            EXPECT_EQ(GeneralTypeOf(1, 10), 1) << content;
         }
     }
-    std::filesystem::remove_all(std::filesystem::path(file).parent_path());
     StopLog();
-    _exit(0);
-}
-
-TEST_F(DeviceTest, EachBadContentIsToldOnce) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(ReadOften(File()), testing::ExitedWithCode(0), "^([^\n]* E KITE_PLATFORM: [^\n]*\n){3}$");
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::MatchesRegex("([^\n]* E KITE_PLATFORM: [^\n]*\n){4}"));
+    std::filesystem::remove(file_);
+    ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+    EXPECT_FALSE(PowerMgrClient::GetInstance().IsScreenOn());
+    std::filesystem::remove(file_);
+    EXPECT_TRUE(PowerMgrClient::GetInstance().IsScreenOn());
 }
 
 TEST(DeviceStateReaderTest, AFaultIsNamedWithItsPlace) {
     const std::pair<const char*, const char*> cases[] = {
+        {"{\"screen_on\":\n tru}", "line 2, column"},
         {"[]", "the document: must be an object"},
         {R"({"screen": true})", "screen: unknown key"},
         {R"({"screen_on": "yes"})", "screen_on: must be true or false"},
@@ -129,10 +112,6 @@ TEST(DeviceStateReaderTest, AFaultIsNamedWithItsPlace) {
         {R"({"applications": [{"uid": -1}]})", "applications[0].uid: must lie between 0 and 2147483647"},
         {R"({"applications": [{"uid": 1, "processes": [1, 0]}]})",
          "applications[0].processes[1]: must lie between 1 and 2147483647"},
-        {R"({"applications": [{"uid": 1, "processes": [2147483648]}]})",
-         "applications[0].processes[0]: must lie between 1 and 2147483647"},
-        {R"({"applications": [{"uid": 1, "foreground": null}]})",
-         "applications[0].foreground: must be true or false"},
         {R"({"extensions": [{"uid": 1}]})", "extensions[0].pid: missing"},
         {R"({"continuous_tasks": [{"uid": 1, "pid": 2, "types": [4294967296]}]})",
          "continuous_tasks[0].types[0]: must lie between 0 and 4294967295"},
@@ -143,11 +122,8 @@ TEST(DeviceStateReaderTest, AFaultIsNamedWithItsPlace) {
     for (const auto& [text, fault] : cases) {
         const Result<DeviceState> state = ReadDeviceState(text);
         ASSERT_FALSE(state) << text;
-        EXPECT_EQ(state.Why().Text(), fault) << text;
+        EXPECT_THAT(state.Why().Text(), testing::HasSubstr(fault));
     }
-    const Result<DeviceState> state = ReadDeviceState("{\"screen_on\":\n tru}");
-    ASSERT_FALSE(state);
-    EXPECT_NE(state.Why().Text().find("line 2, column"), std::string::npos) << state.Why().Text();
     EXPECT_FALSE(ReadDeviceState(std::string(1000000, '[')));
 }
 

@@ -1,13 +1,11 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "base/result.h"
 #include "platform_fixture.h"
 #include "runtime/event_file.h"
 #include "system_event.h"
 
 namespace KITE::Linux {
-namespace {
 
 using EventFileTest = DirectoryTest;
 
@@ -58,5 +56,4 @@ TEST_F(EventFileTest, TheEventFileIsRotatedAndNeverReachedThroughALink) {
     EXPECT_EQ(RecordEvent("N", {}), ErrorOf(ENXIO));
 }
 
-}  // namespace
 }  // namespace KITE::Linux

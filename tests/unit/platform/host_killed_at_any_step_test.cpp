@@ -9,7 +9,6 @@
 #include "treatments/freeze.h"
 #include "treatments/suppress.h"
 
-// What a host that was killed leaves, and the next one does about it.
 namespace KITE::Linux {
 
 namespace {

@@ -5,7 +5,6 @@
 #include "kelvra_manager/protocol.h"
 #include "platform_fixture.h"
 
-// Batches of reports on their way from the Kelvra manager to the quota service.
 namespace KITE::Linux::Sampling {
 namespace {
 
@@ -49,38 +48,20 @@ class CountingSubscriber : public Kelvra::KelvraManagerTaskSubscriber {
     size_t records = 0;
 };
 
-class Subscriber : public ::testing::Test {
-  protected:
-    Subscriber() { stub_->SetSubscriber(subscriber_); }
-
-    static MessageParcel Batch(size_t count) {
-        MessageParcel batch;
-        Kelvra::ProcessAnomalyInfo info;
-        info.processName = "some_daemon";
-        info.conditions = {1, 2};
-        EXPECT_TRUE(KelvraProtocol::WriteRecordList(std::vector(count, info), batch));
-        return batch;
-    }
-
-    std::shared_ptr<CountingSubscriber> subscriber_ = std::make_shared<CountingSubscriber>();
-    sptr<SubscriberStub> stub_ = MakeSptr<SubscriberStub>();
-};
-
-TEST_F(Subscriber, TakesWholeBatchesOfProvenSendersAsLongAsItIsThere) {
-    MessageParcel batch = Batch(3);
-    MessageParcel again = Batch(3);
-    MessageParcel reply;
-    MessageOption option;
-    EXPECT_EQ(stub_->OnRemoteRequest(KelvraProtocol::kReport, batch, reply, option), ERR_REFUSED);
-    EXPECT_EQ(subscriber_->records, 0U);
-    EXPECT_EQ(stub_->TakeBatch(batch), ERR_NONE);
-    EXPECT_EQ(subscriber_->records, 3U);
-    subscriber_.reset();
-    EXPECT_EQ(stub_->TakeBatch(again), ERR_DEAD_OBJECT);
+MessageParcel Batch(size_t count) {
+    MessageParcel batch;
+    Kelvra::ProcessAnomalyInfo info;
+    info.processName = "some_daemon";
+    info.conditions = {1, 2};
+    EXPECT_TRUE(KelvraProtocol::WriteRecordList(std::vector(count, info), batch));
+    return batch;
 }
 
-TEST_F(Subscriber, IsNotCalledForABatchThatIsCutPaddedOrEmpty) {
-    const MessageParcel whole = Batch(2);
+TEST(Subscriber, TakesOnlyWholeBatchesOfProvenSendersAsLongAsItIsThere) {
+    auto subscriber = std::make_shared<CountingSubscriber>();
+    const auto stub = MakeSptr<SubscriberStub>();
+    stub->SetSubscriber(subscriber);
+    const MessageParcel whole = Batch(3);
     std::vector<MessageParcel> broken(3);
     broken[0] = whole;
     broken[0].WriteInt32(0);
@@ -91,9 +72,17 @@ TEST_F(Subscriber, IsNotCalledForABatchThatIsCutPaddedOrEmpty) {
         broken.emplace_back(std::vector<std::byte>(cut.begin(), cut.end()));
     }
     for (MessageParcel& batch : broken) {
-        EXPECT_EQ(stub_->TakeBatch(batch), KelvraProtocol::kBadReport) << batch.Bytes().size();
+        EXPECT_EQ(stub->TakeBatch(batch), KelvraProtocol::kBadReport) << batch.Bytes().size();
     }
-    EXPECT_EQ(subscriber_->records, 0U);
+    MessageParcel batch = whole;
+    MessageParcel reply;
+    MessageOption option;
+    EXPECT_EQ(stub->OnRemoteRequest(KelvraProtocol::kReport, batch, reply, option), ERR_REFUSED);
+    EXPECT_EQ(subscriber->records, 0U);
+    EXPECT_EQ(stub->TakeBatch(batch), ERR_NONE);
+    EXPECT_EQ(subscriber->records, 3U);
+    subscriber.reset();
+    EXPECT_EQ(stub->TakeBatch(batch = whole), ERR_DEAD_OBJECT);
 }
 
 }  // namespace

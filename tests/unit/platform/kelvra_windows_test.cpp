@@ -1,15 +1,12 @@
 #include <limits>
 
 #include "kelvra_fixture.h"
-#include "kelvra_manager/manager/windows.h"
 
 // When a quota is broken: readings over time.
 namespace KITE::Linux::Sampling {
 namespace {
 
-using ::testing::IsEmpty;
-using ::testing::Optional;
-using ::testing::SizeIs;
+using testing::IsEmpty, testing::Optional, testing::SizeIs;
 
 // None without a value.
 std::optional<Reading> At(double second, std::optional<int64_t> value, double lateBy = 0) {

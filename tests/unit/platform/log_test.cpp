@@ -58,13 +58,13 @@ class JournalTest : public DirectoryTest {
         return length < 0 ? "" : std::string(datagram, static_cast<size_t>(length));
     }
 
+    JournalLog journal_{Path("journal").c_str()};
     UniqueFd socket_;
 };
 
 TEST_F(JournalTest, ALineIsOneDatagramOfFields) {
     Listen();
-    JournalLog journal(Path("journal").c_str());
-    ASSERT_FALSE(journal.Send(Line("a\nPRIORITY=0", Log::Level::kError)));
+    ASSERT_FALSE(journal_.Send(Line("a\nPRIORITY=0", Log::Level::kError)));
     EXPECT_EQ(Receive(),
               "PRIORITY=3\nSYSLOG_IDENTIFIER=TAG\nKITE_DOMAIN=0xd001716\nCODE_FILE=unit\n"
               "CODE_FUNC=Function\nCODE_LINE=7\nMESSAGE\n\x0c\0\0\0\0\0\0\0a\nPRIORITY=0\n"s);
@@ -72,10 +72,9 @@ TEST_F(JournalTest, ALineIsOneDatagramOfFields) {
 
 TEST_F(JournalTest, AFullJournalCostsLinesButNoTimeAndTheirCountFollows) {
     Listen();
-    JournalLog journal(Path("journal").c_str());
     const auto start = Clock::now();
     for (int i = 0; i < 10000; ++i) {
-        ASSERT_FALSE(journal.Send(Line("text")));
+        ASSERT_FALSE(journal_.Send(Line("text")));
     }
     EXPECT_LT(Clock::now() - start, 5s);
     int received = 0;
@@ -83,21 +82,20 @@ TEST_F(JournalTest, AFullJournalCostsLinesButNoTimeAndTheirCountFollows) {
         ++received;
     }
     ASSERT_LT(received, 10000);
-    ASSERT_FALSE(journal.Send(Line("after")));
+    ASSERT_FALSE(journal_.Send(Line("after")));
     EXPECT_TRUE(Receive().ends_with(" " + std::to_string(10000 - received) + " log lines were dropped\n"));
     EXPECT_TRUE(Receive().ends_with("after\n"));
     EXPECT_EQ(Receive(), "");
 }
 
 TEST_F(JournalTest, AJournalMayComeAndGoAndComeAgain) {
-    JournalLog journal(Path("journal").c_str());
     for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(journal.Send(Line("text")));
+        EXPECT_TRUE(journal_.Send(Line("text")));
         Listen();
-        EXPECT_FALSE(journal.Send(Line("text")));
+        EXPECT_FALSE(journal_.Send(Line("text")));
         EXPECT_NE(Receive(), "");
         socket_ = UniqueFd();
-        EXPECT_TRUE(journal.Send(Line("text")));
+        EXPECT_TRUE(journal_.Send(Line("text")));
         std::filesystem::remove(Path("journal"));
     }
 }

@@ -1,4 +1,3 @@
-#include "proc/process_stat.h"
 #include "treatment_fixture.h"
 
 namespace KITE::Linux {

@@ -1,16 +1,12 @@
 #include <gmock/gmock.h>
 
-#include <thread>
-
 #include "base/text.h"
 #include "proc/process_file.h"
-#include "proc/process_list.h"
 #include "proc/process_stat.h"
 #include "proc/program.h"
 
 // Texts of /proc, parts of which processes choose.
 namespace KITE::Linux {
-namespace {
 
 using namespace std::string_view_literals;
 using ::testing::Optional;
@@ -63,15 +59,4 @@ TEST(ProcTexts, ACommandNameCannotPassForOtherFields) {
     }
 }
 
-TEST(ProcTexts, BirthsOfThreadsAreCounted) {
-    const int64_t before = CountBirths().ValueOr(-1);
-    ASSERT_GE(before, 0);
-    constexpr int kThreads = 20;
-    for (int i = 0; i < kThreads; ++i) {
-        std::thread([] {}).join();
-    }
-    EXPECT_GE(CountBirths().ValueOr(-1), before + kThreads);
-}
-
-}  // namespace
 }  // namespace KITE::Linux

@@ -3,12 +3,11 @@
 #include "bus_fixture.h"
 
 namespace KITE::Linux {
-namespace {
 
 using RemoteCall = BusTest;
 
 // The status of a call that is never answered, once it has one.
-std::future<int32_t> CallInVain(const Peer& peer) {
+static std::future<int32_t> CallInVain(const Peer& peer) {
     const auto status = std::make_shared<std::promise<int32_t>>();
     RemoteProxy(peer.Name(), kPath).SendRequestAsync(1, {}, [status](int32_t its, MessageParcel&) {
         status->set_value(its);
@@ -95,9 +94,9 @@ TEST_F(RemoteCall, StoppingEndsCallsWithoutAnAnswerAndRefusesWork) {
 TEST_F(RemoteCall, ALostBusIsToldOnceAndEndsThePendingCalls) {
     bus.Stop();
     std::atomic<int> lost{0};
-    ASSERT_EQ(bus.Start(Daemon::Address(), [&] { ++lost; }), std::error_code());
+    ASSERT_EQ(bus.Start(address, [&] { ++lost; }), std::error_code());
     std::future<int32_t> outcome = CallInVain(peer);
-    daemon->Kill();
+    daemon.reset();
     EXPECT_TRUE(Eventually([&] { return lost > 0; }));
     EXPECT_EQ(outcome.get(), ERR_DEAD_OBJECT);
     EXPECT_FALSE(bus.Thread().IsConnected());
@@ -109,13 +108,12 @@ TEST_F(RemoteCall, ALostBusIsToldOnceAndEndsThePendingCalls) {
 TEST_F(RemoteCall, ACallWithoutAnAnswerTimesOut) {
     std::future<int32_t> outcome = CallInVain(peer);
     bus.Thread().Run([] {});
-    daemon->Freeze();
-    const auto begin = std::chrono::steady_clock::now();
+    daemon->Signal(SIGSTOP);
+    ASSERT_TRUE(daemon->AwaitState('T'));
+    const auto begin = Clock::now();
     EXPECT_EQ(Call({self, kPath}), ERR_TIMED_OUT);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, kCallTimeout + std::chrono::seconds(2));
+    EXPECT_LT(Clock::now() - begin, kCallTimeout + 2s);
     EXPECT_EQ(outcome.get(), ERR_TIMED_OUT);
-    daemon->Kill();
 }
 
-}  // namespace
 }  // namespace KITE::Linux

@@ -6,11 +6,7 @@
 
 namespace KITE::Linux {
 
-namespace {
-
 constexpr const char* kNewName = "renamed-culprit";
-
-}  // namespace
 
 using ReportedProcessTest = TreatmentTest;
 

@@ -1,12 +1,11 @@
 #include "bus_fixture.h"
 
 namespace KITE::Linux {
-namespace {
 
 using RequestQueues = BusTest;
 
 TEST_F(RequestQueues, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThreadDoesNot) {
-    auto leaving = std::make_unique<Peer>();
+    auto leaving = std::make_unique<Peer>(address);
     bool isKnown = false;
     leaving->Send(self, 0, [&](sd_bus_message*) { isKnown = true; });
     ASSERT_TRUE(leaving->WaitUntil([&] { return isKnown; }));
@@ -47,5 +46,4 @@ TEST_F(RequestQueues, RequestsWaitForADumpInTheirOrderUpToALimitAndTheServingThr
     bus.Thread().Run([&] { EXPECT_TRUE(std::ranges::is_sorted(recorder->order)); });
 }
 
-}  // namespace
 }  // namespace KITE::Linux

@@ -1,5 +1,3 @@
-#include <sys/resource.h>
-
 #include "proc/process_list.h"
 #include "treatment_fixture.h"
 

@@ -1,15 +1,11 @@
-#include <gtest/gtest.h>
+#include "runtime/task_runtime.h"
 
 #include <future>
 #include <stdexcept>
 
-#include "runtime/task_runtime.h"
+#include "platform_fixture.h"
 
 namespace KITE::Linux {
-namespace {
-
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 TEST(TaskRuntimeTest, StoppingRunsWhatIsSubmittedAndDropsWhatIsDelayed) {
     std::atomic<int> ran{0};
@@ -47,5 +43,4 @@ TEST(TaskRuntimeTest, TasksRunBesideEachOther) {
     EXPECT_TRUE(second.get_future().get());
 }
 
-}  // namespace
 }  // namespace KITE::Linux

@@ -1,13 +1,8 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "platform_fixture.h"
 #include "proc/process_stat.h"

@@ -2,13 +2,9 @@
 
 namespace KITE::Linux {
 
-namespace {
-
-Cgroups GroupsOwnedByAManager() {
+static Cgroups GroupsOwnedByAManager() {
     return {Integration::ReadWholeFile("/proc/self/mountinfo"), true};
 }
-
-}  // namespace
 
 using TreatmentGroupTest = TreatmentWithGroups;
 using ManagersGroupTest = TreatmentTest;

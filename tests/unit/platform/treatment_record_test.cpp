@@ -97,18 +97,17 @@ TEST_F(TreatmentRecordTest, ARecordOfAnEarlierVersionIsReadWhole) {
 
 TEST_F(TreatmentRecordTest, ARecordNamesOnlyGroupsThatATreatmentCouldHaveChanged) {
     const Cgroups groups("30 20 0:27 / /groups rw - cgroup2 none rw\n", false);
-    struct Case {
+    const struct {
         std::string home, group, frozen;
         bool isTaken;
-    };
-    const Case cases[] = {{"/groups/a", "/groups/a/kite-12-34", "/groups/a/kite-12-34", true},
-                          {"/groups", "/groups/kite-12-34", "/groups/own", true},
-                          {"/groups/a", "/groups/a/kite-12-35", "/groups/a", false},
-                          {"/groups/a", "/groups/kite-12-34", "/groups/a", false},
-                          {"/etc", "/etc/kite-12-34", "/groups/a", false},
-                          {"/groups/..", "/groups/../kite-12-34", "/groups/a", false},
-                          {"/groups/a", "/groups/a/kite-12-34", "/groups", false},
-                          {"/groups/a", "/groups/a/kite-12-34", "/groups/../etc", false}};
+    } cases[] = {{"/groups/a", "/groups/a/kite-12-34", "/groups/a/kite-12-34", true},
+                 {"/groups", "/groups/kite-12-34", "/groups/own", true},
+                 {"/groups/a", "/groups/a/kite-12-35", "/groups/a", false},
+                 {"/groups/a", "/groups/kite-12-34", "/groups/a", false},
+                 {"/etc", "/etc/kite-12-34", "/groups/a", false},
+                 {"/groups/..", "/groups/../kite-12-34", "/groups/a", false},
+                 {"/groups/a", "/groups/a/kite-12-34", "/groups", false},
+                 {"/groups/a", "/groups/a/kite-12-34", "/groups/../etc", false}};
     for (const auto& [home, group, frozen, isTaken] : cases) {
         TreatmentRecord record;
         record.pid = 12;
