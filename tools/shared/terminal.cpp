@@ -27,17 +27,12 @@ bool WantsColour() {
 // Length of the UTF-8 character that the text begins with, 0 when it does not begin with one.
 size_t CharacterLength(std::string_view text) {
     const auto first = static_cast<unsigned char>(text[0]);
-    const size_t length = first < 0x80   ? 1
-                          : first < 0xC2 ? 0
-                          : first < 0xE0 ? 2
-                          : first < 0xF0 ? 3
-                          : first < 0xF5 ? 4
-                                         : 0;
-    const bool isWhole = length <= text.size() &&
-                         std::ranges::all_of(text.substr(0, length).substr(length == 0 ? 0 : 1), [](char c) {
+    const size_t length = first < 0x80 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    const bool isFirst = first < 0x80 || (first >= 0xC2 && first < 0xF5);
+    const bool isWhole = length <= text.size() && std::ranges::all_of(text.substr(1, length - 1), [](char c) {
                              return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
                          });
-    return isWhole ? length : 0;
+    return isFirst && isWhole ? length : 0;
 }
 
 // C0, DEL and C1, which a terminal may take for commands; and marks that turn the direction of writing or end

@@ -49,4 +49,10 @@ constexpr const ResourceType* FindResourceType(std::string_view name) {
     return found == std::end(kResourceTypes) ? nullptr : found;
 }
 
+// Whether a breach of that resource type is treated in stages.
+constexpr bool IsStaged(std::string_view name) {
+    const ResourceType* type = FindResourceType(name);
+    return type != nullptr && type->isStaged;
+}
+
 }  // namespace KITE::Linux

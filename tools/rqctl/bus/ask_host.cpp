@@ -58,13 +58,11 @@ ExitStatus Call(const std::string& method, const MessageWork& writeArguments, co
     sd_bus_message* answer = nullptr;
     int result = call ? writeArguments(call.get()) : -ENOMEM;
     if (result >= 0) {
-        constexpr std::chrono::microseconds kTimeout = Linux::kCallTimeout;
-        result = sd_bus_call(connection, call.get(), kTimeout.count(), &error, &answer);
+        const std::chrono::microseconds timeout = Linux::kCallTimeout;
+        result = sd_bus_call(connection, call.get(), timeout.count(), &error, &answer);
     }
     const Linux::MessageHandle handle(answer);
-    if (result >= 0) {
-        result = readAnswer(answer);
-    }
+    result = result < 0 ? result : readAnswer(answer);
     ExitStatus status = kDone;
     if (sd_bus_error_is_set(&error) != 0) {
         status = Explain(error);

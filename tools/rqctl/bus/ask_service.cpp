@@ -3,9 +3,11 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "access_token.h"
 #include "base/file_names.h"
@@ -77,33 +79,30 @@ ExitStatus ExplainRefusedDump(const CommandLine& line) {
 }
 
 ExitStatus Explain(int32_t result, const CommandLine& line) {
-    switch (result) {
-        case ERR_OK:
-            return kDone;
-        case ERR_DEAD_OBJECT:
-            return Fail(kUnreachable, "the service went away");
-        case ERR_TIMED_OUT:
-            return Fail(kUnreachable, "the service does not answer within 5 s");
-        case ERR_REFUSED:
-            return Fail(kDenied, "the bus does not let the request through");
-        case ERR_RQC_PERMISSION_DENIED:
-            return ExplainDenial(line);
-        case ERR_RQC_DUMP_FAILED:
-            return ExplainRefusedDump(line);
-        case ERR_RQC_INVALID_PARAM:
-            return Fail(kFailed, "the service does not take that list of pids");
-        case ERR_RQC_READ_PARCEL_FAILED:
-            return Fail(kFailed, "the service's answer cannot be understood");
-        case ERR_RQC_TOO_MANY_ITEMS:
-            return Fail(
-                kFailed,
-                fmt::format("there are more than {} running times, which is the most that an answer holds; "
-                            "\"rqctl dump DumpRunningTime\" lists them all",
-                            MAX_RUNNING_TIMES));
-        default:
-            return Fail(kFailed,
-                        fmt::format("the service answers with 0x{:X}", static_cast<uint32_t>(result)));
+    if (result == ERR_OK) {
+        return kDone;
     }
+    if (result == ERR_RQC_PERMISSION_DENIED) {
+        return ExplainDenial(line);
+    }
+    if (result == ERR_RQC_DUMP_FAILED) {
+        return ExplainRefusedDump(line);
+    }
+    static const std::map<int32_t, std::pair<ExitStatus, std::string>> kOthers{
+        {ERR_DEAD_OBJECT, {kUnreachable, "the service went away"}},
+        {ERR_TIMED_OUT, {kUnreachable, "the service does not answer within 5 s"}},
+        {ERR_REFUSED, {kDenied, "the bus does not let the request through"}},
+        {ERR_RQC_INVALID_PARAM, {kFailed, "the service does not take that list of pids"}},
+        {ERR_RQC_READ_PARCEL_FAILED, {kFailed, "the service's answer cannot be understood"}},
+        {ERR_RQC_TOO_MANY_ITEMS,
+         {kFailed,
+          fmt::format("there are more than {} running times, which is the most that an answer holds; "
+                      "\"rqctl dump DumpRunningTime\" lists them all",
+                      MAX_RUNNING_TIMES)}}};
+    if (const auto other = kOthers.find(result); other != kOthers.end()) {
+        return Fail(other->second.first, other->second.second);
+    }
+    return Fail(kFailed, fmt::format("the service answers with 0x{:X}", static_cast<uint32_t>(result)));
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ bool IsProcessName(const std::string& name) {
 
 void CheckForNamesDefinedTwice(const MergedLayers& merged, Findings& findings) {
     std::map<std::pair<const Layer*, std::string>, const JsonValue*> first;
-    for (const JsonValue* element : merged.Elements()) {
+    for (const JsonValue* element : merged.elements) {
         const JsonValue& name = NameOf(*element);
         const auto [found, isNew] = first.try_emplace({element->layer, name.text}, element);
         if (!isNew) {
@@ -40,22 +40,22 @@ void CheckForNamesDefinedTwice(const MergedLayers& merged, Findings& findings) {
     }
 }
 
-bool IsOnCycle(const Entry& start, const MergedLayers& merged) {
+bool IsOnCycle(const Entry& start) {
     std::set<const Entry*> visited;
-    const Entry* entry = merged.ParentOf(start);
+    const Entry* entry = start.parent;
     while (entry != nullptr && entry != &start && visited.insert(entry).second) {
-        entry = merged.ParentOf(*entry);
+        entry = entry->parent;
     }
     return entry == &start;
 }
 
 // Of an entry that has a parent.
-void CheckParent(const Entry& entry, const MergedLayers& merged, Findings& findings) {
+void CheckParent(const Entry& entry, Findings& findings) {
     const JsonValue& parent = InheritOf(*entry.parentFrom);
-    if (merged.ParentOf(entry) == nullptr) {
+    if (entry.parent == nullptr) {
         findings.Error(parent, fmt::format("there is no entry {}", parent.Excerpt()),
                        "the name of an entry of any layer");
-    } else if (IsOnCycle(entry, merged)) {
+    } else if (IsOnCycle(entry)) {
         findings.Error(parent, fmt::format("{} inherits from this entry", parent.Excerpt()),
                        "a parent that does not inherit from this entry");
     }
@@ -87,13 +87,13 @@ void CheckEntries(const Layers& layers, Findings& findings) {
     const MergedLayers merged(layers);
     CheckForNamesDefinedTwice(merged, findings);
     std::set<std::string_view> parents;
-    for (const auto& [name, entry] : merged.Entries()) {
+    for (const auto& [name, entry] : merged.entries) {
         if (entry.parentFrom != nullptr) {
             parents.insert(InheritOf(*entry.parentFrom).text);
-            CheckParent(entry, merged, findings);
+            CheckParent(entry, findings);
         }
     }
-    for (const auto& [name, entry] : merged.Entries()) {
+    for (const auto& [name, entry] : merged.entries) {
         if (!parents.contains(name)) {
             CheckName(NameOf(*entry.rulesFrom), findings);
         }

@@ -22,7 +22,6 @@ using Names = std::vector<std::string_view>;
 constexpr const char* kString = "a string";
 constexpr const char* kInt32 = "an integer from -2147483648 to 2147483647";
 constexpr const char* kInt64 = "at most 9223372036854775807";
-constexpr const char* kObject = "an object";
 constexpr const char* kInteger = "an integer (no fraction, exponent or quotation marks)";
 
 size_t EditDistance(std::string_view from, std::string_view to) {
@@ -62,16 +61,6 @@ bool Require(const JsonValue& value, IsOfType isOfType, const char* type, Findin
     return isRight;
 }
 
-// The member of that type; null, which is an error, when there is none.
-const JsonValue* RequireMember(const JsonValue& object, std::string_view key, IsOfType isOfType,
-                               const char* type, Findings& findings) {
-    const JsonValue* member = object.Find(key);
-    if (member == nullptr) {
-        findings.Error(object, fmt::format("\"{}\" is missing", key), type);
-    }
-    return member != nullptr && Require(*member, isOfType, type, findings) ? member : nullptr;
-}
-
 // A key that begins with $ is a note of tools, such as "$schema".
 void WarnOfOtherKeys(const JsonValue& object, const Names& keys, Findings& findings) {
     for (const JsonValue& member : object.children) {
@@ -79,6 +68,35 @@ void WarnOfOtherKeys(const JsonValue& object, const Names& keys, Findings& findi
             findings.WarnAtKey(member, "the key is ignored", AllowedOf(keys, member.key));
         }
     }
+}
+
+// A key of an object; all are required. `check` looks into a value of the right type.
+template <typename... Context>
+struct Key {
+    std::string_view name;
+    IsOfType isOfType;
+    const char* type;
+    void (*check)(const JsonValue& value, Findings& findings, const Context&... context);
+};
+
+// An object with these keys, each of its type.
+template <size_t N, typename... Context>
+void CheckObject(const JsonValue& object, const Key<Context...> (&keys)[N], Findings& findings,
+                 const Context&... context) {
+    if (!Require(object, &JsonValue::IsObject, "an object", findings)) {
+        return;
+    }
+    Names names;
+    for (const auto& [name, isOfType, type, check] : keys) {
+        names.push_back(name);
+        const JsonValue* value = object.Find(name);
+        if (value == nullptr) {
+            findings.Error(object, fmt::format("\"{}\" is missing", name), type);
+        } else if (Require(*value, isOfType, type, findings)) {
+            check(*value, findings, context...);
+        }
+    }
+    WarnOfOtherKeys(object, names, findings);
 }
 
 // The number as the service reads it; warns where that is another one.
@@ -101,11 +119,11 @@ void CheckForRepeatedKeys(const JsonValue& value, Findings& findings) {
     }
 }
 
-void CheckId(const JsonValue& id, const ResourceType& /*type*/, Findings& findings) {
+void CheckId(const JsonValue& id, Findings& findings, const ResourceType& /*type*/) {
     CutTo<int32_t>(id, kInt32, findings);
 }
 
-void CheckQuota(const JsonValue& value, const ResourceType& type, Findings& findings) {
+void CheckQuota(const JsonValue& value, Findings& findings, const ResourceType& type) {
     const int64_t quota = CutTo<int64_t>(value, kInt64, findings);
     const std::string allowed = fmt::format("0 to {} {}", type.mostPossible - 1, type.unit);
     if (quota < 0) {
@@ -115,7 +133,7 @@ void CheckQuota(const JsonValue& value, const ResourceType& type, Findings& find
     }
 }
 
-void CheckDuration(const JsonValue& value, const ResourceType& type, Findings& findings) {
+void CheckDuration(const JsonValue& value, Findings& findings, const ResourceType& type) {
     const int64_t duration = CutTo<int64_t>(value, kInt64, findings);
     if (duration <= 0) {
         findings.Warn(value, fmt::format("{} means the time between two samples", duration),
@@ -135,7 +153,7 @@ void CheckDuration(const JsonValue& value, const ResourceType& type, Findings& f
     }
 }
 
-void CheckAction(const JsonValue& value, const ResourceType& type, Findings& findings) {
+void CheckAction(const JsonValue& value, Findings& findings, const ResourceType& type) {
     static const Names kActions{"warning", "freeze", "kill"};
     const std::string& action = value.text;
     if (type.isStaged && !action.empty()) {
@@ -187,7 +205,7 @@ void CheckForSecondMatch(const JsonValue& condition, uint32_t mask, const std::v
     }
 }
 
-void CheckConditions(const JsonValue& conditions, const ResourceType& type, Findings& findings) {
+void CheckConditions(const JsonValue& conditions, Findings& findings, const ResourceType& type) {
     if (type.isStaged && !conditions.children.empty()) {
         findings.Warn(conditions, "conditions are ignored: the staged treatment has none", "[]");
     }
@@ -201,14 +219,7 @@ void CheckConditions(const JsonValue& conditions, const ResourceType& type, Find
     }
 }
 
-// A key of a rule; all are required. In the order in which the service reads them.
-struct RuleKey {
-    std::string_view name;
-    IsOfType isOfType;
-    const char* type;
-    void (*check)(const JsonValue& value, const ResourceType& type, Findings& findings);
-};
-constexpr RuleKey kRuleKeys[] = {
+constexpr Key<ResourceType> kRuleKeys[] = {
     {"condition", &JsonValue::IsArray, "a list of strings", CheckConditions},
     {"id", &JsonValue::IsInteger, kInteger, CheckId},
     {"resource_quota", &JsonValue::IsInteger, kInteger, CheckQuota},
@@ -216,27 +227,13 @@ constexpr RuleKey kRuleKeys[] = {
     {"action", &JsonValue::IsString, kString, CheckAction},
 };
 
-void CheckRule(const JsonValue& rule, const ResourceType& type, Findings& findings) {
-    if (!Require(rule, &JsonValue::IsObject, kObject, findings)) {
-        return;
-    }
-    Names names;
-    for (const RuleKey& key : kRuleKeys) {
-        names.push_back(key.name);
-        if (const JsonValue* value = RequireMember(rule, key.name, key.isOfType, key.type, findings)) {
-            key.check(*value, type, findings);
-        }
-    }
-    WarnOfOtherKeys(rule, names, findings);
-}
-
-void CheckRules(const JsonValue& rules, const ResourceType& type, Findings& findings) {
+void CheckRules(const JsonValue& rules, Findings& findings, const ResourceType& type) {
     if (!rules.IsArray()) {
         findings.Warn(rules, rules.Excerpt() + " counts as an empty list", "a list of rules");
         return;
     }
     for (const JsonValue& rule : rules.children) {
-        CheckRule(rule, type, findings);
+        CheckObject(rule, kRuleKeys, findings, type);
     }
 }
 
@@ -260,7 +257,7 @@ void CheckProcessQuotas(const JsonValue& quotas, Findings& findings) {
     for (const ResourceType& type : Linux::kResourceTypes) {
         keys.push_back(type.name);
         if (const JsonValue* rules = quotas.Find(type.name)) {
-            CheckRules(*rules, type, findings);
+            CheckRules(*rules, findings, type);
         }
     }
     keys.push_back(kRunningTime);
@@ -270,37 +267,32 @@ void CheckProcessQuotas(const JsonValue& quotas, Findings& findings) {
     }
 }
 
-void CheckElement(const JsonValue& element, Findings& findings) {
-    if (!Require(element, &JsonValue::IsObject, kObject, findings)) {
-        return;
-    }
-    WarnOfOtherKeys(element, {"process_name", "inherit", "process_quotas"}, findings);
-    RequireMember(element, "process_name", &JsonValue::IsString, kString, findings);
-    RequireMember(element, "inherit", &JsonValue::IsString, "a string, \"\" for no parent", findings);
-    if (const auto* quotas =
-            RequireMember(element, "process_quotas", &JsonValue::IsObject, kObject, findings)) {
-        CheckProcessQuotas(*quotas, findings);
+// What a name means is seen between the elements.
+void AcceptName(const JsonValue& /*name*/, Findings& /*findings*/) {}
+
+constexpr Key<> kElementKeys[] = {
+    {"process_name", &JsonValue::IsString, kString, AcceptName},
+    {"inherit", &JsonValue::IsString, "a string, \"\" for no parent", AcceptName},
+    {"process_quotas", &JsonValue::IsObject, "an object", CheckProcessQuotas},
+};
+
+void CheckElements(const JsonValue& quotas, Findings& findings) {
+    for (const JsonValue& element : quotas.children) {
+        CheckObject(element, kElementKeys, findings);
     }
 }
+
+constexpr Key<> kRootKeys[] = {{"quotas", &JsonValue::IsArray, "a list", CheckElements}};
 
 }  // namespace
 
 void CheckLayer(const Layer& layer, Findings& findings) {
-    const JsonValue& root = layer.root;
     if (const auto& fault = layer.fault) {
-        findings.all.push_back({Severity::kError, &root, fault->offset, fault->found, fault->allowed});
+        findings.all.push_back({Severity::kError, &layer.root, fault->offset, fault->found, fault->allowed});
         return;
     }
-    CheckForRepeatedKeys(root, findings);
-    if (!Require(root, &JsonValue::IsObject, kObject, findings)) {
-        return;
-    }
-    WarnOfOtherKeys(root, {"quotas"}, findings);
-    if (const auto* quotas = RequireMember(root, "quotas", &JsonValue::IsArray, "a list", findings)) {
-        for (const JsonValue& element : quotas->children) {
-            CheckElement(element, findings);
-        }
-    }
+    CheckForRepeatedKeys(layer.root, findings);
+    CheckObject(layer.root, kRootKeys, findings);
 }
 
 }  // namespace KITE::Rqctl

@@ -32,25 +32,18 @@ class TreeBuilder : public nlohmann::json_sax<json> {
         json::sax_parse(stream_, this);
     }
 
-    bool null() override { return AddScalar(json::value_t::null); }
-    bool boolean(bool /*value*/) override { return AddScalar(json::value_t::boolean); }
+    bool null() override { return Add(json::value_t::null); }
+    bool boolean(bool /*value*/) override { return Add(json::value_t::boolean); }
     bool number_integer(number_integer_t value) override {
-        Add(json::value_t::number_integer).number = value;
-        return true;
+        return Add(json::value_t::number_integer, {}, value);
     }
     bool number_unsigned(number_unsigned_t value) override {
-        JsonValue& integer = Add(json::value_t::number_unsigned);
-        integer.number = static_cast<int64_t>(value);
-        integer.isCut = integer.number < 0;
-        return true;
+        return Add(json::value_t::number_unsigned, {}, static_cast<int64_t>(value));
     }
     bool number_float(number_float_t /*value*/, const string_t& /*raw*/) override {
-        return AddScalar(json::value_t::number_float);
+        return Add(json::value_t::number_float);
     }
-    bool string(string_t& value) override {
-        Add(json::value_t::string).text = std::move(value);
-        return true;
-    }
+    bool string(string_t& value) override { return Add(json::value_t::string, std::move(value)); }
     bool binary(binary_t& /*value*/) override { return false; }
     bool start_object(size_t /*size*/) override { return Open(json::value_t::object); }
     bool start_array(size_t /*size*/) override { return Open(json::value_t::array); }
@@ -84,10 +77,14 @@ class TreeBuilder : public nlohmann::json_sax<json> {
         return begin;
     }
 
-    JsonValue& Add(json::value_t type) {
-        JsonValue& value = open_ == nullptr ? layer_.root : open_->children.emplace_back();
+    bool Add(json::value_t type, std::string text = {}, int64_t number = 0) {
+        last_ = open_ == nullptr ? &layer_.root : &open_->children.emplace_back();
+        JsonValue& value = *last_;
         value.layer = &layer_;
         value.type = type;
+        value.text = std::move(text);
+        value.number = number;
+        value.isCut = type == json::value_t::number_unsigned && number < 0;
         value.begin = NextToken();
         // To see the end of a number, the parser has read one byte more.
         value.end = layer_.text.find_last_not_of(kSeparators, end_ - 1) + 1;
@@ -95,22 +92,17 @@ class TreeBuilder : public nlohmann::json_sax<json> {
         const bool isElement = open_ != nullptr && open_->IsArray();
         value.key = isElement ? std::to_string(open_->children.size() - 1) : std::exchange(key_, {});
         value.keyBegin = keyBegin_;
-        return value;
-    }
-
-    bool AddScalar(json::value_t type) {
-        Add(type);
         return true;
     }
 
     bool Open(json::value_t type) {
-        JsonValue& value = Add(type);
+        Add(type);
         if (depth_ == kMaxDepth) {
-            layer_.fault = {value.begin, fmt::format("nested deeper than {}", kMaxDepth),
+            layer_.fault = {last_->begin, fmt::format("nested deeper than {}", kMaxDepth),
                             fmt::format("at most {} levels", kMaxDepth)};
             return false;
         }
-        open_ = &value;
+        open_ = last_;
         ++depth_;
         return true;
     }
@@ -124,6 +116,7 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     Layer& layer_;
     std::istringstream stream_;
     size_t end_ = 0;             // of the token that was read last
+    JsonValue* last_ = nullptr;  // the value that was added last
     JsonValue* open_ = nullptr;  // the innermost object or list that is being read
     int depth_ = 0;
     std::string key_;

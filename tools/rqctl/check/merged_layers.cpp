@@ -48,29 +48,23 @@ MergedLayers::MergedLayers(const Layers& layers) {
             if (const std::string& parent = InheritOf(*element).text; !parent.empty()) {
                 fileInherit.emplace(name, parent);
             }
-            elements_.push_back(element);
+            elements.push_back(element);
         }
         ResPolicyManager().MergeQuotaConfig(mergedQuotas, fileQuotas, parents, fileInherit);
     }
     for (const auto& [name, record] : mergedQuotas) {
-        entries_[name].rulesFrom = elementOf.at(record);
+        entries[name].rulesFrom = elementOf.at(record);
     }
     // Several elements may name the parent in force; the last of them is as good as the others.
-    for (const JsonValue* element : elements_) {
+    for (const JsonValue* element : elements) {
         const auto parent = parents.find(NameOf(*element).text);
         if (parent != parents.end() && parent->second == InheritOf(*element).text) {
-            entries_[parent->first].parentFrom = element;
+            const auto parentEntry = entries.find(parent->second);
+            Entry& entry = entries[parent->first];
+            entry.parentFrom = element;
+            entry.parent = parentEntry == entries.end() ? nullptr : &parentEntry->second;
         }
     }
-}
-
-const Entry* MergedLayers::Find(const std::string& name) const {
-    const auto found = entries_.find(name);
-    return found == entries_.end() ? nullptr : &found->second;
-}
-
-const Entry* MergedLayers::ParentOf(const Entry& entry) const {
-    return entry.parentFrom == nullptr ? nullptr : Find(InheritOf(*entry.parentFrom).text);
 }
 
 }  // namespace KITE::Rqctl

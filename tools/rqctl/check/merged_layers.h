@@ -20,27 +20,18 @@ inline const JsonValue& InheritOf(const JsonValue& element) {
 struct Entry {
     const JsonValue* rulesFrom = nullptr;
     const JsonValue* parentFrom = nullptr;  // null when it has no parent
+    const Entry* parent = nullptr;          // null also when that one is missing
 };
 
 // The layers on top of each other, merged by the service's own code. Elements that no service would read are
 // left out, so that the rest of a faulty file can be judged. The layers must outlive it.
-class MergedLayers {
-  public:
+struct MergedLayers {
     explicit MergedLayers(const Layers& layers);
     MergedLayers(const MergedLayers&) = delete;
     MergedLayers& operator=(const MergedLayers&) = delete;
 
-    // Of all layers, in their order.
-    const std::vector<const JsonValue*>& Elements() const { return elements_; }
-    const std::map<std::string, Entry>& Entries() const { return entries_; }
-    // Null when there is no such entry.
-    const Entry* Find(const std::string& name) const;
-    // The entry that an entry inherits from; null when it has no parent or that one is missing.
-    const Entry* ParentOf(const Entry& entry) const;
-
-  private:
-    std::vector<const JsonValue*> elements_;
-    std::map<std::string, Entry> entries_;
+    std::vector<const JsonValue*> elements;  // of all layers, in their order
+    std::map<std::string, Entry> entries;    // by name
 };
 
 }  // namespace KITE::Rqctl

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "res_policy_manager.h"
 #include "system_log.h"
@@ -11,7 +12,6 @@ namespace KITE::Rqctl {
 namespace {
 
 using Kelvra::ResQuotaInfo;
-using Ancestry = std::vector<const Entry*>;
 
 const JsonValue* FindQuota(const Entry& entry, const std::string& key) {
     const JsonValue* quotas = entry.rulesFrom->Find("process_quotas");
@@ -19,22 +19,20 @@ const JsonValue* FindQuota(const Entry& entry, const std::string& key) {
 }
 
 // Lists are inherited whole, so the record's rule is the one of its place in the first list found.
-Origin OriginOfRule(const Ancestry& ancestry, const std::string& resource, size_t index) {
-    for (const Entry* entry : ancestry) {
-        const JsonValue* rules = FindQuota(*entry, resource);
-        if (rules != nullptr && index < rules->children.size()) {
-            return {entry->rulesFrom, &*std::next(rules->children.begin(), static_cast<ptrdiff_t>(index))};
-        }
-        if (rules != nullptr) {
-            break;
+Origin OriginOfRule(const Entry* entry, const std::string& resource, int index) {
+    for (; entry != nullptr; entry = entry->parent) {
+        if (const JsonValue* rules = FindQuota(*entry, resource)) {
+            const auto& list = rules->children;
+            const bool isThere = std::cmp_less(index, list.size());
+            return {entry->rulesFrom, isThere ? &*std::next(list.begin(), index) : nullptr};
         }
     }
     return {};
 }
 
 // A running time of 0 is inherited.
-Origin OriginOfRunningTime(const Ancestry& ancestry) {
-    for (const Entry* entry : ancestry) {
+Origin OriginOfRunningTime(const Entry* entry) {
+    for (; entry != nullptr; entry = entry->parent) {
         const JsonValue* time = FindQuota(*entry, "running_time");
         if (time != nullptr && time->IsInteger() && static_cast<int32_t>(time->number) != 0) {
             return {entry->rulesFrom, time};
@@ -60,28 +58,28 @@ PolicyInForce::PolicyInForce(const Layers& layers) : merged_(layers) {
 
 Linux::Result<EntryInForce> PolicyInForce::Find(const std::string& name) const {
     EntryInForce found;
-    for (const Entry* entry = merged_.Find(name); isAccepted_ && entry != nullptr;
-         entry = merged_.ParentOf(*entry)) {
-        found.ancestry.push_back(entry);
+    if (const auto entry = merged_.entries.find(name); entry != merged_.entries.end()) {
+        found.entry = &entry->second;
     }
     bool areSameFiles = true;
-    size_t index = 0;
+    int index = 0;
     for (const ResQuotaInfo& record : records_) {
         if (record.processName == name) {
             const bool isFirst = found.rules.empty() || found.rules.back().record.resType != record.resType;
             index = isFirst ? 0 : index + 1;
-            found.rules.push_back({record, OriginOfRule(found.ancestry, record.resType, index)});
+            found.rules.push_back({record, OriginOfRule(found.entry, record.resType, index)});
             areSameFiles = areSameFiles && found.rules.back().origin.value != nullptr;
         }
     }
     if (const auto time = runningTimes_.find(name); time != runningTimes_.end()) {
         found.runningTime = time->second;
-        found.runningTimeOrigin = OriginOfRunningTime(found.ancestry);
+        found.runningTimeOrigin = OriginOfRunningTime(found.entry);
         areSameFiles = areSameFiles && found.runningTimeOrigin.value != nullptr;
     }
-    return areSameFiles ? found
-                        : Linux::Result<EntryInForce>(
-                              Linux::Failure("the quota files changed while they were read; try again"));
+    if (!areSameFiles) {
+        return Linux::Failure("the quota files changed while they were read; try again");
+    }
+    return found;
 }
 
 }  // namespace KITE::Rqctl

@@ -25,7 +25,7 @@ struct RuleInForce {
 
 // What is in force under one name.
 struct EntryInForce {
-    std::vector<const Entry*> ancestry;  // the entry, its parent, that one's parent and so on
+    const Entry* entry = nullptr;  // null for a name that has none
     std::vector<RuleInForce> rules;
     int32_t runningTime = 0;
     Origin runningTimeOrigin;  // null where no running time is in force
@@ -39,8 +39,7 @@ class PolicyInForce {
 
     // Whether the service accepts the layers. Without that nothing is in force.
     bool IsAccepted() const { return isAccepted_; }
-    // Without ancestry for a name that has no entry. Fails when the files changed between their reading by
-    // the service's code and by ours.
+    // Fails when the files changed between their reading by the service's code and by ours.
     Linux::Result<EntryInForce> Find(const std::string& name) const;
 
   private:

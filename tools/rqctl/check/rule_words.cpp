@@ -15,11 +15,6 @@ namespace {
 
 using Kelvra::ResQuotaInfo;
 
-bool IsStaged(const ResQuotaInfo& rule) {
-    const Linux::ResourceType* type = Linux::FindResourceType(rule.resType);
-    return type != nullptr && type->isStaged;
-}
-
 std::string AlternativeInWords(uint32_t mask) {
     static constexpr std::pair<uint32_t, const char*> kWords[] = {
         {1, "it is an application in the foreground"},
@@ -61,7 +56,7 @@ std::string QuotaInWords(const ResQuotaInfo& rule) {
 }
 
 std::string ConditionsInWords(const ResQuotaInfo& rule) {
-    if (rule.conditions.empty() || IsStaged(rule)) {
+    if (rule.conditions.empty() || Linux::IsStaged(rule.resType)) {
         return "always";
     }
     std::vector<std::string> alternatives;
@@ -83,11 +78,10 @@ std::string ActionInWords(const ResQuotaInfo& rule) {
         {"warning", "the log says so, and nothing is done to it"},
         {"freeze", "it is frozen, until an administrator releases it or the service ends"},
         {"kill", "it is killed"}};
-    if (IsStaged(rule)) {
+    if (Linux::IsStaged(rule.resType)) {
         return StagesInWords(rule.duration);
     }
-    const auto* words =
-        std::ranges::find_if(kWords, [&](const auto& word) { return word.first == rule.action; });
+    const auto* words = std::ranges::find(kWords, rule.action, [](const auto& word) { return word.first; });
     if (words == std::end(kWords)) {
         return "nothing, since this is not an action";
     }

@@ -63,17 +63,17 @@ std::string PlaceOf(const JsonValue& value) {
 }
 
 std::string OriginInWords(const EntryInForce& entry, const Origin& origin) {
-    const bool isOwn = origin.element == entry.ancestry.front()->rulesFrom;
+    const bool isOwn = origin.element == entry.entry->rulesFrom;
     return PlaceOf(*origin.value) +
            (isOwn ? "" : fmt::format(", from template {}", Escaped(NameOf(*origin.element).text)));
 }
 
 void PrintText(const EntryInForce& entry) {
-    for (const Entry* ancestor : entry.ancestry) {
+    for (const Entry* ancestor = entry.entry; ancestor != nullptr; ancestor = ancestor->parent) {
         const JsonValue& written = NameOf(*ancestor->rulesFrom);
         const std::string name = Escaped(written.text);
-        const bool isFirst = ancestor == entry.ancestry.front();
-        Say(fmt::format("{} ({})", isFirst ? Paint(Tone::kNotice, name) : "  inherits from " + name,
+        Say(fmt::format("{} ({})",
+                        ancestor == entry.entry ? Paint(Tone::kNotice, name) : "  inherits from " + name,
                         PlaceOf(written)));
     }
     if (entry.runningTime != 0) {
@@ -118,7 +118,7 @@ void PrintJson(const EntryInForce& entry, const std::optional<Identity>& identit
         document["accepted"] = identity->isAccepted;
     }
     document["entries"] = ordered_json::array();
-    for (const Entry* ancestor : entry.ancestry) {
+    for (const Entry* ancestor = entry.entry; ancestor != nullptr; ancestor = ancestor->parent) {
         document["entries"].push_back(ToJson({ancestor->rulesFrom, &NameOf(*ancestor->rulesFrom)}));
     }
     if (entry.runningTime != 0) {
@@ -138,7 +138,7 @@ ExitStatus Show(bool wantsJson, const EntryInForce& entry, const std::optional<I
     } else if (identity) {
         Say(IdentityInWords(*identity));
     }
-    if (entry.ancestry.empty()) {
+    if (entry.entry == nullptr) {
         return Fail(kNoSuch, "there is no entry of that name: no rule applies");
     }
     if (!wantsJson) {

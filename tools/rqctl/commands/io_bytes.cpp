@@ -29,11 +29,9 @@ void Show(int32_t pid, uint64_t bytes) {
 }
 
 nlohmann::ordered_json JsonOf(int32_t pid, uint64_t bytes) {
-    nlohmann::ordered_json object{{"pid", pid}, {"write_bytes", bytes}};
-    if (bytes == UNREADABLE_WRITE_BYTES) {
-        object["write_bytes"] = nullptr;
-    }
-    return object;
+    using nlohmann::ordered_json;
+    return {{"pid", pid},
+            {"write_bytes", bytes == UNREADABLE_WRITE_BYTES ? ordered_json() : ordered_json(bytes)}};
 }
 
 // One request takes a bounded number of pids.

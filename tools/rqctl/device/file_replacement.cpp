@@ -18,21 +18,16 @@ using Linux::UniqueFd;
 
 Result<FileReplacement> FileReplacement::Open(const std::filesystem::path& path) {
     FileReplacement file(path);
-    if (const std::error_code error = file.LockDirectory()) {
-        return Failure(path.parent_path(), error);
+    file.directory_ = UniqueFd(open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const int directory = file.directory_.Get();
+    if (directory < 0 || fstat(directory, &file.attributes_) != 0 || flock(directory, LOCK_EX) != 0) {
+        return Failure(path.parent_path(), LastError());
     }
+    file.attributes_.st_mode = 0644;
     if (const Result<void> read = file.ReadOld(); !read) {
         return read.Why().In(path);
     }
     return file;
-}
-
-std::error_code FileReplacement::LockDirectory() {
-    directory_ = UniqueFd(open(path_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const bool isLocked =
-        directory_ && fstat(directory_.Get(), &attributes_) == 0 && flock(directory_.Get(), LOCK_EX) == 0;
-    attributes_.st_mode = 0644;
-    return isLocked ? std::error_code() : LastError();
 }
 
 Result<void> FileReplacement::ReadOld() {

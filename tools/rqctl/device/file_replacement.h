@@ -28,7 +28,6 @@ class FileReplacement {
 
   private:
     explicit FileReplacement(std::filesystem::path path) : path_(std::move(path)) {}
-    std::error_code LockDirectory();
     Linux::Result<void> ReadOld();
     std::error_code WriteNew(const std::string& path, std::string_view content) const;
 

@@ -75,12 +75,76 @@ class Figure {
         }
     }
 
-    void DrawBands();
-    void DrawTimeAxis();
-    void DrawAmountAxis(const ResourceType& type);
-    void DrawQuotas(const ResourceType& type, const std::set<Quota>& quotas);
-    void DrawCurve(const std::vector<Point>& curve);
-    void DrawTreatments();
+    void DrawBands() {
+        for (const Band& band : panel_.bands) {
+            Add("<rect class='{0}' x='{1:.1f}' y='{2:.1f}' width='{3:.1f}' height='{4:.1f}'>"
+                "<title>{0} from {5} to {6}</title></rect>\n",
+                band.kind->word, X(band.from), Top(), std::max(1.0, X(band.to) - X(band.from)), plotHeight_,
+                ClockText(band.from), ClockText(band.to));
+        }
+    }
+
+    void DrawTimeAxis() {
+        AddHorizontal("axis", Bottom());
+        const int64_t step = TimeStep(panel_.end - panel_.begin);
+        for (int64_t time = (panel_.begin + step - 1) / step * step; time <= panel_.end; time += step) {
+            AddVertical("grid", X(time), Top());
+            AddText("tick", std::clamp(X(time), kLeft, kRight - 20), Bottom() + 16, "middle",
+                    fmt::format("{:%T}", fmt::localtime(time / 1000)));
+        }
+    }
+
+    void DrawAmountAxis(const ResourceType& type) {
+        const double step = AmountStep(type, largest_, HasBadges() ? 4 : 2);
+        for (double value = 0; value <= largest_; value += step) {
+            AddHorizontal("grid", Y(value));
+            AddText("tick", kLeft - 6, Y(value) + 4, "end", AmountText(type, value));
+        }
+    }
+
+    void DrawQuotas(const ResourceType& type, const std::set<Quota>& quotas) {
+        constexpr double kLabelHeight = 13;
+        double lastLabel = 0;
+        for (const Quota& quota : quotas) {
+            const auto limit = static_cast<double>(quota.limit);
+            const double y = Y(limit);
+            AddHorizontal("quota", y);
+            const double labelY = y - 4 < Top() + kLabelHeight ? y + kLabelHeight : y - 4;
+            if (std::abs(labelY - lastLabel) >= kLabelHeight) {
+                AddText("limit", kRight - 4, labelY, "end",
+                        fmt::format("quota {}, {} s", AmountText(type, limit), quota.duration));
+                lastLabel = labelY;
+            }
+        }
+    }
+
+    void DrawCurve(const std::vector<Point>& curve) {
+        Add("<path class='curve' d='");
+        for (const Point& point : curve) {
+            Add("{}{:.1f} {:.1f}", content_.ends_with('\'') || point.beginsPiece ? "M" : "L", X(point.time),
+                Y(point.value));
+        }
+        Add("'/>\n");
+    }
+
+    void DrawTreatments() {
+        for (size_t i = 0; i < panel_.treatments.size(); ++i) {
+            const Treatment& treatment = panel_.treatments[i];
+            const double x = X(treatment.time);
+            Add("<g class='{}{}'>", treatment.kind->style, treatment.error == 0 ? "" : " failed");
+            if (HasBadges()) {
+                const double y = kCaption + kBadgeRow * static_cast<double>(rowOfBadge_[i]) + 8;
+                AddVertical("moment", x, y);
+                Add("<circle cx='{0:.1f}' cy='{1:.1f}' r='8.5'/><text x='{0:.1f}' y='{2:.1f}'>{3}</text>"
+                    "<title>{4}, {5}</title>",
+                    x, y, y + 4, treatment.kind->letter, treatment.Text(), ClockText(treatment.time));
+            } else {
+                AddVertical("moment", x, Top());
+            }
+            Add("</g>\n");
+        }
+    }
+
     void DrawNote(std::string_view text) {
         AddText("note", (kLeft + kRight) / 2, (Top() + Bottom()) / 2 + 4, "middle", text);
     }
@@ -103,7 +167,22 @@ class Figure {
     double Bottom() const { return Top() + plotHeight_; }
     // A flat one shows the moments, but not again what they were.
     bool HasBadges() const { return plotHeight_ != kFlatHeight; }
-    void PlaceBadges();
+    // Each badge stands in the first row where it does not cover another one.
+    void PlaceBadges() {
+        constexpr size_t kMostRows = 6;
+        std::vector<double> freeFrom;
+        for (const Treatment& treatment : panel_.treatments) {
+            const double x = X(treatment.time);
+            size_t row = 0;
+            while (row < freeFrom.size() && freeFrom[row] > x && row + 1 < kMostRows) {
+                ++row;
+            }
+            freeFrom.resize(std::max(freeFrom.size(), row + 1));
+            freeFrom[row] = x + kBadgeWidth;
+            rowOfBadge_.push_back(row);
+        }
+        badgeRows_ = std::max<size_t>(1, freeFrom.size());
+    }
 
     template <typename... Values>
     void Add(fmt::format_string<Values...> format, Values&&... values) {
@@ -126,93 +205,6 @@ class Figure {
     size_t badgeRows_ = 0;
     std::string content_;
 };
-
-// Each badge stands in the first row where it does not cover another one.
-void Figure::PlaceBadges() {
-    constexpr size_t kMostRows = 6;
-    std::vector<double> freeFrom;
-    for (const Treatment& treatment : panel_.treatments) {
-        const double x = X(treatment.time);
-        size_t row = 0;
-        while (row < freeFrom.size() && freeFrom[row] > x && row + 1 < kMostRows) {
-            ++row;
-        }
-        freeFrom.resize(std::max(freeFrom.size(), row + 1));
-        freeFrom[row] = x + kBadgeWidth;
-        rowOfBadge_.push_back(row);
-    }
-    badgeRows_ = std::max<size_t>(1, freeFrom.size());
-}
-
-void Figure::DrawBands() {
-    for (const Band& band : panel_.bands) {
-        Add("<rect class='{0}' x='{1:.1f}' y='{2:.1f}' width='{3:.1f}' height='{4:.1f}'>"
-            "<title>{0} from {5} to {6}</title></rect>\n",
-            band.kind->word, X(band.from), Top(), std::max(1.0, X(band.to) - X(band.from)), plotHeight_,
-            ClockText(band.from), ClockText(band.to));
-    }
-}
-
-void Figure::DrawTimeAxis() {
-    AddHorizontal("axis", Bottom());
-    const int64_t step = TimeStep(panel_.end - panel_.begin);
-    for (int64_t time = (panel_.begin + step - 1) / step * step; time <= panel_.end; time += step) {
-        AddVertical("grid", X(time), Top());
-        AddText("tick", std::clamp(X(time), kLeft, kRight - 20), Bottom() + 16, "middle",
-                fmt::format("{:%T}", fmt::localtime(time / 1000)));
-    }
-}
-
-void Figure::DrawAmountAxis(const ResourceType& type) {
-    const double step = AmountStep(type, largest_, HasBadges() ? 4 : 2);
-    for (double value = 0; value <= largest_; value += step) {
-        AddHorizontal("grid", Y(value));
-        AddText("tick", kLeft - 6, Y(value) + 4, "end", AmountText(type, value));
-    }
-}
-
-void Figure::DrawQuotas(const ResourceType& type, const std::set<Quota>& quotas) {
-    constexpr double kLabelHeight = 13;
-    double lastLabel = 0;
-    for (const Quota& quota : quotas) {
-        const auto limit = static_cast<double>(quota.limit);
-        const double y = Y(limit);
-        AddHorizontal("quota", y);
-        const double labelY = y - 4 < Top() + kLabelHeight ? y + kLabelHeight : y - 4;
-        if (std::abs(labelY - lastLabel) >= kLabelHeight) {
-            AddText("limit", kRight - 4, labelY, "end",
-                    fmt::format("quota {}, {} s", AmountText(type, limit), quota.duration));
-            lastLabel = labelY;
-        }
-    }
-}
-
-void Figure::DrawCurve(const std::vector<Point>& curve) {
-    Add("<path class='curve' d='");
-    for (const Point& point : curve) {
-        Add("{}{:.1f} {:.1f}", content_.ends_with('\'') || point.beginsPiece ? "M" : "L", X(point.time),
-            Y(point.value));
-    }
-    Add("'/>\n");
-}
-
-void Figure::DrawTreatments() {
-    for (size_t i = 0; i < panel_.treatments.size(); ++i) {
-        const Treatment& treatment = panel_.treatments[i];
-        const double x = X(treatment.time);
-        Add("<g class='{}{}'>", treatment.kind->style, treatment.error == 0 ? "" : " failed");
-        if (HasBadges()) {
-            const double y = kCaption + kBadgeRow * static_cast<double>(rowOfBadge_[i]) + 8;
-            AddVertical("moment", x, y);
-            Add("<circle cx='{0:.1f}' cy='{1:.1f}' r='8.5'/><text x='{0:.1f}' y='{2:.1f}'>{3}</text>"
-                "<title>{4}, {5}</title>",
-                x, y, y + 4, treatment.kind->letter, treatment.Text(), ClockText(treatment.time));
-        } else {
-            AddVertical("moment", x, Top());
-        }
-        Add("</g>\n");
-    }
-}
 
 // What was measured of a resource.
 struct Measured {

@@ -17,33 +17,17 @@ constexpr int64_t kAfter = kMinute / 2;
 constexpr int64_t kForEver = std::numeric_limits<int64_t>::max();
 
 struct Range {
-    int64_t begin = kForEver;
-    int64_t end = 0;
+    int64_t begin;
+    int64_t end;
 
-    void Include(int64_t time) {
-        begin = std::min(begin, time);
-        end = std::max(end, time);
-    }
+    Range With(const Range& other) const { return {std::min(begin, other.begin), std::max(end, other.end)}; }
 };
 
 Range RangeOf(const TreatedProcess& process) {
-    Range range;
-    for (const Treatment& treatment : process.treatments) {
-        range.Include(treatment.time);
-    }
-    for (const Sample& sample : process.samples) {
-        range.Include(sample.time);
-    }
-    return range;
-}
-
-Range RangeOf(const RunRecord& record) {
-    Range whole;
-    for (const auto& [key, process] : record.processes) {
-        whole.Include(RangeOf(process).begin);
-        whole.Include(RangeOf(process).end);
-    }
-    return whole;
+    const Range treated{process.treatments.front().time, process.treatments.back().time};
+    return process.samples.empty()
+               ? treated
+               : treated.With({process.samples.front().time, process.samples.back().time});
 }
 
 // A treatment without an end lasts as long as the process was seen.
@@ -100,7 +84,10 @@ Panel PanelOf(const RunRecord::Process& process, const std::vector<Band>& bands,
 }  // namespace
 
 std::vector<Panel> PanelsOf(const RunRecord& record) {
-    const Range whole = RangeOf(record);
+    Range whole{kForEver, 0};
+    for (const RunRecord::Process& process : record.processes) {
+        whole = whole.With(RangeOf(process.second));
+    }
     const bool isShort = whole.end - whole.begin <= kLongestAxis;
     std::vector<Panel> panels;
     for (const RunRecord::Process& process : record.processes) {

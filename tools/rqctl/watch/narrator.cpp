@@ -27,21 +27,12 @@ std::string ProcessOf(const Event& event) {
     return (event.isDryRun ? "dry run, nothing is done: " : "") + ProcessText(event.processName, event.pid);
 }
 
-bool IsStaged(const Event& report) {
-    const Linux::ResourceType* type = Linux::FindResourceType(report.resourceType);
-    return type != nullptr && type->isStaged;
-}
-
 std::string RequestOf(const Event& report) {
-    if (IsStaged(report)) {
+    if (Linux::IsStaged(report.resourceType)) {
         return "treated in stages";
     }
     return report.action == "warning" ? "a warning, nothing is done"
                                       : fmt::format("action \"{}\"", Escaped(report.action));
-}
-
-bool MayLeadToTreatment(const Event& report) {
-    return IsStaged(report) || report.action == "freeze" || report.action == "kill";
 }
 
 // What a treatment's event tells beyond its process.
@@ -81,7 +72,7 @@ void Narrator::TellReport(const Event& event) {
           fmt::format("{} of uid {}: {}, rule {}, {}", ProcessText(event.processName, event.pid), event.uid,
                       MeasureText(event.resourceType, event.resource, event.duration), event.ruleId,
                       RequestOf(event)));
-    if (MayLeadToTreatment(event)) {
+    if (Linux::IsStaged(event.resourceType) || event.action == "freeze" || event.action == "kill") {
         open_.push_back({event.time, event.pid, event.processName});
     }
 }
