@@ -4,32 +4,6 @@
 
 namespace KITE::Fake {
 
-namespace {
-
-// Answers from the script.
-class AppManager : public IRemoteStub<IAppMgr> {
-  public:
-    int32_t GetAllRunningProcesses(std::vector<RunningProcessInfo>& infos) override {
-        return Answer("GetAllRunningProcesses", Platform::Get().runningProcesses, infos);
-    }
-    int32_t GetAllRenderProcesses(std::vector<RenderProcessInfo>& infos) override {
-        return Answer("GetAllRenderProcesses", Platform::Get().renderProcesses, infos);
-    }
-    int32_t GetForegroundApplications(std::vector<AppStateData>& infos) override {
-        return Answer("GetForegroundApplications", Platform::Get().foregroundApplications, infos);
-    }
-
-  private:
-    template <typename T>
-    static int32_t Answer(const std::string& call, const std::vector<T>& answer, std::vector<T>& infos) {
-        Platform::Get().Record({false, call, call + "()"});
-        infos.insert(infos.end(), answer.begin(), answer.end());
-        return -1;  // callers use the lists as they are
-    }
-};
-
-}  // namespace
-
 Platform& Platform::Get() {
     static Platform platform;
     return platform;
@@ -37,7 +11,6 @@ Platform& Platform::Get() {
 
 void Platform::Reset() {
     static_cast<Script&>(*this) = {};
-    appManager = MakeSptr<AppManager>();
     Log::minimumLevel = Log::Level::kDebug;
     const std::lock_guard lock(mutex_);
     trace_.clear();

@@ -44,6 +44,9 @@ struct Entry {
     std::string text;
 };
 
+// An application manager that answers from the script.
+sptr<IRemoteObject> MakeAppManager();
+
 // The script. What a test does not set is as a device with nothing on it answers.
 struct Script {
     bool isTraced = true;  // without it calls are not recorded, and log lines are formatted and dropped
@@ -61,7 +64,7 @@ struct Script {
     uint32_t firstToken = 0;
 
     bool hasRegistry = true;
-    sptr<IRemoteObject> appManager;  // the object of service 501; Reset makes one that answers from here
+    sptr<IRemoteObject> appManager = MakeAppManager();  // the object of service 501
     std::vector<RunningProcessInfo> runningProcesses;
     std::vector<RenderProcessInfo> renderProcesses;
     std::vector<AppStateData> foregroundApplications;

@@ -61,6 +61,24 @@ std::optional<std::string> Parameter(const std::string& key) {
     return std::nullopt;
 }
 
+constexpr int32_t kIgnored = -1;  // a result; callers use the lists as they are
+
+class AppManager : public IRemoteStub<IAppMgr> {
+  public:
+    int32_t GetAllRunningProcesses(std::vector<RunningProcessInfo>& infos) override {
+        infos = Record("GetAllRunningProcesses").runningProcesses;
+        return kIgnored;
+    }
+    int32_t GetAllRenderProcesses(std::vector<RenderProcessInfo>& infos) override {
+        infos = Record("GetAllRenderProcesses").renderProcesses;
+        return kIgnored;
+    }
+    int32_t GetForegroundApplications(std::vector<AppStateData>& infos) override {
+        infos = Record("GetForegroundApplications").foregroundApplications;
+        return kIgnored;
+    }
+};
+
 class Registry : public ISystemAbilityManager {
   public:
     sptr<IRemoteObject> GetSystemAbility(int32_t systemAbilityId) override {
@@ -69,13 +87,11 @@ class Registry : public ISystemAbilityManager {
     }
 };
 
-template <typename T>
-T& TheOne() {
-    static T one;
-    return one;
-}
-
 }  // namespace
+
+sptr<IRemoteObject> Fake::MakeAppManager() {
+    return MakeSptr<AppManager>();
+}
 
 void Log::Write(Level level, const Label& label, const Site& site, const char* format, ...) {
     char text[8192];
@@ -111,10 +127,6 @@ bool SystemAbility::Publish(sptr<IRemoteObject> object) {
     return platform.publishResult;
 }
 
-SystemAbilityManagerClient& SystemAbilityManagerClient::GetInstance() {
-    return TheOne<SystemAbilityManagerClient>();
-}
-
 sptr<ISystemAbilityManager> SystemAbilityManagerClient::GetSystemAbilityManager() {
     return Record("GetSystemAbilityManager").hasRegistry ? MakeSptr<Registry>() : nullptr;
 }
@@ -130,11 +142,9 @@ uint32_t IPCSkeleton::GetFirstTokenID() {
 int32_t AccessTokenKit::GetNativeTokenInfo(uint32_t tokenId, NativeTokenInfo& info) {
     const auto& processes = Record("GetNativeTokenInfo", tokenId).nativeProcesses;
     const auto process = processes.find(tokenId);
-    if (process == processes.end()) {
-        return -1;
-    }
-    info.processName = process->second;
-    return 0;
+    const bool isKnown = process != processes.end();
+    info.processName = isKnown ? process->second : info.processName;
+    return isKnown ? 0 : -1;
 }
 
 int32_t AccessTokenKit::VerifyAccessToken(uint32_t tokenId, const std::string& permission) {
@@ -174,10 +184,6 @@ bool SaveStringToFd(int fd, const std::string& content) {
     return platform.canSave;
 }
 
-TimeServiceClient& TimeServiceClient::GetInstance() {
-    return TheOne<TimeServiceClient>();
-}
-
 int64_t TimeServiceClient::GetWallTimeMs() const {
     return Platform::Get().wallTimeMs;
 }
@@ -187,15 +193,11 @@ void SubmitTask(std::function<void()> task, TaskAttributes attributes) {
         .AddTask(std::move(task), attributes.delay);
 }
 
-WindowManager& WindowManager::GetInstance() {
-    return TheOne<WindowManager>();
-}
-
 int32_t WindowManager::GetVisibilityWindowInfo(std::vector<sptr<WindowVisibilityInfo>>& infos) const {
     for (const int32_t uid : Record("GetVisibilityWindowInfo").windowOwners) {
         infos.push_back(uid < 0 ? nullptr : MakeSptr<WindowVisibilityInfo>(uid));
     }
-    return -1;  // callers use the list as it is
+    return kIgnored;
 }
 
 int32_t BackgroundTaskMgrHelper::GetContinuousTaskApps(
@@ -211,19 +213,11 @@ int32_t BackgroundTaskMgrHelper::GetEfficiencyResourcesInfos(
     const Platform& platform = Record("GetEfficiencyResourcesInfos");
     appList = platform.appResources;
     procList = platform.processResources;
-    return -1;  // callers use the lists as they are
-}
-
-PowerMgrClient& PowerMgrClient::GetInstance() {
-    return TheOne<PowerMgrClient>();
+    return kIgnored;
 }
 
 bool PowerMgrClient::IsScreenOn() const {
     return Record("IsScreenOn").isScreenOn;
-}
-
-ResSchedClient& ResSchedClient::GetInstance() {
-    return TheOne<ResSchedClient>();
 }
 
 void ResSchedClient::ReportData(uint32_t resType, int64_t value,
@@ -233,10 +227,6 @@ void ResSchedClient::ReportData(uint32_t resType, int64_t value,
 
 int32_t ResSchedClient::KillProcess(const std::unordered_map<std::string, std::string>& payload) {
     return Record("KillProcess", Text(payload)).killResult;
-}
-
-SuspendManagerClient& SuspendManagerClient::GetInstance() {
-    return TheOne<SuspendManagerClient>();
 }
 
 int32_t SuspendManagerClient::OperateOneNativeProcess(const NativeProcessInfo& process) {
@@ -255,19 +245,13 @@ int32_t QuillRec::Write(std::string_view domain, std::string_view name, EventTyp
     return Record("QuillRec::Write", domain, name, static_cast<int>(type), texts.str().substr(1)).eventResult;
 }
 
-namespace Kelvra {
-
-KelvraManagerClient& KelvraManagerClient::GetInstance() {
-    return TheOne<KelvraManagerClient>();
-}
-
-int32_t KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas) {
+int32_t Kelvra::KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas) {
     Platform& platform = Record("SetProcessQuota", reserved, quotas.size());
     platform.quotas = quotas;
     return platform.setQuotaResult;
 }
 
-int32_t KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscriber& subscriber) {
+int32_t Kelvra::KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscriber& subscriber) {
     Platform& platform = Record("SubscribeKelvraTask");
     if (platform.subscribeResult == 0) {
         platform.KeepSubscriber(subscriber.weak_from_this());
@@ -277,8 +261,6 @@ int32_t KelvraManagerClient::SubscribeKelvraTask(const KelvraManagerTaskSubscrib
     }
     return platform.subscribeResult;
 }
-
-}  // namespace Kelvra
 
 }  // namespace KITE
 

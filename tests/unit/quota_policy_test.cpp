@@ -73,137 +73,106 @@ TEST_F(PolicyTest, ExportsOnlyRunningTimesFromOneUpwards) {
     EXPECT_THAT(Exported(), IsEmpty()) << "what is not required is tolerated";
 }
 
-TEST_F(PolicyTest, InitLogsItsStepsAndLoadsOnlyOnce) {
-    const std::string file = AddLayer(Quotas(Entry("A", "", Rule("mem", 1))));
-    platform.configDirectories.insert(platform.configDirectories.begin(), std::nullopt);
-    platform.configDirectories.push_back("/nowhere");
-    const std::string layer = *platform.configDirectories[1];
-    ASSERT_TRUE(policy_->Init());
-    EXPECT_THAT(platform.Trace(),
-                ElementsAre("I Init", "GetCfgDirList()", "D cfgDir: " + layer + " ", "D cfgDir: /nowhere ",
-                            "FreeCfgDirList()", "D Get valid base config file: " + file,
-                            "I realPath is [" + file + "]"));
-    platform.ClearTrace();
-    AddLayer("broken");
-    EXPECT_TRUE(policy_->Init());
-    EXPECT_THAT(platform.Trace(), ElementsAre("I Init"));
-}
-
-TEST_F(PolicyTest, WithoutFilesThereIsNoPolicyUntilOneComes) {
+TEST_F(PolicyTest, InitLogsItsStepsAndLoadsOnlyOnceThereAreFiles) {
     EXPECT_FALSE(policy_->Init());
     EXPECT_THAT(platform.Log(), ElementsAre("I Init", "E There are no valid config files"));
     EXPECT_FALSE(policy_->IsConfigInit());
-    AddLayer(Quotas(Entry("A", "", Rule("mem", 1))));
-    EXPECT_TRUE(policy_->Init());
+    const std::string file = AddLayer(Quotas(Entry("A", "", Rule("mem", 1))));
+    const std::string layer = *platform.configDirectories.front();
+    platform.configDirectories = {std::nullopt, layer, "/nowhere"};
+    EXPECT_THAT(TraceOf([&] { EXPECT_TRUE(policy_->Init()); }),
+                ElementsAre("I Init", "GetCfgDirList()", "D cfgDir: " + layer + " ", "D cfgDir: /nowhere ",
+                            "FreeCfgDirList()", "D Get valid base config file: " + file,
+                            "I realPath is [" + file + "]"));
     EXPECT_THAT(Exported(), ElementsAre("A mem 1"));
+    AddLayer("broken");
+    EXPECT_THAT(TraceOf([&] { EXPECT_TRUE(policy_->Init()); }), ElementsAre("I Init"));
 }
-
-// What is refused, and the error lines without their unit.
-using Refusals = std::vector<std::pair<std::string, std::vector<std::string>>>;
 
 class RefusalTest : public PolicyTest {
   protected:
-    // A file whose only fault is this rule.
-    static std::string WithRule(const std::string& rule) {
-        return Quotas(Entry("B", "", "") + ',' +
-                      Entry("A", "",
-                            Rule("cpu", 1) +
-                                ",'cpu_ext':[{'condition':[],'id':1,'resource_quota':1,'duration':1,"
-                                "'action':''}," +
-                                rule + ']'));
+    // The text, as the second of three layers, stops everything, with these error lines.
+    void ExpectRefused(const std::string& text, std::vector<std::string> expected,
+                       bool isFileRefused = true) {
+        SCOPED_TRACE(text.substr(0, 200));
+        platform.configDirectories.clear();
+        AddLayer(Quotas(Entry("good", "", "'running_time':1," + Rule("cpu", 1))));
+        const std::string file = AddLayer(text);
+        const std::string last = AddLayer(Quotas(""));
+        platform.ClearTrace();
+        EXPECT_FALSE(policy_->Init());
+        auto errors = platform.Log();
+        EXPECT_EQ(std::ranges::count(errors, "I realPath is [" + last + ']'), isFileRefused ? 0 : 1);
+        std::erase_if(errors, [](const auto& line) { return !line.starts_with("E "); });
+        if (isFileRefused) {
+            expected.push_back("config file " + file + " is refused");
+        }
+        std::ranges::for_each(expected, [](std::string& line) { line.insert(0, "E "); });
+        EXPECT_EQ(errors, expected);
+        EXPECT_FALSE(policy_->IsConfigInit());
+        EXPECT_THAT(Exported(), IsEmpty());
+        EXPECT_THAT(policy_->GetExtensionRunningTime(), IsEmpty());
     }
-    // Each text, as the second of three layers, stops everything.
-    void ExpectRefused(const Refusals& refusals, bool isFileRefused) {
-        for (const auto& [text, expected] : refusals) {
-            SCOPED_TRACE(text.substr(0, 200));
-            platform.configDirectories.clear();
-            AddLayer(Quotas(Entry("good", "", "'running_time':1," + Rule("cpu", 1))));
-            const std::string file = AddLayer(text);
-            const std::string last = AddLayer(Quotas(""));
-            platform.ClearTrace();
-            EXPECT_FALSE(policy_->Init());
-            std::vector<std::string> errors;
-            for (const std::string& line : platform.Log()) {
-                if (line.starts_with("E ")) {
-                    errors.push_back(line.substr(2));
+
+    // Calls check(text, key) for what is no object, and for objects of these members of which one is missing
+    // or of a wrong type.
+    template <typename Check>
+    static void ForEachFault(const std::vector<std::pair<std::string, std::string>>& members, Check check) {
+        check("1", members.front().first);
+        for (const auto& [key, right] : members) {
+            for (const std::string wrong : {"", "null", "true", "1.0", "[1]", right == "''" ? "1" : "'1'"}) {
+                std::string text;
+                for (const auto& [name, value] : members) {
+                    const std::string& given = name == key ? wrong : value;
+                    text += given.empty() ? "" : (text.empty() ? "'" : ",'") + name + "':" + given;
                 }
+                check('{' + text + '}', key);
             }
-            auto whole = expected;
-            if (isFileRefused) {
-                whole.push_back("config file " + file + " is refused");
-                EXPECT_THAT(platform.Log(), Not(Contains("I realPath is [" + last + ']')));
-            }
-            EXPECT_EQ(errors, whole);
-            EXPECT_FALSE(policy_->IsConfigInit());
-            EXPECT_THAT(Exported(), IsEmpty());
-            EXPECT_THAT(policy_->GetExtensionRunningTime(), IsEmpty());
         }
     }
 };
 
 TEST_F(RefusalTest, OfWhatIsNoJsonOrTooDeep) {
     const std::string deep = std::string(513, '[') + std::string(513, ']');
-    const auto broken = [](const std::string& text) {
-        return std::vector<std::string>{text + " transit to json failed"};
-    };
-    const std::vector<std::string> noArray{"Get quotas arrays failed!"};
-    ExpectRefused({{"", broken("")},
-                   {"{", broken("{")},
-                   {"{}//", broken("{}//")},
-                   {deep, broken(deep)},
-                   {deep.substr(1, 1024), noArray},
-                   {std::string(511, '[') + R"({"a":1})" + std::string(511, ']'), noArray},
-                   {"[]", noArray},
-                   {Json("{'quotas':{}}"), noArray}},
-                  true);
+    for (const std::string& text : {std::string(), std::string("{"), std::string("{}//"), deep}) {
+        ExpectRefused(text, {text + " transit to json failed"});
+    }
+    for (const std::string& text :
+         {deep.substr(1, 1024), std::string(511, '[') + "{}" + std::string(511, ']'), std::string("[]"),
+          Json("{'quotas':{}}")}) {
+        ExpectRefused(text, {"Get quotas arrays failed!"});
+    }
 }
 
 TEST_F(RefusalTest, OfAWrongEntryOrRule) {
-    const std::pair<const char*, std::string> entries[] = {
-        {"1", "process_name"},
-        {"{'inherit':'','process_quotas':{}}", "process_name"},
-        {"{'process_name':1,'inherit':'','process_quotas':{}}", "process_name"},
-        {"{'process_name':'A','process_quotas':{}}", "inherit"},
-        {"{'process_name':'A','inherit':null,'process_quotas':{}}", "inherit"},
-        {"{'process_name':'A','inherit':''}", "process_quotas"},
-        {"{'process_name':'A','inherit':'','process_quotas':[]}", "process_quotas"}};
-    const std::pair<const char*, std::string> rules[] = {
-        {"1", "condition"},
-        {"{'id':1,'resource_quota':1,'duration':1,'action':''}", "condition"},
-        {"{'condition':[1],'id':1,'resource_quota':1,'duration':1,'action':''}", "condition"},
-        {"{'condition':'audio','id':1,'resource_quota':1,'duration':1,'action':''}", "condition"},
-        {"{'condition':[],'id':1.0,'resource_quota':1,'duration':1,'action':''}", "id"},
-        {"{'condition':[],'id':1,'resource_quota':true,'duration':1,'action':''}", "resource_quota"},
-        {"{'condition':[],'id':1,'resource_quota':1,'duration':'1','action':''}", "duration"},
-        {"{'condition':[],'id':1,'resource_quota':1,'duration':1,'action':1}", "action"},
-        {"{'condition':[],'id':1,'resource_quota':1,'duration':1}", "action"}};
-    Refusals refusals;
-    for (const auto& [entry, key] : entries) {
-        refusals.push_back(
-            {Quotas(entry),
-             {"ParseProcessQuotaConfig failed!", "/quotas/0: " + key + " is missing or wrong"}});
-    }
-    for (const auto& [rule, key] : rules) {
-        refusals.push_back(
-            {WithRule(rule),
-             {"ParseQuotaForResource failed!", key + " of a rule is missing or wrong",
-              "ParseProcessQuotas failed!", "/process_quotas/cpu_ext/1 is wrong",
-              "ParseProcessQuotaConfig failed!", "/quotas/1: process_quotas is missing or wrong"}});
-    }
-    ExpectRefused(refusals, true);
+    ForEachFault({{"process_name", "''"}, {"inherit", "''"}, {"process_quotas", "{}"}},
+                 [&](const std::string& entry, const std::string& key) {
+                     ExpectRefused(Quotas(entry), {"ParseProcessQuotaConfig failed!",
+                                                   "/quotas/0: " + key + " is missing or wrong"});
+                 });
+    const std::string before = Entry("B", "", "") + ",{'process_name':'A','inherit':'','process_quotas':{" +
+                               Rule("cpu", 1) + ',' + Rule("cpu_ext", 1);
+    ForEachFault(
+        {{"condition", "[]"}, {"id", "1"}, {"resource_quota", "1"}, {"duration", "1"}, {"action", "''"}},
+        [&](const std::string& rule, const std::string& key) {
+            ExpectRefused(
+                Quotas(before.substr(0, before.size() - 1) + ',' + rule + "]}}"),
+                {"ParseQuotaForResource failed!", key + " of a rule is missing or wrong",
+                 "ParseProcessQuotas failed!", "/process_quotas/cpu_ext/1 is wrong",
+                 "ParseProcessQuotaConfig failed!", "/quotas/1: process_quotas is missing or wrong"});
+        });
 }
 
 TEST_F(RefusalTest, OfCyclesAndMissingTemplates) {
-    const auto with = [](const std::string& line) {
-        return std::vector<std::string>{line, "Merge quota config failed!"};
-    };
     const std::string rule = "'running_time':1," + Rule("cpu", 1);
-    ExpectRefused(
-        {{Quotas(Entry("A", "A", rule)), with("Find circular inheritance: A, A")},
-         {Quotas(Entry("A", "B", rule) + ',' + Entry("B", "C", rule) + ',' + Entry("C", "B", rule)),
-          with("Find circular inheritance: C, B")},
-         {Quotas(Entry("A", "missing", rule)), with("MergeConfig not find template name: missing")}},
-        false);
+    const std::pair<std::string, const char*> cases[] = {
+        {Entry("A", "A", rule), "Find circular inheritance: A, A"},
+        {Entry("A", "B", rule) + ',' + Entry("B", "C", rule) + ',' + Entry("C", "B", rule),
+         "Find circular inheritance: C, B"},
+        {Entry("A", "missing", rule), "MergeConfig not find template name: missing"}};
+    for (const auto& [entries, line] : cases) {
+        ExpectRefused(Quotas(entries), {line, "Merge quota config failed!"}, false);
+    }
 }
 
 TEST_F(PolicyTest, ReadsLargeFilesAndLetsBracketsStandInNames) {
@@ -268,44 +237,41 @@ TEST_F(PolicyTest, ALaterFileReplacesRecordsAndSometimesParents) {
     }
 }
 
-// The base directory of the system, with one layer in it, seen by this process alone.
 class SystemLayerTest : public PolicyTest {
   protected:
-    void SetUp() override {
-        std::filesystem::create_directory("/system");
-        if (!UnshareMounts() || mount("none", "/system", "tmpfs", 0, nullptr) != 0) {
-            GTEST_SKIP() << "needs the right to mount";
-        }
-        std::filesystem::create_directories("/system/etc/efficiency_manager");
-        std::ofstream("/system/etc/efficiency_manager/process_resource_limit.json")
-            << Quotas(Entry("A", "", Rule("cpu", 1)));
+    ~SystemLayerTest() override {
+        umount(system_.c_str());
+        std::filesystem::remove(system_, ignored_);
     }
-    void TearDown() override {
-        umount("/system");
-        std::error_code ignored;
-        std::filesystem::remove("/system", ignored);
-    }
-    // What comes of the directories, and how many files were read.
-    std::pair<std::vector<std::string>, int64_t> LoadInOrder(
-        std::vector<std::optional<std::string>> directories) {
-        policy_.emplace();
-        platform.configDirectories = std::move(directories);
-        platform.ClearTrace();
-        EXPECT_TRUE(policy_->Init());
-        const auto isRead = [](const auto& line) { return line.find("realPath") != line.npos; };
-        return {Exported(), std::ranges::count_if(platform.Log(), isRead)};
-    }
+
+    const std::filesystem::path system_ = "/system";
+    std::error_code ignored_;
 };
 
 TEST_F(SystemLayerTest, IsAlwaysReadAndFirstUnlessListedElsewhere) {
+    AddLayer(Quotas(Entry("A", "", Rule("cpu", 1))));
     AddLayer(Quotas(Entry("A", "", Rule("cpu", 2))));
-    const auto layer = platform.configDirectories.front();
-    const auto loaded = [](const std::string& rule, int64_t files) {
-        return std::pair(std::vector{rule}, files);
-    };
-    EXPECT_EQ(LoadInOrder({layer}), loaded("A cpu 2", 2));
-    EXPECT_EQ(LoadInOrder({layer, std::nullopt, "/system"}), loaded("A cpu 1", 2)) << "the later layer wins";
-    EXPECT_EQ(LoadInOrder({layer, "/system/"}), loaded("A cpu 1", 3));
+    const auto layer = platform.configDirectories.back();
+    std::filesystem::create_directory(system_, ignored_);
+    if (!UnshareMounts() ||
+        mount(platform.configDirectories.front()->c_str(), system_.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    const struct {
+        std::vector<std::optional<std::string>> directories;
+        const char* rule;
+        int64_t files;  // that are read
+    } cases[] = {{{layer}, "A cpu 2", 2},
+                 {{layer, std::nullopt, "/system"}, "A cpu 1", 2},  // the later layer wins
+                 {{layer, "/system/"}, "A cpu 1", 3}};
+    for (const auto& [directories, rule, files] : cases) {
+        policy_.emplace();
+        platform.configDirectories = directories;
+        const auto trace = TraceOf([&] { EXPECT_TRUE(policy_->Init()); });
+        EXPECT_THAT(Exported(), ElementsAre(rule));
+        const auto isRead = [](const auto& line) { return line.starts_with("I realPath is"); };
+        EXPECT_EQ(std::ranges::count_if(trace, isRead), files);
+    }
 }
 
 TEST_F(PolicyTest, ResolvesLinksAndRefusesLongAndMissingPaths) {

@@ -109,18 +109,8 @@ int32_t BackgroundTaskMgrHelper::GetEfficiencyResourcesInfos(ResourceList& appLi
     return 0;
 }
 
-PowerMgrClient& PowerMgrClient::GetInstance() {
-    static PowerMgrClient instance;
-    return instance;
-}
-
 bool PowerMgrClient::IsScreenOn() const {
     return CurrentDeviceState()->screenOn;
-}
-
-WindowManager& WindowManager::GetInstance() {
-    static WindowManager instance;
-    return instance;
 }
 
 int32_t WindowManager::GetVisibilityWindowInfo(std::vector<sptr<WindowVisibilityInfo>>& infos) const {

@@ -158,11 +158,6 @@ bool SystemAbility::Publish(sptr<IRemoteObject> object) {
     return true;
 }
 
-SystemAbilityManagerClient& SystemAbilityManagerClient::GetInstance() {
-    static SystemAbilityManagerClient client;
-    return client;
-}
-
 sptr<ISystemAbilityManager> SystemAbilityManagerClient::GetSystemAbilityManager() {
     static const sptr<ISystemAbilityManager> manager = MakeSptr<Linux::AbilityManager>();
     return manager;

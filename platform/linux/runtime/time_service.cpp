@@ -4,11 +4,6 @@
 
 namespace KITE {
 
-TimeServiceClient& TimeServiceClient::GetInstance() {
-    static TimeServiceClient instance;
-    return instance;
-}
-
 int64_t TimeServiceClient::GetWallTimeMs() const {
     using std::chrono::duration_cast, std::chrono::milliseconds, std::chrono::system_clock;
     return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();

@@ -60,11 +60,6 @@ std::optional<Target> TargetOf(const Payload& payload) {
 
 }  // namespace
 
-ResSchedClient& ResSchedClient::GetInstance() {
-    static ResSchedClient client;
-    return client;
-}
-
 void ResSchedClient::ReportData(uint32_t resType, int64_t value, const Payload& payload) {
     const bool isKnown =
         value == kFreezeForAWhile || value == kSuppressionStarts || value == kSuppressionEnds;

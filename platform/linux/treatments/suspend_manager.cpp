@@ -18,11 +18,6 @@ constexpr int64_t kLongestFreezeMs = std::numeric_limits<int32_t>::max();
 
 }  // namespace
 
-SuspendManagerClient& SuspendManagerClient::GetInstance() {
-    static SuspendManagerClient client;
-    return client;
-}
-
 int32_t SuspendManagerClient::OperateOneNativeProcess(const NativeProcessInfo& process) {
     if (process.pid < 1 || process.processName.empty()) {
         PLATFORM_LOGE("request refused: pid %{public}d with a name of %{public}lu bytes", process.pid,

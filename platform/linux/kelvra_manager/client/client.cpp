@@ -41,11 +41,6 @@ std::weak_ptr<KelvraManagerTaskSubscriber> WeakPointerTo(const KelvraManagerTask
 
 }  // namespace
 
-KelvraManagerClient& KelvraManagerClient::GetInstance() {
-    static KelvraManagerClient instance;
-    return instance;
-}
-
 int32_t KelvraManagerClient::SetProcessQuota(int32_t reserved, std::vector<ResQuotaInfo>& quotas) {
     MessageParcel data;
     if (!data.WriteInterfaceToken(Protocol::kManagerDescriptor) || !data.WriteInt32(reserved) ||
