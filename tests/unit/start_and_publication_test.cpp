@@ -28,15 +28,12 @@ const std::string kSubscribed = "I InitKelvraTaskObserver successfully";
 const std::string kPublished = "I publish resource quota control service successfully!";
 
 TEST_F(LifecycleTest, LoadingReadsTheSwitchRegistersAndReadsTheBuildKindInThisOrder) {
-    const std::string readSwitch = "GetBoolParameter(persist.sys.resource_quota_control_enable, true)";
-    const std::string registers = "MakeAndRegisterAbility(1913)";
     const std::string readKind = "GetIntParameter(const.debuggable, 0, -2147483648, 2147483647)";
-    auto calls = LoadTimeCalls();
+    const std::vector<std::string> order{"GetBoolParameter(persist.sys.resource_quota_control_enable, true)",
+                                         "MakeAndRegisterAbility(1913)", readKind};
+    const auto& calls = LoadTimeCalls();
     EXPECT_EQ(std::ranges::count(calls, readKind), 2) << "once for the dump and once for the histories";
-    const auto start = std::ranges::find(calls, readSwitch);
-    ASSERT_NE(start, calls.end());
-    EXPECT_EQ(*(start + 1), registers);
-    EXPECT_EQ(*(start + 2), readKind);
+    EXPECT_NE(std::search(calls.begin(), calls.end(), order.begin(), order.end()), calls.end());
     EXPECT_EQ(service.GetSystemAbilityId(), 1913);
     EXPECT_TRUE(service.IsRunOnCreate());
     EXPECT_EQ(service.GetClassName(), "ResourceQuotaControlService");
