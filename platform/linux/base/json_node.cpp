@@ -12,6 +12,20 @@ std::string Join(const std::string& path, std::string_view key) {
     return path + (path.empty() ? "" : ".") + std::string(key);
 }
 
+// The node's value if it is of that kind; one of another kind is a fault. Null otherwise.
+const json* ValueOf(const JsonNode& node, bool (json::*isOfKind)() const, std::string_view faultIfNot) {
+    const json* value = node.Value();
+    if (value != nullptr && !(value->*isOfKind)()) {
+        node.Fail(faultIfNot);
+        return nullptr;
+    }
+    return value;
+}
+
+const json* ObjectOf(const JsonNode& node) {
+    return ValueOf(node, &json::is_object, "must be an object");
+}
+
 }  // namespace
 
 Result<json> ParseJson(std::string_view text) {
@@ -25,37 +39,18 @@ Result<json> ParseJson(std::string_view text) {
     }
 }
 
-bool JsonNode::Is(bool (json::*isOfKind)() const, std::string_view faultIfNot) const {
-    if (!IsPresent()) {
-        return false;
-    }
-    if (!(value_->*isOfKind)()) {
-        Fail(faultIfNot);
-        return false;
-    }
-    return true;
-}
-
-bool JsonNode::IsObject() const {
-    return Is(&json::is_object, "must be an object");
-}
-
 void JsonNode::AllowKeys(std::initializer_list<std::string_view> keys) const {
-    if (!IsObject()) {
-        return;
-    }
-    for (const auto& [key, value] : value_->items()) {
+    for (const auto& [key, member] : Members()) {
         if (std::ranges::find(keys, key) == keys.end()) {
-            JsonNode(nullptr, Join(path_, key), fault_).Fail("unknown key");
+            member.Fail("unknown key");
         }
     }
 }
 
 JsonNode JsonNode::Optional(std::string_view key) const {
     const json* member = nullptr;
-    if (IsObject()) {
-        const auto found = value_->find(key);
-        member = found == value_->end() ? nullptr : &*found;
+    if (const json* object = ObjectOf(*this); object != nullptr && object->contains(key)) {
+        member = &object->at(key);
     }
     return {member, Join(path_, key), fault_};
 }
@@ -70,9 +65,9 @@ JsonNode JsonNode::Required(std::string_view key) const {
 
 std::vector<JsonNode> JsonNode::Elements() const {
     std::vector<JsonNode> elements;
-    if (Is(&json::is_array, "must be an array")) {
-        for (size_t i = 0; i < value_->size(); ++i) {
-            elements.push_back(JsonNode(&(*value_)[i], path_ + '[' + std::to_string(i) + ']', fault_));
+    if (const json* array = ValueOf(*this, &json::is_array, "must be an array")) {
+        for (const json& element : *array) {
+            elements.push_back({&element, path_ + '[' + std::to_string(elements.size()) + ']', fault_});
         }
     }
     return elements;
@@ -80,8 +75,8 @@ std::vector<JsonNode> JsonNode::Elements() const {
 
 std::vector<std::pair<std::string, JsonNode>> JsonNode::Members() const {
     std::vector<std::pair<std::string, JsonNode>> members;
-    if (IsObject()) {
-        for (const auto& [key, value] : value_->items()) {
+    if (const json* object = ObjectOf(*this)) {
+        for (const auto& [key, value] : object->items()) {
             members.emplace_back(key, JsonNode(&value, Join(path_, key), fault_));
         }
     }
@@ -89,20 +84,23 @@ std::vector<std::pair<std::string, JsonNode>> JsonNode::Members() const {
 }
 
 bool JsonNode::Bool(bool absent) const {
-    return Is(&json::is_boolean, "must be true or false") ? value_->get<bool>() : absent;
+    const json* value = ValueOf(*this, &json::is_boolean, "must be true or false");
+    return value == nullptr ? absent : value->get<bool>();
 }
 
 std::string JsonNode::Text() const {
-    return Is(&json::is_string, "must be a string") ? value_->get<std::string>() : std::string();
+    const json* value = ValueOf(*this, &json::is_string, "must be a string");
+    return value == nullptr ? std::string() : value->get<std::string>();
 }
 
 int64_t JsonNode::Integer(int64_t minimum, int64_t maximum) const {
-    if (!Is(&json::is_number_integer, "must be an integer")) {
+    const json* value = ValueOf(*this, &json::is_number_integer, "must be an integer");
+    if (value == nullptr) {
         return minimum;
     }
     // A number above the signed range comes back negative.
-    const auto number = value_->get<int64_t>();
-    const bool isAboveAll = value_->is_number_unsigned() && number < 0;
+    const auto number = value->get<int64_t>();
+    const bool isAboveAll = value->is_number_unsigned() && number < 0;
     if (isAboveAll || number < minimum || number > maximum) {
         Fail("must lie between " + std::to_string(minimum) + " and " + std::to_string(maximum));
         return minimum;

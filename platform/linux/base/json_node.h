@@ -2,9 +2,11 @@
 
 #include <concepts>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -62,15 +64,28 @@ class JsonNode {
     JsonNode(const nlohmann::json* value, std::string path, std::string* fault)
         : value_(value), path_(std::move(path)), fault_(fault) {}
 
-    // Whether there is a value of that kind to read; one of another kind is a fault.
-    bool Is(bool (nlohmann::json::*isOfKind)() const, std::string_view faultIfNot) const;
-    bool IsObject() const;
     int64_t Integer(int64_t minimum, int64_t maximum) const;
 
     const nlohmann::json* value_;
     std::string path_;
     std::string* fault_;
 };
+
+// What the function makes of each element of an array.
+template <typename Reader>
+auto ReadList(const JsonNode& list, Reader read) {
+    std::vector<std::invoke_result_t<Reader, JsonNode>> values;
+    for (const JsonNode& element : list.Elements()) {
+        values.push_back(std::invoke(read, element));
+    }
+    return values;
+}
+
+// What the function makes of a node that may be absent.
+template <typename Reader>
+auto ReadOptional(const JsonNode& node, Reader read) {
+    return node.IsPresent() ? std::optional(read(node)) : std::nullopt;
+}
 
 // Fails with the reason, line and column of the first syntax error.
 Result<nlohmann::json> ParseJson(std::string_view text);

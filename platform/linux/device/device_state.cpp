@@ -22,15 +22,6 @@ int32_t ReadPid(const JsonNode& entry) {
     return entry.Required("pid").Number<int32_t>(1);
 }
 
-template <typename Reader>
-auto ReadList(const JsonNode& list, Reader read) {
-    std::vector<std::invoke_result_t<Reader, JsonNode>> entries;
-    for (const JsonNode& element : list.Elements()) {
-        entries.push_back(read(element));
-    }
-    return entries;
-}
-
 std::vector<int32_t> ReadPids(const JsonNode& list) {
     return ReadList(list, [](const JsonNode& pid) { return pid.Number<int32_t>(1); });
 }
@@ -75,9 +66,8 @@ DeviceState ReadState(const JsonNode& root) {
     return state;
 }
 
-// The file is read for each question: it has some kilobytes, and few questions are asked for each report.
-// Only its text tells whether it has changed, since two writes in one timer tick can leave the same file
-// times.
+// The file is read for each question: it has some kilobytes, and two writes in one timer tick can leave the
+// same file times, so that only its text tells whether it has changed.
 class DeviceStateFile {
   public:
     std::shared_ptr<const DeviceState> Current(const std::string& path) {

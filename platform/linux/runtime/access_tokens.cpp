@@ -67,12 +67,10 @@ uid_t ReadUid(const JsonNode& entry) {
 
 Token ReadToken(const JsonNode& entry) {
     entry.AllowKeys({"uid", "user", "process_name", "permissions"});
-    Token token{ReadUid(entry), entry.Required("process_name").Text(), {}};
+    Token token{ReadUid(entry), entry.Required("process_name").Text(),
+                ReadList(entry.Optional("permissions"), &JsonNode::Text)};
     if (token.processName.empty()) {
         entry.Optional("process_name").Fail("must not be empty");
-    }
-    for (const JsonNode& permission : entry.Optional("permissions").Elements()) {
-        token.permissions.push_back(permission.Text());
     }
     return token;
 }

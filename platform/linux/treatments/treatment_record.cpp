@@ -1,6 +1,5 @@
 #include "treatments/treatment_record.h"
 
-#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,11 +20,6 @@ using nlohmann::json;
 constexpr const char* kUnifiedName = "unified";
 constexpr const char* kCpuV1Name = "cpu";
 
-json ToJson(const Group& group) {
-    return {{"hierarchy", group.hierarchy == Hierarchy::kUnified ? kUnifiedName : kCpuV1Name},
-            {"path", group.path}};
-}
-
 Group ReadGroup(const JsonNode& node) {
     const std::string name = node.Required("hierarchy").Text();
     if (name != kUnifiedName && name != kCpuV1Name) {
@@ -34,10 +28,8 @@ Group ReadGroup(const JsonNode& node) {
     return {name == kCpuV1Name ? Hierarchy::kCpuV1 : Hierarchy::kUnified, node.Required("path").Text()};
 }
 
-json ToJson(const ChangedGroup& changed) {
-    return {{"group", ToJson(changed.group)},
-            {"previous", changed.previous},
-            {"previous_weight", changed.previousWeight}};
+Placement ReadPlacement(const JsonNode& node) {
+    return {ReadGroup(node.Required("home")), ReadGroup(node.Required("group"))};
 }
 
 ChangedGroup ReadChangedGroup(const JsonNode& node) {
@@ -53,23 +45,6 @@ ChangedGroup ReadChangedGroup(const JsonNode& node) {
     return changed;
 }
 
-std::optional<ChangedGroup> ReadOptionalGroup(const JsonNode& node) {
-    return node.IsPresent() ? std::optional(ReadChangedGroup(node)) : std::nullopt;
-}
-
-json ToJson(const ThreadPolicy& thread) {
-    const SchedulingAttributes& attributes = thread.attributes;
-    return {{"tid", thread.tid},
-            {"start_time", thread.startTime},
-            {"policy", attributes.policy},
-            {"flags", attributes.flags},
-            {"nice", attributes.nice},
-            {"priority", attributes.priority},
-            {"runtime", attributes.runtimeNs},
-            {"deadline", attributes.deadlineNs},
-            {"period", attributes.periodNs}};
-}
-
 ThreadPolicy ReadThreadPolicy(const JsonNode& node) {
     constexpr uint32_t kHighestPriority = 99;
     return {.tid = node.Required("tid").Number<pid_t>(1),
@@ -83,43 +58,17 @@ ThreadPolicy ReadThreadPolicy(const JsonNode& node) {
                            .periodNs = node.Required("period").Number<uint64_t>(0)}};
 }
 
-json ToJson(const SuppressionRecord& suppression) {
-    json threads = json::array();
-    for (const ThreadPolicy& thread : suppression.threads) {
-        threads.push_back(ToJson(thread));
-    }
-    json document{{"threads", std::move(threads)},
-                  {"session", suppression.family.session},
-                  {"process_group", suppression.family.processGroup},
-                  {"since", suppression.family.since}};
-    if (suppression.idleGroup) {
-        document["idle_group"] = ToJson(*suppression.idleGroup);
-    }
-    return document;
-}
-
 SuppressionRecord ReadSuppression(const JsonNode& node) {
-    SuppressionRecord suppression;
-    suppression.idleGroup = ReadOptionalGroup(node.Optional("idle_group"));
-    suppression.family = {.session = node.Required("session").Number<pid_t>(0),
-                          .processGroup = node.Required("process_group").Number<pid_t>(0),
-                          .since = node.Required("since").Number<int64_t>(0)};
-    for (const JsonNode& thread : node.Required("threads").Elements()) {
-        suppression.threads.push_back(ReadThreadPolicy(thread));
-    }
-    return suppression;
-}
-
-json ToJson(const FreezeRecord& freeze) {
-    json document{{"was_stopped", freeze.wasStopped}};
-    if (freeze.frozenGroup) {
-        document["frozen_group"] = ToJson(*freeze.frozenGroup);
-    }
-    return document;
+    return {.idleGroup = ReadOptional(node.Optional("idle_group"), ReadChangedGroup),
+            .threads = ReadList(node.Required("threads"), ReadThreadPolicy),
+            .family = {.session = node.Required("session").Number<pid_t>(0),
+                       .processGroup = node.Required("process_group").Number<pid_t>(0),
+                       .since = node.Required("since").Number<int64_t>(0)}};
 }
 
 FreezeRecord ReadFreeze(const JsonNode& node) {
-    return {ReadOptionalGroup(node.Optional("frozen_group")), node.Required("was_stopped").Bool(false)};
+    return {ReadOptional(node.Optional("frozen_group"), ReadChangedGroup),
+            node.Required("was_stopped").Bool(false)};
 }
 
 TreatmentRecord ReadWholeRecord(const JsonNode& node) {
@@ -130,20 +79,61 @@ TreatmentRecord ReadWholeRecord(const JsonNode& node) {
     record.processName = node.Required("process_name").Text();
     record.hostPid = node.Required("host_pid").Number<pid_t>(0);
     record.hostStartTime = node.Required("host_start_time").Number<int64_t>(0);
-    for (const JsonNode& placement : node.Required("placements").Elements()) {
-        record.placements.push_back(
-            {ReadGroup(placement.Required("home")), ReadGroup(placement.Required("group"))});
-    }
-    if (const JsonNode suppression = node.Optional("suppression"); suppression.IsPresent()) {
-        record.suppression = ReadSuppression(suppression);
-    }
-    if (const JsonNode freeze = node.Optional("freeze"); freeze.IsPresent()) {
-        record.freeze = ReadFreeze(freeze);
-    }
+    record.placements = ReadList(node.Required("placements"), ReadPlacement);
+    record.suppression = ReadOptional(node.Optional("suppression"), ReadSuppression);
+    record.freeze = ReadOptional(node.Optional("freeze"), ReadFreeze);
     return record;
 }
 
+// A part that is absent has no key.
+template <typename Part>
+void Add(json& document, const char* key, const std::optional<Part>& part) {
+    if (part) {
+        document[key] = *part;
+    }
+}
+
 }  // namespace
+
+// The JSON library finds these by their name, in the namespace of what they write.
+
+static void to_json(json& document, const Group& group) {
+    const bool isUnified = group.hierarchy == Hierarchy::kUnified;
+    document = {{"hierarchy", isUnified ? kUnifiedName : kCpuV1Name}, {"path", group.path}};
+}
+
+static void to_json(json& document, const Placement& placement) {
+    document = {{"home", placement.home}, {"group", placement.group}};
+}
+
+static void to_json(json& document, const ChangedGroup& changed) {
+    document = {{"group", changed.group},
+                {"previous", changed.previous},
+                {"previous_weight", changed.previousWeight}};
+}
+
+static void to_json(json& document, const ThreadPolicy& thread) {
+    const auto& [size, policy, flags, nice, priority, runtimeNs, deadlineNs, periodNs] = thread.attributes;
+    document = {{"tid", thread.tid},    {"start_time", thread.startTime},
+                {"policy", policy},     {"flags", flags},
+                {"nice", nice},         {"priority", priority},
+                {"runtime", runtimeNs}, {"deadline", deadlineNs},
+                {"period", periodNs}};
+}
+
+static void to_json(json& document, const SuppressionRecord& suppression) {
+    const auto& [session, processGroup, since] = suppression.family;
+    document = {{"threads", suppression.threads},
+                {"session", session},
+                {"process_group", processGroup},
+                {"since", since}};
+    Add(document, "idle_group", suppression.idleGroup);
+}
+
+static void to_json(json& document, const FreezeRecord& freeze) {
+    document = {{"was_stopped", freeze.wasStopped}};
+    Add(document, "frozen_group", freeze.frozenGroup);
+}
 
 bool TreatmentRecord::IsOfAnotherLivingHost() const {
     if (hostPid == getpid() || bootId != CurrentBootId()) {
@@ -154,6 +144,17 @@ bool TreatmentRecord::IsOfAnotherLivingHost() const {
         return !Is(host.Code(), ESRCH);
     }
     return !host->HasEnded() && host->startTime == hostStartTime;
+}
+
+std::vector<Group> TreatmentRecord::GroupsInUse() const {
+    std::vector<Group> groups;
+    if (suppression && suppression->idleGroup) {
+        groups.push_back(suppression->idleGroup->group);
+    }
+    if (freeze && freeze->frozenGroup) {
+        groups.push_back(freeze->frozenGroup->group);
+    }
+    return groups;
 }
 
 std::string CurrentBootId() {
@@ -171,20 +172,12 @@ TreatmentRecord RecordOfThisHost() {
 }
 
 std::string WriteRecord(const TreatmentRecord& record) {
-    json placements = json::array();
-    for (const Placement& placement : record.placements) {
-        placements.push_back({{"home", ToJson(placement.home)}, {"group", ToJson(placement.group)}});
-    }
-    json document{{"boot_id", record.bootId},           {"pid", record.pid},
-                  {"start_time", record.startTime},     {"process_name", record.processName},
-                  {"host_pid", record.hostPid},         {"host_start_time", record.hostStartTime},
-                  {"placements", std::move(placements)}};
-    if (record.suppression) {
-        document["suppression"] = ToJson(*record.suppression);
-    }
-    if (record.freeze) {
-        document["freeze"] = ToJson(*record.freeze);
-    }
+    json document{{"boot_id", record.bootId},       {"pid", record.pid},
+                  {"start_time", record.startTime}, {"process_name", record.processName},
+                  {"host_pid", record.hostPid},     {"host_start_time", record.hostStartTime},
+                  {"placements", record.placements}};
+    Add(document, "suppression", record.suppression);
+    Add(document, "freeze", record.freeze);
     return document.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
@@ -193,14 +186,11 @@ Result<TreatmentRecord> ReadRecord(const std::string& text) {
 }
 
 bool GroupsArePlausible(const TreatmentRecord& record, const Cgroups& cgroups) {
-    const bool placementsFit = std::ranges::all_of(record.placements, [&](const Placement& placement) {
+    const auto fits = [&](const Placement& placement) {
         return cgroups.IsBelowRoot(placement.group) && placement.group == record.GroupBelow(placement.home);
-    });
-    const auto isBelow = [&](const std::optional<ChangedGroup>& changed) {
-        return !changed || cgroups.IsBelowRoot(changed->group);
     };
-    return placementsFit && (!record.suppression || isBelow(record.suppression->idleGroup)) &&
-           (!record.freeze || isBelow(record.freeze->frozenGroup));
+    const auto isBelow = [&](const Group& group) { return cgroups.IsBelowRoot(group); };
+    return std::ranges::all_of(record.placements, fits) && std::ranges::all_of(record.GroupsInUse(), isBelow);
 }
 
 }  // namespace KITE::Linux

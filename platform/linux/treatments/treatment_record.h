@@ -55,6 +55,8 @@ struct TreatmentRecord {
     bool IsEmpty() const { return placements.empty() && !suppression && !freeze && !cleanupError; }
     // Whether another host made the record and lives. Also true when that cannot be known.
     bool IsOfAnotherLivingHost() const;
+    // Those in which a value is changed.
+    std::vector<Group> GroupsInUse() const;
     // Names the record's file and the groups made for the process.
     std::string Key() const { return std::to_string(pid) + "-" + std::to_string(startTime); }
     Group GroupBelow(const Group& home) const { return {home.hierarchy, home.path + "/kite-" + Key()}; }
