@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <concepts>
-#include <cstddef>
 #include <utility>
 
 #include "visibility.h"
@@ -40,7 +39,6 @@ template <typename T>
 class sptr {
   public:
     sptr() noexcept = default;
-    sptr(std::nullptr_t) noexcept {}
     sptr(T* object) noexcept : object_(object) { Inc(); }
     sptr(const sptr& other) noexcept : object_(other.object_) { Inc(); }
     sptr(sptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
@@ -67,7 +65,6 @@ class sptr {
     T& operator*() const noexcept { return *object_; }
     explicit operator bool() const noexcept { return object_ != nullptr; }
     bool operator==(const sptr& other) const noexcept { return object_ == other.object_; }
-    bool operator==(std::nullptr_t) const noexcept { return object_ == nullptr; }
 
   private:
     void Inc() const noexcept {

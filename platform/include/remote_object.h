@@ -52,8 +52,10 @@ class KITE_API IPCObjectStub : public IRemoteObject {
     bool IsSerialInvoke() const noexcept { return serialInvoke_; }
 
     // The default handling, for codes that an interface does not know: ERR_UNKNOWN_CODE, nothing written.
-    virtual int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
-                                    MessageOption& option);
+    virtual int32_t OnRemoteRequest(uint32_t /*code*/, MessageParcel& /*data*/, MessageParcel& /*reply*/,
+                                    MessageOption& /*option*/) {
+        return ERR_UNKNOWN_CODE;
+    }
 
     // A call from within the process goes straight to OnRemoteRequest.
     int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
@@ -61,7 +63,7 @@ class KITE_API IPCObjectStub : public IRemoteObject {
         return OnRemoteRequest(code, data, reply, option);
     }
     // Writes nothing unless overridden.
-    int32_t Dump(int fd, const std::vector<std::u16string>& args) override;
+    int32_t Dump(int /*fd*/, const std::vector<std::u16string>& /*args*/) override { return ERR_NONE; }
 
   private:
     const std::u16string descriptor_;

@@ -37,7 +37,7 @@ struct Site {
 };
 
 // Lines below this level are not written. The program that owns the process sets it.
-KITE_API extern std::atomic<Level> minimumLevel;
+KITE_API inline constinit std::atomic<Level> minimumLevel{Level::kInfo};
 
 inline bool IsLoggable(Level level) {
     return level >= minimumLevel.load(std::memory_order_relaxed);
@@ -64,22 +64,16 @@ consteval Text<N> UnitName(const char (&path)[N]) {
     return unit;
 }
 
-template <typename T>
-consteval std::string_view ConversionOf() {
-    if constexpr (std::is_same_v<T, const char*> || std::is_same_v<T, char*>) {
-        return "s";
-    } else if constexpr (std::is_same_v<T, int>) {
-        return "d";
-    } else if constexpr (std::is_same_v<T, unsigned>) {
-        return "u";
-    } else if constexpr (std::is_same_v<T, long>) {
-        return "ld";
-    } else if constexpr (std::is_same_v<T, unsigned long>) {
-        return "lu";
-    } else {
-        return "";
-    }
-}
+// How an argument is converted, by a pointer to its type; empty where it cannot be.
+struct Conversion {
+    static consteval std::string_view Of(const void*) { return ""; }
+    static consteval std::string_view Of(const char**) { return "s"; }
+    static consteval std::string_view Of(char**) { return "s"; }
+    static consteval std::string_view Of(int*) { return "d"; }
+    static consteval std::string_view Of(unsigned*) { return "u"; }
+    static consteval std::string_view Of(long*) { return "ld"; }
+    static consteval std::string_view Of(unsigned long*) { return "lu"; }
+};
 
 // A function type stands for the list of argument types, so that no argument is evaluated.
 template <typename... Args>
@@ -92,7 +86,7 @@ Arguments<std::decay_t<Args>...> ArgumentsOf(Args&&...);
 template <size_t N, typename... Args>
 consteval Text<N> PrintfFormat(const char (&marked)[N], Arguments<Args...>) {
     constexpr std::string_view kMark = "{public}";
-    constexpr std::string_view kConversions[] = {ConversionOf<Args>()..., ""};
+    constexpr std::string_view kConversions[] = {Conversion::Of(static_cast<Args*>(nullptr))..., ""};
     const std::string_view from(marked, N - 1);
     Text<N> format;
     size_t length = 0;

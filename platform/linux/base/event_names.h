@@ -2,8 +2,7 @@
 
 #include <string_view>
 
-// The events that the platform records (docs/linux.md has their items). The service's own is PROCESS_KILL in
-// the domain FRAMEWORK.
+// The events that the platform records; docs/linux.md has their items, and the service's own event.
 namespace KITE::Linux::EventName {
 
 inline constexpr std::string_view kDomain = "KITE";

@@ -4,9 +4,8 @@
 
 namespace KITE::Linux {
 
-// A static object that is never destroyed. Threads still log and record events while the process runs its
-// exit handlers, and load-time initialisers do so before main: declared static within a function, it works
-// for both.
+// An object that is never destroyed, to be declared static within a function: threads log and record events
+// while the process runs its exit handlers, and load-time initialisers do so before main.
 template <typename T>
 union Immortal {
     template <typename... Args>

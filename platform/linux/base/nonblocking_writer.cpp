@@ -43,8 +43,7 @@ Result<size_t> Counted(ssize_t written) {
     return written < 0 ? size_t{0} : static_cast<size_t>(written);
 }
 
-// Zero when a write would succeed at least in part. Asking first also spares the process the SIGPIPE of a
-// pipe without a reader.
+// Zero when some bytes can be written. A pipe without a reader gives EPIPE here, and no SIGPIPE.
 std::error_code Readiness(int fd) {
     pollfd waiting{fd, POLLOUT, 0};
     if (poll(&waiting, 1, 0) < 0) {

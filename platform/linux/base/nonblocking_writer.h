@@ -10,25 +10,23 @@
 namespace KITE::Linux {
 
 // Writes to a descriptor that another process gave us or shares with us, and waits for its reader no longer
-// than it is told to. (WriteAll in base/file.h is for our own descriptors and waits as they do.) Whether
-// writes to an open file wait is a flag of the file, which all its users share; it is therefore left as it
-// is. Instead:
+// than it is told to. Whether writes wait is a flag of the open file, which all its users share, so that is
+// left as it is. Instead:
 //
 //   sockets    are sent to with MSG_DONTWAIT;
-//   pipes      are given pages with vmsplice, which takes a flag for the one call (opening the pipe again is
-//              forbidden to a process of another uid, and writing to a pipe takes RWF_NOWAIT only since
-//              Linux 6.5);
+//   pipes      are given pages with vmsplice, which takes a flag for the one call (a process of another uid
+//              may not open a pipe again, and a write to one takes such a flag only since Linux 6.5);
 //   terminals  are opened again with a flag of our own;
-//   files      and /dev/null and its like are written plainly, since they have no reader; a file in a file
-//              system that a process or another machine serves may make us wait;
+//   files      and /dev/null and its like have no reader and are written plainly; a file system that a
+//              process or another machine serves may make us wait;
 //   all else   is refused with EINVAL.
 //
 // For one thread at a time. The descriptor stays the caller's.
 class NonblockingWriter {
   public:
-    // What to do with a descriptor that may make us wait after all: a file that is served elsewhere, and the
-    // terminal of another user, which we may not open again. kRefuse refuses it. kWrite writes to it; to the
-    // terminal in small pieces when it is ready, so that we wait only if it is stopped in the same moment.
+    // What to do with a file that is served elsewhere, and with a terminal that we may not open again, since
+    // both may make us wait. kWrite writes to a terminal in small pieces when it is ready, so that we wait
+    // only if it is stopped in the same moment.
     enum class Doubtful { kRefuse, kWrite };
 
     NonblockingWriter(int fd, Doubtful doubtful);
@@ -38,8 +36,7 @@ class NonblockingWriter {
     std::error_code WriteUntil(std::chrono::steady_clock::time_point deadline, std::string_view& text);
 
   private:
-    // Writes a beginning of the text and returns how many bytes of it; EAGAIN when nothing can be written
-    // now.
+    // Returns how many bytes of the text's beginning it has written; EAGAIN when it cannot now.
     using Write = Result<size_t> (*)(int fd, std::string_view text);
 
     Result<Write> Choose(Doubtful doubtful);

@@ -35,10 +35,8 @@ class Failure {
   public:
     // NOLINTNEXTLINE(google-explicit-constructor): a failed call is returned as it is.
     Failure(std::error_code code) : code_(code) {}
-    // No system call failed; the reason in words.
-    explicit Failure(std::string reason) : words_(std::move(reason)) {}
-    // What was done, and the error that it met: "what: error".
-    Failure(std::string what, std::error_code code) : code_(code), words_(std::move(what)) {}
+    // The reason, or what was done, and the error that it met if a system call failed: "what: error".
+    explicit Failure(std::string words, std::error_code code = {}) : code_(code), words_(std::move(words)) {}
 
     // Zero where no system call failed.
     const std::error_code& Code() const noexcept { return code_; }

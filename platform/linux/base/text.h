@@ -12,8 +12,7 @@ namespace KITE::Linux {
 // A number of decimal digits, with a minus before it at most. Absent for anything else and when out of range.
 std::optional<int64_t> ParseDecimal(std::string_view text);
 
-// A text that others chose, fit for a log line: a byte that is not printable ASCII becomes '?', and a text is
-// cut at 256 bytes.
+// Of a text that others chose, at most 256 bytes, fit for a log line: what is not printable ASCII is a '?'.
 std::string Printable(std::string_view text);
 
 // The pieces between the separators; a separator at the end is followed by no piece.

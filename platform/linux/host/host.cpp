@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <utility>
 
 #include "host/treatments_object.h"
 #include "ipc/ability_registry.h"

@@ -6,26 +6,19 @@
 
 namespace KITE::Linux {
 
-// The options by which a program is told where its files and its bus are; environment variables stand in for
-// them.
+// Where a program's files and its bus are: options, for which environment variables stand in.
 inline void AddSettingsOptions(CLI::App& app, Settings& settings) {
-    app.add_option("--etc", settings.etcDirectory, "directory of the platform's configuration")
-        ->envname("KITE_ETC")
-        ->capture_default_str()
-        ->take_last();
-    app.add_option("--state", settings.stateDirectory, "directory of the platform's state")
-        ->envname("KITE_STATE")
-        ->capture_default_str()
-        ->take_last();
-    app.add_option(
-           "--run", settings.runDirectory,
-           "directory of the records of what is treated now; /run/kite if that is there, else the state "
-           "directory")
-        ->envname("KITE_RUN")
-        ->take_last();
-    app.add_option("--bus", settings.busAddress, "address of the bus; the system bus if not given")
-        ->envname("KITE_BUS")
-        ->take_last();
+    const auto add = [&app](const char* name, const char* variable, std::string& value, const char* what) {
+        return app.add_option(name, value, what)->envname(variable)->take_last();
+    };
+    add("--etc", "KITE_ETC", settings.etcDirectory, "directory of the platform's configuration")
+        ->capture_default_str();
+    add("--state", "KITE_STATE", settings.stateDirectory, "directory of the platform's state")
+        ->capture_default_str();
+    add("--run", "KITE_RUN", settings.runDirectory,
+        "directory of the records of what is treated now; /run/kite if that is there, else the state "
+        "directory");
+    add("--bus", "KITE_BUS", settings.busAddress, "address of the bus; the system bus if not given");
 }
 
 }  // namespace KITE::Linux

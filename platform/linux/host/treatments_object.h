@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <optional>
 
 #include "ipc/caller_uids.h"
 #include "ipc/handles.h"
@@ -27,9 +26,8 @@ class Treatments;
 //   Release(i pid)
 //       See Treatments::Release. Errors: kNotTreatedError, kNoSuchProcessError, kNotReleasedError.
 //
-// Both need the permission kManagePermission of the caller's token; List is content with kReadPermission.
-// Otherwise, and for a caller that the bus does not vouch for, AccessDenied. Treatments may take time, so the
-// work is done by a task.
+// The caller's token needs kManagePermission; for List, kReadPermission will do. Otherwise, and for a caller
+// that the bus does not vouch for, AccessDenied. A task does the work, since treatments may take time.
 class TreatmentsObject {
   public:
     static constexpr const char* kManagePermission = "kite.permission.MANAGE_TREATMENTS";
@@ -41,8 +39,7 @@ class TreatmentsObject {
     // Must outlive the bus's serving thread and the tasks.
     TreatmentsObject(ServingThread& thread, Treatments& treatments);
 
-    // From then until Withdraw the object is there; what waits then gets an error. Not without a bus. Host's
-    // thread.
+    // The object is there until Withdraw; what waits then gets an error. With a bus. Host's thread.
     void Serve();
     void Withdraw();
 

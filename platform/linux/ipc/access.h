@@ -14,8 +14,7 @@ namespace KITE::Linux {
 
 // The sender's unique bus name.
 KITE_API std::string CallerName();
-// The sender's effective uid as the bus vouches for it (CallerUids); absent when the sender has gone or the
-// bus did not tell.
+// The effective uid that the bus vouches for; absent when the sender has gone or the bus did not tell.
 KITE_API std::optional<uid_t> CallerUid();
 // Whether the token of that uid has the permission; false without a uid.
 bool HasPermission(std::optional<uid_t> caller, const char* permission);

@@ -20,10 +20,6 @@ std::array<std::string, 3> ProtectedNames() {
 
 }  // namespace
 
-void Availability::Begin() {
-    callbacks_.emplace(1);
-}
-
 void Availability::FollowProtected() {
     for (const std::string& name : ProtectedNames()) {
         Follow(name);
@@ -66,8 +62,7 @@ std::optional<std::vector<pid_t>> Availability::ProtectedPids() const {
     return pids;
 }
 
-// The watch first, then the look-up: the watch tells what changes between them, and the look-up's answer then
-// repeats what is known.
+// The watch first, then the look-up, so that no change between them is missed.
 void Availability::Follow(const std::string& name) {
     {
         const std::lock_guard lock(mutex_);

@@ -26,15 +26,14 @@ class KITE_API Availability {
     explicit Availability(ServingThread& thread) : thread_(thread) {}
 
     // Starts the callback thread. Before the serving thread starts.
-    void Begin();
+    void Begin() { callbacks_.emplace(1); }
     // Asks for what ProtectedPids tells. Once the serving thread has started, on it.
     void FollowProtected();
     // Forgets everything. Serving thread, before the connection is closed.
     void Clear();
 
-    // Calls the listener on the callback thread, one call at a time, whenever the ability comes or goes, and
-    // at once if it is there. A new owner is a removal and an addition. False when the bus is not there. Any
-    // thread.
+    // Calls the listener on the callback thread, one call at a time, when the ability comes or goes, and at
+    // once if it is there. A new owner is a removal and an addition. False without a bus. Any thread.
     bool Listen(int32_t abilityId, Listener listener);
     // Ends the callback thread: no listener runs afterwards. Not on that thread.
     void StopCallbacks();

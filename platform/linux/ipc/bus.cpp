@@ -17,10 +17,6 @@ Bus::Bus()
       abilities_(thread_),
       objects_(thread_) {}
 
-Bus::~Bus() {
-    Stop();
-}
-
 std::error_code Bus::Start(const std::string& address, std::function<void()> lost) {
     objects_.Begin();
     abilities_.Begin();

@@ -9,22 +9,18 @@
 
 namespace KITE::Linux {
 
-// This process on the message bus: the thread that serves it, the objects that it offers there, and what it
-// knows of the abilities of others.
+// This process on the message bus: its serving thread, its objects, and what it knows of others' abilities.
 class KITE_API Bus {
   public:
     // The process's own; others exist in tests only.
     static Bus& Instance();
 
     Bus();
-    ~Bus();
-    Bus(const Bus&) = delete;
-    Bus& operator=(const Bus&) = delete;
+    ~Bus() { Stop(); }
 
-    // Connects to the address, the system bus when it is empty, and starts the threads; also again, after
-    // Stop. `lost` is called once, on the serving thread, when the bus goes away. Fails when the bus cannot
-    // be reached or refuses the user.
-    std::error_code Start(const std::string& address, std::function<void()> lost = nullptr);
+    // See ServingThread::Start; also starts the other threads. May be called again after Stop.
+    std::error_code Start(
+        const std::string& address, std::function<void()> lost = [] {});
 
     // Withdraws the objects, waits for a dump that is being written and ends the calls of listeners. Requests
     // that still wait get an error. Calls to others go on working. Not on the serving thread.

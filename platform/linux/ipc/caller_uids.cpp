@@ -1,7 +1,6 @@
 #include "ipc/caller_uids.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "ipc/limits.h"
 #include "ipc/outgoing_call.h"
@@ -50,9 +49,8 @@ void CallerUids::TakeAnswer(const std::string& sender, std::optional<uid_t> uid)
     }
 }
 
-// While the question is open the entry stays for those who wait. The daemon does what it is asked in order:
-// it tells of the departure before it answers only if it does not find the sender any more, and that answer
-// drops the entry.
+// While the question is open the entry stays for those who wait. If the sender leaves before the daemon
+// answers, the answer has no uid and drops the entry.
 void CallerUids::Forget(const std::string& sender) {
     const auto found = entries_.find(sender);
     if (found != entries_.end() && found->second.uid) {

@@ -25,9 +25,8 @@ class CallerUids {
     // `gone` is called when a sender whose uid is kept leaves the bus.
     CallerUids(ServingThread& thread, Gone gone) : thread_(thread), gone_(std::move(gone)) {}
 
-    // Calls `receive` exactly once: at once when the uid is kept, else when the daemon has answered. Calls
-    // for one sender come in the order of the questions. No uid when the sender has gone or the daemon does
-    // not tell.
+    // Calls `receive` exactly once: at once when the uid is kept, else when the daemon has answered, in the
+    // order of the questions. No uid when the sender has gone or the daemon does not tell.
     void Find(const std::string& sender, Receiver receive);
     // Answers every open question with no uid, and forgets everything.
     void Clear();

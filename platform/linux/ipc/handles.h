@@ -18,15 +18,13 @@ struct Releaser {
     }
 };
 
-// The libraries' reference counts are not atomic: a handle is made, copied and dropped on the thread that
-// owns the connection.
+// Made and dropped on the thread that owns the connection: the libraries' reference counts are not atomic.
 using BusHandle = std::unique_ptr<sd_bus, Releaser<sd_bus_flush_close_unref>>;
 using MessageHandle = std::unique_ptr<sd_bus_message, Releaser<sd_bus_message_unref>>;
 using SlotHandle = std::unique_ptr<sd_bus_slot, Releaser<sd_bus_slot_unref>>;
 using EventHandle = std::unique_ptr<sd_event, Releaser<sd_event_unref>>;
 
-// Makes calls of these libraries one after another. Returns the error of the first one that fails; those
-// behind it are not made.
+// Makes calls of these libraries until one fails, and returns its error.
 template <typename... Calls>
 std::error_code InOrder(Calls&&... calls) {
     int result = 0;

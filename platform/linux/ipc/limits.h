@@ -7,15 +7,13 @@
 namespace KITE::Linux {
 
 // The daemon ends the connection of a client that sends a message of more than 32 MiB (its max_message_size),
-// so a parcel is refused before it is sent. A header is far below the 64 KiB left for it: a path and five
-// names.
+// so a larger parcel is not sent. 64 KiB are far more than a header takes.
 inline constexpr size_t kMaxParcelSize = (size_t{32} << 20) - (size_t{64} << 10);
 
 // How long a caller waits for an answer.
 inline constexpr std::chrono::seconds kCallTimeout{5};
 
-// Requests that have come and are not answered, of all senders. Beyond either number a request is refused: a
-// sender may go on sending while a dump keeps its object busy.
+// Requests of all senders that are not answered. Beyond either number a request is refused.
 inline constexpr size_t kMaxRequests = 256;
 inline constexpr size_t kMaxRequestBytes = size_t{64} << 20;
 

@@ -8,7 +8,6 @@
 
 #include "ipc/wire.h"
 #include "runtime/guard.h"
-#include "runtime/platform_log.h"
 
 namespace KITE::Linux {
 
@@ -33,35 +32,33 @@ class PendingCall {
             RunGuarded("the receiver of a reply", [&] { done(status, reply); });
         }
     }
-    int32_t StatusOfError(sd_bus_message* reply) const;
+    int32_t StatusOfError(const char* name) const {
+        if (std::ranges::find(kGoneErrors, name) != kGoneErrors.end()) {
+            return ERR_DEAD_OBJECT;
+        }
+        // The daemon gives no reply when the callee leaves, the library when the time is over or the bus has
+        // gone; only the clock tells these apart.
+        const bool isLate = std::chrono::steady_clock::now() - begin_ >= kCallTimeout;
+        if (name == std::string_view(SD_BUS_ERROR_NO_REPLY)) {
+            return isLate ? ERR_TIMED_OUT : ERR_DEAD_OBJECT;
+        }
+        if (name == std::string_view(SD_BUS_ERROR_TIMEOUT)) {
+            return ERR_TIMED_OUT;
+        }
+        PLATFORM_LOGE("the bus refuses a call: %{public}s", name);
+        return ERR_REFUSED;
+    }
 
   private:
     const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
     CallDone done_;
 };
 
-int32_t PendingCall::StatusOfError(sd_bus_message* reply) const {
-    const std::string_view name = sd_bus_message_get_error(reply)->name;
-    if (std::ranges::find(kGoneErrors, name) != kGoneErrors.end()) {
-        return ERR_DEAD_OBJECT;
-    }
-    if (name == SD_BUS_ERROR_TIMEOUT) {
-        return ERR_TIMED_OUT;
-    }
-    // The daemon says so when the callee leaves, the library when the time is over or the bus has gone; only
-    // the clock tells these apart.
-    if (name == SD_BUS_ERROR_NO_REPLY) {
-        const bool isLate = std::chrono::steady_clock::now() - begin_ >= kCallTimeout;
-        return isLate ? ERR_TIMED_OUT : ERR_DEAD_OBJECT;
-    }
-    PLATFORM_LOGE("the bus refuses a call: %{public}s", std::string(name).c_str());
-    return ERR_REFUSED;
-}
-
-int OnReply(sd_bus_message* message, void* pending, sd_bus_error* /*error*/) {
+int OnReply(sd_bus_message* message, void* pending, sd_bus_error* /*unused*/) {
     auto& call = *static_cast<PendingCall*>(pending);
-    const bool isError = sd_bus_message_is_method_error(message, nullptr) > 0;
-    call.Finish(isError ? call.StatusOfError(message) : ERR_NONE, isError ? nullptr : message);
+    const sd_bus_error* error = sd_bus_message_get_error(message);
+    call.Finish(error == nullptr ? ERR_NONE : call.StatusOfError(error->name),
+                error == nullptr ? message : nullptr);
     return 1;
 }
 

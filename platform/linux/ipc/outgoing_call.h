@@ -22,8 +22,7 @@ using CallDone = std::function<void(int32_t status, sd_bus_message* reply)>;
 // Makes a call on the serving thread; null when it cannot be made.
 using CallMaker = std::function<MessageHandle(sd_bus*)>;
 
-// A method call to be filled in; null when there is no connection, or a name or the path is not valid. On the
-// serving thread.
+// A method call to be filled in; null without a connection or a valid name and path. On the serving thread.
 KITE_API MessageHandle NewCall(sd_bus* connection, const std::string& destination, const std::string& path,
                                const std::string& interface, const std::string& member);
 // A call of the daemon about a bus name.

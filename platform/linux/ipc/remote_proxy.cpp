@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <span>
-#include <utility>
 
 #include "base/unique_fd.h"
 #include "ipc/bus.h"

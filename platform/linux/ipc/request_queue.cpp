@@ -3,7 +3,6 @@
 #include <fcntl.h>
 
 #include <asio/post.hpp>
-#include <utility>
 
 #include "base/unique_fd.h"
 #include "ipc/limits.h"

@@ -23,14 +23,11 @@ struct RequestLoad {
     size_t bytes = 0;  // of transactions
 };
 
-// A call of one of our objects by another process, a transaction or a dump. Belongs to the serving thread, as
-// its message does.
+// Another process's call of one of our objects, a transaction or a dump. Belongs to the serving thread.
 class Request {
   public:
     // Counts in the load, as long as it lives.
     Request(sd_bus_message* message, RequestLoad& load);
-    Request(const Request&) = delete;
-    Request& operator=(const Request&) = delete;
     ~Request();
 
     // Takes the arguments out of the message. False when it has others, or more than a dump takes.

@@ -16,13 +16,27 @@ namespace {
 
 thread_local const ServingThread* current = nullptr;
 
+std::error_code Connect(const std::string& address, BusHandle& connection) {
+    sd_bus* bus = nullptr;
+    const std::error_code error =
+        address.empty()
+            ? InOrder([&] { return sd_bus_open_system(&bus); })
+            : InOrder([&] { return sd_bus_new(&bus); },
+                      [&] { return sd_bus_set_address(bus, address.c_str()); },
+                      [&] { return sd_bus_set_bus_client(bus, 1); }, [&] { return sd_bus_start(bus); });
+    connection.reset(bus);
+    // The bus has accepted us once it has given us a name; this waits for that.
+    const char* uniqueName = nullptr;
+    return error ? error : InOrder([&] { return sd_bus_get_unique_name(bus, &uniqueName); });
+}
+
 }  // namespace
 
 ServingThread::ServingThread(Work closing)
     : closing_(std::move(closing)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 std::error_code ServingThread::Start(const std::string& address, Work lost) {
-    std::error_code error = Connect(address);
+    std::error_code error = Connect(address, connection_);
     if (!error) {
         error = PrepareLoop();
     }
@@ -38,20 +52,6 @@ std::error_code ServingThread::Start(const std::string& address, Work lost) {
     }
     thread_ = std::thread([this] { Serve(); });
     return {};
-}
-
-std::error_code ServingThread::Connect(const std::string& address) {
-    sd_bus* bus = nullptr;
-    const std::error_code error =
-        address.empty()
-            ? InOrder([&] { return sd_bus_open_system(&bus); })
-            : InOrder([&] { return sd_bus_new(&bus); },
-                      [&] { return sd_bus_set_address(bus, address.c_str()); },
-                      [&] { return sd_bus_set_bus_client(bus, 1); }, [&] { return sd_bus_start(bus); });
-    connection_.reset(bus);
-    // The bus has accepted us once it has given us a name; this waits for that.
-    const char* uniqueName = nullptr;
-    return error ? error : InOrder([&] { return sd_bus_get_unique_name(bus, &uniqueName); });
 }
 
 // Slots and sources that are not asked for live as long as the connection and the loop.
@@ -100,9 +100,7 @@ void ServingThread::LoseBus() {
         return;
     }
     PLATFORM_LOGE("the connection to the bus is lost");
-    if (lost_) {
-        RunGuarded("the handler of a lost bus", lost_);
-    }
+    RunGuarded("the handler of a lost bus", lost_);
 }
 
 // Pending calls end while the connection goes; what their receivers do then must not find it any more.
@@ -125,7 +123,6 @@ void ServingThread::Stop() {
         }
     }
     thread_.join();
-    lost_ = nullptr;
 }
 
 bool ServingThread::Post(Work work) {

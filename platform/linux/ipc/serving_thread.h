@@ -27,12 +27,9 @@ class KITE_API ServingThread {
   public:
     using Work = std::function<void()>;
 
-    // `closing` runs as the last work before the connection is closed: what holds a part of the connection
-    // drops it then.
+    // `closing` runs last before the connection is closed, to drop what holds a part of the connection.
     explicit ServingThread(Work closing);
     ~ServingThread() { Stop(); }
-    ServingThread(const ServingThread&) = delete;
-    ServingThread& operator=(const ServingThread&) = delete;
 
     // Connects to the address, the system bus when it is empty, and starts the thread. `lost` is called once,
     // on this thread, when the bus goes away. Fails when the bus cannot be reached or refuses the user.
@@ -42,15 +39,12 @@ class KITE_API ServingThread {
     // without an answer end with ERR_DEAD_OBJECT. Does nothing when the thread does not run. Another thread.
     void Stop();
 
-    // Runs the work on this thread, after what was posted before. False, with the work dropped, when the
-    // thread does not run. Any thread.
+    // Runs the work after what was posted before. False, with the work dropped, without a thread. Any thread.
     bool Post(Work work);
 
-    // Runs the work on this thread and waits until it has run. False when the thread does not run. Any
-    // thread, this one included.
+    // Likewise, and waits until it has run. At once on this thread itself.
     bool Run(const Work& work);
 
-    // Whether the caller is on this thread.
     bool IsCurrent() const;
 
     // True from Start until the bus is lost or the thread stops. Any thread.
@@ -60,7 +54,6 @@ class KITE_API ServingThread {
     sd_bus* Connection() const { return connection_.get(); }
 
   private:
-    std::error_code Connect(const std::string& address);
     std::error_code PrepareLoop();
     void Serve();
     void RunPosted();

@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cerrno>
 

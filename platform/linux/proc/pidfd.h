@@ -17,8 +17,7 @@ namespace KITE::Linux {
 using ProcessKey = std::pair<pid_t, int64_t>;
 using ProcessKeys = std::set<ProcessKey>;
 
-// A pidfd of the process that bears the pid and started at that time. ESRCH when there is none such, another
-// error when that cannot be known.
+// Of the process that bears the pid and started then. ESRCH without one; else it cannot be known.
 Result<UniqueFd> OpenProcess(pid_t pid, int64_t startTime);
 
 // Whether the process that a pidfd names has ended.

@@ -10,18 +10,19 @@ namespace KITE::Linux {
 
 namespace {
 
-constexpr uint32_t kKernelThreadFlag = 0x00200000;
 constexpr size_t kStatLimit = 4096;
 
 // Numbers of fields, as proc(5) counts them.
-constexpr size_t kStateField = 3;
-constexpr size_t kParentField = 4;
-constexpr size_t kProcessGroupField = 5;
-constexpr size_t kSessionField = 6;
-constexpr size_t kFlagsField = 9;
-constexpr size_t kUserTimeField = 14;
-constexpr size_t kSystemTimeField = 15;
-constexpr size_t kStartTimeField = 22;
+enum Field : size_t {
+    kState = 3,
+    kParent,
+    kProcessGroup,
+    kSession,
+    kFlags = 9,
+    kUserTime = 14,
+    kSystemTime,
+    kStartTime = 22
+};
 
 Result<ProcessStat> ReadStat(const std::string& path) {
     const Result<std::string> text = ReadFile(path, kStatLimit);
@@ -34,10 +35,6 @@ Result<ProcessStat> ReadStat(const std::string& path) {
 
 }  // namespace
 
-bool ProcessStat::IsKernelThread() const {
-    return (flags & kKernelThreadFlag) != 0;
-}
-
 std::optional<ProcessStat> ParseProcessStat(std::string_view text) {
     // The command name in parentheses may hold blanks and parentheses of its own.
     const size_t nameEnd = text.rfind(") ");
@@ -46,8 +43,8 @@ std::optional<ProcessStat> ParseProcessStat(std::string_view text) {
     }
     text.remove_prefix(nameEnd + 2);
     const char state = text.empty() ? '\0' : text.front();
-    std::array<std::optional<int64_t>, kStartTimeField + 1> numbers;
-    for (size_t field = kStateField; field <= kStartTimeField; ++field) {
+    std::array<std::optional<int64_t>, kStartTime + 1> numbers;
+    for (size_t field = kState; field <= kStartTime; ++field) {
         const size_t end = text.find(' ');
         if (end == std::string_view::npos) {
             return std::nullopt;
@@ -55,7 +52,7 @@ std::optional<ProcessStat> ParseProcessStat(std::string_view text) {
         numbers[field] = ParseDecimal(text.substr(0, end));
         text.remove_prefix(end + 1);
     }
-    for (const size_t field : {kFlagsField, kUserTimeField, kSystemTimeField, kStartTimeField}) {
+    for (const size_t field : {kFlags, kUserTime, kSystemTime, kStartTime}) {
         if (numbers[field].value_or(-1) < 0) {
             return std::nullopt;
         }
@@ -63,12 +60,12 @@ std::optional<ProcessStat> ParseProcessStat(std::string_view text) {
     // A process that is being collected has no parent, group and session any more.
     const auto pidOf = [&](size_t field) { return static_cast<pid_t>(numbers[field].value_or(0)); };
     return ProcessStat{.state = state,
-                       .parent = pidOf(kParentField),
-                       .processGroup = pidOf(kProcessGroupField),
-                       .session = pidOf(kSessionField),
-                       .flags = static_cast<uint32_t>(*numbers[kFlagsField]),
-                       .cpuTicks = *numbers[kUserTimeField] + *numbers[kSystemTimeField],
-                       .startTime = *numbers[kStartTimeField]};
+                       .parent = pidOf(kParent),
+                       .processGroup = pidOf(kProcessGroup),
+                       .session = pidOf(kSession),
+                       .flags = static_cast<uint32_t>(*numbers[kFlags]),
+                       .cpuTicks = *numbers[kUserTime] + *numbers[kSystemTime],
+                       .startTime = *numbers[kStartTime]};
 }
 
 Result<ProcessStat> ReadProcessStat(pid_t pid) {

@@ -23,7 +23,7 @@ struct ProcessStat {
     bool IsStopped() const { return state == 'T'; }
     // The process runs no more, though its parent has not collected its status yet.
     bool HasEnded() const { return state == 'Z' || state == 'X'; }
-    bool IsKernelThread() const;
+    bool IsKernelThread() const { return (flags & 0x00200000U) != 0; }  // PF_KTHREAD
 };
 
 // Absent for what the kernel does not write.

@@ -6,8 +6,7 @@
 #include <string>
 #include <string_view>
 
-// What a process executes, and the names that its command line gives it. A process chooses its arguments: a
-// name proves nothing. Any thread.
+// What a process executes, and its names, which prove nothing: a process chooses its arguments. Any thread.
 namespace KITE::Linux {
 
 // Enough for the first 4095 bytes of a command line; a longer first argument gives no name.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "base/event_names.h"
 #include "base/file_names.h"

@@ -14,17 +14,6 @@
 
 namespace KITE::Linux {
 
-namespace {
-
-// A hundred years: longer delays would overflow the clock.
-constexpr std::chrono::microseconds kMaxDelay = std::chrono::hours(24 * 365 * 100);
-
-size_t WorkerCount() {
-    return std::clamp<size_t>(std::thread::hardware_concurrency(), 2, 4);
-}
-
-}  // namespace
-
 TaskRuntime& TaskRuntime::Instance() {
     static Immortal<TaskRuntime> instance;
     return instance.value;
@@ -32,12 +21,8 @@ TaskRuntime& TaskRuntime::Instance() {
 
 TaskRuntime::TaskRuntime() {
     const SignalsBlocked blocked;
-    workers_.emplace(WorkerCount());
+    workers_.emplace(std::clamp<size_t>(std::thread::hardware_concurrency(), 2, 4));
     timers_.emplace(1);
-}
-
-TaskRuntime::~TaskRuntime() {
-    Stop();
 }
 
 void TaskRuntime::Submit(std::function<void()> function, TaskAttributes attributes) {
@@ -53,6 +38,8 @@ void TaskRuntime::Submit(std::function<void()> function, TaskAttributes attribut
         asio::post(*workers_, std::move(task));
         return;
     }
+    // A hundred years: longer delays would overflow the clock.
+    constexpr std::chrono::microseconds kMaxDelay = std::chrono::hours(24 * 365 * 100);
     const auto timer = std::make_shared<asio::steady_timer>(*timers_, std::min(attributes.delay, kMaxDelay));
     timer->async_wait([this, timer, task = std::move(task)](const asio::error_code& error) mutable {
         if (!error) {

@@ -17,15 +17,12 @@ class KITE_API TaskRuntime {
     static TaskRuntime& Instance();
 
     TaskRuntime();
-    TaskRuntime(const TaskRuntime&) = delete;
-    TaskRuntime& operator=(const TaskRuntime&) = delete;
-    ~TaskRuntime();
+    ~TaskRuntime() { Stop(); }
 
     void Submit(std::function<void()> function, TaskAttributes attributes);
 
-    // Accepts no further tasks (each is dropped with a log line), drops those whose delay has not passed,
-    // waits until all others have run, and joins the threads. A second call does nothing. Not to be called by
-    // a task.
+    // Drops later tasks, with a log line each, and those whose delay has not passed; waits until all others
+    // have run, and joins the threads. A second call does nothing. Not to be called by a task.
     void Stop();
 
   private:

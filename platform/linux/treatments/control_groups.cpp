@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
 #include <thread>
 
 #include "base/file.h"
@@ -206,8 +205,7 @@ std::error_code CreateGroup(const Group& group) {
 }
 
 std::error_code RemoveGroup(const Group& group) {
-    // A group stays busy until its last task is off the processor. A v1 hierarchy does not announce that
-    // moment, so this tries again.
+    // A group is busy until its last task is off the processor, which a v1 hierarchy does not announce.
     constexpr int kAttempts = 20;
     constexpr int kPauseMs = 1;
     std::error_code error;

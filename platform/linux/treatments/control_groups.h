@@ -28,8 +28,7 @@ class Cgroups {
   public:
     static Cgroups OfThisMachine();
 
-    // From the text of /proc/self/mountinfo. `managerRuns` says whether systemd owns the groups that are not
-    // delegated.
+    // From the text of /proc/self/mountinfo, and whether systemd owns the groups that are not delegated.
     Cgroups(std::string_view mountinfo, bool managerRuns);
 
     // The group that a process is in; absent when the hierarchy is not mounted, the process has gone, its
@@ -74,8 +73,7 @@ std::error_code MoveProcess(pid_t pid, const Group& group);
 // Moves the processes of a group until it is empty, since they may have children meanwhile.
 std::error_code MoveAll(const Group& from, const Group& to);
 
-// How long a freeze waits for the kernel to say that all is frozen; one thread that cannot be interrupted
-// delays that.
+// How long a freeze waits at most; a thread that cannot be interrupted delays it.
 inline constexpr std::chrono::milliseconds kFreezerLimit{500};
 
 // Waits until the kernel says that everything in a unified group is frozen. ESRCH when the process that the

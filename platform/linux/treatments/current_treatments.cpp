@@ -4,7 +4,6 @@
 
 #include "base/event_names.h"
 #include "base/text.h"
-#include "proc/pidfd.h"
 #include "runtime/platform_log.h"
 #include "time_service.h"
 #include "treatments/freeze.h"
@@ -28,10 +27,6 @@ bool HasCome(const std::optional<Clock::time_point>& moment, Clock::time_point n
 
 }  // namespace
 
-int Treated::Pidfd() const {
-    return HasExited(process->pidfd) ? kNoPidfd : process->pidfd;
-}
-
 void Treated::AskForFreeze(std::optional<std::chrono::milliseconds> time) {
     const bool isEndless = !time || (isFrozen && !thawAt);
     thawAt = isEndless
@@ -43,11 +38,6 @@ void Treated::AskForFreeze(std::optional<std::chrono::milliseconds> time) {
 void Treated::CancelFreeze() {
     isFrozen = false;
     thawAt.reset();
-}
-
-void Treated::Cancel() {
-    suppressions = 0;
-    CancelFreeze();
 }
 
 std::error_code Treated::UndoUnwanted(TreatmentContext& context) {
@@ -158,7 +148,7 @@ void CurrentTreatments::TryToUndo(Treated& treated, std::vector<Announcement>& t
     const TreatmentRecord& record = treated.record;
     const bool hasEnded = treated.Pidfd() == kNoPidfd;
     if (hasEnded) {
-        treated.Cancel();
+        treated.CancelAll();
     }
     const bool mustThaw = !hasEnded && record.freeze && !treated.isFrozen;
     const bool mustEndSuppression = !hasEnded && record.suppression && treated.suppressions == 0;

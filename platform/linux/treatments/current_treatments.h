@@ -33,20 +33,21 @@ struct TreatedProcess {
     BrokenQuota brokenQuota;
 };
 
-// What is asked for one process now, and what was done to it. The two differ while something could not be
-// undone yet.
+// What is asked for one process, and what was done to it, which differ while something cannot be undone.
 struct Treated {
     using Clock = std::chrono::steady_clock;
 
     // kNoPidfd if the process has ended.
-    int Pidfd() const;
+    int Pidfd() const { return HasExited(process->pidfd) ? kNoPidfd : process->pidfd; }
     // Whether something on record is not asked for: it could not be undone yet.
     bool IsLeft() const;
     // Without a time until it is thawed. Of several freezes the one that ends last counts.
     void AskForFreeze(std::optional<std::chrono::milliseconds> time);
     void CancelFreeze();
-    // Nothing is asked for any more.
-    void Cancel();
+    void CancelAll() {
+        suppressions = 0;
+        CancelFreeze();
+    }
     // Ends what is not asked for. An error tells what is left on record.
     std::error_code UndoUnwanted(TreatmentContext& context);
 
@@ -63,16 +64,14 @@ struct Treated {
     std::optional<Death> death;  // when it was killed
 };
 
-// The processes that are treated now or die of a kill, and what happens to them without a request: when the
-// process ends, everything is undone; when the time of a freeze is over, the process is thawed; what could
-// not be undone is tried again.
+// The processes that are treated now or die of a kill, and what happens to them without a request: all is
+// undone when one ends, it is thawed when its freeze is over, and what could not be undone is tried again.
 class CurrentTreatments {
   public:
     CurrentTreatments(TreatmentContext& context, EndWatcher& watcher)
         : context_(context), watcher_(watcher) {}
 
-    // The caller holds it for each operation below but DoWhatIsDue, while it uses an entry or treats a
-    // process.
+    // Held for each operation below but DoWhatIsDue, and while an entry is used or a process treated.
     [[nodiscard]] std::unique_lock<std::mutex> Lock() { return std::unique_lock(mutex_); }
 
     // Its entry, made if it is not there. It stays where it is until Settle forgets it.
@@ -86,8 +85,7 @@ class CurrentTreatments {
     // Ends every treatment and forgets it; what cannot be ended stays on record.
     void ReleaseAll();
 
-    // Does what is due: of the process that has ended, if one is named, and of the present moment. Takes the
-    // lock. For the watcher.
+    // Does what is due now, and of the process that has ended, if any. Takes the lock. For the watcher.
     void DoWhatIsDue(std::optional<pid_t> ended);
 
   private:

@@ -1,7 +1,6 @@
 #include "treatments/end_watcher.h"
 
 #include <cerrno>
-#include <utility>
 
 #include "runtime/guard.h"
 

@@ -27,8 +27,6 @@ class EndWatcher {
     explicit EndWatcher(std::function<void(std::optional<pid_t> ended)> isDue) : isDue_(std::move(isDue)) {}
     // Every descriptor that Watch returned must be gone.
     ~EndWatcher() { Stop(); }
-    EndWatcher(const EndWatcher&) = delete;
-    EndWatcher& operator=(const EndWatcher&) = delete;
 
     // Starts the thread unless it runs. ECANCELED after Stop. Any thread.
     std::error_code Start();

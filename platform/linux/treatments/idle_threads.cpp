@@ -1,6 +1,5 @@
 #include "treatments/idle_threads.h"
 
-#include <sched.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -107,10 +106,6 @@ std::error_code RestoreMember(pid_t pid, int64_t startTime, const SchedulingAttr
 }
 
 }  // namespace
-
-bool ThreadPolicy::IsIdle() const {
-    return attributes.policy == SCHED_IDLE;
-}
 
 std::vector<ThreadPolicy> ReadThreadPolicies(pid_t pid) {
     std::vector<ThreadPolicy> policies;

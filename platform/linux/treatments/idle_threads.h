@@ -1,21 +1,19 @@
 #pragma once
 
+#include <sched.h>
 #include <sys/types.h>
 
 #include <cstdint>
-#include <set>
 #include <system_error>
 #include <vector>
 
 #include "base/result.h"
 #include "proc/pidfd.h"
 
-// Scheduling policies of threads: how those of a process and of its children are made idle, and get back what
-// they had. Any thread.
+// How the threads of a process and of its children are made idle, and get back what they had. Any thread.
 namespace KITE::Linux {
 
-// As the kernel's sched_getattr and sched_setattr have it; the kernel's header cannot be included next to the
-// C library's.
+// The kernel's sched_attr, whose header cannot be included next to the C library's.
 struct SchedulingAttributes {
     uint32_t size = 48;  // of this struct
     uint32_t policy = 0;
@@ -34,7 +32,7 @@ struct ThreadPolicy {
     int64_t startTime = 0;
     SchedulingAttributes attributes = {};
 
-    bool IsIdle() const;
+    bool IsIdle() const { return attributes.policy == SCHED_IDLE; }
     bool IsSameThread(const ThreadPolicy& other) const {
         return tid == other.tid && startTime == other.startTime;
     }
@@ -49,8 +47,7 @@ struct IdleFamily {
     int64_t since = 0;  // clock ticks since boot
 };
 
-// Threads may be born while they are looked at. So they are looked at again until there is nothing to be
-// done, and this often at most.
+// How often at most threads are looked at again, since others may be born meanwhile.
 inline constexpr int kMostPolicyRounds = 50;
 
 // How each thread of the process is scheduled; threads that vanish meanwhile are left out.

@@ -13,8 +13,6 @@ namespace KITE::Linux {
 
 namespace {
 
-constexpr pid_t kInitPid = 1;
-
 // Any program can be called that, but only root can make a file that belongs to root.
 bool IsJournal(pid_t pid) {
     const std::optional<ExecutableIdentity> program = ReadExecutableIdentity(pid);
@@ -24,7 +22,7 @@ bool IsJournal(pid_t pid) {
 }  // namespace
 
 std::optional<std::string> WhyNeverTreated(pid_t pid) {
-    if (pid == kInitPid) {
+    if (pid == 1) {
         return "it is the init process";
     }
     if (pid == getpid()) {

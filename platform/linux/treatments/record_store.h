@@ -15,9 +15,8 @@ class RecordStore {
   public:
     explicit RecordStore(const std::string& runDirectory);
 
-    // Saves what is going to be done, and makes it the record. Whatever is done must be on disk before: if
-    // this process died in between, the next start could not undo it. An error line when it cannot be
-    // written.
+    // Saves what is going to be done, and makes it the record. It must be on disk before it is done, since
+    // the next start must be able to undo it. An error line when it cannot be written.
     std::error_code Plan(TreatmentRecord& record, TreatmentRecord planned) const;
     // The file has the new content or stays as it was.
     std::error_code Write(const TreatmentRecord& record) const;

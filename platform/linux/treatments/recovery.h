@@ -24,10 +24,9 @@ std::error_code Undo(TreatmentContext& context, TreatmentRecord& record, int pid
 using UndoOne = std::function<std::error_code(TreatmentRecord&)>;
 bool ReleaseEach(std::vector<TreatmentRecord*> left, const UndoOne& undo);
 
-// Releases what a host that was killed has left treated, from the records in the run directory, and forgets
-// what no longer exists. What another living host treats stays so. False, with an error line each, when
-// something could not be released or a record cannot be understood. Before this process treats anything
-// itself.
+// Releases what a killed host has left treated, by the records in the run directory. What another living host
+// treats stays so. False, with an error line each, when something could not be released or a record cannot be
+// understood. Before this process treats anything itself.
 KITE_API bool ReleaseLeftTreatments();
 bool ReleaseLeftTreatments(TreatmentContext& context);
 

@@ -7,16 +7,14 @@
 #include <optional>
 
 #include "base/text.h"
-#include "proc/pidfd.h"
 #include "proc/process_stat.h"
-#include "proc/program.h"
 
 namespace KITE::Linux {
 
 namespace {
 
 Failure Differs(const std::string& how) {
-    return {how, ErrorOf(ESRCH)};
+    return Failure(how, ErrorOf(ESRCH));
 }
 
 }  // namespace

@@ -41,8 +41,7 @@ struct ReportedProcess {
 
 using ReportedProcessPtr = std::shared_ptr<const ReportedProcess>;
 
-// The last report of each process. When there are more than the capacity, the oldest is forgotten that has no
-// other holder. Any thread.
+// The last report of each process; above the capacity the oldest one without another holder goes. Any thread.
 class ReportedProcesses {
   public:
     // The watcher must outlive it and every process that it returned.
@@ -51,10 +50,9 @@ class ReportedProcesses {
     // As many as the process may open descriptors for, and leave as many for other uses.
     static size_t UsualCapacity();
 
-    // Keeps hold of a process that a report has named, so that what is decided about it later reaches this
-    // process or none, and has its end watched. The process must exist when a report of it arrives, must have
-    // started at that time (clock ticks since boot), and is known under that name from then on. Waits for
-    // nothing but /proc.
+    // Keeps hold of a process that a report has named, so that what is decided later reaches this process or
+    // none, and has its end watched. It must exist and have started at that time (clock ticks since boot),
+    // and is known under that name from then on. Waits for nothing but /proc.
     Result<ReportedProcessPtr> Remember(pid_t pid, int64_t startTime, const std::string& name,
                                         BrokenQuota brokenQuota = {});
     // Null when there is none.

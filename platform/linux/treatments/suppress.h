@@ -15,9 +15,8 @@ namespace KITE::Linux {
 TreatmentResult Suppress(TreatmentContext& context, TreatmentRecord& record, int pidfd);
 TreatmentResult EndSuppression(TreatmentContext& context, TreatmentRecord& record, int pidfd);
 
-// Lift a suppression for a while, and put it back in force; nothing if the process is not suppressed. It must
-// run for a moment to be frozen, and a suppressed process on a busy machine would not get that moment in
-// time.
+// Lift a suppression, if there is one, and put it back in force: a process must run for a moment to be
+// frozen, and on a busy machine a suppressed one would not do so in time.
 void PauseSuppression(const TreatmentRecord& record, int pidfd);
 void ResumeSuppression(const TreatmentRecord& record, int pidfd);
 

@@ -11,13 +11,6 @@
 
 namespace KITE {
 
-namespace {
-
-// A later end would not fit into the clock's range.
-constexpr int64_t kLongestFreezeMs = std::numeric_limits<int32_t>::max();
-
-}  // namespace
-
 int32_t SuspendManagerClient::OperateOneNativeProcess(const NativeProcessInfo& process) {
     if (process.pid < 1 || process.processName.empty()) {
         PLATFORM_LOGE("request refused: pid %{public}d with a name of %{public}lu bytes", process.pid,
@@ -30,7 +23,9 @@ int32_t SuspendManagerClient::OperateOneNativeProcess(const NativeProcessInfo& p
     }
     std::optional<std::chrono::milliseconds> time;
     if (process.durationMs >= 0) {
-        time = std::chrono::milliseconds(std::min<int64_t>(process.durationMs, kLongestFreezeMs));
+        // A later end would not fit into the clock's range.
+        constexpr int64_t kLongestMs = std::numeric_limits<int32_t>::max();
+        time = std::chrono::milliseconds(std::min(process.durationMs, kLongestMs));
     }
     return treatments.Freeze(process.pid, process.processName, time).value();
 }

@@ -16,14 +16,6 @@ bool WasMadeFor(const TreatmentRecord& record, const Group& group) {
                                [&](const Placement& placement) { return placement.group == group; });
 }
 
-bool IsUsed(const TreatmentRecord& record, const Group& group) {
-    const auto isIt = [&](const std::optional<ChangedGroup>& changed) {
-        return changed && changed->group == group;
-    };
-    return (record.suppression && isIt(record.suppression->idleGroup)) ||
-           (record.freeze && isIt(record.freeze->frozenGroup));
-}
-
 // A v2 group has the files of the cpu controller only if its parent enables that for its children.
 std::error_code EnableCpuFor(const Cgroups& cgroups, const Group& group) {
     const Group parent = ParentOf(group);
@@ -50,10 +42,11 @@ std::error_code RemovePlacement(const Cgroups& cgroups, const Placement& placeme
 }
 
 std::error_code RemoveUnusedGroups(const Cgroups& cgroups, TreatmentRecord& record) {
+    const std::vector<Group> used = record.GroupsInUse();
     std::error_code firstError;
     // The youngest first: a group may lie below an older one.
     for (size_t i = record.placements.size(); i-- > 0;) {
-        if (IsUsed(record, record.placements[i].group)) {
+        if (std::ranges::find(used, record.placements[i].group) != used.end()) {
             continue;
         }
         const std::error_code error = RemovePlacement(cgroups, record.placements[i]);

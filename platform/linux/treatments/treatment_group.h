@@ -8,8 +8,7 @@
 #include "treatments/control_groups.h"
 #include "treatments/treatment_context.h"
 
-// The control group in which a process is treated: the one that it is in, where it is alone there, or else a
-// new one below that.
+// The control group in which a process is treated: its own where it is alone there, else a new one below.
 namespace KITE::Linux {
 
 // A means of treatment: a file of the group that is "1" while the treatment is in force.
@@ -32,18 +31,15 @@ struct TreatmentGroup {
 std::optional<TreatmentGroup> PlanInGroup(const TreatmentContext& context, TreatmentRecord& record,
                                           const GroupSwitch& means, TreatmentResult& result);
 
-// Sets the file of the group to "1" and moves the process there, if it is new. ESRCH when the process has
-// ended meanwhile.
+// Sets the file to "1" and moves the process there, if the group is new. ESRCH when it has ended.
 std::error_code EnterGroup(const TreatmentContext& context, const TreatmentGroup& place, pid_t pid, int pidfd,
                            const char* file);
 
-// Writes the values back that the file and the weight had before. A group that has gone needs nothing
-// restored.
+// Writes back what the file and the weight held before, if the group is still there.
 TreatmentResult RestoreGroup(const TreatmentContext& context, const ChangedGroup& changed, const char* file);
 
-// Moves the process and its children back from groups that no treatment uses any more, removes those groups,
-// and brings the record on disk up to date, or removes it when nothing is left in it. The record remembers
-// the first error.
+// Moves the process and its children back from groups that no treatment uses, removes those, and writes the
+// record, or removes it when it is empty. The record remembers the first error.
 void CleanUp(const TreatmentContext& context, TreatmentRecord& record);
 
 using Means = std::function<TreatmentResult()>;

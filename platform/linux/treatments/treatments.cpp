@@ -44,7 +44,7 @@ TreatmentResult Refusal(const Failure& failure) {
 // In a dry run it would be gone by now.
 void LetDie(TreatmentContext& context, Treated& treated) {
     if (context.isDryRun) {
-        treated.Cancel();
+        treated.CancelAll();
         treated.UndoUnwanted(context);
     } else {
         treated.suppressions = 0;
@@ -66,10 +66,6 @@ Treatments::Treatments(TreatmentContext context, std::chrono::milliseconds killP
           }
           current_.DoWhatIsDue(ended);
       }) {}
-
-Treatments::~Treatments() {
-    watcher_.Stop();
-}
 
 bool Treatments::Remember(pid_t pid, int64_t startTime, const std::string& name, BrokenQuota brokenQuota) {
     const Result<ReportedProcessPtr> process =
@@ -205,11 +201,6 @@ std::error_code Treatments::Kill(pid_t pid, const std::string& name, const std::
     return error;
 }
 
-std::vector<TreatedProcess> Treatments::List() {
-    const auto lock = current_.Lock();
-    return current_.List();
-}
-
 std::optional<std::error_code> Treatments::Release(pid_t pid, uid_t releasedBy) {
     auto lock = current_.Lock();
     Treated* treated = current_.FindLiving(pid);
@@ -219,7 +210,7 @@ std::optional<std::error_code> Treatments::Release(pid_t pid, uid_t releasedBy) 
         return std::nullopt;
     }
     const std::string name = treated->record.processName;
-    treated->Cancel();
+    treated->CancelAll();
     const std::error_code error = treated->UndoUnwanted(context_);
     current_.Settle(*treated);
     lock.unlock();

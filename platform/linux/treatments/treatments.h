@@ -32,9 +32,7 @@ class KITE_API Treatments {
 
     explicit Treatments(TreatmentContext context, std::chrono::milliseconds killPatience = kKillPatience);
     // Leaves what is treated as it is, and on record.
-    ~Treatments();
-    Treatments(const Treatments&) = delete;
-    Treatments& operator=(const Treatments&) = delete;
+    ~Treatments() { watcher_.Stop(); }
 
     // See ReportedProcesses::Remember. False, with an error line, when the process is not there or another by
     // now, or its end cannot be watched. Called on the serving thread.
@@ -50,7 +48,10 @@ class KITE_API Treatments {
     std::error_code Kill(pid_t pid, const std::string& name, const std::string& reason);
 
     // What is treated now.
-    std::vector<TreatedProcess> List();
+    std::vector<TreatedProcess> List() {
+        const auto lock = current_.Lock();
+        return current_.List();
+    }
     // Ends every treatment of a process at once, however often it was asked for, on behalf of that user; the
     // ends that were to come find nothing left to do. An error tells what could not be undone yet and is
     // tried again. Absent, with a log line and no event, when the process is not treated.

@@ -1,7 +1,6 @@
 #include "runtime/log/journal_log.h"
 
 #include <endian.h>
-#include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <cstdio>

@@ -12,8 +12,7 @@
 
 namespace KITE::Linux {
 
-// Sends lines to the journal in its native protocol: one datagram each, without waiting and without
-// allocating memory. Any thread.
+// Sends lines to the journal by its datagrams, without waiting and without allocating. Any thread.
 class JournalLog {
   public:
     // The path of the journal's socket, which may come and go.

@@ -47,11 +47,7 @@ void AppendEscaped(std::string& out, std::string_view text) {
 
 void AppendLine(std::string& out, const LogLine& line) {
     AppendTime(out);
-    out += ' ';
-    out += "DIWE"[static_cast<int>(line.level)];
-    out += ' ';
-    out += line.label.tag;
-    out += ": ";
+    out.append({' ', "DIWE"[static_cast<int>(line.level)], ' '}).append(line.label.tag).append(": ");
     AppendEscaped(out, line.text);
     out += '\n';
 }

@@ -6,7 +6,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <thread>
 
 #include "base/nonblocking_writer.h"
@@ -28,8 +27,6 @@ class StderrLog {
 
     // The descriptor stays the caller's.
     explicit StderrLog(int fd);
-    StderrLog(const StderrLog&) = delete;
-    StderrLog& operator=(const StderrLog&) = delete;
     ~StderrLog() { Stop(); }
 
     // Any thread. Throws only for want of memory.
