@@ -1,6 +1,6 @@
 #include "parcel.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace KITE {
 
@@ -12,11 +12,9 @@ bool Parcel::Append(const void* data, size_t size) {
     if (!HasRoomFor(Padded(size))) {
         return false;
     }
-    const size_t end = bytes_.size();
-    bytes_.resize(end + Padded(size));
-    if (size != 0) {
-        std::memcpy(bytes_.data() + end, data, size);
-    }
+    const auto* bytes = static_cast<const std::byte*>(data);
+    bytes_.insert(bytes_.end(), bytes, bytes + size);
+    bytes_.resize(bytes_.size() + Padded(size) - size);
     return true;
 }
 
@@ -24,20 +22,16 @@ bool Parcel::Take(void* data, size_t size) {
     if (Padded(size) > ReadableBytes()) {
         return false;
     }
-    if (size != 0) {
-        std::memcpy(data, bytes_.data() + position_, size);
-    }
+    std::copy_n(bytes_.data() + position_, size, static_cast<std::byte*>(data));
     position_ += Padded(size);
     return true;
 }
 
 bool Parcel::ReadBool(bool& value) {
-    int32_t number = 0;
-    if (!ReadInt32(number)) {
-        return false;
-    }
+    int32_t number = value ? 1 : 0;
+    const bool isRead = ReadInt32(number);
     value = number != 0;
-    return true;
+    return isRead;
 }
 
 std::u16string MessageParcel::ReadInterfaceToken() {

@@ -43,11 +43,7 @@ class sptr {
     sptr(const sptr& other) noexcept : object_(other.object_) { Inc(); }
     sptr(sptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
     template <std::derived_from<T> U>
-    sptr(const sptr<U>& other) noexcept : object_(other.GetRefPtr()) {
-        Inc();
-    }
-    template <std::derived_from<T> U>
-    sptr(sptr<U>&& other) noexcept : object_(other.ReleaseRef()) {}
+    sptr(sptr<U> other) noexcept : object_(other.ReleaseRef()) {}
     ~sptr() {
         if (object_ != nullptr) {
             object_->DecStrongRef();

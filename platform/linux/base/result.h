@@ -19,8 +19,7 @@ inline std::error_code LastError() noexcept {
     return {errno, std::generic_category()};
 }
 
-// An error number as the standard's type; for calls that return it themselves. A negative one is taken for
-// the same error, since libsystemd returns those.
+// For calls that return an error number themselves; libsystemd's are negative.
 inline std::error_code ErrorOf(int number) noexcept {
     return {number < 0 ? -number : number, std::generic_category()};
 }

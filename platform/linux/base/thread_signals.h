@@ -4,9 +4,8 @@
 
 namespace KITE::Linux {
 
-// Blocks signals on this thread while it lives. A thread that is started meanwhile inherits that, and never
-// takes a signal: SIGTERM must reach the thread that waits for it, whichever threads a library has started
-// before. The signals by which the processor tells a fault stay open, for a sanitizer to report them.
+// Blocks signals on this thread while it lives. A thread that is started meanwhile inherits that: SIGTERM
+// must reach the thread that waits for it. The signals of faults stay open, for a sanitizer to report them.
 class SignalsBlocked {
   public:
     SignalsBlocked() noexcept {

@@ -1,5 +1,4 @@
-// The managers that the service asks about the device: applications, background tasks, screen and windows.
-// Each answers from the device state.
+// The managers that the service asks about the device. Each answers from the device state.
 #include <algorithm>
 
 #include "app_manager.h"

@@ -61,8 +61,7 @@ KITE_API Result<DeviceState> ReadDeviceState(std::string_view text);
 // While the file cannot be used the last good state stays, and the log tells each new fault once. Any thread.
 KITE_API std::shared_ptr<const DeviceState> CurrentDeviceState();
 
-// 1 for a process that the state lists under an application of that uid, 2 for one that it lists as an
-// extension, else 0. Any thread.
+// 1 for a process of an application of that uid, 2 for an extension, else 0. Any thread.
 KITE_API int32_t GeneralTypeOf(int32_t uid, int32_t pid);
 
 // The application manager: an IAppMgr within this process, always the same one. Its running processes are

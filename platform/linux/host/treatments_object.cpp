@@ -64,7 +64,7 @@ std::error_code AnswerRelease(sd_bus_message* call, pid_t pid, std::optional<std
 TreatmentsObject::TreatmentsObject(ServingThread& thread, Treatments& treatments)
     : thread_(thread), treatments_(treatments), uids_(thread, [](const std::string&) {}) {}
 
-const sd_bus_vtable* TreatmentsObject::Vtable() {
+void TreatmentsObject::Serve() {
     // Unprivileged, so that credentials are not asked for at every call; who may do what is decided here.
     static const sd_bus_vtable vtable[] = {
         SD_BUS_VTABLE_START(0),
@@ -72,15 +72,11 @@ const sd_bus_vtable* TreatmentsObject::Vtable() {
         SD_BUS_METHOD("Release", "i", "", &OnRelease, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };
-    return vtable;
-}
-
-void TreatmentsObject::Serve() {
     thread_.Run([this] {
         sd_bus_slot* slot = nullptr;
         const std::error_code error = InOrder([&] {
             return sd_bus_add_object_vtable(thread_.Connection(), &slot, kTreatmentsPath,
-                                            kTreatmentsInterface, Vtable(), this);
+                                            kTreatmentsInterface, vtable, this);
         });
         slot_.reset(slot);
         if (error) {

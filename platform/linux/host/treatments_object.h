@@ -53,7 +53,6 @@ class TreatmentsObject {
 
     static int OnList(sd_bus_message* call, void* self, sd_bus_error* error);
     static int OnRelease(sd_bus_message* call, void* self, sd_bus_error* error);
-    static const sd_bus_vtable* Vtable();
 
     int Accept(sd_bus_message* call, sd_bus_error* error, bool isReading, Work work);
     void Reply(uint64_t id, const Answer& answer);

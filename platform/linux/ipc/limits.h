@@ -17,8 +17,7 @@ inline constexpr std::chrono::seconds kCallTimeout{5};
 inline constexpr size_t kMaxRequests = 256;
 inline constexpr size_t kMaxRequestBytes = size_t{64} << 20;
 
-// A dump's arguments are words that an operator typed. How long its reader may keep it waiting is limited
-// where it is written, in SaveStringToFd.
+// A dump's arguments are words that an operator typed.
 inline constexpr size_t kMaxDumpArguments = 64;
 inline constexpr size_t kMaxDumpArgumentBytes = size_t{64} << 10;
 

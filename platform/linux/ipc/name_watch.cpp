@@ -11,8 +11,7 @@ namespace KITE::Linux {
 
 namespace {
 
-// The daemon delivers a signal that a client addresses to us whatever sender the match names. Without this
-// any client could tell us who owns a name.
+// A match does not keep out a signal that another client addresses to us, which could name any owner.
 bool IsFromDaemon(sd_bus_message* message) {
     const char* sender = sd_bus_message_get_sender(message);
     return sender != nullptr && std::string_view(sender) == kDaemonName;

@@ -10,7 +10,11 @@
 namespace KITE::Linux {
 
 ObjectServer::ObjectServer(ServingThread& thread)
-    : thread_(thread), uids_(thread, [this](const std::string& sender) { DropDumpsOf(sender); }) {}
+    : thread_(thread), uids_(thread, [this](const std::string& sender) {
+          for (const auto& [path, served] : served_) {
+              served.queue->DropDumpsOf(sender);
+          }
+      }) {}
 
 void ObjectServer::Begin() {
     dumps_.emplace(1);
@@ -18,6 +22,14 @@ void ObjectServer::Begin() {
 }
 
 bool ObjectServer::Export(const std::string& path, sptr<IPCObjectStub> object) {
+    // Without the unprivileged mark sd-bus asks the daemon for the caller's credentials at every call, which
+    // doubles the call's cost. Who may do what is for the objects to decide.
+    static const sd_bus_vtable vtable[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD(kTransactMethod, "uay", "iay", OnCall, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD(kDumpMethod, "ash", "i", OnCall, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END,
+    };
     if (!isServing_ || !object) {
         return false;
     }
@@ -29,24 +41,12 @@ bool ObjectServer::Export(const std::string& path, sptr<IPCObjectStub> object) {
     auto queue = std::make_shared<RequestQueue>(thread_, *dumps_, std::move(object));
     Served& served = served_.emplace(path, Served{*this, std::move(queue), nullptr}).first->second;
     sd_bus_slot* slot = nullptr;
-    sd_bus_add_object_vtable(thread_.Connection(), &slot, path.c_str(), kAbilityInterface, Vtable(), &served);
+    sd_bus_add_object_vtable(thread_.Connection(), &slot, path.c_str(), kAbilityInterface, vtable, &served);
     served.slot.reset(slot);
     if (slot == nullptr) {
         served_.erase(path);
     }
     return slot != nullptr;
-}
-
-const sd_bus_vtable* ObjectServer::Vtable() {
-    // Without the unprivileged mark sd-bus asks the daemon for the caller's credentials at every call, which
-    // doubles the call's cost. Who may do what is for the objects to decide.
-    static const sd_bus_vtable vtable[] = {
-        SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD(kTransactMethod, "uay", "iay", OnCall, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_METHOD(kDumpMethod, "ash", "i", OnCall, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_VTABLE_END,
-    };
-    return vtable;
 }
 
 // Nothing may be thrown through the library that delivers the message.
@@ -74,12 +74,6 @@ int ObjectServer::Accept(RequestPtr request, const std::shared_ptr<RequestQueue>
         queue->Add(request);
     });
     return 1;
-}
-
-void ObjectServer::DropDumpsOf(const std::string& sender) {
-    for (const auto& [path, served] : served_) {
-        served.queue->DropDumpsOf(sender);
-    }
 }
 
 void ObjectServer::Unexport(const std::string& path) {

@@ -40,9 +40,7 @@ class ObjectServer {
     };
 
     static int OnCall(sd_bus_message* message, void* served, sd_bus_error* error);
-    static const sd_bus_vtable* Vtable();
     int Accept(RequestPtr request, const std::shared_ptr<RequestQueue>& queue, sd_bus_error* error);
-    void DropDumpsOf(const std::string& sender);
 
     ServingThread& thread_;
     CallerUids uids_;

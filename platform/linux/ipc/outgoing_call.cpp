@@ -18,8 +18,7 @@ constexpr std::array<std::string_view, 6> kGoneErrors{
     SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER, SD_BUS_ERROR_UNKNOWN_OBJECT,
     SD_BUS_ERROR_UNKNOWN_METHOD,  SD_BUS_ERROR_UNKNOWN_INTERFACE, SD_BUS_ERROR_DISCONNECTED};
 
-// Tells what came of a call exactly once: at the latest in its destructor, since the connection drops a call
-// without an answer when it is closed.
+// Tells what came of a call exactly once: in its destructor where the connection is closed before an answer.
 class PendingCall {
   public:
     explicit PendingCall(CallDone done) : done_(std::move(done)) {}
@@ -118,8 +117,7 @@ void SendCall(sd_bus* connection, MessageHandle call, CallDone done) {
     if (sd_bus_call_async(connection, &slot, call.get(), &OnReply, pending.get(), kTimeoutMicroseconds) < 0) {
         return;
     }
-    // From here on the slot owns the pending call, and the connection, once the slot floats, the slot: both
-    // end with the answer, or with the connection.
+    // From here on the slot owns the call, and the connection owns the slot, until the answer or its own end.
     const SlotHandle handle(slot);
     sd_bus_slot_set_destroy_callback(slot, &OnDropped);
     static_cast<void>(pending.release());

@@ -32,8 +32,8 @@ MessageHandle NewDaemonCall(sd_bus* connection, const std::string& member, const
 std::optional<uint32_t> ReadNumber(int32_t status, sd_bus_message* reply);
 std::string ReadText(int32_t status, sd_bus_message* reply);
 
-// Sends the call; null is refused. `done` runs exactly once, on the serving thread, before this returns if
-// the call cannot be sent. On the serving thread.
+// Sends the call; null is refused. `done` runs exactly once, before this returns if it cannot be sent. Both
+// on the serving thread.
 KITE_API void SendCall(sd_bus* connection, MessageHandle call, CallDone done);
 // Sends the daemon a call about a bus name.
 void AskDaemon(sd_bus* connection, const std::string& member, const std::string& name, CallDone done);

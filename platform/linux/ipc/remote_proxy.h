@@ -23,8 +23,7 @@ class KITE_API RemoteProxy : public IRemoteObject {
     RemoteProxy(std::string busName, std::string path)
         : busName_(std::move(busName)), path_(std::move(path)) {}
 
-    // Takes the request's bytes: the parcel is empty afterwards. Any thread but the serving one, which would
-    // wait for itself and is refused at once.
+    // The request's parcel is empty afterwards. Any thread but the serving one, which is refused at once.
     int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                         MessageOption& option) override;
     // Waits for the dump. Threads as above.

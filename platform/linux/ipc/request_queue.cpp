@@ -139,15 +139,11 @@ void RequestQueue::StartDump(RequestPtr request) {
         descriptor = UniqueFd();
         serving.Post([queue, status] {
             if (const auto self = queue.lock()) {
-                self->FinishDump(status);
+                std::exchange(self->dumping_, nullptr)->AnswerDump(status);
+                self->RunWaiting();
             }
         });
     });
-}
-
-void RequestQueue::FinishDump(int32_t status) {
-    std::exchange(dumping_, nullptr)->AnswerDump(status);
-    RunWaiting();
 }
 
 // Dumps of clients that came, asked and died would keep the object busy for as long as a dump's reader may

@@ -79,7 +79,6 @@ class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
     void RunWaiting();
     void RunTransaction(const Request& request);
     void StartDump(RequestPtr request);
-    void FinishDump(int32_t status);
 
     ServingThread& serving_;
     asio::thread_pool& dumps_;

@@ -16,9 +16,8 @@ namespace KITE::Linux {
 
 // The connection to the message bus, and the one thread that serves it.
 //
-// An sd-bus connection belongs to one thread: none of its functions may run on two at once, and the reference
-// counts of its messages are not atomic. So everything that touches the connection runs here. Other threads
-// hand work over with Post, which wakes the thread's event loop. Work that may wait must not run here: every
+// An sd-bus connection belongs to one thread, and the reference counts of its messages are not atomic. So
+// everything that touches the connection runs here, handed over with Post. Work that may wait must not: every
 // request, every reply and every ability's coming and going would wait with it.
 //
 // When the bus goes away, the connection is not built again: pending calls end with ERR_DEAD_OBJECT, later

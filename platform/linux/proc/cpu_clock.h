@@ -9,9 +9,8 @@
 namespace KITE::Linux {
 
 // The CPU clock of whatever process bears a pid: the time of all its threads, ended ones included, in
-// nanoseconds, where "stat" has ticks of 10 ms. What a thread has run that runs right now counts from the
-// next timer tick or switch on. So a clock that has moved tells that the process has run, and one that stands
-// still that it did not before that.
+// nanoseconds, where "stat" has ticks of 10 ms. What a running thread has used counts from the next timer
+// tick or switch on.
 class CpuClock {
   public:
     explicit CpuClock(pid_t pid) : isThere_(clock_getcpuclockid(pid, &id_) == 0) {}

@@ -16,9 +16,8 @@ namespace KITE::Linux {
 
 inline constexpr Log::Label kPlatformLabel{0xD001700, "KITE_PLATFORM"};
 
-// Ends the thread that writes log lines to standard error, after what is queued has been written or a reader
-// that does not read has been given a second. Later lines are written at once as far as that needs no
-// waiting. Harmless when there is no such thread, and a second time. Any thread but a signal handler.
+// Ends the thread that writes log lines to standard error, once the queue is written or its reader has had a
+// second. Later lines are written as far as that needs no waiting. Idempotent. Not in a signal handler.
 KITE_API void StopLog();
 
 }  // namespace KITE::Linux

@@ -30,8 +30,7 @@ KITE_API const Settings& GetSettings();
 KITE_API const std::string& RunDirectory();
 
 // The file of recorded samples: /var/lib/kite-samples/samples.jsonl for the state directory /var/lib/kite.
-// Its directory is beside the state directory, not in it: another host's user writes it, and neither user can
-// change the other's files. Any thread.
+// Not in that, since another host's user writes it, and neither can change the other's files. Any thread.
 KITE_API std::string SamplesPath();
 
 }  // namespace KITE::Linux

@@ -57,8 +57,7 @@ void TaskRuntime::Stop() {
     }
     timers_->stop();
     timers_->join();
-    // Drops the delayed tasks with all that they hold. Not under the lock: what they hold may submit a task
-    // when it is destroyed.
+    // Without the lock: what a delayed task holds may submit another when it is destroyed.
     timers_.reset();
     workers_->join();
 }

@@ -48,10 +48,9 @@ std::error_code WriteExisting(const std::string& path, std::string_view value) {
     return file ? WriteAll(file.Get(), value) : LastError();
 }
 
-// A v1 hierarchy lets a process be moved only by its own user or by one whose effective user is root when the
-// file is opened; no capability replaces that. Becoming root and giving it up again would cost this process
-// its other capabilities. So a thread becomes root alone, by the bare system call (the C library's function
-// changes all threads), and ends when it has written. Needs CAP_SETUID.
+// A v1 hierarchy lets only its own user or an effective root move a process; no capability replaces that.
+// Being root for a while would cost this process its other capabilities, so a thread becomes root alone, by
+// the bare system call (the C library's changes all threads), and ends when it has written. Needs CAP_SETUID.
 std::error_code WriteAsRoot(const std::string& path, std::string_view value) {
     std::error_code error;
     try {

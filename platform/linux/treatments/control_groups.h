@@ -76,8 +76,7 @@ std::error_code MoveAll(const Group& from, const Group& to);
 // How long a freeze waits at most; a thread that cannot be interrupted delays it.
 inline constexpr std::chrono::milliseconds kFreezerLimit{500};
 
-// Waits until the kernel says that everything in a unified group is frozen. ESRCH when the process that the
-// pidfd names ends before; ETIMEDOUT.
+// Waits until a unified group is frozen. ESRCH when the pidfd's process ends before; ETIMEDOUT.
 std::error_code AwaitFrozen(const Group& group, int pidfd);
 
 }  // namespace KITE::Linux

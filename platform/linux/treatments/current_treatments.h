@@ -20,16 +20,14 @@
 
 namespace KITE::Linux {
 
-// A process that is suppressed, frozen or both; or would be, in a dry run. Moments are in milliseconds since
-// the epoch, 0 where there is none.
+// A process that is treated, or would be but for a dry run. Moments in milliseconds since the epoch, or 0.
 struct TreatedProcess {
     pid_t pid = 0;
     std::string name;
     int64_t suppressedSince = 0;
     int64_t frozenSince = 0;
     int64_t frozenUntil = 0;  // of a freeze that ends by itself
-    // Of the last report before the latest treatment, which need not be the one that led to it: a request
-    // does not say which did.
+    // Of the last report before the latest treatment; a request does not say which report led to it.
     BrokenQuota brokenQuota;
 };
 

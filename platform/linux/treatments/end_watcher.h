@@ -30,8 +30,7 @@ class EndWatcher {
 
     // Starts the thread unless it runs. ECANCELED after Stop. Any thread.
     std::error_code Start();
-    // Watches the process of the pidfd as long as the returned descriptor exists, which owns it now. Its end
-    // is told when the thread runs. Any thread.
+    // Watches the process as long as the returned descriptor, which owns the pidfd now, exists. Any thread.
     Result<std::shared_ptr<asio::posix::stream_descriptor>> Watch(UniqueFd pidfd, pid_t pid);
     // Replaces the moment; absent for none. Any thread.
     void WakeAt(std::optional<std::chrono::steady_clock::time_point> moment);

@@ -20,25 +20,17 @@ constexpr const char* kFreezeFile = "cgroup.freeze";
 constexpr GroupSwitch kFreezer{Hierarchy::kUnified, kFreezeFile,
                                [](TreatmentRecord& record) -> std::optional<ChangedGroup>& {
                                    return record.freeze.emplace().frozenGroup;
-                               }};
+                               },
+                               Thaw};
 
 TreatmentResult FreezeInGroup(TreatmentContext& context, TreatmentRecord& record, int pidfd) {
-    TreatmentResult result;
-    const std::optional<TreatmentGroup> place = PlanInGroup(context, record, kFreezer, result);
-    if (!place) {
-        return result;
-    }
-    PauseSuppression(record, pidfd);
-    result.error = EnterGroup(context, *place, record.pid, pidfd, kFreezeFile);
-    if (!result.error) {
-        result.error = AwaitFrozen(place->group, pidfd);
-    }
-    ResumeSuppression(record, pidfd);
-    if (result.error) {
-        Thaw(context, record, kNoPidfd);
-        result.isFinal = Is(result.error, ETIMEDOUT) || record.freeze;
-    }
-    return result;
+    return TreatInGroup(context, record, kFreezer, [&](const TreatmentGroup& place) {
+        PauseSuppression(record, pidfd);
+        std::error_code error = EnterGroup(context, place, record.pid, pidfd, kFreezeFile);
+        error = error ? error : AwaitFrozen(place.group, pidfd);
+        ResumeSuppression(record, pidfd);
+        return error;
+    });
 }
 
 TreatmentResult StopBySignal(TreatmentContext& context, TreatmentRecord& record, int pidfd) {

@@ -44,10 +44,6 @@ SchedulingAttributes OfMainThread(pid_t pid, const std::vector<ThreadPolicy>& po
     return main == policies.end() ? SchedulingAttributes{} : main->attributes;
 }
 
-bool AnyIsIdle(const std::vector<ThreadPolicy>& threads) {
-    return std::ranges::any_of(threads, [](const ThreadPolicy& thread) { return thread.IsIdle(); });
-}
-
 // Fails when a living process cannot be read: its children would be missed.
 Result<Processes> ReadProcesses() {
     const Result<std::vector<ListedProcess>> listed = ListProcesses();
@@ -184,7 +180,7 @@ std::error_code RestoreFamily(pid_t pid, const IdleFamily& family, bool parentLi
         for (const auto& process : *processes) {
             const ProcessKey key(process.first, process.second.startTime);
             if (!except.contains(key) && IsMember(*processes, process, pid, family, parentLives) &&
-                AnyIsIdle(ReadThreadPolicies(key.first))) {
+                std::ranges::any_of(ReadThreadPolicies(key.first), &ThreadPolicy::IsIdle)) {
                 isStable = false;
                 const std::error_code error = RestoreMember(key.first, key.second, attributes);
                 firstError = firstError ? firstError : error;

@@ -54,9 +54,9 @@ inline constexpr int kMostPolicyRounds = 50;
 std::vector<ThreadPolicy> ReadThreadPolicies(pid_t pid);
 // The first error, but for threads that have gone.
 std::error_code MakeIdle(pid_t pid, const std::vector<ThreadPolicy>& threads);
-// Gives every thread of the process that is still idle its saved policy, one that was born meanwhile the main
-// thread's. Nothing once the process of the pidfd has ended. The first error, or EAGAIN when threads cannot
-// be listed or new ones keep coming.
+// Gives each thread that is still idle its saved policy, or the main thread's if it was born meanwhile.
+// Nothing once the process has ended. The first error, or EAGAIN when threads cannot be listed or keep
+// coming.
 std::error_code RestorePolicies(pid_t pid, int pidfd, const std::vector<ThreadPolicy>& saved);
 
 // The family that a process has from this moment on.

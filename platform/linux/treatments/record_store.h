@@ -9,8 +9,8 @@
 
 namespace KITE::Linux {
 
-// The records in the folder "treated" of the run directory, a file for each treated process. One process at a
-// time may use it. Any thread, one at a time.
+// The records of the treated processes, a file for each in the run directory. One process and thread at a
+// time.
 class RecordStore {
   public:
     explicit RecordStore(const std::string& runDirectory);

@@ -20,18 +20,11 @@ TreatmentResult SuppressInGroup(TreatmentContext& context, TreatmentRecord& reco
     const GroupSwitch means{hierarchy, kIdleFile,
                             [](TreatmentRecord& planned) -> std::optional<ChangedGroup>& {
                                 return planned.suppression.emplace().idleGroup;
-                            }};
-    TreatmentResult result;
-    const std::optional<TreatmentGroup> place = PlanInGroup(context, record, means, result);
-    if (!place) {
-        return result;
-    }
-    result.error = EnterGroup(context, *place, record.pid, pidfd, kIdleFile);
-    if (result.error) {
-        EndSuppression(context, record, kNoPidfd);
-        result.isFinal = record.suppression.has_value();
-    }
-    return result;
+                            },
+                            EndSuppression};
+    return TreatInGroup(context, record, means, [&](const TreatmentGroup& place) {
+        return EnterGroup(context, place, record.pid, pidfd, kIdleFile);
+    });
 }
 
 // The threads that are not in the record yet. Threads that idle ones give birth to are idle; only those that

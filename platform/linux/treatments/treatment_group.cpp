@@ -102,23 +102,29 @@ std::string MeansText(const char* file, const Group& group) {
 
 }  // namespace
 
-std::optional<TreatmentGroup> PlanInGroup(const TreatmentContext& context, TreatmentRecord& record,
-                                          const GroupSwitch& means, TreatmentResult& result) {
-    result.means = MeansText(means.file, {means.hierarchy, "(none usable)"});
+TreatmentResult TreatInGroup(TreatmentContext& context, TreatmentRecord& record, const GroupSwitch& means,
+                             const std::function<std::error_code(const TreatmentGroup&)>& enter) {
     const Result<TreatmentGroup> place = FindGroup(context.cgroups, record, means.hierarchy);
-    result.error = place.Code();
     if (!place) {
-        return std::nullopt;
+        return {place.Code(), MeansText(means.file, {means.hierarchy, "(none usable)"})};
     }
-    result.means = MeansText(means.file, place->group);
+    TreatmentResult result{.error = {}, .means = MeansText(means.file, place->group)};
     TreatmentRecord planned = record;
     means.placeIn(planned) = BeforeTheChange(*place, means.file);
     if (place->isNew) {
         planned.placements.push_back({ParentOf(place->group), place->group});
     }
     result.error = context.records.Plan(record, std::move(planned));
-    result.isFinal = static_cast<bool>(result.error);
-    return result.error ? std::nullopt : std::optional(*place);
+    if (result.error) {
+        result.isFinal = true;
+        return result;
+    }
+    result.error = enter(*place);
+    if (result.error) {
+        const bool isLeft = static_cast<bool>(means.undo(context, record, kNoPidfd).error);
+        result.isFinal = isLeft || Is(result.error, ETIMEDOUT);
+    }
+    return result;
 }
 
 std::error_code EnterGroup(const TreatmentContext& context, const TreatmentGroup& place, pid_t pid, int pidfd,

@@ -17,6 +17,7 @@ struct GroupSwitch {
     const char* file;
     // Makes the place in a record for the values before.
     std::optional<ChangedGroup>& (*placeIn)(TreatmentRecord&);
+    TreatmentResult (*undo)(TreatmentContext&, TreatmentRecord&, int pidfd);
 };
 
 inline constexpr const char* kIdleFile = "cpu.idle";
@@ -26,10 +27,10 @@ struct TreatmentGroup {
     bool isNew = false;  // still to be made
 };
 
-// Chooses the group, and writes the plan to disk. Absent when that fails, and `result` tells why: ENOENT
+// Chooses the group, writes the plan to disk, and has the process enter; undone when that fails. ENOENT
 // without such a hierarchy; EBUSY where a service manager owns the groups and would be surprised by another.
-std::optional<TreatmentGroup> PlanInGroup(const TreatmentContext& context, TreatmentRecord& record,
-                                          const GroupSwitch& means, TreatmentResult& result);
+TreatmentResult TreatInGroup(TreatmentContext& context, TreatmentRecord& record, const GroupSwitch& means,
+                             const std::function<std::error_code(const TreatmentGroup&)>& enter);
 
 // Sets the file to "1" and moves the process there, if the group is new. ESRCH when it has ended.
 std::error_code EnterGroup(const TreatmentContext& context, const TreatmentGroup& place, pid_t pid, int pidfd,

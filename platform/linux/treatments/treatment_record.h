@@ -68,8 +68,7 @@ std::string CurrentBootId();
 // Names this host and this start of the machine, and no process.
 TreatmentRecord RecordOfThisHost();
 
-// The record as a JSON document, and back. A document comes from a file that others may have damaged: it is
-// read only if all of it is well formed.
+// The record as a JSON document, and back: only if all of it is well formed, since it may be damaged.
 std::string WriteRecord(const TreatmentRecord& record);
 Result<TreatmentRecord> ReadRecord(const std::string& text);
 

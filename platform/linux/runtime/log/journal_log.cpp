@@ -30,10 +30,6 @@ bool IsUnconnected(int error) {
     return error == ENOTCONN || error == ECONNREFUSED || error == ECONNRESET;
 }
 
-bool IsFull(const std::error_code& error) {
-    return Is(error, EAGAIN) || Is(error, ENOBUFS) || Is(error, ENOMEM);
-}
-
 }  // namespace
 
 JournalLog::JournalLog(const char* socketPath) noexcept
@@ -52,7 +48,7 @@ std::error_code JournalLog::Send(const LogLine& line) noexcept {
     if (!error) {
         error = SendDatagram(line);
     }
-    if (IsFull(error)) {
+    if (Is(error, EAGAIN) || Is(error, ENOBUFS) || Is(error, ENOMEM)) {
         ++dropped_;
         return {};
     }

@@ -11,17 +11,13 @@ namespace {
 
 constexpr Log::Site kDropSite{"log_line", "DropNotice", __LINE__};
 
-bool IsInsideCharacter(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
-}
-
 // Replaces the end of a full buffer by a mark, without cutting a UTF-8 character in two.
 std::string_view Cut(std::span<char> buffer, size_t wholeLength) {
     char mark[64];
     const auto markLength =
         static_cast<size_t>(std::snprintf(mark, sizeof(mark), " [cut: %zu bytes in all]", wholeLength));
     size_t kept = buffer.size() - markLength;
-    for (int i = 0; i < 3 && IsInsideCharacter(buffer[kept]); ++i) {
+    for (int i = 0; i < 3 && (buffer[kept] & 0xC0) == 0x80; ++i) {
         --kept;
     }
     std::copy_n(mark, markLength, buffer.begin() + static_cast<ptrdiff_t>(kept));

@@ -20,8 +20,7 @@ struct LogLine {
 // A longer text is cut to this size and says so at its end.
 inline constexpr size_t kMaxLogText = size_t{32} << 10;
 
-// Formats the prefix and the message into the buffer; a text that does not fit is cut and says so. The buffer
-// holds 256 bytes or more.
+// The prefix and the message, in the buffer of 256 bytes or more; a text that is cut to fit says so.
 std::string_view FormatLogText(std::span<char> buffer, const Log::Site& site, const char* format,
                                va_list arguments);
 

@@ -100,8 +100,7 @@ void StderrLog::Run() {
     } while (!stopTime_ || steady_clock::now() < *stopTime_);
 }
 
-// Takes the queued lines, with the count of those that were dropped behind them, once the batch before has
-// been written. False when there is nothing to write.
+// Takes what is queued and the count of the dropped once the last batch is written. False if that is nothing.
 bool StderrLog::TakeBatch() {
     if (batch_.empty()) {
         batch_.swap(queue_);
