@@ -21,16 +21,6 @@ using namespace KITE::Rqctl;
 constexpr const Command* kCommands[] = {&kCheck,  &kExplain, &kDump,  &kIoBytes, &kRunningTime,
                                         &kDevice, &kPlot,    &kWatch, &kTreated, &kRelease};
 
-void AddCommand(CLI::App& app, CommandLine& line, const Command& command) {
-    CLI::App& added = *app.add_subcommand(command.name, command.description);
-    if (command.addOptions != nullptr) {
-        command.addOptions(added, line);
-    }
-    if (command.hasJson) {
-        added.add_flag("--json", line.wantsJson, "print JSON");
-    }
-}
-
 void Describe(CLI::App& app, CommandLine& line) {
     KITE::Linux::AddSettingsOptions(app, line.settings);
     app.set_version_flag("--version", std::string("rqctl ") + KITE::Linux::kVersion);
@@ -38,7 +28,13 @@ void Describe(CLI::App& app, CommandLine& line) {
     app.require_subcommand(1);
     app.fallthrough();  // The common options may stand behind the subcommand, too.
     for (const Command* command : kCommands) {
-        AddCommand(app, line, *command);
+        CLI::App& added = *app.add_subcommand(command->name, command->description);
+        if (command->addOptions != nullptr) {
+            command->addOptions(added, line);
+        }
+        if (command->hasJson) {
+            added.add_flag("--json", line.wantsJson, "print JSON");
+        }
     }
 }
 

@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cerrno>
-#include <tuple>
 #include <utility>
 
 #include "base/file_names.h"
@@ -21,35 +20,29 @@ using Linux::UniqueFd;
 // No file is longer, nor can a line be.
 constexpr size_t kLongestLine = size_t{16} << 20;
 
-// EINVAL for what is not a regular file.
-Linux::Result<UniqueFd> OpenFile(const std::string& path) {
-    UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat status {};
-    if (!file || fstat(file.Get(), &status) != 0) {
-        return Linux::LastError();
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return Linux::ErrorOf(EINVAL);
-    }
-    return file;
-}
-
 struct stat StatusOf(const UniqueFd& file) {
     struct stat status {};
     fstat(file.Get(), &status);
     return status;
 }
 
-bool IsSame(const UniqueFd& one, const UniqueFd& other) {
-    const struct stat first = StatusOf(one);
-    const struct stat second = StatusOf(other);
-    return first.st_ino == second.st_ino && first.st_dev == second.st_dev;
+// EINVAL for what is not a regular file.
+Linux::Result<UniqueFd> OpenFile(const std::string& path) {
+    UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file) {
+        return Linux::LastError();
+    }
+    return S_ISREG(StatusOf(file).st_mode) ? Linux::Result(std::move(file)) : Linux::ErrorOf(EINVAL);
 }
 
-bool IsOlder(const UniqueFd& one, const UniqueFd& other) {
-    const timespec first = StatusOf(one).st_mtim;
-    const timespec second = StatusOf(other).st_mtim;
-    return std::tie(first.tv_sec, first.tv_nsec) < std::tie(second.tv_sec, second.tv_nsec);
+auto IdentityOf(const UniqueFd& file) {
+    const struct stat status = StatusOf(file);
+    return std::pair(status.st_dev, status.st_ino);
+}
+
+auto ChangeTimeOf(const UniqueFd& file) {
+    const timespec time = StatusOf(file).st_mtim;
+    return std::pair(time.tv_sec, time.tv_nsec);
 }
 
 }  // namespace
@@ -100,8 +93,8 @@ void EventFollower::ReadToEnd(const Take& take) {
         return;
     }
     // What could not be written whole is taken back by its writer.
-    if (StatusOf(file_).st_size < position_) {
-        position_ = StatusOf(file_).st_size;
+    if (const off_t size = StatusOf(file_).st_size; size < position_) {
+        position_ = size;
         unfinished_.clear();
     }
     std::array<char, 65536> buffer;
@@ -118,19 +111,16 @@ void EventFollower::ReadToEnd(const Take& take) {
 
 bool EventFollower::Advance(const Take& take) {
     auto current = OpenFile(path_);
-    if (!current || (file_ && IsSame(*current, file_))) {
+    if (!current || (file_ && IdentityOf(*current) == IdentityOf(file_))) {
         return false;
-    }
-    if (!file_) {
-        Begin(std::move(*current));
-        return true;
     }
     // The last line may have come between the look at the file and its end.
     ReadToEnd(take);
     // A whole file came and went since the last look, unless the predecessor is what has been read, or is
     // from before that.
     auto predecessor = OpenFile(path_ + ".1");
-    const bool isNews = predecessor && !IsSame(*predecessor, file_) && IsOlder(file_, *predecessor);
+    const bool isNews = file_ && predecessor && IdentityOf(*predecessor) != IdentityOf(file_) &&
+                        ChangeTimeOf(file_) < ChangeTimeOf(*predecessor);
     Begin(std::move(isNews ? *predecessor : *current));
     return true;
 }

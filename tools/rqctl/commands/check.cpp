@@ -19,9 +19,7 @@ struct Verdict {
     std::vector<Finding> findings;
     bool isAccepted = false;
 
-    size_t Count(Severity severity) const {
-        return static_cast<size_t>(std::ranges::count(findings, severity, &Finding::severity));
-    }
+    auto Count(Severity severity) const { return std::ranges::count(findings, severity, &Finding::severity); }
 };
 
 Verdict Check(const Layers& layers) {
@@ -48,7 +46,7 @@ void PrintFinding(const Finding& finding) {
         Escaped(fmt::format("{}, allowed: {}", finding.found, finding.allowed)));
 }
 
-std::string Counted(size_t count, std::string_view noun) {
+std::string Counted(ptrdiff_t count, std::string_view noun) {
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 

@@ -68,7 +68,13 @@ std::string OriginInWords(const EntryInForce& entry, const Origin& origin) {
            (isOwn ? "" : fmt::format(", from template {}", Escaped(NameOf(*origin.element).text)));
 }
 
-void PrintText(const EntryInForce& entry) {
+void PrintText(const EntryInForce& entry, const std::optional<Identity>& identity) {
+    if (identity) {
+        Say(IdentityInWords(*identity));
+    }
+    if (entry.entry == nullptr) {
+        return;
+    }
     for (const Entry* ancestor = entry.entry; ancestor != nullptr; ancestor = ancestor->parent) {
         const JsonValue& written = NameOf(*ancestor->rulesFrom);
         const std::string name = Escaped(written.text);
@@ -132,21 +138,6 @@ void PrintJson(const EntryInForce& entry, const std::optional<Identity>& identit
     SayJson(document);
 }
 
-ExitStatus Show(bool wantsJson, const EntryInForce& entry, const std::optional<Identity>& identity) {
-    if (wantsJson) {
-        PrintJson(entry, identity);
-    } else if (identity) {
-        Say(IdentityInWords(*identity));
-    }
-    if (entry.entry == nullptr) {
-        return Fail(kNoSuch, "there is no entry of that name: no rule applies");
-    }
-    if (!wantsJson) {
-        PrintText(entry);
-    }
-    return kDone;
-}
-
 ExitStatus Run(const CommandLine& line) {
     const std::optional<int32_t> pid = AsPid(line.subject);
     const std::optional<Identity> identity = pid ? IdentityOf(*pid) : std::nullopt;
@@ -163,7 +154,11 @@ ExitStatus Run(const CommandLine& line) {
         return Fail(kRefused, "the service refuses the quota files; \"rqctl check\" says why");
     }
     const auto entry = policy.Find(identity ? identity->watchedAs : line.subject);
-    return entry ? Show(line.wantsJson, *entry, identity) : Fail(kFailed, entry.Why().Text());
+    if (!entry) {
+        return Fail(kFailed, entry.Why().Text());
+    }
+    line.wantsJson ? PrintJson(*entry, identity) : PrintText(*entry, identity);
+    return entry->entry == nullptr ? Fail(kNoSuch, "there is no entry of that name: no rule applies") : kDone;
 }
 
 void AddOptions(CLI::App& command, CommandLine& line) {

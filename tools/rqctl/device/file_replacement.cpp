@@ -52,26 +52,19 @@ Result<void> FileReplacement::ReadOld() {
     return {};
 }
 
-std::error_code FileReplacement::WriteNew(const std::string& path, std::string_view content) const {
-    // A killed process may have left one; the lock says that it is not being written now.
-    unlink(path.c_str());
-    const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file) {
-        return LastError();
-    }
-    if (const std::error_code error = Linux::WriteAll(file.Get(), content)) {
-        return error;
-    }
-    // The mode comes last: a change of owner takes bits away.
-    const bool isDone = fchown(file.Get(), attributes_.st_uid, attributes_.st_gid) == 0 &&
-                        fchmod(file.Get(), attributes_.st_mode & 07777) == 0 && fsync(file.Get()) == 0 &&
-                        rename(path.c_str(), path_.c_str()) == 0 && fsync(directory_.Get()) == 0;
-    return isDone ? std::error_code() : LastError();
-}
-
 Result<void> FileReplacement::Replace(std::string_view content) {
     const std::string newPath = path_.parent_path() / ("." + path_.filename().string() + ".new");
-    if (const std::error_code error = WriteNew(newPath, content)) {
+    // A killed process may have left one; the lock says that it is not being written now.
+    unlink(newPath.c_str());
+    const UniqueFd file(open(newPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    std::error_code error = file ? Linux::WriteAll(file.Get(), content) : LastError();
+    // The mode comes last: a change of owner takes bits away.
+    if (!error && (fchown(file.Get(), attributes_.st_uid, attributes_.st_gid) != 0 ||
+                   fchmod(file.Get(), attributes_.st_mode & 07777) != 0 || fsync(file.Get()) != 0 ||
+                   rename(newPath.c_str(), path_.c_str()) != 0 || fsync(directory_.Get()) != 0)) {
+        error = LastError();
+    }
+    if (error) {
         unlink(newPath.c_str());
         return Failure(path_, error);
     }

@@ -29,7 +29,6 @@ class FileReplacement {
   private:
     explicit FileReplacement(std::filesystem::path path) : path_(std::move(path)) {}
     Linux::Result<void> ReadOld();
-    std::error_code WriteNew(const std::string& path, std::string_view content) const;
 
     std::filesystem::path path_;
     Linux::UniqueFd directory_;  // locked

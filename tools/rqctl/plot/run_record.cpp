@@ -98,19 +98,16 @@ std::error_code ReadLines(const std::string& path, Reader read, RunRecord& recor
     return error;
 }
 
-// There is no events file where nothing has happened yet.
-bool IsWithoutEvents(const std::string& path, const std::error_code& error) {
-    std::error_code ignored;
-    return Linux::Is(error, ENOENT) &&
-           std::filesystem::is_directory(std::filesystem::path(path).parent_path(), ignored);
-}
-
 }  // namespace
 
 Linux::Result<RunRecord> ReadRunRecord(const std::string& events, const std::string& samples) {
     RunRecord record;
     const std::error_code error = ReadLines(events, Tools::ReadEvent, record);
-    if (error && !IsWithoutEvents(events, error)) {
+    std::error_code ignored;
+    const bool isDirectory =
+        std::filesystem::is_directory(std::filesystem::path(events).parent_path(), ignored);
+    // There is no events file where nothing has happened yet.
+    if (error && !(Linux::Is(error, ENOENT) && isDirectory)) {
         return Linux::Failure(events, error);
     }
     ReadLines(samples, ReadSample, record);

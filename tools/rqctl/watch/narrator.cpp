@@ -79,14 +79,13 @@ void Narrator::TellReport(const Event& event) {
 
 void Narrator::TellTreatment(const Event& event) {
     const TreatmentKind* treatment = FindTreatmentKind(event);
+    const std::string text = ProcessOf(event) + DetailOf(event);
     if (treatment == nullptr) {
-        SayAt(event.time, Tone::kPlain, "event",
-              fmt::format("{} of {}{}", Escaped(event.name), ProcessOf(event), DetailOf(event)));
+        SayAt(event.time, Tone::kPlain, "event", Escaped(event.name) + " of " + text);
     } else if (event.result != 0) {
-        SayAt(event.time, Tone::kBad, fmt::format("not {}", treatment->word),
-              ProcessOf(event) + DetailOf(event));
+        SayAt(event.time, Tone::kBad, fmt::format("not {}", treatment->word), text);
     } else {
-        SayAt(event.time, treatment->tone, treatment->word, ProcessOf(event) + DetailOf(event));
+        SayAt(event.time, treatment->tone, treatment->word, text);
     }
     open_.remove_if([&](const OpenReport& report) {
         return report.pid == event.pid && report.name == event.processName;
