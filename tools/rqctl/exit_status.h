@@ -2,8 +2,7 @@
 
 namespace KITE::Rqctl {
 
-// What the process's exit status says, for all subcommands. A wrong command line ends with CLI11's numbers,
-// 100 and above.
+// The exit status of all subcommands. A wrong command line ends with CLI11's numbers, 100 and above.
 enum ExitStatus : int {
     kDone = 0,
     kWarnings = 1,     // check --strict: nothing but warnings was found

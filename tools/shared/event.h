@@ -9,8 +9,7 @@
 
 namespace KITE::Tools {
 
-// A line of the events file, whose form docs/linux.md describes. A key that the line does not have is empty
-// or 0.
+// A line of the events file (docs/linux.md). A key that the line does not have is empty or 0.
 struct Event {
     int64_t time = 0;  // ms since the epoch, kLatestMoment at most
     std::string domain;

@@ -116,8 +116,7 @@ bool EventFollower::Advance(const Take& take) {
     }
     // The last line may have come between the look at the file and its end.
     ReadToEnd(take);
-    // A whole file came and went since the last look, unless the predecessor is what has been read, or is
-    // from before that.
+    // A whole file came and went since the last look, unless the predecessor has been read or is older.
     auto predecessor = OpenFile(path_ + ".1");
     const bool isNews = file_ && predecessor && IdentityOf(*predecessor) != IdentityOf(file_) &&
                         ChangeTimeOf(file_) < ChangeTimeOf(*predecessor);

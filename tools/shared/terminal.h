@@ -8,8 +8,7 @@ namespace KITE::Tools {
 
 enum class Tone { kPlain, kQuiet, kGood, kNotice, kWarning, kBad };
 
-// The text in the tone's colour where standard output is a terminal that shows colours and NO_COLOR is not
-// set, else as it is.
+// In the tone's colour where standard output is a terminal that shows colours and NO_COLOR is not set.
 std::string Paint(Tone tone, std::string_view text);
 
 // A text of unknown origin (a process name), safe to show: control characters, marks that turn the direction

@@ -8,8 +8,7 @@
 
 namespace KITE::Rqctl {
 
-// Asks the service: `ask` makes the requests and returns what the proxy returns. Returns kDone for ERR_OK, or
-// what went wrong after telling it.
+// `ask` makes the requests and returns the proxy's result. Tells what went wrong and returns it; else kDone.
 ExitStatus AskService(const CommandLine& line,
                       const std::function<int32_t(ResourceQuotaCtl::ResourceQuotaControlProxy&)>& ask);
 

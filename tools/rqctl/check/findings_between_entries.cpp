@@ -15,16 +15,6 @@ namespace KITE::Rqctl {
 
 namespace {
 
-size_t LineOf(const JsonValue& element) {
-    return NameOf(element).Place().line;
-}
-
-// Whether a process can have the name: the Kelvra manager reads it of a first argument, and the service,
-// which cuts it, finds what it sees in the name again.
-bool IsProcessName(const std::string& name) {
-    return !name.empty() && Linux::ProcessNameOf(name) == name;
-}
-
 void CheckForNamesDefinedTwice(const MergedLayers& merged, Findings& findings) {
     std::map<std::pair<const Layer*, std::string>, const JsonValue*> first;
     for (const JsonValue* element : merged.elements) {
@@ -34,7 +24,7 @@ void CheckForNamesDefinedTwice(const MergedLayers& merged, Findings& findings) {
             findings.Warn(name,
                           fmt::format("{0} is also in line {1}: these rules replace those, but the parent "
                                       "stays that of line {1}",
-                                      name.Excerpt(), LineOf(*found->second)),
+                                      name.Excerpt(), NameOf(*found->second).Place().line),
                           "each name once in a file");
         }
     }
@@ -61,16 +51,18 @@ void CheckParent(const Entry& entry, Findings& findings) {
     }
     const JsonValue& written = InheritOf(*entry.rulesFrom);
     if (written.text != parent.text) {
-        findings.Warn(written,
-                      fmt::format("{} has no effect: the parent stays {} of {}:{}", written.Excerpt(),
-                                  parent.Excerpt(), parent.layer->path, LineOf(*entry.parentFrom)),
-                      "the same parent as there");
+        findings.Warn(
+            written,
+            fmt::format("{} has no effect: the parent stays {} of {}:{}", written.Excerpt(), parent.Excerpt(),
+                        parent.layer->path, NameOf(*entry.parentFrom).Place().line),
+            "the same parent as there");
     }
 }
 
 // Of an entry that no other one inherits from.
 void CheckName(const JsonValue& name, Findings& findings) {
-    if (!IsProcessName(name.text)) {
+    // The Kelvra manager reads a name of a first argument; the service finds what it sees in the name again.
+    if (name.text.empty() || Linux::ProcessNameOf(name.text) != name.text) {
         findings.Warn(
             name,
             fmt::format("no process can have the name {}, and no entry inherits from it", name.Excerpt()),

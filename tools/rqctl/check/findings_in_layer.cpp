@@ -6,6 +6,7 @@
 #include <numeric>
 #include <utility>
 
+#include "base/resource_types.h"
 #include "base/text.h"
 #include "process_quotas.h"
 #include "rqctl/check/findings.h"

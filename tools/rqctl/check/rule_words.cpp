@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/resource_types.h"
 #include "shared/wording.h"
 
 namespace KITE::Rqctl {

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <string>
 
-#include "base/resource_types.h"
 #include "kelvra_manager_client.h"
 
 // A rule in plain words, and the facts that its words and the check rest on.

@@ -18,8 +18,7 @@ namespace {
 
 using nlohmann::ordered_json;
 
-// Reads the next process of the list, in the form of --json. Above 0 when there was one, 0 at the end of the
-// list, else a negative error number.
+// Reads the next process, in the form of --json. Above 0: there was one; 0: the end; below 0: an error.
 int ReadOne(sd_bus_message* answer, ordered_json& treated) {
     int32_t pid = 0;
     int32_t ruleId = 0;

@@ -14,8 +14,7 @@ struct Point {
 };
 
 // What is measured of a resource, as the Kelvra manager judges it, in the type's unit; of a counter over the
-// last `duration` seconds. While less has been seen, over what has been. Pieces are those of one process
-// without a gap.
+// last `duration` seconds, or what has been seen of them. A piece is that of one process without a gap.
 std::vector<Point> CurveOf(const Linux::ResourceType& type, int64_t duration,
                            const std::vector<Sample>& samples);
 

@@ -73,25 +73,8 @@ class Figure {
         if (HasBadges()) {
             PlaceBadges();
         }
-    }
-
-    void DrawBands() {
-        for (const Band& band : panel_.bands) {
-            Add("<rect class='{0}' x='{1:.1f}' y='{2:.1f}' width='{3:.1f}' height='{4:.1f}'>"
-                "<title>{0} from {5} to {6}</title></rect>\n",
-                band.kind->word, X(band.from), Top(), std::max(1.0, X(band.to) - X(band.from)), plotHeight_,
-                ClockText(band.from), ClockText(band.to));
-        }
-    }
-
-    void DrawTimeAxis() {
-        AddHorizontal("axis", Bottom());
-        const int64_t step = TimeStep(panel_.end - panel_.begin);
-        for (int64_t time = (panel_.begin + step - 1) / step * step; time <= panel_.end; time += step) {
-            AddVertical("grid", X(time), Top());
-            AddText("tick", std::clamp(X(time), kLeft, kRight - 20), Bottom() + 16, "middle",
-                    fmt::format("{:%T}", fmt::localtime(time / 1000)));
-        }
+        DrawBands();
+        DrawTimeAxis();
     }
 
     void DrawAmountAxis(const ResourceType& type) {
@@ -184,6 +167,25 @@ class Figure {
         badgeRows_ = std::max<size_t>(1, freeFrom.size());
     }
 
+    void DrawBands() {
+        for (const Band& band : panel_.bands) {
+            Add("<rect class='{0}' x='{1:.1f}' y='{2:.1f}' width='{3:.1f}' height='{4:.1f}'>"
+                "<title>{0} from {5} to {6}</title></rect>\n",
+                band.kind->word, X(band.from), Top(), std::max(1.0, X(band.to) - X(band.from)), plotHeight_,
+                ClockText(band.from), ClockText(band.to));
+        }
+    }
+
+    void DrawTimeAxis() {
+        AddHorizontal("axis", Bottom());
+        const int64_t step = TimeStep(panel_.end - panel_.begin);
+        for (int64_t time = (panel_.begin + step - 1) / step * step; time <= panel_.end; time += step) {
+            AddVertical("grid", X(time), Top());
+            AddText("tick", std::clamp(X(time), kLeft, kRight - 20), Bottom() + 16, "middle",
+                    fmt::format("{:%T}", fmt::localtime(time / 1000)));
+        }
+    }
+
     template <typename... Values>
     void Add(fmt::format_string<Values...> format, Values&&... values) {
         fmt::format_to(std::back_inserter(content_), format, std::forward<Values>(values)...);
@@ -241,8 +243,6 @@ std::string FigureOf(const Panel& panel, const Measured& measured) {
     const auto highestQuota = static_cast<double>(measured.quotas.rbegin()->limit);
     Figure figure(panel, measured.IsAboveQuota() ? kPlotHeight : kFlatHeight,
                   std::max({1.0, measured.peak, highestQuota}) * 1.12);
-    figure.DrawBands();
-    figure.DrawTimeAxis();
     figure.DrawAmountAxis(measured.type);
     figure.DrawQuotas(measured.type, measured.quotas);
     figure.DrawCurve(measured.curve);
@@ -255,8 +255,6 @@ std::string FigureOf(const Panel& panel, const Measured& measured) {
 
 std::string FigureWithoutSamples(const Panel& panel) {
     Figure figure(panel, kFlatHeight / 2, 1);
-    figure.DrawBands();
-    figure.DrawTimeAxis();
     figure.DrawTreatments();
     return figure.Take("no samples were recorded of this process");
 }

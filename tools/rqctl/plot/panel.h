@@ -14,8 +14,7 @@ struct Band {
     int64_t to;
 };
 
-// What is shown together of one process: its treatments that lie close to each other, and the time around
-// them.
+// Treatments of one process that lie close to each other, and the time around them.
 struct Panel {
     const RunRecord::Process* process;
     int64_t begin;

@@ -63,8 +63,7 @@ struct RunRecord {
     using Process = decltype(processes)::value_type;
 };
 
-// Reads the two files, each after its predecessor, PATH.1. Fails when the events cannot be read; there may be
-// none, and no samples.
+// Reads both files, each after its predecessor, PATH.1; any may be absent. Fails if events are unreadable.
 Linux::Result<RunRecord> ReadRunRecord(const std::string& events, const std::string& samples);
 
 }  // namespace KITE::Rqctl

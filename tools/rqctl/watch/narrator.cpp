@@ -73,7 +73,7 @@ void Narrator::TellReport(const Event& event) {
                       MeasureText(event.resourceType, event.resource, event.duration), event.ruleId,
                       RequestOf(event)));
     if (Linux::IsStaged(event.resourceType) || event.action == "freeze" || event.action == "kill") {
-        open_.push_back({event.time, event.pid, event.processName});
+        open_.push_back(event);
     }
 }
 
@@ -87,8 +87,8 @@ void Narrator::TellTreatment(const Event& event) {
     } else {
         SayAt(event.time, treatment->tone, treatment->word, text);
     }
-    open_.remove_if([&](const OpenReport& report) {
-        return report.pid == event.pid && report.name == event.processName;
+    open_.remove_if([&](const Event& report) {
+        return report.pid == event.pid && report.processName == event.processName;
     });
 }
 
@@ -103,11 +103,11 @@ std::optional<milliseconds> Narrator::TellOfSilence() {
 
 void Narrator::TellOfSilenceUntil(int64_t time) {
     for (; !open_.empty() && open_.front().time + kPatience.count() < time; open_.pop_front()) {
-        const OpenReport& report = open_.front();
+        const Event& report = open_.front();
         SayAt(report.time + kPatience.count(), Tone::kQuiet, "no action",
               fmt::format("{} since its report: it is exempt, the rule's condition did not hold, or the pid "
                           "is another process's by now",
-                          ProcessText(report.name, report.pid)));
+                          ProcessText(report.processName, report.pid)));
     }
 }
 

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <list>
 #include <optional>
-#include <string>
 
 #include "shared/event.h"
 
@@ -17,24 +16,16 @@ class Narrator {
     static constexpr std::chrono::milliseconds kPatience{2000};
 
     void Tell(const Tools::Event& event);
-    // Called when all events have been told that there are: how long until it must be called again, if no
-    // event comes before.
+    // Called when all events have been told: how long until the next call, if no event comes before.
     std::optional<std::chrono::milliseconds> TellOfSilence();
 
   private:
-    // A report that may lead to something.
-    struct OpenReport {
-        int64_t time;  // ms since the epoch
-        int64_t pid;
-        std::string name;
-    };
-
     void TellReport(const Tools::Event& event);
     void TellTreatment(const Tools::Event& event);
     // Of the reports whose patience has ended by that time, in ms since the epoch.
     void TellOfSilenceUntil(int64_t time);
 
-    std::list<OpenReport> open_;  // the oldest first
+    std::list<Tools::Event> open_;  // the reports that may lead to something, the oldest first
 };
 
 }  // namespace KITE::Rqctl
