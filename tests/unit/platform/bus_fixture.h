@@ -28,14 +28,9 @@ class Peer : public Integration::BusClient {
         EXPECT_GE(sd_bus_get_unique_name(Bus(), &name), 0);
         return name;
     }
-    bool Sees(const std::string& name) {
-        sd_bus_creds* owner = nullptr;
-        const bool isThere = sd_bus_get_name_creds(Bus(), name.c_str(), 0, &owner) >= 0;
-        sd_bus_creds_unref(owner);
-        return isThere;
-    }
+    bool Sees(const std::string& name) { return sd_bus_get_name_creds(Bus(), name.c_str(), 0, nullptr) >= 0; }
 
-    // Send a request without waiting for its reply.
+    // Sends a request without waiting for its reply.
     void Send(const std::string& to, uint32_t code, Receiver done) {
         Send(to, kTransactMethod, std::move(done), "uay", code, 0);
     }
@@ -78,14 +73,10 @@ class Recorder : public IPCObjectStub {
         order.push_back(static_cast<int>(code));
         caller = {CallerName(), CallerUid()};
         ownsManager = CallerOwnsAbility(KELVRA_MANAGER_SERVICE_ID);
-        int32_t status = static_cast<int32_t>(code);
-        if (onRequest) {
-            status = onRequest(reply);
-        } else {
-            int32_t number = 0;
-            data.ReadInt32(number);
+        if (int32_t number = 0; !onRequest && data.ReadInt32(number)) {
             reply.WriteInt32(number + 1);
         }
+        const int32_t status = onRequest ? onRequest(reply) : static_cast<int32_t>(code);
         busy_ = false;
         return status;
     }

@@ -1,5 +1,3 @@
-#include <nlohmann/json.hpp>
-
 #include "config_policy.h"
 #include "parameters.h"
 #include "platform_fixture.h"

@@ -17,38 +17,32 @@ using testing::ElementsAre, testing::IsEmpty, testing::SizeIs;
 // Waits under one name and, once told, executes a program of another.
 class Child : public Program {
   public:
+    // A running process may have moved its CPU clock or not yet, so it sleeps after either operation.
     Child(const std::string& name, const std::string& next) : Program({name, "become", next}) {
-        AwaitName(name);
+        EXPECT_TRUE(AwaitState('S'));
     }
     void ExecuteNext(const std::string& name) const {
         Signal(SIGUSR1);
-        AwaitName(name);
-    }
-
-  private:
-    void AwaitName(const std::string& name) const {
-        EXPECT_TRUE(Eventually([&] { return ReadProcessName(Pid()) == name; }));
-        // A running process may have moved its CPU clock or not yet.
-        EXPECT_TRUE(AwaitState('S'));
+        EXPECT_TRUE(Eventually([&] { return ReadProcessName(Pid()) == name; }) && AwaitState('S'));
     }
 };
 
 class RealProcesses : public DirectoryTest {
   protected:
     void UseRules(std::vector<Kelvra::ResQuotaInfo> quotas) {
-        table_.UseRules(std::make_shared<RuleBook>(std::move(quotas)));
+        table_->UseRules(std::make_shared<RuleBook>(std::move(quotas)));
     }
     // Of one second later.
     std::vector<Report>& Sample() {
         at_ += 1s;
-        return reports_ = table_.Sample(at_, *reporter_);
+        return reports_ = table_->Sample(at_, *reporter_);
     }
 
     const std::string first_ = "kelvra_first_" + std::to_string(getpid());
     const std::string second_ = "kelvra_second_" + std::to_string(getpid());
     TimePoint at_;
     const std::shared_ptr<Reporter> reporter_ = std::make_shared<Reporter>();
-    ProcessTable table_;
+    std::optional<ProcessTable> table_{std::in_place};
     std::vector<Report> reports_;  // of the last sample
 };
 
@@ -79,7 +73,7 @@ TEST_F(RealProcesses, AnExecutedProgramIsMatchedAnewAndInheritsNoWindow) {
     Sample();
     child.ExecuteNext(second_);
     EXPECT_THAT(Sample(), IsEmpty());
-    EXPECT_EQ(table_.WatchedCount(), 0U);
+    EXPECT_EQ(table_->WatchedCount(), 0U);
     EXPECT_THAT(Sample(), IsEmpty());
     EXPECT_THAT(Sample(), IsEmpty());
     ASSERT_THAT(Sample(), SizeIs(1));
@@ -106,37 +100,33 @@ TEST_F(RealProcesses, OneThatWasTooManyIsWatchedOnceThereIsRoomThoughItSleeps) {
     Child other(first_, second_);
     const auto [watched, waiting] =
         std::minmax({&one, &other}, [](Child* a, Child* b) { return a->Pid() < b->Pid(); });
-    ProcessTable table(1);
-    table.UseRules(std::make_shared<RuleBook>(std::vector{Quota(first_, "mem", 1, 0)}));
-    const auto sample = [&] { return table.Sample(at_ += 1s, *reporter_); };
+    table_.emplace(1);
+    UseRules({Quota(first_, "mem", 1, 0)});
     for (uint32_t i = 0; i < 2 * ProcessTable::kCheckPeriod; ++i) {
-        EXPECT_THAT(sample(), SizeIs(1));
+        EXPECT_THAT(Sample(), SizeIs(1));
     }
     watched->Signal(SIGKILL);
     watched->AwaitEnd();
     for (uint32_t i = 0; i < ProcessTable::kCheckPeriod; ++i) {
-        sample();
+        Sample();
     }
-    const std::vector<Report> reports = sample();
-    ASSERT_THAT(reports, SizeIs(1));
-    EXPECT_EQ(reports[0].pid, waiting->Pid());
+    ASSERT_THAT(Sample(), SizeIs(1));
+    EXPECT_EQ(reports_[0].pid, waiting->Pid());
 }
 
 TEST_F(RealProcesses, AProblemIsToldOnceForTheSameRulesAndDoesNotSilenceAnother) {
     const std::string name = ReadProcessName(getpid());
     testing::internal::CaptureStderr();
     PLATFORM_LOGW("first line");  // the log opens what it needs while it can
-    ProcessTable table(0);
-    const auto rules = std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 1, 0)});
-    const auto otherRules = std::make_shared<RuleBook>(std::vector{Quota(name, "mem", 2, 0)});
-    table.UseRules(rules);
-    table.Sample(Second(0), *reporter_);
+    table_.emplace(0);
+    UseRules({Quota(name, "mem", 1, 0)});
+    Sample();
     {
         const DescriptorLimit none(0);
-        table.Sample(Second(1), *reporter_);
-        table.Sample(Second(2), *reporter_);
-        table.UseRules(otherRules);
-        table.Sample(Second(3), *reporter_);
+        Sample();
+        Sample();
+        UseRules({Quota(name, "mem", 2, 0)});
+        Sample();
     }
     StopLog();
     EXPECT_THAT(testing::internal::GetCapturedStderr(),
@@ -165,16 +155,16 @@ TEST_F(RealProcesses, OtherRulesStartEveryWindowAnewAndOneThatEndsIsForgotten) {
     UseRules({Quota(first_, "mem", 1, 1)});
     Sample();
     const auto others = std::make_shared<RuleBook>(std::vector{Quota(first_, "mem", 1, 1)});
-    table_.UseRules(others);
+    table_->UseRules(others);
     EXPECT_THAT(Sample(), IsEmpty());
-    table_.UseRules(others);
+    table_->UseRules(others);
     EXPECT_THAT(Sample(), SizeIs(1)) << "the same rules again change nothing";
     UseRules({Quota(first_, "mem", 1, 0), Quota(first_, "cpu", 1, 0), Quota(first_, "io", 1, 0)});
     EXPECT_THAT(Sample(), SizeIs(1));
     child.Signal(SIGKILL);
     ASSERT_TRUE(child.AwaitState('Z'));
     EXPECT_THAT(Sample(), IsEmpty());
-    EXPECT_EQ(table_.WatchedCount(), 0U);
+    EXPECT_EQ(table_->WatchedCount(), 0U);
 }
 
 TEST_F(RealProcesses, AReportOnItsWayHoldsBackTheNextOfItsKindAndNoOther) {

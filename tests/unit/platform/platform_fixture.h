@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "base/result.h"
@@ -40,6 +41,14 @@ class DirectoryTest : public testing::Test {
         std::ofstream(Path(name), std::ios::trunc) << text;
     }
     std::string Get(const std::string& name) const { return Integration::ReadWholeFile(Path(name)); }
+    std::vector<nlohmann::json> RecordedEvents() const {
+        std::vector<nlohmann::json> events;
+        std::ifstream file(Path("events.jsonl"));
+        for (std::string line; std::getline(file, line);) {
+            events.push_back(nlohmann::json::parse(line));
+        }
+        return events;
+    }
 
     const std::filesystem::path directory_ = [] {
         std::string name = testing::TempDir() + "kite_XXXXXX";

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
 #include <optional>
-#include <sstream>
 
 #include "platform_fixture.h"
 #include "proc/process_stat.h"
@@ -85,9 +83,7 @@ class TreatmentTest : public DirectoryTest {
     // What was told of treatments, as "FREEZE 0", with the result.
     std::vector<std::string> Events() const {
         std::vector<std::string> events;
-        std::istringstream lines(Get("events.jsonl"));
-        for (std::string line; std::getline(lines, line);) {
-            const auto event = nlohmann::json::parse(line);
+        for (const nlohmann::json& event : RecordedEvents()) {
             events.push_back(event["name"].get<std::string>() + ' ' + event["RESULT"].dump());
         }
         return events;
