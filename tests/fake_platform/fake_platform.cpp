@@ -24,29 +24,16 @@ std::vector<Entry> Platform::Entries() const {
     return trace_;
 }
 
-std::vector<std::string> Platform::Texts(const std::function<bool(const Entry&)>& isWanted) const {
+std::vector<std::string> Platform::Texts(std::optional<bool> areLines,
+                                         std::initializer_list<std::string_view> without) const {
     std::vector<std::string> texts;
     for (const Entry& entry : Entries()) {
-        if (isWanted(entry)) {
+        const auto isIn = [&](std::string_view word) { return entry.source.find(word) != word.npos; };
+        if (entry.isLine == areLines.value_or(entry.isLine) && std::ranges::none_of(without, isIn)) {
             texts.push_back(entry.text);
         }
     }
     return texts;
-}
-
-std::vector<std::string> Platform::Trace(std::initializer_list<std::string_view> without) const {
-    return Texts([&](const Entry& entry) {
-        return std::ranges::none_of(
-            without, [&](std::string_view word) { return entry.source.find(word) != std::string::npos; });
-    });
-}
-
-std::vector<std::string> Platform::Calls() const {
-    return Texts([](const Entry& entry) { return !entry.isLine; });
-}
-
-std::vector<std::string> Platform::Log() const {
-    return Texts([](const Entry& entry) { return entry.isLine; });
 }
 
 void Platform::ClearTrace() {
@@ -78,13 +65,13 @@ std::function<void()> Platform::TakeTask(std::chrono::microseconds until) {
 }
 
 size_t Platform::Advance(std::chrono::microseconds time) {
-    std::unique_lock lock(mutex_);
-    const auto end = now_ + time;
-    lock.unlock();
+    const auto end = [&] {
+        const std::lock_guard lock(mutex_);
+        return now_ + time;
+    }();
     size_t count = 0;
-    while (const auto task = TakeTask(end)) {
+    for (; const auto task = TakeTask(end); ++count) {
         task();
-        ++count;
     }
     return count;
 }

@@ -99,9 +99,11 @@ class Platform : public Script {
 
     std::vector<Entry> Entries() const;
     // The texts of all entries but those whose source contains one of the words; of the calls; of the lines.
-    std::vector<std::string> Trace(std::initializer_list<std::string_view> without = {}) const;
-    std::vector<std::string> Calls() const;
-    std::vector<std::string> Log() const;
+    std::vector<std::string> Trace(std::initializer_list<std::string_view> without = {}) const {
+        return Texts(std::nullopt, without);
+    }
+    std::vector<std::string> Calls() const { return Texts(false); }
+    std::vector<std::string> Log() const { return Texts(true); }
     void ClearTrace();
 
     // Runs what is due, in order of time and then of submission, until nothing due is left; gives the number.
@@ -122,7 +124,8 @@ class Platform : public Script {
 
   private:
     Platform() { Reset(); }
-    std::vector<std::string> Texts(const std::function<bool(const Entry&)>& isWanted) const;
+    std::vector<std::string> Texts(std::optional<bool> areLines,
+                                   std::initializer_list<std::string_view> without = {}) const;
     std::function<void()> TakeTask(std::chrono::microseconds until);
 
     mutable std::mutex mutex_;  // everything below

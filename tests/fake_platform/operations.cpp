@@ -173,9 +173,8 @@ bool LoadStringFromFile(const std::string& path, std::string& content) {
         return platform.loadFile(path, content);
     }
     const auto file = platform.files.find(path);
-    const bool isThere = file != platform.files.end();
-    content = isThere ? file->second : content;
-    return isThere;
+    content = file != platform.files.end() ? file->second : content;
+    return file != platform.files.end();
 }
 
 bool SaveStringToFd(int fd, const std::string& content) {

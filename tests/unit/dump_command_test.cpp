@@ -8,7 +8,6 @@ namespace KITE::ResourceQuotaCtl {
 
 namespace {
 
-constexpr uint32_t kOperator = 3;
 constexpr int32_t kRefused = 0x261000C;
 const std::string kHelp =
     "Resource quota control dump options:\n  description of the cmd option:\n"
@@ -18,15 +17,10 @@ const std::string kHelp =
 
 class DumpTest : public ServiceTest {
   protected:
-    DumpTest() {
-        platform.permissions = {{kOperator, "kite.permission.DUMP"}};
-        platform.firstToken = kOperator;
-    }
-
     int32_t Dump(const std::vector<std::u16string>& args) {
         platform.ClearTrace();
         platform.saved = "nothing saved";
-        return platform.registeredAbility->Dump(42, args);
+        return service.Dump(42, args);
     }
     std::string DumpText(const std::vector<std::u16string>& args) {
         EXPECT_EQ(Dump(args), 0);
@@ -43,17 +37,16 @@ TEST_F(DumpTest, ShowsTheHelpForEverythingThatIsNoOption) {
              {}, {u"-h"}, {u"dumpconfig"}, {u"DumpConfig "}, {u""}, {u"-h", u"DumpConfig"}}) {
         EXPECT_EQ(DumpText(args), kHelp);
     }
-    EXPECT_THAT(platform.Trace(), ElementsAre("VerifyAccessToken(3, kite.permission.DUMP)",
+    EXPECT_THAT(platform.Trace(), ElementsAre("VerifyAccessToken(7, kite.permission.DUMP)",
                                               "SaveStringToFd(42, " + std::to_string(kHelp.size()) + ")"));
 }
 
 TEST_F(DumpTest, NeedsThePermissionOfTheFirstCaller) {
-    platform.callingToken = kOperator;
     platform.firstToken = 4;
     EXPECT_EQ(Dump({u"-h"}), kRefused);
     EXPECT_THAT(platform.Trace(),
                 ElementsAre("VerifyAccessToken(4, kite.permission.DUMP)", "E CheckPermission failed"));
-    platform.firstToken = kOperator;
+    platform.firstToken = kCaller;
     platform.canSave = false;
     EXPECT_EQ(Dump({u"-h"}), kRefused);
     EXPECT_THAT(platform.Log(), ElementsAre("E save to fd failed."));
@@ -80,23 +73,22 @@ TEST_F(DumpTest, ListsTheConfigurationAndTheRunningTimes) {
 
 TEST_F(DumpTest, KeepsTheLast100RecordsOfEachHistoryOnceASubscriptionWasAccepted) {
     platform.subscribeResult = 1;
-    platform.registeredAbility->OnAddSystemAbility(1213, "");
+    service.OnAddSystemAbility(1213, "");
     Handle({Report("cpu", "kill")});
     EXPECT_EQ(DumpText({u"DumpReportedAbnormalInfo"}), "");
-    platform.registeredAbility->OnRemoveSystemAbility(1213, "");
+    service.OnRemoveSystemAbility(1213, "");
     platform.subscribeResult = 0;
-    platform.registeredAbility->OnAddSystemAbility(1213, "");
+    service.OnAddSystemAbility(1213, "");
     platform.wallTimeMs = 1700000000000;
     for (int pid = 1; pid <= 101; ++pid) {
         Handle({Report("cpu", "kill", {1, 3}, -1000, pid, 20010)});
     }
     const std::string all = DumpText({u"DumpReportedAbnormalInfo"});
     EXPECT_EQ(std::ranges::count(all, '\n'), 100);
-    EXPECT_TRUE(
-        all.starts_with("pid_2 uid_20010 processname_foo processtype_4294966296 action_kill restype_cpu "
-                        "duration_60 condition_1_3_ "
-                        "id_7 resource_95 timestamp_1700000000000\npid_3 "))
-        << all.substr(0, 200);
+    EXPECT_THAT(
+        all, testing::StartsWith(
+                 "pid_2 uid_20010 processname_foo processtype_4294966296 action_kill "
+                 "restype_cpu duration_60 condition_1_3_ id_7 resource_95 timestamp_1700000000000\npid_3 "));
     EXPECT_NE(all.find("\npid_101 "), all.npos);
     EXPECT_EQ(DumpText({u"DumpReportedAbnormalInfo"}), all) << "dumping changes nothing";
     EXPECT_EQ(DumpText({u"DumpHandledAbnormalInfo"}), "") << "an unverified process is not acted on";
@@ -104,8 +96,7 @@ TEST_F(DumpTest, KeepsTheLast100RecordsOfEachHistoryOnceASubscriptionWasAccepted
 }
 
 TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
-    platform.registeredAbility->OnAddSystemAbility(1213, "");
-    platform.files["/proc/12/cmdline"] = "foo";
+    service.OnAddSystemAbility(1213, "");
     const auto enhanced = Report("cpu_ext", "warning");
     Handle({Report("mem", "warning"), enhanced, enhanced, enhanced});
     const std::string start = "pid_12 uid_34 processname_foo processtype_0 action_warning restype_";
@@ -118,7 +109,7 @@ TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
     const auto thrice = Report("mem", "no action", {0, 8, 0});
     Handle({thrice});
     EXPECT_EQ(CountOf(u"DumpHandledAbnormalInfo"), 3) << "once for each condition that holds";
-    platform.registeredAbility->OnRemoveSystemAbility(1213, "");
+    service.OnRemoveSystemAbility(1213, "");
     Handle({thrice});
     EXPECT_EQ(CountOf(u"DumpReportedAbnormalInfo"), 6) << "recording goes on";
     std::string result = "replaced";
@@ -127,22 +118,21 @@ TEST_F(DumpTest, ShowsWhatWasExecutedAndWhatWasEnhancedApart) {
 }
 
 TEST_F(DumpTest, LogsTheBytesThatOneProcessHasWritten) {
-    const std::string invalid = "E input pid is invalid, please remember to enter the pid parameter.";
-    using Words = std::vector<std::u16string>;
-    for (const Words& words :
-         {Words{}, {u""}, {u"0"}, {u"abc"}, {u"99999999999999999999"}, {u"+-5"}, {u"- 5"}, {u"4294967301"}}) {
-        Words args{u"DumpGetIoWritebytesAbility"};
-        args.insert(args.end(), words.begin(), words.end());
+    const auto log = [&](std::vector<std::u16string> args) {
+        args.insert(args.begin(), u"DumpGetIoWritebytesAbility");
         EXPECT_EQ(DumpText(args), "");
-        EXPECT_THAT(platform.Log(), ElementsAre(invalid));
+        return platform.Log();
+    };
+    for (const char16_t* word : {u"", u"0", u"abc", u"99999999999999999999", u"+-5", u"- 5", u"4294967301"}) {
+        EXPECT_THAT(log({word}),
+                    ElementsAre("E input pid is invalid, please remember to enter the pid parameter."));
     }
-    EXPECT_EQ(DumpText({u"DumpGetIoWritebytesAbility", u" \t-3 "}), "");
-    EXPECT_THAT(platform.Log(),
+    EXPECT_EQ(log({}), log({u"0"}));
+    EXPECT_THAT(log({u" \t-3 "}),
                 ElementsAre("E file /proc/-3/io not found, can not get io data.", "I writeBytes.size() 1",
                             "I receive data, pid:-3 writeBytes:18446744073709551615"));
-    DumpText({u"DumpGetIoWritebytesAbility", u"\v\r\f+99999999abc", u"5"});
-    EXPECT_THAT(platform.Log(), Contains("I receive data, pid:99999999 "
-                                         "writeBytes:18446744073709551615"));
+    EXPECT_THAT(log({u"\v\r\f+99999999abc", u"5"}),
+                Contains("I receive data, pid:99999999 writeBytes:18446744073709551615"));
 }
 
 class ReleaseDumpTest : public DumpTest {};
@@ -154,8 +144,7 @@ TEST_F(ReleaseDumpTest, IsRefusedInSilenceWhateverThePermission) {
 }
 
 TEST_F(ReleaseDumpTest, NothingIsRecorded) {
-    platform.registeredAbility->OnAddSystemAbility(1213, "");
-    platform.files["/proc/12/cmdline"] = "foo";
+    service.OnAddSystemAbility(1213, "");
     Handle({Report("mem", "warning"), Report("cpu_ext", "warning")});
     std::string result;
     const auto impl = DelayedSingleton<ResourceQuotaControlImpl>::GetInstance();

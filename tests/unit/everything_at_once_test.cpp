@@ -39,17 +39,14 @@ const std::vector<Kind> kKinds{
 class ConcurrencyTest : public ServiceTest {
   protected:
     ConcurrencyTest() {
-        platform.files = {{"/proc/12/cmdline", "/bin/foo"}, {"/proc/14/cmdline", "foo"}};
+        platform.files["/proc/14/cmdline"] = "/bin/foo";
         platform.runningProcesses = {{12, 34}, {12, kApplicationInFront}};
         platform.foregroundApplications = {{kApplicationInFront}};
         platform.continuousTasks = {
             std::make_shared<ContinuousTaskCallbackInfo>(34, kTransferringPid, std::vector<uint32_t>{1})};
-        platform.nativeProcesses = {{7, "svcdb"}};
-        platform.permissions = {{7, "kite.permission.DUMP"}};
-        platform.callingToken = platform.firstToken = 7;
         AddLayer(Quotas(Entry("foo", "", "'running_time':1," + Rule("cpu", 1))));
-        service_.OnStart();
-        service_.OnAddSystemAbility(1213, "");
+        service.OnStart();
+        service.OnAddSystemAbility(1213, "");
     }
 
     // A batch's reports have ids of their own; those that are killed or frozen have names too, so that no two
@@ -83,7 +80,7 @@ class ConcurrencyTest : public ServiceTest {
         });
     }
     void Dump() {
-        EXPECT_EQ(service_.Dump(1, {u"DumpReportedAbnormalInfo"}), ERR_OK);
+        EXPECT_EQ(service.Dump(1, {u"DumpReportedAbnormalInfo"}), ERR_OK);
         EXPECT_LE(std::ranges::count(platform.saved, '\n'), 100);
         std::istringstream lines(platform.saved);
         std::set<std::string> ids;
@@ -94,8 +91,8 @@ class ConcurrencyTest : public ServiceTest {
     void RunEverything() {
         const std::jthread others[] = {
             Beside([this] {
-                service_.OnRemoveSystemAbility(1213, "");
-                service_.OnAddSystemAbility(1213, "");
+                service.OnRemoveSystemAbility(1213, "");
+                service.OnAddSystemAbility(1213, "");
             }),
             Beside([core = DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()] {
                 core->HandleKelvraDied();
@@ -110,9 +107,6 @@ class ConcurrencyTest : public ServiceTest {
             reporters.emplace_back([this, reporter] { ReportBatches(reporter); });
         }
     }
-
-  private:
-    SystemAbility& service_ = *platform.registeredAbility;
 };
 
 TEST_F(ConcurrencyTest, EveryReportIsRecordedAndTreatedOrRefusedOnce) {

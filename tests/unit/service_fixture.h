@@ -59,12 +59,17 @@ inline std::vector<std::string> KillTrace(const std::string& pid, const std::str
             ", processName=foo, msg=" + reason};
 }
 
-// A clean platform, and a folder of configuration layers that are merged in the order of their creation.
+// A platform with one process, pid 12 named "foo", and a caller who may do everything; and a folder of
+// configuration layers that are merged in the order of their creation.
 class ServiceTest : public ::testing::Test {
   protected:
     ServiceTest() {
         LoadTimeCalls();
         platform.Reset();
+        platform.files["/proc/12/cmdline"] = "foo";
+        platform.nativeProcesses = {{kCaller, "svcdb"}};
+        platform.permissions = {{kCaller, "kite.permission.DUMP"}};
+        platform.callingToken = platform.firstToken = kCaller;
     }
     ~ServiceTest() override { std::filesystem::remove_all(folder_); }
 
@@ -113,7 +118,9 @@ class ServiceTest : public ::testing::Test {
         return reply;
     }
 
+    static constexpr uint32_t kCaller = 7;
     Fake::Platform& platform = Fake::Platform::Get();
+    SystemAbility& service = *platform.registeredAbility;
 
   private:
     const std::filesystem::path folder_ = [] {

@@ -19,8 +19,6 @@ class LifecycleTest : public ServiceTest {
     std::vector<std::string> Add(int32_t id) { return Run(&SystemAbility::OnAddSystemAbility, id, ""); }
     std::vector<std::string> Remove(int32_t id) { return Run(&SystemAbility::OnRemoveSystemAbility, id, ""); }
     void AddOneRule() { AddLayer(Quotas(Entry("A", "", Rule("cpu", 1)))); }
-
-    SystemAbility& service = *platform.registeredAbility;
 };
 
 const std::string kAdded = "I Add system ability systemAbilityId:1213";
@@ -139,7 +137,7 @@ TEST_F(LifecycleTest, ALineBearsTheFileAndTheFunctionThatItsReadersKnow) {
     AddOneRule();
     service.OnStart();
     service.OnAddSystemAbility(1213, "");
-    platform.files["/proc/12/cmdline"] = "foo";
+    platform.callingToken = platform.firstToken = 0;
     platform.continuousTasks = {std::make_shared<ContinuousTaskCallbackInfo>(34, 12, std::vector{1U})};
     platform.ReportAnomalies({Report("cpu", "kill", {}, 0, 13), Report("cpu_ext", ""), Report("io", "kill")});
     platform.RunTasks();
