@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -31,9 +32,14 @@ constexpr pid_t kPid = 4194304;  // the kernel's limit: no process has it
 constexpr std::string_view kFolder = "/proc/4194304/";
 constexpr std::array<std::string_view, 6> kNames{"cmdline", "stat", "statm", "io", "smaps_rollup", "status"};
 
-// Writes the text that the process's file of this number then holds.
+std::array<int, kNames.size()> files;  // in memory; 0 before the first input
+
 void Put(size_t place, std::string_view text) {
-    Require(!WriteFile(std::string(kNames[place]), text));
+    if (files[place] == 0) {
+        files[place] = memfd_create("text", MFD_CLOEXEC);
+    }
+    Require(ftruncate(files[place], 0) == 0);
+    Require(pwrite(files[place], text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()));
 }
 
 // In the kernel's own text the process chooses nothing but its command name.
@@ -83,9 +89,13 @@ void Watch(const std::vector<std::string>& texts) {
     }
 }
 
-// The process's files stand in the working directory.
+// Where whoever opens one of that process's files finds its text; any other path is itself.
 std::string RealPathOf(std::string_view path) {
-    return std::string(path.substr(path.starts_with(kFolder) ? kFolder.size() : 0));
+    const auto known = std::ranges::find(kNames, path.substr(std::min(kFolder.size(), path.size())));
+    if (!path.starts_with(kFolder) || known == kNames.end()) {
+        return std::string(path);
+    }
+    return "/proc/self/fd/" + std::to_string(files[static_cast<size_t>(known - kNames.begin())]);
 }
 
 }  // namespace
@@ -106,8 +116,8 @@ extern "C" KITE_API FILE* fopen64(const char* path, const char* mode) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    SetSettings({".", ".", ""});
-    auto texts = Split({reinterpret_cast<const char*>(data), size}, '\xff', 2 * kNames.size());
+    Linux::SetSettings({".", ".", ""});
+    auto texts = Fuzz::Split({reinterpret_cast<const char*>(data), size}, '\xff', 2 * kNames.size());
     texts.resize(std::max(texts.size(), kNames.size()));
     for (size_t place = 0; place < kNames.size(); ++place) {
         Put(place, texts[place]);

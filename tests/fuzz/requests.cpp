@@ -10,6 +10,8 @@ using ResourceQuotaCtl::IResourceQuotaControl;
 
 namespace {
 
+constexpr uint32_t kTrusted = 1;
+
 // What a request must be answered with.
 void CheckReply(uint32_t code, MessageParcel& request, MessageParcel& reply, bool isTrusted) {
     std::vector<int32_t> pids;
@@ -65,10 +67,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto& platform = Fake::Platform::Get();
     const sptr<IRemoteObject> service = dynamic_cast<IRemoteObject*>(platform.registeredAbility);
     platform.Reset();
-    platform.nativeProcesses = {{1, "svcdb"}, {2, "svcd"}};
-    platform.permissions = {{1, "kite.permission.DUMP"}};
+    platform.nativeProcesses = {{kTrusted, "svcdb"}, {kTrusted + 1, "svcd"}};
+    platform.permissions = {{kTrusted, "kite.permission.DUMP"}};
     const bool isTrusted = input.ConsumeBool();
-    platform.callingToken = platform.firstToken = isTrusted ? 1 : 2;
-    (input.ConsumeIntegralInRange(0, 3) == 0 ? Dump : Call)(*service, input, isTrusted);
+    platform.callingToken = platform.firstToken = isTrusted ? kTrusted : kTrusted + 1;
+    const bool isDump = input.ConsumeIntegralInRange(0, 3) == 0;
+    (isDump ? Dump : Call)(*service, input, isTrusted);
     return 0;
 }

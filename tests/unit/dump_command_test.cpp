@@ -2,7 +2,6 @@
 #include "resource_quota_control_dumper.h"
 #include "resource_quota_control_impl.h"
 #include "service_fixture.h"
-#include "singleton.h"
 
 namespace KITE::ResourceQuotaCtl {
 

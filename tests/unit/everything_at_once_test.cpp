@@ -3,7 +3,6 @@
 
 #include "resource_quota_control_impl.h"
 #include "service_fixture.h"
-#include "singleton.h"
 
 // Everything at once, with an account of every report. The thread sanitizer sees to the locks that no account
 // shows.

@@ -90,16 +90,13 @@ TEST(ParcelTest, GrowsToItsLimitAndNoFurther) {
     EXPECT_FALSE(foreign.WriteInt32(1));
 }
 
-struct Counted : RefBase {
-    explicit Counted(int& destroyed) : destroyed_(destroyed) {}
-    ~Counted() override { ++destroyed_; }
-    int& destroyed_;
-};
-
 TEST(ReferenceTest, TheLastReferenceDeletesAndCopiesOfTheObjectHaveNone) {
-    int destroyed = 0;
+    static int destroyed = 0;
+    struct Counted : RefBase {
+        ~Counted() override { ++destroyed; }
+    };
     {
-        auto first = MakeSptr<Counted>(destroyed);
+        auto first = MakeSptr<Counted>();
         sptr<RefBase> second = first;
         Counted copy(*first);
         EXPECT_EQ(copy.StrongRefCount(), 0);

@@ -1,7 +1,5 @@
-#include "iresource_quota_control.h"
 #include "res_policy_manager.h"
 #include "service_fixture.h"
-#include "singleton.h"
 
 namespace KITE::ResourceQuotaCtl {
 

@@ -9,6 +9,7 @@
 
 #include "fake_platform.h"
 #include "iresource_quota_control.h"
+#include "singleton.h"
 
 namespace KITE::ResourceQuotaCtl {
 

@@ -1,7 +1,6 @@
 #include "resource_quota_control_impl.h"
 #include "resource_quota_control_service.h"
 #include "service_fixture.h"
-#include "singleton.h"
 
 namespace KITE::ResourceQuotaCtl {
 
