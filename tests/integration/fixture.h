@@ -45,4 +45,16 @@ inline void ExpectContains(const std::string& text, std::initializer_list<std::s
     }
 }
 
+// After the test the service answers, and holds no more descriptors and threads than before.
+class UnharmedServiceTest : public SystemTest {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+    Process& Service() { return QuotaHost().process; }
+
+  private:
+    size_t descriptors_ = 0;
+    size_t threads_ = 0;
+};
+
 }  // namespace KITE::Integration
