@@ -82,7 +82,12 @@ using Arguments = void (*)(Args...);
 template <typename... Args>
 Arguments<std::decay_t<Args>...> ArgumentsOf(Args&&...);
 
-// The printf format without the marks. What is thrown stops the compiler.
+// Not for constant expressions: a call of one stops the compiler, which names it.
+inline void AConversionOfALogFormatLacksItsPublicMark() {}
+inline void AConversionOfALogFormatDoesNotFitItsArgument() {}
+inline void ALogFormatHasTooFewConversions() {}
+
+// The printf format without the marks.
 template <size_t N, typename... Args>
 consteval Text<N> PrintfFormat(const char (&marked)[N], Arguments<Args...>) {
     constexpr std::string_view kMark = "{public}";
@@ -101,15 +106,18 @@ consteval Text<N> PrintfFormat(const char (&marked)[N], Arguments<Args...>) {
             continue;
         }
         if (from.substr(i + 1, kMark.size()) != kMark) {
-            throw "a conversion of a log format lacks its {public} mark";
+            AConversionOfALogFormatLacksItsPublicMark();
         }
         i += kMark.size();
         const std::string_view conversion = kConversions[argument++];
         if (conversion.empty() || !from.substr(i + 1).starts_with(conversion)) {
-            throw "a conversion of a log format does not fit its argument";
+            AConversionOfALogFormatDoesNotFitItsArgument();
         }
     }
-    return argument == sizeof...(Args) ? format : throw "a log format has too few conversions";
+    if (argument != sizeof...(Args)) {
+        ALogFormatHasTooFewConversions();
+    }
+    return format;
 }
 
 }  // namespace KITE::Log
