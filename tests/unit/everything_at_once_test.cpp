@@ -102,6 +102,7 @@ class ConcurrencyTest : public ServiceTest {
             Beside([this] { Dump(); }),
             Beside([this] { platform.Advance(1s); })};  // in which suppressions end
         std::vector<std::jthread> reporters;
+        reporters.reserve(kReporters);
         for (int reporter = 0; reporter < kReporters; ++reporter) {
             reporters.emplace_back([this, reporter] { ReportBatches(reporter); });
         }

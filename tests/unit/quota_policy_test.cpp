@@ -17,6 +17,7 @@ class PolicyTest : public ServiceTest {
         std::vector<ResQuotaInfo> infos;
         policy_->GetAllResQuotaInfos(infos);
         std::vector<std::string> texts;
+        texts.reserve(infos.size());
         for (const auto& info : infos) {
             texts.push_back(info.processName + ' ' + info.resType + ' ' + std::to_string(info.id));
         }

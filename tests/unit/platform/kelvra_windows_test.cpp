@@ -103,8 +103,9 @@ TEST(Windows, EachRuleIsReportedByItsOwnMeasureOnceForEachWindow) {
             }
             windows.Add(readings);
             Ids taken;
-            for (const Breach& breach : windows.TakeBreaches(
-                     [&](const ResourceType& type) { return second == heldBack && type.name == "io"; })) {
+            for (const Breach& breach : windows.TakeBreaches([&, held = heldBack](const ResourceType& type) {
+                     return second == held && type.name == "io";
+                 })) {
                 taken.push_back(breach.rule->quota.id);
             }
             EXPECT_EQ(taken, expected[static_cast<size_t>(second)]) << name << ", second " << second;

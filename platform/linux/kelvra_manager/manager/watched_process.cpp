@@ -61,6 +61,7 @@ std::vector<Report> WatchedProcess::TakeReports(const Reporter& reporter) {
         return {};
     }
     std::vector<Report> reports;
+    reports.reserve(breaches.size());
     for (const Breach& breach : breaches) {
         reports.push_back(ReportOf(breach, static_cast<int32_t>(*uid)));
     }
