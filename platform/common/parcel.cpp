@@ -28,10 +28,12 @@ bool Parcel::Take(void* data, size_t size) {
 }
 
 bool Parcel::ReadBool(bool& value) {
-    int32_t number = value ? 1 : 0;
-    const bool isRead = ReadInt32(number);
+    int32_t number = 0;
+    if (!ReadInt32(number)) {
+        return false;
+    }
     value = number != 0;
-    return isRead;
+    return true;
 }
 
 std::u16string MessageParcel::ReadInterfaceToken() {

@@ -183,6 +183,9 @@ TEST_F(WatchTest, TheRecordedHistoryIsToldInFull) {
                     HasSubstr("report          " + told),
                     HasSubstr("released        dry run, nothing is done: twin (pid 8), asked for by uid 5")));
     EXPECT_EQ("", fromNow.output.Text());
+    // The clock has been set back since.
+    std::ofstream(EventsPath(), std::ios::app) << R"({"time":9000000000000)" << report << '\n';
+    ExpectIn(history.output, {"report          " + told, "no action       twin (pid 8)"});
 }
 
 TEST_F(WatchTest, AFileThatCameAndWentBetweenTwoLooksIsTold) {

@@ -35,12 +35,12 @@ bool IsServedElsewhere(int fd) {
            std::ranges::find(kFileSystems, static_cast<uint32_t>(status.f_type)) != kFileSystems.end();
 }
 
-// Nothing is written where a signal came first.
+// What takes nothing will take nothing: the memory file of a process that has ended does so.
 Result<size_t> Counted(ssize_t written) {
-    if (written < 0 && errno != EINTR) {
-        return LastError();
+    if (written == 0) {
+        return ErrorOf(EIO);
     }
-    return written < 0 ? size_t{0} : static_cast<size_t>(written);
+    return written < 0 ? Result<size_t>(LastError()) : static_cast<size_t>(written);
 }
 
 // Zero when some bytes can be written. A pipe without a reader gives EPIPE here, and no SIGPIPE.
@@ -130,21 +130,22 @@ std::error_code NonblockingWriter::WriteUntil(std::chrono::steady_clock::time_po
                                               std::string_view& text) {
     using std::chrono::ceil, std::chrono::milliseconds, std::chrono::steady_clock;
     const int fd = reopened_ ? reopened_.Get() : fd_;
+    const bool mayWait = steady_clock::now() < deadline;
     while (write_ && !text.empty()) {
         const Result<size_t> written = (*write_)(fd, text);
-        if (written) {
-            text.remove_prefix(*written);
-            continue;
-        }
-        if (!Is(written.Code(), EAGAIN)) {
+        if (!written && !Is(written.Code(), EAGAIN) && !Is(written.Code(), EINTR)) {
             return written.Code();
         }
+        text.remove_prefix(written ? *written : 0);
+        // A slow disk never says EAGAIN, so that the time is looked at after each piece too.
         const auto left = ceil<milliseconds>(deadline - steady_clock::now());
-        if (left <= milliseconds::zero()) {
+        if (!text.empty() && left <= milliseconds::zero() && (mayWait || !written)) {
             return ErrorOf(ETIMEDOUT);
         }
-        pollfd waiting{fd, POLLOUT, 0};
-        poll(&waiting, 1, static_cast<int>(left.count()));
+        if (Is(written.Code(), EAGAIN)) {
+            pollfd waiting{fd, POLLOUT, 0};
+            poll(&waiting, 1, static_cast<int>(left.count()));
+        }
     }
     return write_.Code();
 }

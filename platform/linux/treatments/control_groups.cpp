@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <thread>
 
 #include "base/file.h"
@@ -20,6 +21,20 @@
 namespace KITE::Linux {
 
 namespace {
+
+// mountinfo has blanks and backslashes as "\040" and "\134". Names of units may have a backslash.
+std::string Unescape(std::string_view text) {
+    std::string plain;
+    for (size_t i = 0; i < text.size(); ++i) {
+        auto character = static_cast<unsigned char>(text[i]);
+        if (text[i] == '\\' && i + 3 < text.size()) {
+            std::from_chars(&text[i + 1], &text[i + 3] + 1, character, 8);
+            i += 3;
+        }
+        plain += static_cast<char>(character);
+    }
+    return plain;
+}
 
 constexpr size_t kProcFileLimit = 4 << 20;
 constexpr const char* kProcsFile = "cgroup.procs";
@@ -110,10 +125,9 @@ Cgroups::Cgroups(std::string_view mountinfo, bool managerRuns) : managerRuns_(ma
         }
         const bool isCpuV1 = what[0] == "cgroup" && IsCpuV1(what[2]);
         if (isCpuV1 || what[0] == "cgroup2") {
-            // A path with a blank in it is written in another way, leads nowhere, and so counts as unmounted.
             const std::string_view root = place[3] == "/" ? std::string_view() : place[3];
-            mounts_.push_back({isCpuV1 ? Hierarchy::kCpuV1 : Hierarchy::kUnified, std::string(root),
-                               std::string(place[4])});
+            mounts_.push_back(
+                {isCpuV1 ? Hierarchy::kCpuV1 : Hierarchy::kUnified, Unescape(root), Unescape(place[4])});
         }
     }
 }

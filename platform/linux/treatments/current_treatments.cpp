@@ -75,7 +75,7 @@ void CurrentTreatments::Settle(Treated& treated) {
     if (!treated.IsLeft()) {
         treated.retryAt.reset();
         treated.retryPause = {};
-    } else if (!treated.retryAt || HasCome(treated.retryAt, now)) {
+    } else if (!treated.retryAt) {
         treated.retryPause = std::clamp(treated.retryPause * 2, kFirstPause, kLongestPause);
         treated.retryAt = now + treated.retryPause;
     }
@@ -174,6 +174,7 @@ void CurrentTreatments::TryToUndo(Treated& treated, std::vector<Announcement>& t
             "%{public}s; it is tried again",
             record.pid, Printable(record.processName).c_str(), error.message().c_str());
     }
+    treated.retryAt.reset();  // this was the attempt
     Settle(treated);
 }
 

@@ -45,8 +45,16 @@ class Folder {
         return isSafe ? Result(Folder(std::move(folder))) : ErrorOf(EACCES);
     }
 
-    std::string Path(const std::string& name) const {
-        return "/proc/self/fd/" + std::to_string(folder_.Get()) + "/" + name;
+    // Neither follows a link: the folder may belong to a user who has fewer rights than this process.
+    Result<std::string> Read(const std::string& name) const {
+        const UniqueFd file(
+            openat(folder_.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        return file ? ReadFile(file.Get(), kLargestRecord) : LastError();
+    }
+    std::error_code Write(const std::string& name, const std::string& text) const {
+        constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+        const UniqueFd file(openat(folder_.Get(), name.c_str(), kFlags, S_IRUSR | S_IWUSR));
+        return file ? WriteAll(file.Get(), text) : LastError();
     }
     std::error_code Rename(const std::string& from, const std::string& to) const {
         const int folder = folder_.Get();
@@ -59,7 +67,7 @@ class Folder {
     // Those that begin with a dot are not records: a file that is being written, or one that was set aside.
     std::vector<std::string> ListNames(std::error_code& error) const {
         std::vector<std::string> names;
-        std::filesystem::directory_iterator entry(Path(""), error);
+        std::filesystem::directory_iterator entry("/proc/self/fd/" + std::to_string(folder_.Get()), error);
         for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
             std::string name = entry->path().filename();
             if (!name.starts_with('.')) {
@@ -78,8 +86,10 @@ class Folder {
 // EBADMSG for a file that holds no record.
 Result<TreatmentRecord> ReadNamedRecord(const Folder& folder, const std::string& name,
                                         const Cgroups& cgroups) {
-    const Result<std::string> text = ReadFile(folder.Path(name), kLargestRecord);
-    if (Is(text.Code(), EFBIG) || Is(text.Code(), EISDIR)) {
+    const Result<std::string> text = folder.Read(name);
+    // Too long, a directory, a link, a socket.
+    if (Is(text.Code(), EFBIG) || Is(text.Code(), EISDIR) || Is(text.Code(), ELOOP) ||
+        Is(text.Code(), ENXIO)) {
         return Failure(text.Why().Text(), ErrorOf(EBADMSG));
     }
     if (!text) {
@@ -133,7 +143,7 @@ std::error_code RecordStore::Write(const TreatmentRecord& record) const {
     if (!folder) {
         return folder.Code();
     }
-    const std::error_code error = WriteFile(folder->Path(kUnfinishedName), WriteRecord(record));
+    const std::error_code error = folder->Write(kUnfinishedName, WriteRecord(record));
     if (error) {
         static_cast<void>(folder->Remove(kUnfinishedName));
         return error;

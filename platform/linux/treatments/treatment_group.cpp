@@ -162,9 +162,8 @@ void CleanUp(const TreatmentContext& context, TreatmentRecord& record) {
         record.IsEmpty() ? context.records.Remove(record) : context.records.Write(record);
     record.cleanupError = record.cleanupError ? record.cleanupError : error;
     if (record.cleanupError && !before) {
-        PLATFORM_LOGW(
-            "a group of pid %{public}d or its record cannot be removed yet, it is tried again: %{public}s",
-            record.pid, record.cleanupError.message().c_str());
+        PLATFORM_LOGW("a group of pid %{public}d or its record cannot be removed yet: %{public}s", record.pid,
+                      record.cleanupError.message().c_str());
     }
 }
 

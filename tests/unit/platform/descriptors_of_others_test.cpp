@@ -72,6 +72,13 @@ TEST_F(DescriptorTest, SaveStringToFdKnowsWhatItMayWriteTo) {
     EXPECT_FALSE(isWritten("/dev/full", O_WRONLY));
     EXPECT_FALSE(isWritten("/dev/null", O_RDONLY));
     EXPECT_FALSE(isWritten("no such file", O_WRONLY));
+    // A regular file whose writes take nothing.
+    Integration::Process ended({.program = "/bin/sleep", .arguments = {"sleep", "1000"}});
+    const UniqueFd memory(
+        open(("/proc/" + std::to_string(ended.Pid()) + "/mem").c_str(), O_RDWR | O_CLOEXEC));
+    ended.Signal(SIGKILL);
+    EXPECT_EQ(ended.AwaitEnd(), SIGKILL);
+    EXPECT_FALSE(SaveStringToFd(memory.Get(), "text"));
     for (const uint32_t served :
          std::initializer_list<uint32_t>{FUSE_SUPER_MAGIC, NFS_SUPER_MAGIC, SMB2_SUPER_MAGIC, V9FS_MAGIC}) {
         claimedFileSystem = served;

@@ -106,6 +106,8 @@ TEST(DeviceStateReaderTest, AFaultIsNamedWithItsPlace) {
         {"[]", "the document: must be an object"},
         {R"({"screen": true})", "screen: unknown key"},
         {R"({"screen_on": "yes"})", "screen_on: must be true or false"},
+        {R"({"applications": [{"uid": 1, "foreground": null}]})",
+         "applications[0].foreground: must be true or false"},
         {R"({"applications": {}})", "applications: must be an array"},
         {R"({"applications": [{"uid": 1}, 2]})", "applications[1]: must be an object"},
         {R"({"applications": [{}]})", "applications[0].uid: missing"},

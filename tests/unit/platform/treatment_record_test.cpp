@@ -62,9 +62,13 @@ TEST_F(TreatmentRecordTest, ARecordThatFitsNothingIsRefusedOrForgotten) {
     EXPECT_FALSE(ReleaseLeft());
     EXPECT_TRUE(ReleaseLeft());
     EXPECT_TRUE(std::filesystem::exists(Path("treated/.12-34.json.bad")));
-    std::filesystem::create_symlink("/etc/passwd", Path("treated/12-34.json"));
-    EXPECT_FALSE(ReleaseLeft());
-    EXPECT_TRUE(ReleaseLeft());
+    for (const char* target : {"/etc/passwd", "/nowhere"}) {
+        std::filesystem::create_symlink(target, Path("treated/12-34.json"));
+        EXPECT_FALSE(ReleaseLeft());
+        EXPECT_TRUE(ReleaseLeft());
+    }
+    std::filesystem::create_symlink(Path("other"), Path("treated/.unfinished"));
+    EXPECT_TRUE(Is(Context().records.Write(record), ELOOP));
 }
 
 TEST_F(TreatmentRecordTest, ARecordOfGroupsThatAreNotMountedIsKept) {

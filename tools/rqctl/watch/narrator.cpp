@@ -95,6 +95,10 @@ void Narrator::TellTreatment(const Event& event) {
 std::optional<milliseconds> Narrator::TellOfSilence() {
     const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
     const int64_t now = std::chrono::duration_cast<milliseconds>(sinceEpoch).count();
+    // Where the clock has been set back, the patience begins anew.
+    for (Event& report : open_) {
+        report.time = std::min(report.time, now);
+    }
     TellOfSilenceUntil(now);
     return open_.empty()
                ? std::nullopt
