@@ -1,3 +1,4 @@
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -70,8 +71,7 @@ class ConcurrencyTest : public ServiceTest {
         }
     }
     // Again and again until the end.
-    template <typename Action>
-    std::jthread Beside(Action action) {
+    static std::jthread Beside(const std::function<void()>& action) {
         return std::jthread([action](const std::stop_token& stop) {
             while (!stop.stop_requested()) {
                 action();
@@ -88,19 +88,21 @@ class ConcurrencyTest : public ServiceTest {
         }
     }
     void RunEverything() {
-        const std::jthread others[] = {
-            Beside([this] {
+        const std::function<void()> actions[] = {
+            [this] {
                 service.OnRemoveSystemAbility(1213, "");
                 service.OnAddSystemAbility(1213, "");
-            }),
-            Beside([core = DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()] {
+            },
+            [core = DelayedSingleton<ResourceQuotaControlImpl>::GetInstance()] {
                 core->HandleKelvraDied();
                 core->InitKelvraTaskObserver();
-            }),
-            Beside([] { EXPECT_GE(Ask(1, {getpid()}).ReadableBytes(), sizeof(uint64_t)); }),
-            Beside([] { EXPECT_GE(Ask(2, {}).ReadableBytes(), sizeof(uint64_t)); }),
-            Beside([this] { Dump(); }),
-            Beside([this] { platform.Advance(1s); })};  // in which suppressions end
+            },
+            [] { EXPECT_GE(Ask(1, {getpid()}).ReadableBytes(), sizeof(uint64_t)); },
+            [] { EXPECT_GE(Ask(2, {}).ReadableBytes(), sizeof(uint64_t)); },
+            [this] { Dump(); },
+            [this] { platform.Advance(1s); }};  // in which suppressions end
+        std::vector<std::jthread> others(std::size(actions));
+        std::ranges::transform(actions, others.begin(), Beside);
         std::vector<std::jthread> reporters;
         reporters.reserve(kReporters);
         for (int reporter = 0; reporter < kReporters; ++reporter) {
