@@ -27,7 +27,7 @@ struct TreatedProcess {
     int64_t suppressedSince = 0;
     int64_t frozenSince = 0;
     int64_t frozenUntil = 0;  // of a freeze that ends by itself
-    // Of the last report before the latest treatment; a request does not say which report led to it.
+    // Of the last report before the latest request, which does not say which report led to it.
     BrokenQuota brokenQuota;
 };
 
