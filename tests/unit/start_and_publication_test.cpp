@@ -9,14 +9,18 @@ namespace {
 class LifecycleTest : public ServiceTest {
   protected:
     // What an operation of the service leads to, but for the reading of the policy.
-    template <typename Operation, typename... Arguments>
-    std::vector<std::string> Run(Operation operation, Arguments... arguments) {
-        return TraceOf([&] { (service.*operation)(arguments...); },
-                       {"res_policy_manager", "json_utils", "CfgDirList"});
+    std::vector<std::string> Run(const std::function<void()>& operation) {
+        return TraceOf(operation, {"res_policy_manager", "json_utils", "CfgDirList"});
     }
-    std::vector<std::string> Start() { return Run(&SystemAbility::OnStart); }
-    std::vector<std::string> Add(int32_t id) { return Run(&SystemAbility::OnAddSystemAbility, id, ""); }
-    std::vector<std::string> Remove(int32_t id) { return Run(&SystemAbility::OnRemoveSystemAbility, id, ""); }
+    std::vector<std::string> Start() {
+        return Run([this] { service.OnStart(); });
+    }
+    std::vector<std::string> Add(int32_t id) {
+        return Run([this, id] { service.OnAddSystemAbility(id, ""); });
+    }
+    std::vector<std::string> Remove(int32_t id) {
+        return Run([this, id] { service.OnRemoveSystemAbility(id, ""); });
+    }
     void AddOneRule() { AddLayer(Quotas(Entry("A", "", Rule("cpu", 1)))); }
 };
 
@@ -49,7 +53,7 @@ TEST_F(LifecycleTest, StartsOnceAndAgainOnlyAfterAFailure) {
     EXPECT_THAT(Start(), ElementsAre(whole[0], whole[1], whole[0], whole[1]))
         << "not running while it listens";
     EXPECT_THAT(Start(), ElementsAre("I start.", "I service is runnning, not repeatly start, return."));
-    EXPECT_THAT(Run(&SystemAbility::OnStop), IsEmpty());
+    EXPECT_THAT(Run([this] { service.OnStop(); }), IsEmpty());
 }
 
 TEST_F(LifecycleTest, TheKelvraManagersComingsSubscribePushAndPublishInFull) {
